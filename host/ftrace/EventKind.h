@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is the same for all events of one kind: its name and where its fields lie in a record.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Engine {
+
+// Never changed after it was made; shared by any threads. Made from the kernel's format file by TraceDecoder, or from
+// a list of fields where events are recorded or written by a test.
+class EventKind {
+public:
+    enum class Shape : std::uint8_t {
+        Number,      // 1, 2, 4 or 8 bytes
+        FixedText,   // char[n]
+        DataLoc,     // 32 bits: offset from the record's start in the low half, length in the high half
+        RelativeLoc  // the same, offset counted from the end of this field
+    };
+
+    struct Field {
+        std::string name;
+        std::uint32_t offset = 0;
+        std::uint32_t size = 0;
+        bool isSigned = false;
+        Shape shape = Shape::Number;
+    };
+
+    EventKind(std::string system, std::string event, std::vector<Field> fields);
+
+    const std::string& Name() const { return name; }      // "sched:sched_process_fork"
+    const std::string& System() const { return system; }  // "sched"
+    const std::string& Event() const { return event; }    // "sched_process_fork"
+
+    // Null when the event has no such field. A look-up without allocation.
+    const Field* Find(std::string_view field) const;
+    const std::vector<Field>& Fields() const { return fields; }
+
+private:
+    std::string system;
+    std::string event;
+    std::string name;
+    std::vector<Field> fields;
+};
+
+}  // namespace Engine

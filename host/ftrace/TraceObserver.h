@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// Who looks at trace events in their order before any subscriber gets them. The container registry does: it must have
+// taken an event into account before a subscriber asks about it, and what it has to say about a process must reach
+// the subscriber before that process's next event.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "messages/FtraceMessages.h"
+
+namespace Engine {
+
+// Puts messages into the stream of events that a task receives. Valid only during the call that hands it out.
+class TraceSequencer {
+public:
+    // Queues `message` for `target` after every event that was delivered before the one now being observed, and before
+    // that one and all later ones. A refusal is counted as the queue's loss.
+    virtual void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) = 0;
+
+protected:
+    ~TraceSequencer() = default;
+};
+
+// Thread: the trace task's, for every call.
+class TraceObserver {
+public:
+    // The (system, event) pairs that OnEvent wants to see. Asked once, when the observer is added. They are enabled in
+    // the kernel from then on; one that the kernel lacks is logged and left out.
+    virtual std::vector<std::pair<std::string, std::string>> ObservedEvents() const = 0;
+
+    // One of the observed events, in time order, before its delivery to any subscriber.
+    virtual void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+
+    // Whether an event of the system "syscalls" goes on to its subscribers. `tid`: the thread that made the call.
+    // Called once for each such event, after OnEvent for everything older, so it must be quick: no allocation and no
+    // system call for a thread that is known. The observer may put messages before the event with `sequencer`.
+    virtual bool AdmitsSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+
+    // After every round over the CPUs' buffers, and at least ten times a second. `now`: what is older has been
+    // observed.
+    virtual void OnRound(std::chrono::nanoseconds now, TraceSequencer& sequencer) = 0;
+
+    // Events were lost before the next one that OnEvent sees: what was concluded from the stream may be wrong.
+    virtual void OnLoss(TraceSequencer& sequencer) = 0;
+
+    virtual ~TraceObserver() = default;
+};
+
+// The trace task's side, found by a dynamic cast from the task "ftrace_task".
+class TraceObservable {
+public:
+    // Not owned. False when there is an observer already. Returns after the observer's events are enabled, or after ten
+    // seconds with false. Any thread but the trace task's.
+    virtual bool AddObserver(TraceObserver& observer) = 0;
+
+    // Returns when no call is under way and none will follow.
+    virtual void RemoveObserver(TraceObserver& observer) = 0;
+
+    // Asks for a round soon, from any thread.
+    virtual void RequestRound() = 0;
+
+protected:
+    ~TraceObservable() = default;
+};
+
+}  // namespace Engine

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent's settings, as the program puts them into the application's configuration
+// (Poco::Util::Application::config()) before it loads a module, and as modules read them.
+#pragma once
+
+namespace SDK::Config {
+
+inline constexpr char dockerSocket[] = "docker.socket";     // path of the engine's socket
+inline constexpr char alarmsFile[] = "alarms.file";         // file that alarms are appended to; absent: standard output
+inline constexpr char traceBufferKb[] = "trace.buffer_kb";  // size of the kernel's buffer for each CPU, in KiB
+inline constexpr char logLevel[] = "log.level";
+inline constexpr char cpuShare[] = "cpu.share";  // percent of one CPU for a throttled thread; 0: no limit
+
+inline constexpr char defaultDockerSocket[] = "/var/run/docker.sock";
+
+}  // namespace SDK::Config

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent itself: the application object, which knows every task by name. Modules reach it through
+// dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance()).
+#pragma once
+
+#include <Poco/Util/Application.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+namespace Framework {
+
+class Engine : public Poco::Util::Application {
+public:
+    Engine();
+    ~Engine() override;
+
+    // The task registered under `name` anywhere in the agent, null if there is none. Not owned; it stays valid until
+    // its module unregisters it. Any thread. A null engine is allowed and finds nothing.
+    Task* FindTask(const std::string& name);
+
+    // The rest is the program's side of the framework, called from its main thread only.
+
+    // Takes over a module, runs its Init and starts those of its tasks that wait for no policy. False, with a log line,
+    // when Init fails; the module is kept until Stop all the same.
+    bool AddModule(std::unique_ptr<Module> module);
+
+    // Loads a shared library and adds the module that its CreateModule returns. False, with `error` filled, when there
+    // is no such library or symbol, or Init fails. The library stays loaded until the process ends.
+    bool LoadModule(const std::string& path, std::string& error);
+
+    // Delivers a policy document to the callback registered under `policyId`: stops the feature's tasks, replaces its
+    // policy, hands the tasks their policies and starts them. False when no callback took the document.
+    bool ApplyPolicy(const std::string& policyId, const std::string& featureName, const std::string& content);
+
+    // Stops all tasks, last started first, then unloads the modules in reverse order. Called by the destructor too.
+    void Stop();
+
+    // Names of the tasks whose threads run, in start order.
+    std::vector<std::string> RunningTasks() const;
+
+private:
+    friend class Module;
+    friend class Task;
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+}  // namespace Framework

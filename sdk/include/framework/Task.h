@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+// A task: one named thread of the agent with a message queue of its own.
+//
+// The thread runs Init, then Run until the task is cancelled, then UnInit, and every message is handled on it.
+// A Run that returns non-zero is not repeated at once but after a short pause; nothing else is read into the result.
+#pragma once
+
+#include <Poco/Task.h>
+
+#include <memory>
+#include <string>
+
+#include "framework/EventWaiter.h"
+#include "framework/Message.h"
+#include "framework/Policy.h"
+
+namespace Framework {
+
+class Engine;
+
+struct TaskCondition {
+    enum TaskType : int {
+        Periodic = 0,   // Run every TaskPolicy::periodSeconds, first after firstDelaySeconds
+        EventLoop = 4,  // Run again at once; Run itself waits on the event waiter
+    };
+};
+
+// A policy as a task sees it, with the two versions by which the task knows what it has applied.
+// Thread: written by the framework while the task does not run, used by the task's thread.
+class PolicySlot {
+public:
+    Policy* Get() const { return policy; }
+
+    // Marks the current version as applied. Returns whether it had not been applied before.
+    bool MarkApplied()
+    {
+        const bool changed = appliedVersion != currentVersion;
+        appliedVersion = currentVersion;
+        return changed;
+    }
+
+    // Framework: puts a new version in place. Not owned; may be null.
+    void Set(Policy* next)
+    {
+        policy = next;
+        ++currentVersion;
+    }
+
+private:
+    Policy* policy = nullptr;
+    unsigned int currentVersion = 0;
+    unsigned int appliedVersion = 0;
+};
+
+class Task : public Poco::Task {
+public:
+    // `taskName`: unique in the agent. `featureName`: the feature whose policy the task needs before it can start;
+    // empty for a task that needs none and starts at once. `queueCapacity`: messages that may wait; more are refused.
+    Task(const std::string& taskName, const std::string& featureName, TaskCondition::TaskType type,
+         unsigned int queueCapacity);
+    ~Task() override;
+
+    // The thread's body: Init, Run until cancelled, UnInit. Exceptions end here, logged.
+    void cancel() override;
+    void runTask() override;
+
+    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same.
+    virtual int Init();
+    virtual int UnInit();
+    virtual int Run();
+
+    // Queues a message for this task and wakes its thread. Any thread. 0: queued; -1: the queue is full or the task has
+    // stopped taking messages, the loss is counted and the caller still holds the message.
+    virtual int EnqueueMsg(std::shared_ptr<Message>& message);
+
+    // Sees each message before its MessageHandle; non-zero keeps the message from being handled. Returns 0.
+    virtual int InterceptMsg(std::shared_ptr<Message>& message);
+
+    // Takes the messages that have no receiver interface of their own (CmdMessage, DataMessage). Returns 0.
+    virtual int HandleMsg(const Message* message);
+
+    // Handles at most `max` queued messages on the calling thread, which must be the task's. Returns how many.
+    // What a handler throws is logged and ends that message only.
+    int BulkConsumeMsg(int max);
+
+    // The four send operations take ownership of `message` in every case.
+    // Queues it for the named task. 0: queued; -1: no such task, or its queue is full.
+    int SendDirectMsg(const std::string& taskName, Message* message);
+
+    // The same, and waits at most `timeoutMs` milliseconds until the receiver has handled it. `mode` 2 asks for the
+    // receiver's result, any other value only for delivery. Returns 0 when the receiver returned 0, its non-zero result
+    // if it had one, -1 when there is no such task, its queue is full or the time is up. `reply` is emptied: no message
+    // of this agent answers with a text. A task that sends to itself gets the message handled at once.
+    int SyncSendDirectMsg(const std::string& taskName, Message* message, std::string& reply, long timeoutMs, int mode);
+
+    // Queues it for `target` without looking a name up. Mind the sense: non-zero when accepted, 0 when refused.
+    int SendAgileMsg(Task* target, Message* message);
+
+    // Registers `consumer` under a name for this task's messages of one type. 0: registered; -1: that pair of type and
+    // name is taken. DelConsumer undoes it; -1 when there is no such registration. Any thread.
+    int AddConsumer(unsigned long type, const char* name, Task* consumer);
+    int DelConsumer(unsigned long type, const char* name, const Task* consumer);
+
+    EventWaiter& Waiter();
+    const std::string& FeatureName() const;
+    TaskCondition::TaskType Type() const;
+
+    // Events that were refused because the queue was full, since construction.
+    unsigned long LostEvents() const;
+
+protected:
+    PolicySlot featurePolicy;
+    PolicySlot taskPolicy;
+
+private:
+    friend class Engine;
+    struct Impl;
+    std::unique_ptr<Impl> impl;
+};
+
+}  // namespace Framework

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+// Containers, as the task "container_collect_task" of libcontainer_module.so knows them.
+#pragma once
+
+#include <Poco/Logger.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "messages/AbstructMessage.h"
+#include "sdk/DockerClient.h"
+
+namespace Engine {
+
+// What the engine says about one container. Texts are hostile input.
+struct ContainerInfo {
+    std::string id;         // 64 hexadecimal digits with most engines
+    std::string name;       // without the leading slash
+    std::string imageId;    // for example "sha256:..."
+    std::string imageName;  // as the container was created from it, tag included if one was given
+
+    // Kind ("ipc", "mnt", "net", "pid", "user", "uts") to identity, as SDK::NamespaceUtils writes it: the namespaces of
+    // the container's first process at its start. Empty when they could not be read.
+    std::map<std::string, std::string> namespaces;
+
+    // Where the container's mounts end inside it (the engine's "Mounts"[].Destination).
+    std::vector<std::string> mountDestinations;
+};
+
+// The container metadata service: an interface of the task registered as "container_collect_task". Answers come from a
+// cache and never wait for the engine. Any thread.
+class ContainerMetaInfo {
+public:
+    // Each fills `info` with a shared record, never changed afterwards. False: not known; `info` is then untouched.
+    virtual bool GetContainerById(const std::string& containerId, std::shared_ptr<ContainerInfo>& info) = 0;
+    virtual bool GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info) = 0;
+
+    // Whether it is worth asking: false until the collector has read what runs for the first time.
+    virtual bool IsAvailable() = 0;
+
+    virtual ~ContainerMetaInfo() = default;
+};
+
+// A process that appeared in a container without a parent in it (the container's first process, a process that the
+// engine put into it), or one that went away.
+class ContainerProcMessage : public AbstructMessage<ContainerProcMessage> {
+public:
+    struct ProcInfo {
+        std::string containerId;
+        int pid = -1;
+        int ppid = -1;
+        std::string executable;
+        std::string name;
+        std::string cmdline;    // empty unless it was at hand
+        std::string imageName;  // empty when the engine has not told it
+    };
+
+    ContainerProcMessage(bool started, std::shared_ptr<ProcInfo> info) : started(started), info(std::move(info)) {}
+
+    bool started;
+    std::shared_ptr<ProcInfo> info;
+};
+
+// Asks "container_collect_task" to send a task the notices above, or to stop. A task counts once, however often it
+// asks. At a first registration the collector also announces every container process that runs already.
+class ContainerRegisterMessage : public AbstructMessage<ContainerRegisterMessage> {
+public:
+    ContainerRegisterMessage(Framework::Task* requester, bool flag, bool subscribe)
+        : requester(requester), flag(flag), subscribe(subscribe)
+    {
+    }
+
+    Framework::Task* requester;  // not owned
+    bool flag;                   // reserved, false
+    bool subscribe;              // true: start, false: stop
+};
+
+// Tells "audit_task", where an agent has one, to drop what a task subscribed to there.
+class AuditUnsubscribeMessage : public AbstructMessage<AuditUnsubscribeMessage> {
+public:
+    explicit AuditUnsubscribeMessage(Framework::Task* requester) : requester(requester) {}
+
+    Framework::Task* requester;  // not owned
+};
+
+}  // namespace Engine
+
+class DockerUtil {
+public:
+    // Fills `info` for one container: from the collector's cache, or from the engine behind `client` for a container
+    // that the cache does not hold. False when neither knows it. An engine that does not answer costs the calling
+    // thread at most the client's time-out, and is not asked again for some seconds after that.
+    static bool GetContainerInfo(SDK::DockerClient& client, const std::string& containerId,
+                                 Engine::ContainerInfo& info);
+
+    // The container module's logger. Never null.
+    static Poco::Logger* GetLoggerPtr();
+};

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+// A client of the container engine's HTTP API over its unix socket. It only ever sends GET.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace SDK {
+
+class DockerClient {
+public:
+    static constexpr std::chrono::milliseconds defaultTimeout{1000};
+    static constexpr std::size_t maxReplyBytes = 16U * 1024U * 1024U;
+
+    // Connects to nothing yet. `timeout` bounds each call as a whole, connecting included.
+    explicit DockerClient(const std::string& socketPath, std::chrono::milliseconds timeout = defaultTimeout);
+
+    struct Reply {
+        int status = 0;     // HTTP status; 0 when there was no HTTP answer at all
+        std::string body;   // at most maxReplyBytes
+        std::string error;  // why there was no answer, or why the body is cut short; empty otherwise
+    };
+
+    // GET `target`, for example "/containers/json". One connection a call. Never throws on what the engine does.
+    Reply Get(const std::string& target) const;
+
+    const std::string& SocketPath() const { return socketPath; }
+
+private:
+    std::string socketPath;
+    std::chrono::milliseconds timeout;
+};
+
+}  // namespace SDK
