@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs those of Debian's packages that are missing here: what building and running needs, with "test" also what the
+# tests need. Asks the package lists for news only when something is missing.
+set -euo pipefail
+
+build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
+    libconcurrentqueue-dev)
+test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io busybox-static python3 clang-format clang-tidy git procps)
+
+packages=("${build[@]}")
+[ "${1:-}" != test ] || packages+=("${test[@]}")
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+[ "$(id -u)" = 0 ] || { echo "Missing packages: ${missing[*]}. Run this as root." >&2; exit 77; }
+echo "Installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

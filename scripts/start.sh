@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs what is missing, builds the agent, shows it one alarm of each kind that needs no container engine, and then
+# runs it on this machine's containers until Ctrl-C.
+#   start.sh [--demo-only] [OPTION...]   the options are the agent's; a policy is taken from packaging/ if none is given
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+demo_only=
+if [ "${1:-}" = --demo-only ]; then demo_only=1; shift; fi
+[ "$(id -u)" = 0 ] || { echo "Run this as root: it reads the kernel's trace events." >&2; exit 77; }
+scripts/install-packages.sh
+# Its own build tree without tests and benchmarks: the first alarm is worth more than they are.
+cmake -S . -B build/start -G Ninja -DCMAKE_BUILD_TYPE=Release -DCE_BUILD_TESTS=OFF -DCE_BUILD_BENCH=OFF >/dev/null
+cmake --build build/start -- --quiet
+if [ ! -e /sys/kernel/tracing/instances ]; then mount -t tracefs tracefs /sys/kernel/tracing; fi
+
+scripts/demo.sh build/start
+[ -z "$demo_only" ] || exit 0
+echo "Now watching this machine's containers; end with Ctrl-C."
+exec build/start/bin/containerescape-agent run --policy packaging/policy.json "$@"

@@ -1,0 +1,249 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the end-to-end tests are made of: a real container engine, containers, the agent, and the alarms it writes.
+
+Everything started here is ended here, by pid. Times are CLOCK_MONOTONIC nanoseconds, in this process and in the probe.
+"""
+
+import contextlib
+import json
+import os
+import pathlib
+import queue
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("CE_BUILD_DIR", ROOT / "build/release"))
+AGENT = BUILD / "bin/containerescape-agent"
+PROBE = BUILD / "tests/probe"
+INSTANCES = pathlib.Path("/sys/kernel/tracing/instances")
+DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
+
+# How long a step may take before it is called broken: far beyond what a busy machine needs.
+PATIENCE = 60.0
+
+HIGH_RISK = "High-Risk System Invocation"
+# Alarms of one name are merged while the first of them is at most 2 s old, counted in whole seconds.
+MERGE_SECONDS = 3.1
+
+
+def run(*command, **options):
+    """Runs a command, returns its output without the last newline, raises with its error text when it fails."""
+    done = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=PATIENCE * 3,
+                          check=False, **options)
+    if done.returncode != 0:
+        raise RuntimeError(f"{command} exited with {done.returncode}: {done.stderr.strip()}")
+    return done.stdout.rstrip("\n")
+
+
+class Lines:
+    """The lines of a pipe, each with the time at which it came."""
+
+    def __init__(self, pipe):
+        self.pipe = pipe
+        self.queue = queue.Queue()
+        self.seen = []
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.pipe:
+            self.queue.put((time.monotonic_ns(), line.rstrip("\n")))
+        self.queue.put((time.monotonic_ns(), None))
+
+    def wait_for(self, wanted, patience=PATIENCE):
+        """The first new line for which `wanted` holds, with its time."""
+        deadline = time.monotonic() + patience
+        while True:
+            try:
+                when, line = self.queue.get(timeout=max(0.0, deadline - time.monotonic()))
+            except queue.Empty:
+                raise AssertionError("no such line in time; the last ones: %s" % self.seen[-12:]) from None
+            if line is None:
+                raise AssertionError("the pipe ended; its last lines: %s" % self.seen[-12:])
+            self.seen.append(line)
+            if wanted(line):
+                return when, line
+
+    def rest(self):
+        """Everything up to the pipe's end."""
+        while True:
+            when, line = self.queue.get(timeout=PATIENCE)
+            if line is None:
+                return self.seen
+            self.seen.append(line)
+
+
+class Engine:
+    """A Docker Engine of the tests' own."""
+
+    def __init__(self, *options):
+        self.dir = pathlib.Path(tempfile.mkdtemp(prefix="ce-engine."))
+        self.socket = self.dir / "docker.sock"
+        self.environment = dict(os.environ, DOCKER_HOST=f"unix://{self.socket}")
+        run(ROOT / "scripts/engine.sh", "start", self.dir, *options)
+
+    def close(self):
+        run(ROOT / "scripts/engine.sh", "stop", self.dir)
+
+    def restart(self):
+        run(ROOT / "scripts/engine.sh", "restart", self.dir)
+
+    def docker(self, *words):
+        return run(DOCKER, *words, env=self.environment)
+
+    def make_image(self, *names):
+        """Imports busybox and the probe, and gives the image every one of the names."""
+        with tempfile.TemporaryDirectory() as folder:
+            root = pathlib.Path(folder)
+            for sub in ("bin", "tmp", "proc", "host"):
+                (root / sub).mkdir()
+            shutil.copy("/bin/busybox", root / "bin/busybox")
+            shutil.copy(PROBE, root / "bin/probe")
+            for applet in ("sh", "ls", "cat", "true", "sleep", "echo", "touch"):
+                (root / "bin" / applet).symlink_to("busybox")
+            archive = pathlib.Path(tempfile.mkstemp(suffix=".tar")[1])
+            run("tar", "-C", root, "-cf", archive, ".")
+            self.docker("import", archive, names[0])
+            archive.unlink()
+        for name in names[1:]:
+            self.docker("tag", names[0], name)
+
+    def start(self, *words, image="probe:1", command=("sleep", "100000")):
+        """Starts a container in the background. Returns its id."""
+        return self.docker("run", "-d", "--network", "none", "--security-opt", "seccomp=unconfined", *words, image,
+                           *command)
+
+    def inspect(self, container, form):
+        return self.docker("inspect", "--format", form, container)
+
+    def remove(self, container):
+        self.docker("rm", "-f", container)
+
+
+class Server:
+    """A probe that waits for orders, in a container or on the host."""
+
+    def __init__(self, *prefix, env=None):
+        self.process = subprocess.Popen([*map(str, prefix), "probe" if prefix else str(PROBE), "serve"],
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env)
+        self.lines = Lines(self.process.stdout)
+        self.do("self list /")  # it is known to run from here on
+
+    def do(self, order):
+        """Carries out one order. Returns when the deed began and the id of the thread that did it, as the probe saw it."""
+        self.process.stdin.write(order + "\n")
+        self.process.stdin.flush()
+        made = None
+        while True:
+            _, line = self.lines.wait_for(lambda text: True)
+            if line == "done":
+                return made
+            if line.startswith("made "):
+                made = tuple(int(word) for word in line.split()[1:])
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait(PATIENCE)
+        self.process.stdout.close()
+
+
+class Agent:
+    """The agent under test."""
+
+    def __init__(self, policy, *options, socket=None):
+        self.folder = tempfile.TemporaryDirectory()
+        self.policy = pathlib.Path(self.folder.name) / "policy.json"
+        self.policy.write_text(policy if isinstance(policy, str) else json.dumps(policy))
+        command = [str(AGENT), "run", "--policy", str(self.policy), *options]
+        command += ["--docker-socket", str(socket or pathlib.Path(self.folder.name) / "no-engine.sock")]
+        self.started = time.monotonic_ns()
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                        errors="surrogateescape")
+        self.output = Lines(self.process.stdout)
+        self.log = Lines(self.process.stderr)
+        self.ready, self.ready_line = self.log.wait_for(lambda line: re.search(r"\bready\b", line))
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def alarm(self, wanted=lambda document: True, patience=PATIENCE):
+        """The next alarm for which `wanted` holds; (time of arrival, document)."""
+        when, line = self.output.wait_for(lambda text: wanted(json.loads(text)), patience)
+        return when, json.loads(line)
+
+    def alarms(self):
+        """Every alarm taken from the output so far."""
+        return [json.loads(line) for line in self.output.seen]
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait(PATIENCE)
+
+    def stop(self, number=signal.SIGTERM):
+        """Stops it as an operator would. Returns its closing counts; afterwards alarms() is complete."""
+        begun = time.monotonic()
+        self.process.send_signal(number)
+        self.output.rest()
+        log = self.log.rest()
+        self.exit_code = self.process.wait(PATIENCE)
+        self.stop_seconds = time.monotonic() - begun
+        counts = [line for line in log if "events_read=" in line]
+        return {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", counts[-1])} if counts else None
+
+    def close(self):
+        if self.process.poll() is None:
+            self.stop()
+        self.process.stdout.close()
+        self.process.stderr.close()
+        self.folder.cleanup()
+
+
+def policy(calls=(), directories=(), whitelist=()):
+    return {"content": {"image_white_namelist": list(whitelist),
+                        "container_escape_detect_task": {"highrisk_calls": list(calls),
+                                                         "host_directorys": list(directories)}}}
+
+
+@contextlib.contextmanager
+def agent(document, *options, socket=None):
+    running = Agent(document, *options, socket=socket)
+    try:
+        yield running
+    finally:
+        running.close()
+
+
+def is_call(name):
+    """For Agent.alarm: a high-risk alarm of that call."""
+    return lambda document: document.get("forensic_info", {}).get("sys_call") == name
+
+
+def host_pid(container_pid, command):
+    """The host's id of a process that its own pid namespace numbers `container_pid` and whose command name is known."""
+    for status in pathlib.Path("/proc").glob("[0-9]*/status"):
+        with contextlib.suppress(OSError):
+            text = status.read_text()
+            if f"Name:\t{command}\n" in text and re.search(rf"^NSpid:\t\d+(\t\d+)*\t{container_pid}$", text, re.M):
+                return int(status.parent.name)
+    raise AssertionError(f"no process {container_pid} named {command}")
+
+
+def instances():
+    """The agent's tracefs instances that exist now."""
+    return sorted(path.name for path in INSTANCES.glob("containerescape-agent-*"))
+
+
+def enabled_events(instance):
+    return sorted((INSTANCES / instance / "set_event").read_text().split())
+
+
+def median(values):
+    ordered = sorted(values)
+    middle = len(ordered) // 2
+    return ordered[middle] if len(ordered) % 2 else (ordered[middle - 1] + ordered[middle]) / 2

@@ -1,0 +1,318 @@
+// SPDX-License-Identifier: Apache-2.0
+// The attacker of the end-to-end tests: makes the calls that the detectors look for, from the kind of process asked
+// for, and does no harm (every call is made with arguments that the kernel refuses, or that change nothing). Linked
+// statically, so that it runs in an image that holds nothing else.
+//
+//   probe WHO WHAT [ARG]    one deed; "made NS PID" on the standard output before it, NS by CLOCK_MONOTONIC
+//   probe serve             the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
+//   probe spawn N           forks N children that make no call and wait for the end of the standard input
+//
+// WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces)
+// WHAT: call NAME, shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
+#define _GNU_SOURCE
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+struct Deed {
+    const char* what;
+    const char* first;
+    const char* second;
+};
+
+static void Fail(const char* why)
+{
+    fprintf(stderr, "probe: %s: %s\n", why, strerror(errno));
+    exit(1);
+}
+
+static void Say(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    char line[80];
+    const int size = snprintf(line, sizeof line, "made %lld %ld\n", now.tv_sec * 1000000000LL + now.tv_nsec,
+                              (long)syscall(SYS_gettid));
+    if (write(STDOUT_FILENO, line, (size_t)size) != size) {
+        _exit(3);
+    }
+}
+
+struct Call {
+    const char* name;
+    long number;
+};
+static const struct Call calls[] = {
+    {"unshare", SYS_unshare},       {"setns", SYS_setns},   {"mount", SYS_mount},
+    {"umount2", SYS_umount2},       {"ptrace", SYS_ptrace}, {"open_by_handle_at", SYS_open_by_handle_at},
+    {"pivot_root", SYS_pivot_root}, {"chroot", SYS_chroot}, {"bpf", SYS_bpf},
+    {"getppid", SYS_getppid},       {"keyctl", SYS_keyctl}, {"init_module", SYS_init_module},
+};
+
+// Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
+static void MakeCall(const char* name)
+{
+    for (size_t i = 0; i < sizeof calls / sizeof calls[0]; ++i) {
+        if (strcmp(calls[i].name, name) == 0) {
+            const long argument = calls[i].number == SYS_unshare ? 0 : -1;
+            syscall(calls[i].number, argument, 0, 0, 0, 0);
+            return;
+        }
+    }
+    errno = EINVAL;
+    Fail(name);
+}
+
+static void List(const char* path)
+{
+    char buffer[4096];
+    const int dir = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) {
+        Fail(path);
+    }
+    syscall(SYS_getdents64, dir, buffer, sizeof buffer);
+    close(dir);
+}
+
+// Lists twice, then opens the path by a real handle.
+static void Shocker(const char* path)
+{
+    union {
+        struct file_handle handle;
+        char space[sizeof(struct file_handle) + MAX_HANDLE_SZ];
+    } target;
+    int mountId;
+    target.handle.handle_bytes = MAX_HANDLE_SZ;
+    if (name_to_handle_at(AT_FDCWD, path, &target.handle, &mountId, 0) != 0) {
+        Fail("name_to_handle_at");
+    }
+    const int mount = open(path, O_RDONLY | O_CLOEXEC);
+    List("/");
+    List("/");
+    Say();
+    const int opened = open_by_handle_at(mount, &target.handle, O_RDONLY | O_CLOEXEC);
+    if (opened < 0 && errno == EPERM) {
+        Fail("open_by_handle_at");
+    }
+    close(opened);
+    close(mount);
+}
+
+static void DirtyCowSequence(void)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    syscall(SYS_bind, fd, NULL, 0);
+    void* page = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    syscall(SYS_madvise, page, 4096, MADV_DONTNEED);
+    syscall(SYS_ptrace, -1, 0, 0, 0);
+    syscall(SYS_accept, fd, NULL, NULL);
+    close(fd);
+}
+
+static void Write(const char* path)
+{
+    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0 || write(fd, "x\n", 2) != 2) {
+        Fail(path);
+    }
+    close(fd);
+}
+
+static void Read(const char* path)
+{
+    char buffer[16];
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || read(fd, buffer, sizeof buffer) < 0) {
+        Fail(path);
+    }
+    close(fd);
+}
+
+static void Enter(const char* pid)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/proc/%s/ns/uts", pid);
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || setns(fd, CLONE_NEWUTS) != 0) {
+        Fail(path);
+    }
+    close(fd);
+}
+
+static void Do(const struct Deed* deed)
+{
+    const char* what = deed->what;
+    const char* first = deed->first == NULL ? "" : deed->first;
+    if (strcmp(what, "shocker") == 0) {
+        Shocker(first);
+        return;
+    }
+    Say();
+    if (strcmp(what, "call") == 0) {
+        MakeCall(first);
+    } else if (strcmp(what, "list") == 0) {
+        List(first);
+    } else if (strcmp(what, "brute") == 0) {
+        for (long i = atol(first); i > 0; --i) {
+            syscall(SYS_open_by_handle_at, -1, 0, 0);
+        }
+    } else if (strcmp(what, "dirtycow") == 0) {
+        DirtyCowSequence();
+    } else if (strcmp(what, "write") == 0) {
+        Write(first);
+    } else if (strcmp(what, "read") == 0) {
+        Read(first);
+    } else if (strcmp(what, "unshareuts") == 0) {
+        if (unshare(CLONE_NEWUTS) != 0) {
+            Fail("unshare");
+        }
+    } else if (strcmp(what, "enter") == 0) {
+        Enter(first);
+    } else if (strcmp(what, "storm") == 0) {
+        for (long i = atol(first); i > 0; --i) {
+            MakeCall(deed->second);
+        }
+    } else {
+        errno = EINVAL;
+        Fail(what);
+    }
+}
+
+static void* DoInThread(void* deed)
+{
+    Do(deed);
+    return NULL;
+}
+
+static void AwaitChild(pid_t child)
+{
+    int status;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
+        Fail("child");
+    }
+}
+
+static void DoInChild(const struct Deed* deed, unsigned long flags)
+{
+    const pid_t child = (pid_t)syscall(SYS_clone, flags | SIGCHLD, 0, 0, 0, 0);
+    if (child == 0) {
+        Do(deed);
+        _exit(0);
+    }
+    AwaitChild(child);
+}
+
+// The grandchild's end is awaited through a pipe that only it holds.
+static void DoAsDaemon(const struct Deed* deed)
+{
+    int ends[2];
+    char nothing;
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        Fail("pipe2");
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        setsid();
+        if (fork() == 0) {
+            Do(deed);
+        }
+        _exit(0);
+    }
+    close(ends[1]);
+    AwaitChild(child);
+    while (read(ends[0], &nothing, 1) > 0) {
+    }
+    close(ends[0]);
+}
+
+static void DoAs(const char* who, const struct Deed* deed)
+{
+    if (strcmp(who, "self") == 0) {
+        Do(deed);
+    } else if (strcmp(who, "fork") == 0) {
+        DoInChild(deed, 0);
+    } else if (strcmp(who, "namespaces") == 0) {
+        DoInChild(deed, CLONE_NEWUTS | CLONE_NEWNET);
+    } else if (strcmp(who, "vfork") == 0) {
+        // A child of vfork may only exec: it becomes this program again, by its open image.
+        char* const arguments[] = {"probe", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL};
+        const pid_t child = vfork();
+        if (child == 0) {
+            execv("/proc/self/exe", arguments);
+            _exit(1);
+        }
+        AwaitChild(child);
+    } else if (strcmp(who, "daemon") == 0) {
+        DoAsDaemon(deed);
+    } else if (strcmp(who, "thread") == 0) {
+        pthread_t thread;
+        if (pthread_create(&thread, NULL, DoInThread, (void*)deed) != 0) {
+            Fail("pthread_create");
+        }
+        pthread_join(thread, NULL);
+    } else {
+        errno = EINVAL;
+        Fail(who);
+    }
+}
+
+static void Serve(void)
+{
+    char line[4096];
+    while (fgets(line, sizeof line, stdin) != NULL) {
+        char* rest = line;
+        char* words[4] = {NULL, NULL, NULL, NULL};
+        for (int i = 0; i < 4; ++i) {
+            words[i] = strtok_r(rest, " \n", &rest);
+        }
+        if (words[1] != NULL) {
+            DoAs(words[0], &(struct Deed){words[1], words[2], words[3]});
+        }
+        printf("done\n");
+        fflush(stdout);
+    }
+}
+
+static void Spawn(long count)
+{
+    char nothing;
+    for (long i = 0; i < count; ++i) {
+        if (fork() == 0) {
+            while (read(STDIN_FILENO, &nothing, 1) > 0) {
+            }
+            _exit(0);
+        }
+    }
+    printf("done\n");
+    fflush(stdout);
+    while (wait(NULL) > 0) {
+    }
+}
+
+int main(int count, char** arguments)
+{
+    if (count == 2 && strcmp(arguments[1], "serve") == 0) {
+        Serve();
+    } else if (count == 3 && strcmp(arguments[1], "spawn") == 0) {
+        Spawn(atol(arguments[2]));
+    } else if (count >= 3) {
+        DoAs(arguments[1],
+             &(struct Deed){arguments[2], count > 3 ? arguments[3] : NULL, count > 4 ? arguments[4] : NULL});
+    } else {
+        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N\n");
+        return 2;
+    }
+    return 0;
+}

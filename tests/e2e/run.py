@@ -1,0 +1,41 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Runs the end-to-end tests, all of them or those whose names hold one of the arguments, and prints the counts."""
+
+import os
+import pathlib
+import sys
+import unittest
+
+HERE = pathlib.Path(__file__).resolve().parent
+
+
+def why_not():
+    """Why this machine cannot run them; None when it can."""
+    if os.geteuid() != 0:
+        return "needs root"
+    if not os.path.exists("/sys/kernel/tracing/instances"):
+        return "needs tracefs at /sys/kernel/tracing"
+    if not any(os.access(f"{folder}/dockerd", os.X_OK) for folder in ("/usr/sbin", "/usr/bin")):
+        return "needs dockerd (apt-get install docker.io)"
+    return None
+
+
+def main():
+    sys.path.insert(0, str(HERE))
+    sys.dont_write_bytecode = True
+    reason = why_not()
+    if reason and not os.environ.get("CE_TESTS_MUST_RUN"):
+        print(f"skipped: {reason}")
+        print("end-to-end: 0 passed, 0 failed, 1 skipped")
+        return 0
+    loader = unittest.TestLoader()
+    loader.testNamePatterns = [f"*{word}*" for word in sys.argv[1:]] or None
+    suite = loader.discover(str(HERE))
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
+    failed = len({test.id() for test, _ in result.failures + result.errors})
+    print(f"end-to-end: {result.testsRun - failed - len(result.skipped)} passed, {failed} failed, "
+          f"{len(result.skipped)} skipped")
+    return 0 if result.wasSuccessful() and result.testsRun else 1
+
+
+sys.exit(main())

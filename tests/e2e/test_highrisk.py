@@ -1,0 +1,129 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A listed system call in a real container becomes one alarm, quickly, and nothing else does."""
+
+import signal
+import time
+import unittest
+
+import harness
+from harness import HIGH_RISK, MERGE_SECONDS, is_call
+
+CALLS = ("unshare", "setns", "mount", "ptrace", "open_by_handle_at")
+
+
+class HighRiskCalls(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.engine = harness.Engine()
+        cls.addClassCleanup(cls.engine.close)
+        cls.engine.make_image("probe:1", "hub/quiet:1")
+        cls.victim = cls.engine.start("--name", "victim", "--cap-add", "SYS_ADMIN")
+        cls.quiet = cls.engine.start("--name", "quiet", image="hub/quiet:1")
+
+    def agent(self, **lists):
+        running = harness.Agent(harness.policy(CALLS, **lists), socket=self.engine.socket)
+        self.addCleanup(running.close)
+        return running
+
+    def server(self, container="victim"):
+        server = harness.Server(harness.DOCKER, "exec", "-i", container, env=self.engine.environment)
+        self.addCleanup(server.close)
+        return server
+
+    def test_one_complete_alarm_in_milliseconds(self):
+        server = self.server()
+        image_id = self.engine.inspect("victim", "{{.Image}}")
+        latencies, starts = [], []
+        for _ in range(50):
+            with harness.agent(harness.policy(CALLS), socket=self.engine.socket) as agent:
+                made, pid = server.do("self call unshare")
+                arrived, alarm = agent.alarm()
+                latencies.append((arrived - made) / 1e6)
+                starts.append((agent.ready - agent.started) / 1e9)
+                agent.stop()
+                self.assertEqual(len(agent.alarms()), 1)
+            self.assertEqual(alarm["event_name"], HIGH_RISK)
+            self.assertEqual(alarm["event_classid"], "containerescape_0001")
+            self.assertEqual(alarm["container_name"], "victim")
+            self.assertEqual(alarm["image_name"], "probe:1")
+            self.assertEqual(alarm["resource_info"], {"container_id": self.victim, "image_id": image_id})
+            self.assertEqual(alarm["process_info"],
+                             [{"process_pid": harness.host_pid(pid, "probe"), "process_name": "probe"}])
+            self.assertEqual(alarm["forensic_info"], {"sys_call": "unshare"})
+        print(f"\n  call to alarm: median {harness.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of 50; "
+              f"start to ready: median {harness.median(starts):.3f} s, maximum {max(starts):.3f} s")
+        self.assertLess(harness.median(latencies), 50)
+        self.assertLess(harness.median(starts), 0.5)
+
+    def test_once_an_hour_for_each_call_and_only_in_containers(self):
+        agent, server, host = self.agent(), self.server(), harness.Server()
+        self.addCleanup(host.close)
+        host.do("self call unshare")
+        host.do("fork call mount")
+        server.do("self call unshare")
+        agent.alarm(is_call("unshare"))
+        time.sleep(MERGE_SECONDS)
+        server.do("fork call unshare")
+        host.do("self call setns")
+        server.do("fork call mount")
+        agent.alarm(is_call("mount"))
+        self.assertEqual([alarm["forensic_info"]["sys_call"] for alarm in agent.alarms()], ["unshare", "mount"])
+
+    def test_the_first_process_of_a_whitelisted_image_is_left_alone(self):
+        agent = self.agent(whitelist=["quiet"])
+        self.engine.docker("run", "--rm", "--network", "none", "--security-opt", "seccomp=unconfined", "hub/quiet:1",
+                           "probe", "self", "call", "setns")
+        self.engine.docker("run", "--rm", "--network", "none", "--security-opt", "seccomp=unconfined", "probe:1",
+                           "probe", "self", "call", "ptrace")
+        agent.alarm(is_call("ptrace"))
+        self.assertEqual(len(agent.alarms()), 1)
+
+    def test_every_way_into_a_running_container_is_seen(self):
+        ways = {"self": "unshare", "fork": "setns", "thread": "mount", "daemon": "ptrace", "vfork": "open_by_handle_at"}
+        agent = self.agent()
+        for who, call in ways.items():
+            with self.subTest(who=who):
+                self.engine.docker("exec", "victim", "probe", who, "call", call)
+                _, alarm = agent.alarm(is_call(call))
+                self.assertEqual(alarm["resource_info"]["container_id"], self.victim)
+                time.sleep(MERGE_SECONDS)
+        self.assertEqual(len(agent.alarms()), len(ways))
+
+    def test_a_killed_agent_leaves_nothing_that_the_next_one_keeps(self):
+        before = harness.instances()
+        first = self.agent()
+        mine = f"containerescape-agent-{first.pid}"
+        self.assertEqual(harness.instances(), before + [mine])
+        first.kill()
+        second = self.agent()
+        self.assertEqual(harness.instances(), before + [f"containerescape-agent-{second.pid}"])
+        self.server().do("self call setns")
+        second.alarm(is_call("setns"))
+        for number in (signal.SIGTERM, signal.SIGINT):
+            counts = second.stop(number)
+            self.assertEqual(second.exit_code, 0)
+            self.assertLess(second.stop_seconds, 2)
+            self.assertEqual(counts["alarms_sent"], 1 if number == signal.SIGTERM else 0)
+            self.assertGreater(counts["events_read"], 0)
+            self.assertEqual(harness.instances(), before)
+            second = self.agent()
+
+    def test_a_call_that_several_detectors_watch_is_enabled_once(self):
+        agent = self.agent()
+        events = harness.enabled_events(f"containerescape-agent-{agent.pid}")
+        self.assertEqual(len(events), len(set(events)))
+        watched = {event for event in events if event.startswith("syscalls:")}
+        self.assertEqual(watched, {f"syscalls:sys_enter_{call}" for call in (*CALLS, "getdents", "getdents64")})
+
+    def test_without_an_engine_the_container_id_alone_is_told(self):
+        agent = harness.Agent(harness.policy(CALLS))
+        self.addCleanup(agent.close)
+        self.server().do("self call ptrace")
+        _, alarm = agent.alarm(is_call("ptrace"))
+        self.assertEqual(alarm["resource_info"], {"container_id": self.victim})
+        self.assertNotIn("container_name", alarm)
+        self.assertTrue(any("no-engine.sock" in line for line in agent.log.seen), agent.log.seen)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
