@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+// One statement for each log site, header-only:
+//
+//     SDK::RootLog::Warning("could not find task: %s", taskName);
+//     SDK::RootLog::Debug(SDK::At{"WatchHandles", 41}, "registered: %s", taskName);
+//
+// A site whose logger is absent or above its priority costs one comparison: nothing is formatted or allocated. The
+// texts are Poco::format's (a %s takes a string, %d an int, %?d and %?u any integer, %z a std::size_t, %b a bool). What
+// goes wrong while a line is formatted or written is swallowed: logging never ends an operation. Any thread.
+#pragma once
+
+#include <Poco/Any.h>
+#include <Poco/Format.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include <cstring>
+#include <source_location>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sdk/LoggerUtils.h"
+
+namespace SDK {
+
+// The position that a log record carries. `file` must live as long as the process: records refer to it.
+struct At {
+    const char* file;
+    int line;
+};
+
+// A format text and, unless the site fixes another position, the place where it stands in the source.
+struct LogText {
+    // Implicit, so that a site reads as a call with a text.
+    LogText(const char* text, const std::source_location& where = std::source_location::current())
+        : text(text), at{BaseName(where.file_name()), static_cast<int>(where.line())}
+    {
+    }
+
+    static const char* BaseName(const char* path)
+    {
+        const char* slash = std::strrchr(path, '/');
+        return slash == nullptr ? path : slash + 1;
+    }
+
+    const char* text;
+    At at;
+};
+
+namespace LogDetail {
+
+inline Poco::Any ToAny(const std::string& value)
+{
+    return value;
+}
+inline Poco::Any ToAny(std::string_view value)
+{
+    return std::string{value};
+}
+inline Poco::Any ToAny(const char* value)
+{
+    return std::string{value};
+}
+template <class T>
+Poco::Any ToAny(const T& value)
+{
+    return value;
+}
+
+}  // namespace LogDetail
+
+inline bool Admits(const Poco::Logger* logger, Poco::Message::Priority priority)
+{
+    return logger != nullptr && logger->is(priority);
+}
+
+// Writes one record to `logger`, null or above `priority` for none. `text` is a Poco::format text.
+template <class... Args>
+void LogTo(Poco::Logger* logger, Poco::Message::Priority priority, At at, const char* text, const Args&... args)
+{
+    if (!Admits(logger, priority)) {
+        return;
+    }
+    try {
+        std::string formatted;
+        Poco::format(formatted, text, std::vector<Poco::Any>{LogDetail::ToAny(args)...});
+        logger->log(Poco::Message{logger->name(), formatted, priority, at.file, at.line});
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a line that cannot be written must not end the operation
+    }
+}
+
+// The six priorities of one logger. Source::Logger() names it: a Poco::Logger*, null for none.
+template <class Source>
+class LogSite {
+public:
+    static bool Admits(Poco::Message::Priority priority) { return SDK::Admits(Source::Logger(), priority); }
+
+    template <class... Args>
+    static void Error(LogText text, const Args&... args)
+    {
+        Error(text.at, text.text, args...);
+    }
+    template <class... Args>
+    static void Error(At at, const char* text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_ERROR, at, text, args...);
+    }
+
+    template <class... Args>
+    static void Warning(LogText text, const Args&... args)
+    {
+        Warning(text.at, text.text, args...);
+    }
+    template <class... Args>
+    static void Warning(At at, const char* text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_WARNING, at, text, args...);
+    }
+
+    template <class... Args>
+    static void Notice(LogText text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_NOTICE, text.at, text.text, args...);
+    }
+
+    template <class... Args>
+    static void Information(LogText text, const Args&... args)
+    {
+        Information(text.at, text.text, args...);
+    }
+    template <class... Args>
+    static void Information(At at, const char* text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_INFORMATION, at, text, args...);
+    }
+
+    template <class... Args>
+    static void Debug(LogText text, const Args&... args)
+    {
+        Debug(text.at, text.text, args...);
+    }
+    template <class... Args>
+    static void Debug(At at, const char* text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_DEBUG, at, text, args...);
+    }
+
+    template <class... Args>
+    static void Trace(LogText text, const Args&... args)
+    {
+        Trace(text.at, text.text, args...);
+    }
+    template <class... Args>
+    static void Trace(At at, const char* text, const Args&... args)
+    {
+        LogTo(Source::Logger(), Poco::Message::PRIO_TRACE, at, text, args...);
+    }
+};
+
+struct RootLogger {
+    static Poco::Logger* Logger() { return LoggerUtils::GetInstance()->GetRootLogger(); }
+};
+
+using RootLog = LogSite<RootLogger>;
+
+}  // namespace SDK
