@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ContainerEscapeUtil.h"
+
+#include <linux/audit.h>
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <string_view>
+
+#include "SyscallTables.h"
+#include "sdk/LoggerUtils.h"
+
+namespace Engine {
+namespace {
+
+constexpr std::string_view permissionSeparator = "*/*";
+constexpr std::string_view permissionLetters = "rwxa";
+constexpr std::size_t maxPermissionLetters = 4;
+
+bool IsPermission(std::string_view text)
+{
+    return !text.empty() && text.size() <= maxPermissionLetters &&
+           text.find_first_not_of(permissionLetters) == std::string_view::npos;
+}
+
+}  // namespace
+
+int ContainerEscapeUtil::GetSyscallNumber(const std::string& name)
+{
+    return X8664SyscallTable().NumberOf(name);
+}
+
+bool ContainerEscapeUtil::SyscallChecker(const std::string& name)
+{
+    return X8664SyscallTable().NumberOf(name) >= 0 || I386SyscallTable().NumberOf(name) >= 0;
+}
+
+std::string ContainerEscapeUtil::NameOf(int number, const std::string& arch)
+{
+    switch (std::strtoul(arch.c_str(), nullptr, 16)) {
+        case AUDIT_ARCH_X86_64:
+            return std::string{X8664SyscallTable().NameOf(number)};
+        case AUDIT_ARCH_I386:
+            return std::string{I386SyscallTable().NameOf(number)};
+        default:
+            return {};
+    }
+}
+
+bool ContainerEscapeUtil::GetPathAndPerm(const std::string& entry, std::string& path, std::string& perm)
+{
+    const std::size_t separator = entry.find(permissionSeparator);
+    if (separator == std::string::npos) {
+        path = entry;
+        return true;
+    }
+    std::string letters = entry.substr(separator + permissionSeparator.size());
+    if (!IsPermission(letters)) {
+        return false;
+    }
+    path = entry.substr(0, separator);
+    perm = std::move(letters);
+    return true;
+}
+
+bool ContainerEscapeUtil::PathChecker(const std::string& entry)
+{
+    std::string path;
+    std::string perm;
+    std::array<char, PATH_MAX> resolved{};
+    return GetPathAndPerm(entry, path, perm) && ::realpath(path.c_str(), resolved.data()) != nullptr;
+}
+
+bool ContainerEscapeUtil::StartsWith(const std::string& path, const std::string& dir)
+{
+    if (!path.starts_with(dir)) {
+        return false;
+    }
+    if (dir.ends_with('/')) {
+        return true;
+    }
+    return path.size() > dir.size() && path[dir.size()] == '/';
+}
+
+Poco::Logger* ContainerEscapeUtil::GetLoggerPtr()
+{
+    // A local static, because the detection task and the namespace task may both come here first.
+    static Poco::Logger* const logger =
+        SDK::LoggerUtils::GetInstance()->GetModuleLogger("containerescape_module", false);
+    return logger;
+}
+
+}  // namespace Engine
