@@ -1,1 +1,58 @@
 // SPDX-License-Identifier: Apache-2.0
+// libreport_module.so: the agent's two report tasks.
+#include <Poco/Util/Application.h>
+
+#include <memory>
+
+#include "framework/Module.h"
+#include "host/report/CmdReportTask.h"
+#include "host/report/DataReportTask.h"
+#include "host/report/ReportLog.h"
+#include "host/report/Sinks.h"
+#include "sdk/LoggerUtils.h"
+
+namespace Engine {
+
+Poco::Logger& ReportLog()
+{
+    static Poco::Logger& logger = *SDK::LoggerUtils::GetInstance()->GetModuleLogger("report_module", false);
+    return logger;
+}
+
+namespace {
+
+class ReportModule : public Framework::Module {
+public:
+    ReportModule() : Framework::Module("report_module") {}
+
+    int Init() override
+    {
+        commands = std::make_unique<CmdReportTask>();
+        data = std::make_unique<DataReportTask>(MakeSinks(Poco::Util::Application::instance().config()));
+        if (RegisterTask(commands.get(), false) != 0 || RegisterTask(data.get(), false) != 0) {
+            poco_error(ReportLog(), "report tasks refused: another module has their names");
+            return -1;
+        }
+        return Framework::Module::Init();
+    }
+
+    int UnInit() override
+    {
+        UnRegisterTask("data_comm_report_task");
+        UnRegisterTask("cmd_comm_report_task");
+        return Framework::Module::UnInit();
+    }
+
+private:
+    std::unique_ptr<CmdReportTask> commands;
+    std::unique_ptr<DataReportTask> data;
+};
+
+}  // namespace
+
+}  // namespace Engine
+
+extern "C" Framework::Module* CreateModule()
+{
+    return std::make_unique<Engine::ReportModule>().release();
+}

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/report/DataReportTask.h"
+
+#include "host/report/AlarmDocument.h"
+#include "host/report/ReportLog.h"
+#include "sdk/StrUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr char alarmType[] = "2";
+constexpr std::chrono::milliseconds drainBound{500};
+
+bool IsAlarm(const Framework::Message* message)
+{
+    const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
+    return data != nullptr && data->Type() == alarmType;
+}
+
+}  // namespace
+
+DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe)
+    : ReportTask("data_comm_report_task")
+{
+    for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
+        sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
+    }
+}
+
+int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
+{
+    const int result = ReportTask::EnqueueMsg(message);
+    if (result != 0 && IsAlarm(message.get())) {
+        AlarmDocument::CountLost();
+    }
+    return result;
+}
+
+int DataReportTask::HandleMsg(const Framework::Message* message)
+{
+    const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
+    if (data == nullptr) {
+        return -1;
+    }
+    if (IsAlarm(data)) {
+        return Report(*data);
+    }
+    poco_notice(ReportLog(), SDK::StrUtils::Format("report of type %s, %zu bytes, has no receiver",
+                                                   data->Type().c_str(), data->Content().size()));
+    return 0;
+}
+
+int DataReportTask::Report(const Framework::DataMessage& alarm)
+{
+    const std::shared_ptr<AlarmDocument> document = AlarmDocument::Make(alarm.Content(), sinks.size());
+    if (document == nullptr) {
+        poco_error(ReportLog(),
+                   SDK::StrUtils::Format("alarm of %zu bytes is not a JSON object, dropped", alarm.Content().size()));
+        return -1;
+    }
+    for (const std::unique_ptr<SinkQueue>& sink : sinks) {
+        sink->Push(document);
+    }
+    return 0;
+}
+
+int DataReportTask::UnInit()
+{
+    const int result = ReportTask::UnInit();
+    for (const std::unique_ptr<SinkQueue>& sink : sinks) {
+        sink->End(drainBound);
+    }
+    sinks.clear();  // waits for their threads
+    return result;
+}
+
+}  // namespace Engine

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/report/LineStream.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+
+namespace Engine {
+
+namespace {
+
+// Alarms name processes and files of other people's containers: not for everybody's eyes.
+constexpr mode_t newFileMode = 0640;
+constexpr int firstOwnDescriptor = 3;  // never in place of a standard descriptor that somebody closed
+
+bool MayBlock(mode_t mode)
+{
+    return S_ISFIFO(mode) || S_ISCHR(mode);
+}
+
+std::error_code LastError()
+{
+    return std::error_code{errno, std::generic_category()};
+}
+
+}  // namespace
+
+LineStream::LineStream(SDK::FileDescriptor descriptor) : fd(std::move(descriptor))
+{
+    struct stat status {};
+    if (!fd || ::fstat(fd.Get(), &status) != 0) {
+        return;
+    }
+    isSocket = S_ISSOCK(status.st_mode);
+    const bool blocks = (::fcntl(fd.Get(), F_GETFL) & O_NONBLOCK) == 0;
+    if (blocks && MayBlock(status.st_mode)) {
+        // A pipe that polls writable has room for this much at least (pipe(7)), so the write cannot block.
+        maxPiece = PIPE_BUF;
+    }
+}
+
+LineStream LineStream::Append(const char* path, std::error_code& error)
+{
+    SDK::FileDescriptor file(
+        ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, newFileMode));
+    error = file ? std::error_code{} : LastError();
+    return LineStream(std::move(file));
+}
+
+LineStream LineStream::Duplicate(int fd, std::error_code& error)
+{
+    error.clear();
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && MayBlock(status.st_mode)) {
+        // Opened anew, it has its own O_NONBLOCK. A regular file is not: its position is shared on purpose.
+        const std::string path = "/proc/self/fd/" + std::to_string(fd);
+        SDK::FileDescriptor own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        if (own) {
+            return LineStream(std::move(own));
+        }
+    }
+    SDK::FileDescriptor copy(::fcntl(fd, F_DUPFD_CLOEXEC, firstOwnDescriptor));
+    if (!copy) {
+        error = LastError();
+    }
+    return LineStream(std::move(copy));
+}
+
+std::error_code LineStream::Write(std::string_view line, WritePatience& patience)
+{
+    if (!fd) {
+        return std::make_error_code(std::errc::bad_file_descriptor);
+    }
+    if (midLine) {
+        if (const std::error_code error = WriteAll("\n", patience)) {
+            midLine = true;
+            return error;
+        }
+    }
+    return WriteAll(line, patience);
+}
+
+// Leaves in midLine whether it stopped inside the text.
+std::error_code LineStream::WriteAll(std::string_view text, WritePatience& patience)
+{
+    midLine = false;
+    while (!text.empty()) {
+        if (!patience.WaitWritable(fd.Get())) {
+            return std::make_error_code(std::errc::timed_out);
+        }
+        const long written = WriteSome(text.substr(0, maxPiece));
+        if (written > 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+            midLine = !text.empty();
+        } else if (written == 0) {
+            return std::make_error_code(std::errc::io_error);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            return LastError();
+        }
+    }
+    return {};
+}
+
+long LineStream::WriteSome(std::string_view text) const
+{
+    // A socket's O_NONBLOCK would be shared, and it cannot be opened anew; send(2) takes the wish with each call.
+    return isSocket ? ::send(fd.Get(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                    : ::write(fd.Get(), text.data(), text.size());
+}
+
+}  // namespace Engine

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/report/LossReport.h"
+
+#include "host/report/ReportLog.h"
+#include "sdk/StrUtils.h"
+
+namespace Engine {
+
+LossReport::LossReport(const std::string& sink) : sink(sink), total(SDK::Counters::Get("alarms.lost_" + sink))
+{
+}
+
+void LossReport::Add(const std::string& reason)
+{
+    total.fetch_add(1);
+    const std::lock_guard lock(mutex);
+    ++untold;
+    lastReason = reason;
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= nextTelling) {
+        nextTelling = now + interval;
+        Tell();
+    }
+}
+
+void LossReport::Flush()
+{
+    const std::lock_guard lock(mutex);
+    if (untold != 0) {
+        Tell();
+    }
+}
+
+void LossReport::Tell()
+{
+    poco_warning(ReportLog(), SDK::StrUtils::Format("sink %s lost %lu alarms (%s), going on", sink.c_str(), untold,
+                                                    lastReason.c_str()));
+    untold = 0;
+}
+
+}  // namespace Engine

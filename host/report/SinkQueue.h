@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// One sink with a bounded queue and a thread of its own: a sink that is slow or dead delays neither another sink nor
+// whoever raises alarms.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "host/report/AlarmDocument.h"
+#include "host/report/AlarmSink.h"
+#include "host/report/LossReport.h"
+#include "host/report/WritePatience.h"
+
+namespace Engine {
+
+class SinkQueue {
+public:
+    // Alarms that may wait: minutes of the worst that the detectors' own limits let through, a few megabytes at most.
+    static constexpr std::size_t defaultCapacity = 1024;
+
+    // Starts the thread.
+    explicit SinkQueue(std::unique_ptr<AlarmSink> sink, std::size_t capacity = defaultCapacity);
+    SinkQueue(const SinkQueue&) = delete;
+    SinkQueue& operator=(const SinkQueue&) = delete;
+
+    // Waits for the thread; what is still queued when End was not called is given up at once.
+    ~SinkQueue();
+
+    // Never waits for the sink. A full queue refuses the document, and the loss is counted. Any thread.
+    void Push(std::shared_ptr<AlarmDocument> document);
+
+    // Takes no more documents and lets the thread write what is queued for at most `bound`; the rest is lost and
+    // counted. Returns at once, so that several sinks end side by side. Any thread.
+    void End(std::chrono::milliseconds bound);
+
+private:
+    void Work();
+    std::optional<std::shared_ptr<AlarmDocument>> Next();
+    void Deliver(AlarmDocument& document);
+
+    std::unique_ptr<AlarmSink> sink;
+    std::size_t capacity;
+    LossReport losses;
+    WritePatience patience;
+    std::mutex mutex;  // of the two members below; never held while the sink writes
+    std::deque<std::shared_ptr<AlarmDocument>> documents;
+    bool isEnding = false;
+    std::condition_variable changed;
+    std::thread thread;  // last: it uses all of the above
+};
+
+}  // namespace Engine
