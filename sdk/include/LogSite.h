@@ -38,6 +38,9 @@ struct LogText {
     {
     }
 
+    // For a site whose position is fixed.
+    LogText(At at, const char* text) : text(text), at(at) {}
+
     static const char* BaseName(const char* path)
     {
         const char* slash = std::strrchr(path, '/');
@@ -90,71 +93,81 @@ void LogTo(Poco::Logger* logger, Poco::Message::Priority priority, At at, const 
     }
 }
 
-// The six priorities of one logger. Source::Logger() names it: a Poco::Logger*, null for none.
+// The priorities of one logger. Source::Logger() names it: a Poco::Logger*, null for none.
 template <class Source>
 class LogSite {
 public:
-    static bool Admits(Poco::Message::Priority priority) { return SDK::Admits(Source::Logger(), priority); }
+    static bool Admits(Poco::Message::Priority priority) noexcept
+    {
+        try {
+            return SDK::Admits(Source::Logger(), priority);
+        } catch (...) {
+            return false;
+        }
+    }
 
     template <class... Args>
     static void Error(LogText text, const Args&... args)
     {
-        Error(text.at, text.text, args...);
+        Write(Poco::Message::PRIO_ERROR, text.at, text.text, args...);
     }
     template <class... Args>
     static void Error(At at, const char* text, const Args&... args)
     {
-        LogTo(Source::Logger(), Poco::Message::PRIO_ERROR, at, text, args...);
+        Write(Poco::Message::PRIO_ERROR, at, text, args...);
     }
 
     template <class... Args>
     static void Warning(LogText text, const Args&... args)
     {
-        Warning(text.at, text.text, args...);
+        Write(Poco::Message::PRIO_WARNING, text.at, text.text, args...);
     }
     template <class... Args>
     static void Warning(At at, const char* text, const Args&... args)
     {
-        LogTo(Source::Logger(), Poco::Message::PRIO_WARNING, at, text, args...);
-    }
-
-    template <class... Args>
-    static void Notice(LogText text, const Args&... args)
-    {
-        LogTo(Source::Logger(), Poco::Message::PRIO_NOTICE, text.at, text.text, args...);
+        Write(Poco::Message::PRIO_WARNING, at, text, args...);
     }
 
     template <class... Args>
     static void Information(LogText text, const Args&... args)
     {
-        Information(text.at, text.text, args...);
+        Write(Poco::Message::PRIO_INFORMATION, text.at, text.text, args...);
     }
     template <class... Args>
     static void Information(At at, const char* text, const Args&... args)
     {
-        LogTo(Source::Logger(), Poco::Message::PRIO_INFORMATION, at, text, args...);
+        Write(Poco::Message::PRIO_INFORMATION, at, text, args...);
     }
 
     template <class... Args>
     static void Debug(LogText text, const Args&... args)
     {
-        Debug(text.at, text.text, args...);
+        Write(Poco::Message::PRIO_DEBUG, text.at, text.text, args...);
     }
     template <class... Args>
     static void Debug(At at, const char* text, const Args&... args)
     {
-        LogTo(Source::Logger(), Poco::Message::PRIO_DEBUG, at, text, args...);
+        Write(Poco::Message::PRIO_DEBUG, at, text, args...);
     }
 
     template <class... Args>
     static void Trace(LogText text, const Args&... args)
     {
-        Trace(text.at, text.text, args...);
+        Write(Poco::Message::PRIO_TRACE, text.at, text.text, args...);
     }
     template <class... Args>
     static void Trace(At at, const char* text, const Args&... args)
     {
-        LogTo(Source::Logger(), Poco::Message::PRIO_TRACE, at, text, args...);
+        Write(Poco::Message::PRIO_TRACE, at, text, args...);
+    }
+
+private:
+    template <class... Args>
+    static void Write(Poco::Message::Priority priority, At at, const char* text, const Args&... args)
+    {
+        if (Admits(priority)) {
+            LogTo(Source::Logger(), priority, at, text, args...);
+        }
     }
 };
 

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+// The alarm document of the detectors: BaseSubmodule's side that reports.
+#include <memory>
+
+#include "BaseSubmodule.h"
+#include "ContainerEscapeDetectTask.h"
+#include "ModuleLog.h"
+#include "ModuleUtils.h"
+#include "sdk/CryptoCodeUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/TimeUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr char source[] = "BaseSubmodule";
+constexpr char alarmType[] = "2";  // the report type under which SendAlarmMessage sends
+
+Json::Value NewDocument()
+{
+    Json::Value document;
+    document["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
+    document["occur_time"] = Json::Int64{SDK::TimeUtils::GetCurrentTimestampS()};
+    document["event_count"] = 1;  // merged repeats are not counted into it
+    document["detect_module"] = "containerescape_module";
+    return document;
+}
+
+void AddAlarmClass(const AlertInfo& info, Json::Value& document)
+{
+    document["event_classid"] = info.classId;
+    document["event_category"] = info.eventCategory;
+    document["event_type"] = info.eventType;
+    document["severity"] = info.severity;
+    document["attack_phase"] = info.attackPhase;
+    document["attack_tag"] = info.attackTag;
+    document["event_name"] = info.eventName;
+    document["confidence"] = info.confidence;
+}
+
+}  // namespace
+
+void BaseSubmodule::Alert(AlertInfo& info, const Json::Value& forensic, const Json::Value& file)
+{
+    Json::Value document = NewDocument();
+    AddAlarmClass(info, document);
+
+    GetProcessDetailByPid(info.pid, info);
+    Json::Value process;
+    process["process_pid"] = info.pid;
+    process["process_name"] = info.processName;
+
+    Json::Value resource;  // stays null when nothing is known
+    AddContainer(info, document, resource);
+    document["resource_info"] = resource;
+    document["process_info"][0] = process;
+    if (!forensic.empty()) {
+        document["forensic_info"] = forensic;
+    }
+    if (!file.empty()) {
+        document["file_info"][0] = file;
+    }
+
+    const std::string text = SDK::JsonUtils::JsonToString(document);
+    ModuleLog::Debug(At{source, 97}, "Alert msgid='%s' msg='%s'", alarmType, text);
+    if (task.GetAlarmFilter().CheckAndEnqueue(info.eventName, task.name())) {
+        SendAlarmMessage(info.classId, text);
+    }
+}
+
+void BaseSubmodule::AddContainer(const AlertInfo& info, Json::Value& document, Json::Value& resource)
+{
+    const std::string containerId = ResolveContainerId(info, resource);
+    std::shared_ptr<ContainerInfo> container;
+    if (containerId.empty() || metaInfo == nullptr || !metaInfo->GetContainerById(containerId, container)) {
+        ModuleLog::Debug(At{source, 82}, "containerid is empty or can not get the container info %s", containerId);
+        return;
+    }
+    document["container_name"] = container->name;
+    resource["image_id"] = container->imageId;
+    document["image_name"] = container->imageName;
+}
+
+// From the process table, else from the container of the parent, else from that of the process. Empty: from none.
+std::string BaseSubmodule::ResolveContainerId(const AlertInfo& info, Json::Value& resource)
+{
+    std::string containerId;
+    if (task.GetContainerIDByRecordMap(info.pid, containerId) == 0) {
+        resource["container_id"] = containerId;
+        return containerId;
+    }
+    std::shared_ptr<ContainerInfo> container;
+    if (metaInfo != nullptr &&
+        (metaInfo->GetContainerByPid(info.ppid, container) || metaInfo->GetContainerByPid(info.pid, container))) {
+        resource["container_id"] = container->id;
+        containerId = container->id;
+        ModuleLog::Debug(At{source, 68}, "set container id %s", containerId);
+        return containerId;
+    }
+    ModuleLog::Debug(At{source, 72}, "can not get container info for the parent process %d by metainfo.", info.ppid);
+    return containerId;
+}
+
+}  // namespace Engine
