@@ -181,6 +181,11 @@ class Agent:
         """Every alarm taken from the output so far."""
         return [json.loads(line) for line in self.output.seen]
 
+    def reload(self):
+        """Has it read its policy again, and waits until that is in force."""
+        self.process.send_signal(signal.SIGHUP)
+        self.log.wait_for(lambda line: "policy" in line and "in force" in line)
+
     def kill(self):
         self.process.kill()
         self.process.wait(PATIENCE)
