@@ -39,6 +39,7 @@ inline constexpr char queueLost[] = "queue.lost";                     // refused
 inline constexpr char alarmsSent[] = "alarms.sent";                   // documents written to every sink that takes them
 inline constexpr char alarmsLost[] = "alarms.lost";                   // documents that some sink lost
 inline constexpr char engineFailures[] = "engine.failures";           // calls that the container engine did not answer
+inline constexpr char logLost[] = "log.lost";  // log records that could not be written (whole or in part)
 }  // namespace CounterName
 
 }  // namespace SDK

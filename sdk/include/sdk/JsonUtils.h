@@ -11,7 +11,8 @@ namespace SDK {
 
 class JsonUtils {
 public:
-    // Strict JSON (no comments, no trailing text, unique keys). 0: parsed; -1: not JSON, `root` is then null.
+    // Strict JSON (no comments, no trailing text, unique keys) whose root is an object or an array, nested at most 100
+    // levels deep. 0: parsed; -1: not such a document, `root` is then null.
     static int ParseJsonStr(const char* text, std::size_t length, Json::Value& root);
 
     // The same; on failure `error` says what is wrong and where ("line 3, column 7: ...").

@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/sdk/CgroupPath.h"
+
+#include <algorithm>
+
+namespace SDK {
+
+namespace {
+
+constexpr std::size_t idLength = 64;        // Docker, containerd's CRI plug-in, CRI-O, Podman: 32 random bytes in hex
+constexpr std::size_t buildIdLength = 25;   // BuildKit's identity.NewID(): 17 random bytes in base 36
+constexpr std::size_t maxNameLength = 255;  // NAME_MAX
+
+bool IsLowerHex(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+}
+
+bool IsBase36(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z');
+}
+
+bool IsNameCharacter(char c)
+{
+    return IsBase36(c) || (c >= 'A' && c <= 'Z') || c == '.' || c == '_' || c == '-';
+}
+
+bool StartsWith(std::string_view text, std::string_view start)
+{
+    return text.substr(0, start.size()) == start;
+}
+
+bool EndsWith(std::string_view text, std::string_view end)
+{
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+std::string_view WithoutEnd(std::string_view text, std::string_view end)
+{
+    return EndsWith(text, end) ? text.substr(0, text.size() - end.size()) : text;
+}
+
+// "<id>", "<prefix>-<id>" (a scope of systemd's, or Podman and CRI-O with plain groups) or "<slice>:<prefix>:<id>" (a
+// systemd-style path given to a runtime that uses plain groups). Any prefix will do: engines and users choose it, and
+// 64 digits are nobody else's habit. conmon is the engine's monitor of a container and belongs to the host.
+std::string_view HexId(std::string_view name)
+{
+    if (name.size() < idLength) {
+        return {};
+    }
+    const std::string_view id = name.substr(name.size() - idLength);
+    const std::string_view prefix = name.substr(0, name.size() - idLength);
+    if (!prefix.empty() && prefix.back() != '-' && prefix.back() != ':') {
+        return {};
+    }
+    if (EndsWith(prefix, "conmon-") || EndsWith(prefix, "conmon:")) {
+        return {};
+    }
+    return std::all_of(id.begin(), id.end(), IsLowerHex) ? id : std::string_view{};
+}
+
+// A build step's container: "buildkit/<id>" or "buildkit-<id>".
+std::string_view BuildId(std::string_view name, std::string_view parent)
+{
+    constexpr std::string_view prefix = "buildkit-";
+    if (StartsWith(name, prefix)) {
+        name.remove_prefix(prefix.size());
+    } else if (parent != "buildkit") {
+        return {};
+    }
+    const bool isId = name.size() == buildIdLength && std::all_of(name.begin(), name.end(), IsBase36);
+    return isId ? name : std::string_view{};
+}
+
+// "lxc.payload.NAME" (LXC 4 and later, Incus), "lxc.payload/NAME", "lxc/NAME" (before). lxc.monitor is the host's.
+std::string_view LxcName(std::string_view name, std::string_view parent)
+{
+    constexpr std::string_view prefix = "lxc.payload.";
+    if (StartsWith(name, prefix)) {
+        name.remove_prefix(prefix.size());
+    } else if (parent != "lxc" && parent != "lxc.payload") {
+        return {};
+    }
+    const bool isName = !name.empty() && name.size() <= maxNameLength && name != ".." &&
+                        std::all_of(name.begin(), name.end(), IsNameCharacter);
+    return isName ? name : std::string_view{};
+}
+
+std::string_view IdOf(std::string_view component, std::string_view parent)
+{
+    const std::string_view name = WithoutEnd(component, ".scope");
+    // Podman's pods, with plain groups: "libpod_parent/<pod>/libpod-<container>".
+    const bool isPod = parent == "libpod_parent" && name.size() == idLength;
+    if (const std::string_view id = HexId(name); !id.empty() && !isPod) {
+        return id;
+    }
+    if (const std::string_view id = BuildId(name, parent); !id.empty()) {
+        return id;
+    }
+    return LxcName(component, parent);
+}
+
+std::string_view CutUpTo(std::string_view& text, char separator)
+{
+    const std::string_view part = text.substr(0, text.find(separator));
+    text.remove_prefix(std::min(text.size(), part.size() + 1));
+    return part;
+}
+
+}  // namespace
+
+std::string_view CgroupPath::ContainerId(std::string_view path)
+{
+    std::string_view parent;
+    while (!path.empty()) {
+        const std::string_view component = CutUpTo(path, '/');
+        if (const std::string_view id = IdOf(component, parent); !id.empty()) {
+            return id;
+        }
+        parent = component;
+    }
+    return {};
+}
+
+std::string_view CgroupPath::ContainerIdOfFile(std::string_view text)
+{
+    while (!text.empty()) {
+        std::string_view line = CutUpTo(text, '\n');
+        CutUpTo(line, ':');  // the hierarchy's number
+        CutUpTo(line, ':');  // its controllers
+        // Of a dead process in a group that is removed (proc_cgroup_show() in kernel/cgroup/cgroup.c).
+        line = WithoutEnd(line, " (deleted)");
+        if (const std::string_view id = ContainerId(line); !id.empty()) {
+            return id;
+        }
+    }
+    return {};
+}
+
+}  // namespace SDK

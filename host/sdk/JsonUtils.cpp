@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sdk/JsonUtils.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <exception>
+#include <memory>
+#include <string_view>
+
+#include "host/sdk/SafeText.h"
+
+namespace SDK {
+
+namespace {
+
+// Levels of arrays and objects in a document. The library parses, copies and destroys by recursion; the deepest
+// document of ours (a container's description) has fewer than ten.
+constexpr int maxDepth = 100;
+
+std::unique_ptr<Json::CharReader> StrictReader()
+{
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["allowTrailingCommas"] = false;  // strictMode of this library version leaves it on
+    builder["stackLimit"] = maxDepth;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+}
+
+// The library reports "* Line 3, Column 7\n  text\n", once for each error: the first becomes "line 3, column 7: text".
+std::string FirstError(std::string_view report)
+{
+    constexpr std::string_view lead = "* Line ";
+    constexpr std::string_view column = ", Column ";
+    const std::size_t where = report.find(column);
+    const std::size_t lineEnd = report.find("\n  ");
+    if (report.substr(0, lead.size()) != lead || where == std::string_view::npos || lineEnd == std::string_view::npos) {
+        return "not JSON";
+    }
+    const std::string_view line = report.substr(lead.size(), where - lead.size());
+    const std::string_view place = report.substr(where + column.size(), lineEnd - where - column.size());
+    std::string_view text = report.substr(lineEnd + 3);
+    text = text.substr(0, text.find('\n'));
+    return "line " + std::string(line) + ", column " + std::string(place) + ": " + std::string(text);
+}
+
+bool Parse(const char* text, std::size_t length, Json::Value& root, std::string& error)
+{
+    if (text == nullptr || length == 0) {
+        error = "line 1, column 1: empty document";
+        return false;
+    }
+    std::string report;
+    if (StrictReader()->parse(text, text + length, &root, &report)) {
+        return true;
+    }
+    error = FirstError(report);
+    return false;
+}
+
+bool IsClean(const Json::Value& value)
+{
+    if (value.isString()) {
+        return SafeText::IsUtf8(value.asString());
+    }
+    for (auto item = value.begin(); item != value.end(); ++item) {
+        if ((value.isObject() && !SafeText::IsUtf8(item.name())) || !IsClean(*item)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The library's writer takes what follows a lead byte for its continuation without looking: a broken byte would
+// swallow its neighbours, so it never gets to see one.
+Json::Value Cleaned(const Json::Value& value)
+{
+    if (value.isString()) {
+        return SafeText::ReplaceInvalid(value.asString());
+    }
+    if (!value.isArray() && !value.isObject()) {
+        return value;
+    }
+    Json::Value clean(value.type());
+    for (auto item = value.begin(); item != value.end(); ++item) {
+        if (value.isArray()) {
+            clean.append(Cleaned(*item));
+        } else {
+            clean[SafeText::ReplaceInvalid(item.name())] = Cleaned(*item);
+        }
+    }
+    return clean;
+}
+
+std::string Write(const Json::Value& value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["commentStyle"] = "None";
+    builder["emitUTF8"] = false;
+    return Json::writeString(builder, value);
+}
+
+// The one control character that the library writes as it is. It can only be within a string.
+void EscapeDelete(std::string& text)
+{
+    for (std::size_t at = text.find('\x7F'); at != std::string::npos; at = text.find('\x7F', at)) {
+        text.replace(at, 1, "\\u007f");
+    }
+}
+
+bool GetMember(const Json::Value& value, const char* key, Json::ValueType type, Json::Value& out)
+{
+    if (!value.isObject() || key == nullptr || !value.isMember(key) || value[key].type() != type) {
+        return false;
+    }
+    Json::Value member = value[key];  // `out` may be `value`
+    out.swap(member);
+    return true;
+}
+
+}  // namespace
+
+int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& root)
+{
+    std::string error;
+    return ParseJsonStr(text, length, root, error);
+}
+
+int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& root, std::string& error)
+{
+    error.clear();
+    try {
+        Json::Value parsed;
+        if (Parse(text, length, parsed, error)) {
+            root.swap(parsed);
+            return 0;
+        }
+    } catch (const std::exception& failure) {  // nested too deeply
+        error = failure.what();
+    }
+    root = Json::Value();
+    return -1;
+}
+
+bool JsonUtils::GetArrayValue(const Json::Value& value, const char* key, Json::Value& out)
+{
+    return GetMember(value, key, Json::arrayValue, out);
+}
+
+bool JsonUtils::GetSubobjectValue(const Json::Value& value, const char* key, Json::Value& out)
+{
+    return GetMember(value, key, Json::objectValue, out);
+}
+
+std::string JsonUtils::JsonToString(const Json::Value& value)
+{
+    std::string text = Write(IsClean(value) ? value : Cleaned(value));
+    EscapeDelete(text);
+    return text;
+}
+
+}  // namespace SDK

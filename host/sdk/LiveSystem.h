@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// The system view of the running system: the clock, and /proc.
+#pragma once
+
+#include <shared_mutex>
+#include <string>
+
+#include "host/sdk/SystemView.h"
+
+namespace SDK {
+
+// A process may go away between any two reads; every answer then is "no such process", never half an answer.
+class LiveSystem : public SystemView {
+public:
+    // `procRoot`: where the proc file system is mounted.
+    explicit LiveSystem(std::string procRoot = "/proc");
+
+    std::int64_t WallClockSeconds() override;
+    int ContainerOf(int pid, std::string& id) override;
+    int ExecutablePath(unsigned int pid, std::string& path) override;
+    int Status(int pid, ProcessUtils::procStatus& status) override;
+    int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override;
+    std::vector<int> Processes() override;
+    int CommandLine(int pid, std::string& commandLine) override;
+
+    // Returns when no call asks the one before any more. Not from within a resolver's call.
+    void SetContainerResolver(ContainerResolver* next);
+
+private:
+    std::string PathOf(long pid, const char* file) const;
+
+    const std::string procRoot;
+    std::shared_mutex resolverMutex;  // held shared while the resolver answers: it is never gone under a caller
+    ContainerResolver* resolver = nullptr;
+};
+
+}  // namespace SDK
