@@ -14,12 +14,12 @@ namespace Engine {
 
 namespace {
 
-constexpr int priority = 180;
+constexpr int policyPriority = 180;
 
 // The namespace check has no section of its own in the document.
 std::unique_ptr<Framework::TaskPolicy> NamespaceCheckPolicy()
 {
-    auto policy = std::make_unique<Framework::TaskPolicy>("container_escape_nss_task", priority);
+    auto policy = std::make_unique<Framework::TaskPolicy>("container_escape_nss_task", policyPriority);
     policy->firstDelaySeconds = 10;
     policy->periodSeconds = 30;
     return policy;
@@ -27,7 +27,7 @@ std::unique_ptr<Framework::TaskPolicy> NamespaceCheckPolicy()
 
 }  // namespace
 
-ContainerEscapeFeaturePolicy::ContainerEscapeFeaturePolicy() : FeaturePolicy("containerescape", priority)
+ContainerEscapeFeaturePolicy::ContainerEscapeFeaturePolicy() : FeaturePolicy("containerescape", policyPriority)
 {
 }
 
