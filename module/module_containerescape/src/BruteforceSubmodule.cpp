@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "BruteforceSubmodule.h"
+
+#include <algorithm>
+
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+namespace {
+
+constexpr char openByHandle[] = "open_by_handle_at";
+
+// At least so many calls lie between two rounds over all counters.
+constexpr std::size_t minCallsBetweenReleases = 4096;
+
+}  // namespace
+
+BruteforceSubmodule::BruteforceSubmodule(ContainerEscapeDetectTask& task, ContainerMetaInfo* metaInfo,
+                                         const std::chrono::duration<long>& window, unsigned short maxCount)
+    : BaseSubmodule(task, "bruteforce_submodule", metaInfo),
+      window(window),
+      maxCount(maxCount),
+      callsUntilRelease(minCallsBetweenReleases)
+{
+}
+
+BruteforceSubmodule::~BruteforceSubmodule() = default;
+
+int BruteforceSubmodule::Init()
+{
+    BaseSubmodule::Init({openByHandle}, {});
+    return 0;
+}
+
+void BruteforceSubmodule::DeInit()
+{
+    limiters.clear();
+    BaseSubmodule::DeInit();
+}
+
+void BruteforceSubmodule::HandleProcExit(int pid)
+{
+    BaseSubmodule::HandleProcExit(pid);
+}
+
+bool BruteforceSubmodule::HandleEvent(const FtraceMessage& message)
+{
+    if (FtraceSyscallNameView(message.name()) != openByHandle) {
+        return true;
+    }
+    const int pid = static_cast<int>(message.get_number("common_pid"));
+    const auto now = std::chrono::steady_clock::now();
+    ReleaseIdle(now);
+    if (CountCall(pid, now)) {
+        return true;
+    }
+    std::string exePath;
+    SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned int>(pid), exePath);
+    RaiseAlarm(static_cast<int>(message.get_number("parent_pid")), pid, exePath);
+    return false;
+}
+
+bool BruteforceSubmodule::HandleOpenAt(int ppid, const std::chrono::steady_clock::time_point& now,
+                                       const std::string& exePath, int pid)
+{
+    if (CountCall(pid, now)) {
+        return true;
+    }
+    RaiseAlarm(ppid, pid, exePath);
+    return false;
+}
+
+bool BruteforceSubmodule::CountCall(int pid, std::chrono::steady_clock::time_point now)
+{
+    return limiters[pid].Update(window, maxCount, now);
+}
+
+void BruteforceSubmodule::RaiseAlarm(int ppid, int pid, const std::string& exePath)
+{
+    AlertInfo info;
+    setBruteForceAlertInfo(info);
+    info.ppid = ppid;
+    info.pid = pid;
+    info.processName = exePath;
+    Alert(info, MakeForensicInfo(openByHandle), Json::Value{});
+}
+
+// Counters outlive their processes, so an attacker who starts one process after the other, each calling at full speed,
+// would fill the memory with times that nobody looks at again. A counter without times in the window counts like a new
+// one, so emptying it changes no result. As many calls as there are counters pay for one round.
+void BruteforceSubmodule::ReleaseIdle(std::chrono::steady_clock::time_point now)
+{
+    if (--callsUntilRelease > 0) {
+        return;
+    }
+    callsUntilRelease = std::max(minCallsBetweenReleases, limiters.size());
+    for (auto& [pid, limiter] : limiters) {
+        limiter.ReleaseIfIdle(window, now);
+    }
+}
+
+void BruteforceSubmodule::setBruteForceAlertInfo(AlertInfo& info)
+{
+    info.classId = "containerescape_0005";
+    info.eventName = "Bruteforce syscall attack";
+    info.attackPhase = 4;
+    info.attackTag = 4;
+    info.severity = 3;
+    info.eventCategory = 2000;
+    info.eventType = 2042;
+    info.confidence = 60;
+}
+
+}  // namespace Engine

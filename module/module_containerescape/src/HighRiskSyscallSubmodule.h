@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// One alarm whenever a container's process enters a system call that the policy lists, at most once an hour for each
+// name, whoever makes the call.
+// Thread: the detection task's; no lock inside.
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_set>
+
+#include "BaseSubmodule.h"
+
+namespace Engine {
+
+class HighRiskSyscallSubmodule : public BaseSubmodule {
+public:
+    // `numbers`: x86-64 numbers to start with; the first Reconfigure replaces them.
+    HighRiskSyscallSubmodule(ContainerEscapeDetectTask& task, ContainerMetaInfo* metaInfo,
+                             std::unordered_set<int> numbers);
+
+    // Subscribes to the names of the last Reconfigure. 0.
+    int Init() override;
+    ~HighRiskSyscallSubmodule() override;
+    // Not for this detector: 0.
+    int HandleFileNotifyMsg(FileNotifyMessage* message) override;
+    // Takes the policy's names that have an x86-64 number. The others ("waitpid") have no trace event here.
+    void Reconfigure(const ContainerEscapeDetectPolicyContent& content) override;
+    // False for a system call that is not listed.
+    bool HandleEvent(const FtraceMessage& message) override;
+
+    // Whether the last alarm for `name` is less than an hour old, by the wall clock in either direction. When it is
+    // not, this counts as the next alarm.
+    bool IsNeedToAggregateAlarm(const std::string& name);
+
+    void setHighRiskSyscallAlertInfo(AlertInfo& info);
+
+private:
+    std::unordered_set<int> highRiskNumbers;
+    std::unordered_set<std::string> highRiskNames;
+    std::map<std::string, long> lastAlarmTime;  // seconds since the epoch; no more entries than there are system calls
+    std::string callName;                       // of the event being handled; kept for its memory
+};
+
+}  // namespace Engine

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ShockerSubmodule.h"
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "ContainerEscapeUtil.h"
+#include "ModuleLog.h"
+#include "StateTable.h"
+
+namespace Engine {
+namespace {
+
+using State = ShockerSubmodule::State;
+
+constexpr char openByHandle[] = "open_by_handle_at";
+
+// The first traced call only makes the process known, whatever it is, so a listing must follow it to count.
+constexpr std::array<Step<State, std::string_view>, 4> steps{{
+    {State::New, std::nullopt, State::Seen},
+    {State::Seen, "getdents", State::Listed},
+    {State::Seen, "getdents64", State::Listed},
+    {State::Listed, openByHandle, State::Reported},
+}};
+
+}  // namespace
+
+ShockerSubmodule::ShockerSubmodule(ContainerEscapeDetectTask& task, ContainerMetaInfo* metaInfo)
+    : BaseSubmodule(task, "shocker_submodule", metaInfo)
+{
+}
+
+ShockerSubmodule::~ShockerSubmodule() = default;
+
+int ShockerSubmodule::Init()
+{
+    BaseSubmodule::Init({openByHandle, "getdents", "getdents64"}, {});
+    return 0;
+}
+
+void ShockerSubmodule::DeInit()
+{
+    states.clear();
+    BaseSubmodule::DeInit();
+}
+
+void ShockerSubmodule::HandleProcExit(int pid)
+{
+    states.erase(pid);
+    BaseSubmodule::HandleProcExit(pid);
+}
+
+bool ShockerSubmodule::HandleEvent(const FtraceMessage& message)
+{
+    const int pid = static_cast<int>(message.get_number("common_pid"));
+    const std::string_view call = FtraceSyscallNameView(message.name());
+    State& state = states[pid];
+    ModuleLog::Debug(At{"ShockerSubmodule", 77}, "shocker got event %d, state is %d", pid, static_cast<int>(state));
+
+    const State next = Next(steps, state, call);
+    const bool isCompleted = state != State::Reported && next == State::Reported;
+    state = isCompleted ? ProcEventGetDents(message, pid) : next;
+    return true;
+}
+
+ShockerSubmodule::State ShockerSubmodule::ProcEventGetDents(const FtraceMessage& message, int pid)
+{
+    AlertInfo info;
+    setShockerAlertInfo(info);
+    info.pid = pid;
+    info.processName = message.get_string("comm");
+    // The handle does not tell the path; receivers expect the file's element all the same.
+    Alert(info, MakeForensicInfo(openByHandle), MakeFileInfo(""));
+    return State::Reported;
+}
+
+void ShockerSubmodule::setShockerAlertInfo(AlertInfo& info)
+{
+    info.classId = "containerescape_0002";
+    info.eventName = "Shocker attack";
+    info.attackPhase = 4;
+    info.attackTag = 4;
+    info.severity = 3;
+    info.eventCategory = 2000;
+    info.eventType = 2042;
+    info.confidence = 60;
+}
+
+std::string ShockerSubmodule::GetContainerId(int pid)
+{
+    std::shared_ptr<ContainerInfo> container;
+    if (GetMetaInfo() == nullptr || !GetMetaInfo()->GetContainerByPid(pid, container)) {
+        return {};
+    }
+    return container->id;
+}
+
+bool ShockerSubmodule::IsMounted(const std::string& containerId, const std::string& path)
+{
+    std::shared_ptr<ContainerInfo> container;
+    if (GetMetaInfo() == nullptr || !GetMetaInfo()->GetContainerById(containerId, container)) {
+        return true;
+    }
+    return std::ranges::any_of(container->mountDestinations, [&path](const std::string& destination) {
+        return ContainerEscapeUtil::StartsWith(path, destination);
+    });
+}
+
+}  // namespace Engine
