@@ -5,6 +5,7 @@
 
 #include <Poco/Util/Application.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +40,12 @@ public:
 
     // Stops all tasks, last started first, then unloads the modules in reverse order. Called by the destructor too.
     void Stop();
+
+    // How far the task has come with its start. NotRunning: no such task, it waits for a policy, or it has stopped.
+    enum class StartResult { NotRunning, Starting, Running, InitFailed };
+
+    // Waits until the task's Init is over, at most `timeout`; Starting means that it was not by then.
+    StartResult WaitStarted(const std::string& taskName, std::chrono::milliseconds timeout) const;
 
     // Names of the tasks whose threads run, in start order.
     std::vector<std::string> RunningTasks() const;

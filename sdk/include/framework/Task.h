@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/EventWaiter.h"
 #include "framework/Message.h"
@@ -100,6 +101,9 @@ public:
     // name is taken. DelConsumer undoes it; -1 when there is no such registration. Any thread.
     int AddConsumer(unsigned long type, const char* name, Task* consumer);
     int DelConsumer(unsigned long type, const char* name, const Task* consumer);
+
+    // Those registered for messages of that type, by name. Not owned. Any thread.
+    std::vector<Task*> Consumers(unsigned long type) const;
 
     EventWaiter& Waiter();
     const std::string& FeatureName() const;

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a task keeps: its queue, its waiter and its thread.
+#pragma once
+
+#include <Poco/Message.h>
+
+#include <atomic>
+#include <bit>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "framework/Task.h"
+#include "host/framework/RunState.h"
+#include "host/framework/SyncMessage.h"
+#include "sdk/LocklessQueue.h"
+
+namespace Framework {
+
+// Counts what happens again and again, and says when it is worth a log line: at the 1st, 2nd, 4th, 8th... time.
+class RepeatCount {
+public:
+    bool WorthALine() { return std::has_single_bit(++count); }
+    unsigned long Count() const { return count; }
+
+private:
+    unsigned long count = 0;
+};
+
+struct Task::Impl {
+    using Queued = std::shared_ptr<Message>;
+
+    Impl(const std::string& featureName, TaskCondition::TaskType type, unsigned int queueCapacity);
+
+    // Thread: the one that starts and stops tasks. Start is for a task whose thread does not run. False, with a log
+    // line, when the system has no thread to give.
+    bool Start(Task& task);
+
+    // Waits for the thread's end; says so when that takes long. Returns at once when there is no thread.
+    void Join(const Task& task);
+
+    bool IsOwnThread() const { return thread.get_id() == std::this_thread::get_id(); }
+    bool OnTaskThread() const { return loopThread.load() == std::this_thread::get_id(); }
+
+    // Thread: the task's.
+    bool IsCutShort() const { return interruptible && cancelled; }
+    void Loop(Task& task);
+    void RunOnce(Task& task);
+    int HandleOne(Task& task, Queued& message);
+    int Deliver(Task& task, Queued& message);
+
+    // Any thread.
+    void CountLost(unsigned long events);
+    void DropQueued();
+
+    // Waits on the meeting and returns its result. On the task's thread a cancel ends the wait while interruptible.
+    int WaitFor(const std::shared_ptr<Rendezvous>& meeting, long timeoutMs);
+    void AbandonWait();
+
+    const std::string featureName;
+    const TaskCondition::TaskType type;
+    SDK::LocklessQueue<Queued> queue;
+    EventWaiter waiter;
+    std::vector<Queued> spareBatch;  // task's thread; keeps its memory between calls
+
+    std::atomic<bool> accepting{true};
+    std::atomic<bool> cancelled{false};
+    std::atomic<unsigned long> lostEvents{0};
+    const std::shared_ptr<RunState> state = std::make_shared<RunState>();
+
+    // Whether a cancel cuts short what the task does: from the start of Init to the start of UnInit, which may still
+    // handle messages and wait for answers. Task's thread.
+    bool interruptible = false;
+
+    std::thread thread;
+    std::atomic<std::thread::id> loopThread{};  // who is in runTask, nobody: the default value
+    RepeatCount failedRuns;
+    RepeatCount failedMessages;
+
+    std::mutex waitMutex;
+    std::shared_ptr<Rendezvous> waitingFor;  // the task's thread waits for this one now
+
+    mutable std::mutex consumerMutex;
+    std::map<std::pair<unsigned long, std::string>, Task*> consumers;
+};
+
+}  // namespace Framework

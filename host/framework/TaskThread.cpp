@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: Apache-2.0
+// A task's thread: Init, Run until cancelled, UnInit.
+#include <pthread.h>
+
+#include <algorithm>
+#include <csignal>
+#include <limits>
+#include <system_error>
+
+#include "host/framework/Log.h"
+#include "host/framework/PeriodicSchedule.h"
+#include "host/framework/TaskImpl.h"
+
+namespace Framework {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Phase = RunState::Phase;
+
+constexpr int mostEventsAtOnce = 128;
+constexpr int mostMessagesAtOnce = 1024;
+constexpr milliseconds pauseAfterFailedRun{100};
+constexpr milliseconds longestWait{60'000};
+constexpr milliseconds patience{2000};  // until a stop that takes long is worth a warning
+
+// Signals are the main thread's: a new thread inherits the mask of the one that makes it. Those that report a fault of
+// the thread itself stay open, blocking them changes nothing for the better (signal(7)).
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+            sigdelset(&all, fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &all, &before);
+    }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
+private:
+    sigset_t before{};
+};
+
+void NameThread(const std::string& taskName)
+{
+    constexpr std::size_t longestName = 15;  // without the closing zero; pthread_setname_np(3)
+    pthread_setname_np(pthread_self(), taskName.substr(0, longestName).c_str());
+}
+
+// Calls one of a task's operations. What it throws is logged and counts as `-1`.
+template <class Operation>
+int Guarded(const Task& task, const char* what, Operation operation)
+{
+    try {
+        return operation();
+    } catch (...) {
+        LogAt(Poco::Message::PRIO_ERROR, "task %s: %s failed: %s", task.name().c_str(), what,
+              CurrentExceptionText().c_str());
+        return -1;
+    }
+}
+
+int WaitMs(const std::optional<milliseconds>& remaining)
+{
+    return static_cast<int>(std::min(remaining.value_or(longestWait), longestWait).count());
+}
+
+}  // namespace
+
+bool Task::Impl::Start(Task& task)
+{
+    cancelled = false;
+    accepting = true;
+    task.reset();
+    task.setState(TASK_RUNNING);
+    state->Set(Phase::Starting);
+    try {
+        const SignalsBlocked blocked;
+        thread = std::thread([&task] { task.runTask(); });
+    } catch (const std::system_error& error) {
+        LogAt(Poco::Message::PRIO_ERROR, "task %s: no thread: %s", task.name().c_str(), error.what());
+        accepting = false;
+        DropQueued();
+        state->Set(Phase::Failed);
+        return false;
+    }
+    return true;
+}
+
+void Task::Impl::Join(const Task& task)
+{
+    if (!thread.joinable()) {
+        return;
+    }
+    if (!RunState::IsOver(state->WaitOver(patience))) {
+        LogAt(Poco::Message::PRIO_WARNING, "task %s takes long to stop, waiting on", task.name().c_str());
+    }
+    thread.join();
+}
+
+void Task::cancel()
+{
+    impl->cancelled = true;
+    Poco::Task::cancel();
+    impl->AbandonWait();
+    impl->waiter.Wake();
+}
+
+void Task::runTask()
+{
+    NameThread(name());
+    impl->loopThread = std::this_thread::get_id();
+    impl->state->Set(Phase::Starting);
+    impl->interruptible = true;
+    const int initResult = Guarded(*this, "Init", [this] { return Init(); });
+    if (initResult == 0) {
+        impl->state->Set(Phase::Running);
+        impl->Loop(*this);
+        impl->state->Set(Phase::Stopping);
+    } else {  // stays Starting until UnInit is done
+        LogAt(Poco::Message::PRIO_ERROR, "task %s does not run: Init returned %d", name().c_str(), initResult);
+    }
+    impl->interruptible = false;
+    Guarded(*this, "UnInit", [this] { return UnInit(); });
+    impl->accepting = false;
+    impl->DropQueued();
+    impl->loopThread = std::thread::id{};
+    setState(TASK_FINISHED);
+    impl->state->Set(initResult == 0 ? Phase::Ended : Phase::Failed);
+}
+
+void Task::Impl::Loop(Task& task)
+{
+    if (type == TaskCondition::EventLoop) {
+        while (!cancelled) {
+            RunOnce(task);
+        }
+        return;
+    }
+    const auto* settings = dynamic_cast<const TaskPolicy*>(task.taskPolicy.Get());
+    PeriodicSchedule schedule(seconds{settings != nullptr ? settings->firstDelaySeconds : 0},
+                              seconds{settings != nullptr ? settings->periodSeconds : 0},
+                              PeriodicSchedule::Clock::now());
+    while (!cancelled) {
+        const auto remaining = schedule.Remaining(PeriodicSchedule::Clock::now());
+        if (remaining == milliseconds{0}) {
+            RunOnce(task);
+            schedule.MarkRun(PeriodicSchedule::Clock::now());
+            continue;
+        }
+        Guarded(task, "a descriptor's handler",
+                [&] { return waiter.WaitAndHandleEvent(WaitMs(remaining), mostEventsAtOnce); });
+        task.BulkConsumeMsg(mostMessagesAtOnce);
+    }
+}
+
+void Task::Impl::RunOnce(Task& task)
+{
+    std::string failure;
+    try {
+        const int result = task.Run();
+        if (result == 0) {
+            return;
+        }
+        failure = "returned " + std::to_string(result);
+    } catch (...) {
+        failure = CurrentExceptionText();
+    }
+    if (failedRuns.WorthALine()) {
+        LogAt(Poco::Message::PRIO_ERROR, "task %s: Run failed, going on: %s (%lu so far)", task.name().c_str(),
+              failure.c_str(), failedRuns.Count());
+    }
+    task.sleep(pauseAfterFailedRun.count());
+}
+
+}  // namespace Framework
