@@ -1,4 +1,54 @@
 // SPDX-License-Identifier: Apache-2.0
-int main()
+// containerescape-agent: watches the processes in this host's containers and reports attempts to break out.
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "host/agent/Agent.h"
+#include "host/agent/Machine.h"
+
+namespace Agent {
+
+namespace {
+
+ExitCode Print(const std::string& text)
 {
+    const bool isOut = std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+    return isOut ? cleanStop : failed;
+}
+
+ExitCode Main(const std::vector<std::string>& words)
+{
+    const Options options = ParseOptions(words);
+    if (options.action == Options::Action::Help) {
+        return Print(UsageText());
+    }
+    if (options.action == Options::Action::Version) {
+        return Print("containerescape-agent " CE_VERSION "\n");
+    }
+    const StartPlan plan = MakePlan(options);
+    if (const std::string reason = WhyNotHere(); !reason.empty()) {
+        Say(reason);
+        return cannotRunHere;
+    }
+    return HostAgent(plan).Run();
+}
+
+}  // namespace
+
+}  // namespace Agent
+
+int main(int argc, char** argv)
+{
+    Agent::OpenMissingStandardDescriptors();
+    try {
+        return Agent::Main({argv + (argc > 0 ? 1 : 0), argv + argc});
+    } catch (const Agent::BadInput& problem) {
+        Agent::Say(std::string(problem.what()) + " (see --help)");
+        return Agent::badInput;
+    } catch (const std::exception& problem) {
+        Agent::Say(std::string("failed: ") + problem.what());
+        return Agent::failed;
+    }
 }

@@ -56,6 +56,11 @@ LineStream LineStream::Duplicate(int fd, std::error_code& error)
 {
     error.clear();
     struct stat status {};
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY) {
+        error = std::make_error_code(std::errc::bad_file_descriptor);  // opened anew it would be writable
+        return {};
+    }
     if (::fstat(fd, &status) == 0 && MayBlock(status.st_mode)) {
         // Opened anew, it has its own O_NONBLOCK. A regular file is not: its position is shared on purpose.
         const std::string path = "/proc/self/fd/" + std::to_string(fd);

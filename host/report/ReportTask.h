@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What both report tasks share: an event loop that handles messages, the last ones at the stop.
+// What both report tasks share: they handle messages as any event loop does, and the last ones at the stop.
 #pragma once
 
 #include <string>
@@ -13,7 +13,6 @@ public:
     // A task without a feature: it starts at once and waits for no policy.
     explicit ReportTask(const std::string& taskName);
 
-    int Run() override;
     int UnInit() override;  // handles what is still queued
 };
 

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent's life: load the modules, apply the policy, watch, read the policy again when asked, stop.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "framework/Engine.h"
+#include "host/agent/Console.h"
+#include "host/agent/Options.h"
+#include "host/agent/PolicyFile.h"
+#include "host/agent/Signals.h"
+
+namespace Agent {
+
+// Everything an operator can get wrong, checked before anything starts.
+struct StartPlan {
+    Options options;
+    Policy policy;
+    std::vector<std::string> modules;  // paths of the shared libraries, in load order
+};
+
+// Throws BadInput. Touches nothing but the files for alarms and statistics, which must be writable.
+StartPlan MakePlan(const Options& options);
+
+// Thread: the main thread, made before any other. One in a process: the engine is the application object.
+class HostAgent {
+public:
+    explicit HostAgent(StartPlan plan);
+
+    // From start to stop. Never throws.
+    ExitCode Run();
+
+private:
+    enum class Outcome { Started, StopAsked, Failed };
+
+    bool LoadModules();
+    Outcome Start();
+    Outcome Apply(const Policy& policy);
+    Outcome WaitForDetection();
+    ExitCode Watch();
+    Outcome Reload();
+    ExitCode Stop(ExitCode code);
+
+    bool TasksStillRun() const;
+    void Announce(const char* what) const;
+    void ReportStatus() const;
+    void WarnAbout(const Policy& policy) const;
+
+    StartPlan plan;
+    Signals signals;
+    Framework::Engine engine;
+    std::vector<std::string> expectedTasks;  // that ran when the last policy had been applied
+};
+
+}  // namespace Agent

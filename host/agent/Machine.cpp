@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/agent/Machine.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "host/agent/Console.h"
+#include "host/sdk/FileDescriptor.h"
+#include "host/sdk/SystemView.h"
+#include "sdk/FileUtils.h"
+
+namespace Agent {
+
+namespace {
+
+// Where tracefs is mounted (Documentation/trace/ftrace.rst): its own place, and the one inside debugfs.
+constexpr std::array<const char*, 2> tracefsPlaces{"/sys/kernel/tracing", "/sys/kernel/debug/tracing"};
+
+constexpr std::array<const char*, 6> moduleNames{"report",     "ftrace",          "container",
+                                                 "filenotify", "process_collect", "containerescape"};
+constexpr char namespaceCheckModule[] = "namespace_check";
+
+std::string Tracefs()
+{
+    for (const char* place : tracefsPlaces) {
+        if (::access((std::string(place) + "/instances").c_str(), W_OK) == 0) {
+            return place;
+        }
+    }
+    return {};
+}
+
+std::string DefaultModulesDir()
+{
+    std::array<char, PATH_MAX> executable{};
+    const ssize_t length = ::readlink("/proc/self/exe", executable.data(), executable.size());
+    const std::string path(executable.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    return path.substr(0, path.rfind('/') + 1) + "../" CE_LIBRARY_DIR;
+}
+
+}  // namespace
+
+std::string WhyNotHere()
+{
+    if (::geteuid() != 0) {
+        return "must run as root: start it with sudo or as a system service";
+    }
+    if (Tracefs().empty()) {
+        return "finds no tracefs: mount it with \"mount -t tracefs nodev /sys/kernel/tracing\", outside of a container";
+    }
+    if (CallEventsDir().empty()) {
+        return "finds no system call trace events: run it on a kernel that has CONFIG_FTRACE_SYSCALLS";
+    }
+    return {};
+}
+
+std::string CallEventsDir()
+{
+    const std::string dir = Tracefs() + "/events/syscalls";
+    return ::access(dir.c_str(), R_OK) == 0 ? dir : std::string{};
+}
+
+std::vector<std::string> ModulePaths(const Options& options)
+{
+    const std::string dir = options.modulesDir.empty() ? DefaultModulesDir() : options.modulesDir;
+    std::vector<std::string> names(moduleNames.begin(), moduleNames.end());
+    if (options.namespaceCheck) {
+        names.emplace_back(namespaceCheckModule);
+    }
+    std::vector<std::string> paths;
+    for (const std::string& name : names) {
+        paths.push_back(dir + "/lib" + name + "_module.so");
+        if (::access(paths.back().c_str(), R_OK) != 0) {
+            throw BadInput("module " + paths.back() + ": " + std::strerror(errno));
+        }
+    }
+    return paths;
+}
+
+void CheckAlarmsFile(const std::string& path)
+{
+    const SDK::FileDescriptor file(
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
+    // A named pipe that nobody reads yet (ENXIO, fifo(7)) may get its reader later.
+    if (!file && errno != ENXIO) {
+        throw BadInput("alarms file " + path + ": " + std::strerror(errno));
+    }
+}
+
+bool EngineAnswers(const std::string& socketPath)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof(address.sun_path)) {
+        return false;
+    }
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    const SDK::FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // EAGAIN: it listens, and its queue is full (unix(7), connect(2)).
+    return ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno == EAGAIN;
+}
+
+std::size_t CountContainers()
+{
+    SDK::SystemView& view = SDK::SystemView::Current();
+    std::set<std::string> containers;
+    for (const int pid : view.Processes()) {
+        std::string id;
+        if (view.ContainerOf(pid, id) == 0 && !id.empty()) {
+            containers.insert(id);
+        }
+    }
+    return containers.size();
+}
+
+std::set<std::string> EnabledCalls(const std::set<std::string>& calls)
+{
+    const std::string events =
+        Tracefs() + "/instances/containerescape-agent-" + std::to_string(::getpid()) + "/events/syscalls/sys_enter_";
+    std::set<std::string> enabled;
+    for (const std::string& call : calls) {
+        std::string state;
+        const bool isName = call.find('/') == std::string::npos;
+        if (isName && SDK::FileUtils::ReadFile(events + call + "/enable", state, 8) == 0 && state.starts_with('1')) {
+            enabled.insert(call);
+        }
+    }
+    return enabled;
+}
+
+}  // namespace Agent

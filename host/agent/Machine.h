@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the agent finds on the machine: whether it can run here, its modules, the container engine.
+#pragma once
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/agent/Options.h"
+
+namespace Agent {
+
+// Empty when the agent can run here, else one sentence that says what to do.
+std::string WhyNotHere();
+
+// tracefs's folder of system call events; empty when there is none.
+std::string CallEventsDir();
+
+// The shared libraries to load, in load order: each may need those before it. Throws BadInput when one is not there.
+std::vector<std::string> ModulePaths(const Options& options);
+
+// Throws BadInput when alarms could not be appended to `path`. Makes the file if it is missing.
+void CheckAlarmsFile(const std::string& path);
+
+// Whether something listens on the engine's socket.
+bool EngineAnswers(const std::string& socketPath);
+
+// How many containers have a process now.
+std::size_t CountContainers();
+
+// Of `calls`, those whose entry event is enabled in the agent's own trace instance.
+std::set<std::string> EnabledCalls(const std::set<std::string>& calls);
+
+}  // namespace Agent

@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/agent/PolicyFile.h"
+
+#include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string_view>
+
+#include "host/agent/Console.h"
+#include "sdk/FileUtils.h"
+#include "sdk/JsonUtils.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr char permissionSeparator[] = "*/*";
+
+const char* KindName(Json::ValueType type)
+{
+    switch (type) {
+        case Json::nullValue:
+            return "null";
+        case Json::stringValue:
+            return "a text";
+        case Json::booleanValue:
+            return "true or false";
+        case Json::arrayValue:
+            return "a list";
+        case Json::objectValue:
+            return "an object";
+        case Json::intValue:
+        case Json::uintValue:
+        case Json::realValue:
+            return "a number";
+    }
+    return "something else";
+}
+
+void Demand(const Json::Value& value, Json::ValueType type, const std::string& place)
+{
+    if (value.type() != type) {
+        throw BadInput(place + ": must be " + KindName(type) + ", is " + KindName(value.type()));
+    }
+}
+
+std::string Join(const std::string& place, const std::string& key)
+{
+    return place.empty() ? key : place + "." + key;
+}
+
+// One object of the document, at its place in it.
+class Section {
+public:
+    Section(const Json::Value& object, std::string place) : object(object), place(std::move(place)) {}
+
+    const Json::Value& Member(const char* key, Json::ValueType type) const
+    {
+        const Json::Value* member = object.find(key, key + std::strlen(key));
+        if (member == nullptr) {
+            throw BadInput(Join(place, key) + ": is missing");
+        }
+        Demand(*member, type, Join(place, key));
+        return *member;
+    }
+
+    Section Object(const char* key) const { return {Member(key, Json::objectValue), Join(place, key)}; }
+
+    std::set<std::string> Texts(const char* key) const
+    {
+        const Json::Value& list = Member(key, Json::arrayValue);
+        std::set<std::string> texts;
+        for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
+            Demand(list[i], Json::stringValue, Join(place, key) + "[" + std::to_string(i) + "]");
+            texts.insert(list[i].asString());
+        }
+        return texts;
+    }
+
+    void NoteUnknownKeys(std::initializer_list<std::string_view> known, std::vector<std::string>& unknown) const
+    {
+        for (const std::string& key : object.getMemberNames()) {
+            if (std::find(known.begin(), known.end(), key) == known.end()) {
+                unknown.push_back(Join(place, key));
+            }
+        }
+    }
+
+private:
+    const Json::Value& object;
+    std::string place;
+};
+
+bool IsIdentifier(const std::string& name)
+{
+    return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    });
+}
+
+// Empty: nothing is wrong with the entry.
+std::string WhyUseless(const std::string& directory)
+{
+    const std::size_t separator = directory.find(permissionSeparator);
+    if (separator != std::string::npos) {
+        const std::string letters = directory.substr(separator + std::strlen(permissionSeparator));
+        if (letters.empty() || letters.size() > 4 || letters.find_first_not_of("rwxa") != std::string::npos) {
+            return "after */* there must be one to four of the letters r, w, x and a";
+        }
+    }
+    const std::string path = directory.substr(0, separator);
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
+    return resolved == nullptr ? std::strerror(errno) : std::string{};
+}
+
+}  // namespace
+
+std::string ReadPolicyFile(const std::string& path)
+{
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        throw BadInput(std::strerror(errno));
+    }
+    // A pipe or a device could keep the agent waiting, at the start and whenever the policy is read again.
+    if (!S_ISREG(status.st_mode)) {
+        throw BadInput("is not a regular file");
+    }
+    std::string text;
+    if (SDK::FileUtils::ReadFile(path, text, maxPolicyBytes + 1) != 0) {
+        throw BadInput(std::strerror(errno));
+    }
+    if (text.size() > maxPolicyBytes) {
+        throw BadInput("is larger than " + std::to_string(maxPolicyBytes) + " bytes");
+    }
+    return text;
+}
+
+Policy ParsePolicy(std::string text)
+{
+    Json::Value root;
+    std::string error;
+    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root, error) != 0) {
+        throw BadInput("not JSON: " + error);
+    }
+    Demand(root, Json::objectValue, "the document");
+    const Section document(root, "");
+    const Section content = document.Object("content");
+    const Section detection = content.Object("container_escape_detect_task");
+
+    Policy policy;
+    policy.images = content.Texts("image_white_namelist");
+    policy.calls = detection.Texts("highrisk_calls");
+    policy.directories = detection.Texts("host_directorys");
+    document.NoteUnknownKeys({"content"}, policy.unknownKeys);
+    content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.unknownKeys);
+    detection.NoteUnknownKeys({"highrisk_calls", "host_directorys"}, policy.unknownKeys);
+    policy.text = std::move(text);
+    return policy;
+}
+
+std::set<std::string> TraceableCalls(const Policy& policy, const std::string& callEventsDir)
+{
+    std::set<std::string> traceable;
+    for (const std::string& call : policy.calls) {
+        const std::string event = callEventsDir + "/sys_enter_" + call;
+        // The name first: it must not lead the look-up elsewhere.
+        if (IsIdentifier(call) && ::access(event.c_str(), F_OK) == 0) {
+            traceable.insert(call);
+        }
+    }
+    return traceable;
+}
+
+std::vector<std::string> UselessCalls(const Policy& policy, const std::string& callEventsDir)
+{
+    const std::set<std::string> traceable = TraceableCalls(policy, callEventsDir);
+    std::vector<std::string> lines;
+    for (const std::string& call : policy.calls) {
+        if (!traceable.contains(call)) {
+            lines.push_back("call \"" + call + "\": the kernel has no trace event for it, it is not watched");
+        }
+    }
+    return lines;
+}
+
+std::vector<std::string> UselessDirectories(const Policy& policy)
+{
+    std::vector<std::string> lines;
+    for (const std::string& directory : policy.directories) {
+        const std::string reason = WhyUseless(directory);
+        if (!reason.empty()) {
+            lines.push_back("directory \"" + directory + "\": " + reason + ", it is not watched");
+        }
+    }
+    return lines;
+}
+
+}  // namespace Agent

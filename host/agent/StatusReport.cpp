@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/agent/StatusReport.h"
+
+#include <fcntl.h>
+#include <json/value.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+#include <utility>
+
+#include "host/sdk/Counters.h"
+#include "host/sdk/FileDescriptor.h"
+#include "sdk/JsonUtils.h"
+
+namespace Agent {
+
+namespace {
+
+namespace Name = SDK::CounterName;
+
+constexpr mode_t statisticsMode = 0644;
+
+std::uint64_t Sum(const CounterValues& counters, std::initializer_list<const char*> names)
+{
+    std::uint64_t sum = 0;
+    for (const char* name : names) {
+        const auto found = counters.find(name);
+        sum += found == counters.end() ? 0 : found->second;
+    }
+    return sum;
+}
+
+std::error_code LastError()
+{
+    return std::error_code{errno, std::generic_category()};
+}
+
+std::error_code WriteAll(int fd, const std::string& text)
+{
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+        if (written > 0) {
+            done += static_cast<std::size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            return written == 0 ? std::make_error_code(std::errc::io_error) : LastError();
+        }
+    }
+    return {};
+}
+
+std::error_code Publish(const SDK::FileDescriptor& file, const std::string& draft, const std::string& path,
+                        const std::string& text)
+{
+    if (const std::error_code error = WriteAll(file.Get(), text)) {
+        return error;
+    }
+    return ::fchmod(file.Get(), statisticsMode) == 0 && std::rename(draft.c_str(), path.c_str()) == 0
+               ? std::error_code{}
+               : LastError();
+}
+
+}  // namespace
+
+std::string StatusLine(const CounterValues& counters)
+{
+    const std::array<std::pair<const char*, std::uint64_t>, 6> values{{
+        {"events_read", Sum(counters, {Name::traceRead, Name::notifyRead})},
+        {"lost_kernel",
+         Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::traceLostPages, Name::notifyOverflow})},
+        {"lost_queues", Sum(counters, {Name::queueLost})},  // every task's queue, those of the subscribers included
+        {"not_container", Sum(counters, {Name::traceNotContainer, Name::notifyNotContainer})},
+        {"alarms_sent", Sum(counters, {Name::alarmsSent})},
+        {"alarms_lost", Sum(counters, {Name::alarmsLost})},
+    }};
+    std::string line;
+    for (const auto& [key, value] : values) {
+        line += (line.empty() ? "" : " ") + std::string(key) + "=" + std::to_string(value);
+    }
+    return line;
+}
+
+std::error_code WriteStatistics(const std::string& path, const CounterValues& counters)
+{
+    Json::Value root(Json::objectValue);
+    for (const auto& [name, value] : counters) {
+        root[name] = Json::UInt64{value};
+    }
+    // A name that nobody can guess and an exclusive open: the directory may be one that others write to.
+    std::string draft = path + ".XXXXXX";
+    const SDK::FileDescriptor file(::mkostemp(draft.data(), O_CLOEXEC));
+    if (!file) {
+        return LastError();
+    }
+    const std::error_code error = Publish(file, draft, path, SDK::JsonUtils::JsonToString(root) + "\n");
+    if (error) {
+        ::unlink(draft.c_str());
+    }
+    return error;
+}
+
+}  // namespace Agent
