@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+// Reads the buffers that a fanotify group with FAN_REPORT_DFID_NAME returns (fanotify(7), "Reading fanotify events").
+// Pure: looks at bytes, calls nobody. Tolerates what it does not know: unknown information records are passed over, a
+// record that contradicts its own length ends that event's records, a header that does so ends the buffer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace Engine {
+
+// Which directory, on which filesystem. A view into the buffer that was read.
+struct DirectoryHandle {
+    std::uint64_t fsid = 0;            // the eight bytes of statfs(2) f_fsid; 0: a filesystem without an id
+    std::int32_t type = 0;             // struct file_handle, handle_type
+    std::span<const std::byte> bytes;  // struct file_handle, f_handle: at most MAX_HANDLE_SZ bytes
+};
+
+struct FanotifyEvent {
+    std::uint64_t mask = 0;     // FAN_* bits; the kernel merges queued events of one process and one file
+    int pid = 0;                // thread group id in the agent's pid namespace; 0: a process outside of it
+    DirectoryHandle directory;  // no bytes: the event names no directory, as FAN_Q_OVERFLOW does not
+    std::string_view name;      // in that directory; empty: the directory itself. Hostile input
+
+    bool HasDirectory() const { return !directory.bytes.empty(); }
+};
+
+class FanotifyEventReader {
+public:
+    // The buffer is not owned and outlives the events that are read from it. It need not be aligned.
+    explicit FanotifyEventReader(std::span<const std::byte> buffer) : rest(buffer) {}
+
+    // Fills `event` with the next one. False at the end of the buffer, and where the rest of it makes no sense.
+    bool Next(FanotifyEvent& event);
+
+    // Whether reading stopped before the end of the buffer: events are then lost, an unknown number of them.
+    bool Malformed() const { return malformed; }
+
+private:
+    std::span<const std::byte> rest;
+    bool malformed = false;
+};
+
+}  // namespace Engine

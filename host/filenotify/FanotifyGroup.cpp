@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/filenotify/FanotifyGroup.h"
+
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace Engine {
+
+namespace {
+
+std::error_code LastError()
+{
+    return std::error_code{errno, std::generic_category()};
+}
+
+}  // namespace
+
+std::error_code FanotifyGroup::Open()
+{
+    const unsigned int flags = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME;
+    const int fd = fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    if (fd < 0) {
+        return LastError();
+    }
+    group.Reset(fd);
+    return {};
+}
+
+std::error_code FanotifyGroup::Add(Scope scope, const std::string& path, std::uint64_t events) const
+{
+    return Mark(FAN_MARK_ADD | FAN_MARK_DONT_FOLLOW, scope, path.c_str(), events);
+}
+
+std::error_code FanotifyGroup::Remove(Scope scope, const std::string& path, std::uint64_t events) const
+{
+    return Mark(FAN_MARK_REMOVE | FAN_MARK_DONT_FOLLOW, scope, path.c_str(), events);
+}
+
+void FanotifyGroup::RemoveAll(Scope scope) const
+{
+    // Fails only for flags or a descriptor that the kernel does not know; closing the group removes the rest.
+    static_cast<void>(Mark(FAN_MARK_FLUSH, scope, nullptr, 0));
+}
+
+std::error_code FanotifyGroup::Mark(unsigned int flags, Scope scope, const char* path, std::uint64_t events) const
+{
+    const unsigned int where = scope == Scope::FileSystem ? FAN_MARK_FILESYSTEM : FAN_MARK_INODE;
+    return fanotify_mark(group.Get(), flags | where, events, AT_FDCWD, path) == 0 ? std::error_code{} : LastError();
+}
+
+std::size_t FanotifyGroup::Read(std::span<std::byte> buffer, std::error_code& error) const
+{
+    ssize_t size = -1;
+    do {
+        size = ::read(group.Get(), buffer.data(), buffer.size());
+    } while (size < 0 && errno == EINTR);
+    error = size < 0 && errno != EAGAIN ? LastError() : std::error_code{};
+    return size < 0 ? 0 : static_cast<std::size_t>(size);
+}
+
+}  // namespace Engine

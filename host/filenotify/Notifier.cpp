@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/filenotify/Notifier.h"
+
+#include <sys/fanotify.h>
+
+#include <memory>
+#include <utility>
+
+#include "messages/FileNotifyMessages.h"
+#include "sdk/ProcessUtils.h"
+
+namespace Engine {
+
+using SDK::Counters;
+namespace CounterName = SDK::CounterName;
+
+Notifier::Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, std::chrono::milliseconds hold)
+    : watches(watches),
+      lookup(lookup),
+      self(self),
+      held(hold, maxHeld),
+      read(Counters::Get(CounterName::notifyRead)),
+      overflow(Counters::Get(CounterName::notifyOverflow)),
+      notContainer(Counters::Get(CounterName::notifyNotContainer)),
+      lostQueue(Counters::Get(CounterName::notifyLostQueue)),
+      delivered(Counters::Get(NotifyCounterName::delivered)),
+      unresolved(Counters::Get(NotifyCounterName::unresolved))
+{
+}
+
+void Notifier::Handle(std::span<const std::byte> buffer, TimePoint now)
+{
+    lastPid = -1;
+    FanotifyEventReader reader{buffer};
+    FanotifyEvent event;
+    while (reader.Next(event)) {
+        HandleEvent(event, now);
+    }
+    if (reader.Malformed()) {
+        Lost(now, "the kernel's answer makes no sense");
+    }
+}
+
+void Notifier::ReadFailed(std::error_code error, TimePoint now)
+{
+    Lost(now, error.message().c_str());
+}
+
+void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
+{
+    if ((event.mask & FAN_Q_OVERFLOW) != 0) {
+        Lost(now, "the kernel's queue was full");
+        return;
+    }
+    read.fetch_add(1, std::memory_order_relaxed);
+    if ((event.mask & FAN_ONDIR) != 0 && (event.mask & (FAN_CREATE | FAN_DELETE | FAN_MOVE)) != 0) {
+        lookup.DirectoryChanged(event.directory);
+    }
+    if (event.pid == self || !event.HasDirectory()) {
+        return;
+    }
+    if (event.pid != lastPid) {
+        lastOrigin = OriginOf(event.pid);
+        lastPid = event.pid;
+    }
+    if (lastOrigin == Origin::Host) {
+        notContainer.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    FindWatches(event, lastOrigin, now);
+}
+
+void Notifier::FindWatches(const FanotifyEvent& event, Origin origin, TimePoint now)
+{
+    const auto answer = lookup.PathsOf(
+        event.directory, [&](const std::string& directory) { return Hold(event, origin, directory, now); });
+    if (answer == DirectoryLookup::Answer::Failing) {
+        Lost(now, "no descriptor or memory to look a directory up");
+    } else if (answer == DirectoryLookup::Answer::Gone) {
+        unresolved.fetch_add(1, std::memory_order_relaxed);
+        if (const auto times = unresolvedReport.Occurred(now); times != 0) {
+            NotifyNotice("%llu accesses by containers in directories that are gone or too deep, last by pid %d",
+                         static_cast<unsigned long long>(times), event.pid);
+        }
+    }
+}
+
+// Returns whether the path belongs to a watch that wants to know.
+bool Notifier::Hold(const FanotifyEvent& event, Origin origin, const std::string& directory, TimePoint now)
+{
+    const std::string path = JoinPath(directory, event.name);
+    watches.Match(path, event.mask, event.pid, now, matches);
+    for (const WatchMatch& match : matches) {
+        held.Push({match.watch->subscriber, match.watch->number, match.mask, event.pid, origin, path}, now);
+    }
+    return !matches.empty();
+}
+
+void Notifier::Release(TimePoint now)
+{
+    while (const auto notification = held.Pop(now)) {
+        if (!watches.Holds(notification->subscriber, notification->watch)) {
+            continue;
+        }
+        if (notification->origin == Origin::Unknown && OriginOf(notification->pid) == Origin::Host) {
+            notContainer.fetch_add(1, std::memory_order_relaxed);
+            continue;
+        }
+        Send(*notification);
+    }
+}
+
+void Notifier::Send(const Notification& notification)
+{
+    auto message = std::make_shared<FileNotifyMessage>(notification.watch, notification.path,
+                                                       static_cast<unsigned int>(notification.mask));
+    message->SetProcess(static_cast<unsigned int>(notification.pid), {});
+    std::shared_ptr<Framework::Message> queued = std::move(message);
+    auto& counter = notification.subscriber->EnqueueMsg(queued) == 0 ? delivered : lostQueue;
+    counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+Notifier::Origin Notifier::OriginOf(int pid)
+{
+    containerId.clear();
+    if (SDK::ProcessUtils::GetContainerID(pid, containerId) != 0) {
+        return Origin::Unknown;
+    }
+    return containerId.empty() ? Origin::Host : Origin::Container;
+}
+
+void Notifier::Lost(TimePoint now, const char* why)
+{
+    overflow.fetch_add(1, std::memory_order_relaxed);
+    if (const auto times = losses.Occurred(now); times != 0) {
+        NotifyWarning("file notifications were lost, %llu times, how many is unknown: %s",
+                      static_cast<unsigned long long>(times), why);
+    }
+}
+
+}  // namespace Engine

@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/filenotify/TreeMarks.h"
+
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <filesystem>
+
+namespace Engine {
+
+namespace {
+
+// Asked for beside what the watches want, to hear of directories that come and go.
+constexpr std::uint64_t changesOfTree = FAN_CREATE | FAN_DELETE | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_ONDIR;
+
+// name_to_handle_at(2), since Linux 6.5: a handle that need not be fit for opening. glibc 2.36 does not name it.
+constexpr int handleAsId = 0x200;
+
+std::error_code Error(int number)
+{
+    return std::error_code{number, std::generic_category()};
+}
+
+bool SameDevice(const std::string& path, dev_t device)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && status.st_dev == device;
+}
+
+}  // namespace
+
+std::error_code TreeMarks::Set(std::vector<Tree> next)
+{
+    if (next == trees && !outdated) {
+        return failure;
+    }
+    if (next != trees) {
+        group.RemoveAll(FanotifyGroup::Scope::Inode);
+    }
+    trees = std::move(next);
+    outdated = false;
+    paths.clear();
+    failure.clear();
+    for (const Tree& tree : trees) {
+        const std::error_code error = Walk(tree);
+        failure = failure ? failure : error;
+    }
+    return failure;
+}
+
+std::error_code TreeMarks::Walk(const Tree& tree)
+{
+    namespace fs = std::filesystem;
+    struct stat status {};
+    if (lstat(tree.top.c_str(), &status) != 0) {
+        return Error(errno);
+    }
+    std::error_code first = MarkOne(tree.top, tree.events);
+    if (first || !tree.recursive) {
+        return first;
+    }
+    std::error_code error;
+    fs::recursive_directory_iterator entry{tree.top, fs::directory_options::skip_permission_denied, error};
+    for (; !error && entry != fs::recursive_directory_iterator{}; entry.increment(error)) {
+        std::error_code ignored;  // an entry that has gone meanwhile is none
+        if (!fs::is_directory(entry->symlink_status(ignored))) {
+            continue;
+        }
+        if (!SameDevice(entry->path().string(), status.st_dev)) {
+            entry.disable_recursion_pending();
+            continue;
+        }
+        const std::error_code marked = MarkOne(entry->path().string(), tree.events);
+        if (marked == std::errc::no_space_on_device) {
+            return marked;
+        }
+    }
+    return {};
+}
+
+std::error_code TreeMarks::MarkOne(const std::string& directory, std::uint64_t events)
+{
+    if (paths.size() >= maxDirectories) {
+        return Error(ENOSPC);
+    }
+    const std::error_code error =
+        group.Add(FanotifyGroup::Scope::Inode, directory, events | changesOfTree | FAN_EVENT_ON_CHILD);
+    if (error) {
+        return error;
+    }
+    alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> buffer{};
+    auto* handle = reinterpret_cast<file_handle*>(buffer.data());
+    handle->handle_bytes = MAX_HANDLE_SZ;
+    int mount = 0;
+    int result = name_to_handle_at(AT_FDCWD, directory.c_str(), handle, &mount, handleAsId);
+    if (result != 0 && errno == EINVAL) {
+        handle->handle_bytes = MAX_HANDLE_SZ;
+        result = name_to_handle_at(AT_FDCWD, directory.c_str(), handle, &mount, 0);
+    }
+    if (result != 0) {
+        return Error(errno);
+    }
+    Key key{handle->handle_type, std::string{buffer.data() + sizeof(file_handle), handle->handle_bytes}};
+    paths.emplace(std::move(key), directory);
+    return {};
+}
+
+const std::string* TreeMarks::PathOf(const DirectoryHandle& directory) const
+{
+    if (paths.empty()) {
+        return nullptr;
+    }
+    const auto* text = reinterpret_cast<const char*>(directory.bytes.data());
+    const auto known = paths.find(Key{directory.type, std::string{text, directory.bytes.size()}});
+    return known == paths.end() ? nullptr : &known->second;
+}
+
+}  // namespace Engine

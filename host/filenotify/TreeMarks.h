@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+// The way for filesystems that take no filesystem mark, such as overlays without nfs_export, procfs or the subvolumes
+// of btrfs: an inode mark on every directory of the watched trees, and the handle of each remembered, because such
+// filesystems often cannot open a handle either (fanotify_mark(2), ENODEV, EXDEV, EOPNOTSUPP).
+//
+// Limits: at most `maxDirectories` directories, trees end at mount points, and a directory that is made or moved is
+// covered from the next Set on (within about a second): what happens in it before is not seen.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "host/filenotify/FanotifyEvents.h"
+#include "host/filenotify/FanotifyGroup.h"
+
+namespace Engine {
+
+class TreeMarks {
+public:
+    static constexpr std::size_t maxDirectories = 16384;
+
+    struct Tree {
+        std::string top;
+        bool recursive = true;  // false: the directory alone
+        std::uint64_t events = 0;
+        bool operator==(const Tree& other) const = default;
+    };
+
+    // The group outlives this.
+    explicit TreeMarks(const FanotifyGroup& group) : group(group) {}
+
+    // Makes `next` the marked trees. Walks them only when they differ from the trees before, or after DirectoryChanged.
+    // Returns the last walk's first error; what could be marked is.
+    std::error_code Set(std::vector<Tree> next);
+
+    // A directory was made, moved or deleted in `parent`: if that is one of these trees', the next Set walks again.
+    void DirectoryChanged(const DirectoryHandle& parent) { outdated = outdated || PathOf(parent) != nullptr; }
+
+    // The path at the last walk; null: not a directory of these trees.
+    const std::string* PathOf(const DirectoryHandle& directory) const;
+
+private:
+    struct Key {
+        std::int32_t type = 0;
+        std::string bytes;
+        auto operator<=>(const Key& other) const = default;
+    };
+
+    std::error_code Walk(const Tree& tree);
+    std::error_code MarkOne(const std::string& directory, std::uint64_t events);
+
+    const FanotifyGroup& group;
+    std::vector<Tree> trees;
+    std::map<Key, std::string> paths;
+    std::error_code failure;
+    bool outdated = false;
+};
+
+}  // namespace Engine
