@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/EventBatch.h"
+
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "host/ftrace/Log.h"
+#include "host/sdk/TraceTime.h"
+#include "messages/FtraceMessages.h"
+
+namespace Engine {
+namespace {
+
+// Batches go from the trace task to a subscriber's thread, and their memory comes back from there.
+class Store {
+public:
+    // Never destroyed: batches may wait in queues until the process ends.
+    static Store& Instance()
+    {
+        static Store& store = *new Store;
+        return store;
+    }
+
+    void* Take(std::size_t size)
+    {
+        {
+            const std::lock_guard lock{mutex};
+            if (!spare.empty()) {
+                void* memory = spare.back();
+                spare.pop_back();
+                return memory;
+            }
+        }
+        return ::operator new(size);
+    }
+
+    void Return(void* memory) noexcept
+    {
+        {
+            const std::lock_guard lock{mutex};
+            if (spare.size() < maxSpare) {
+                spare.push_back(memory);
+                return;
+            }
+        }
+        ::operator delete(memory);
+    }
+
+private:
+    // 4 MiB stay after a storm.
+    static constexpr std::size_t maxSpare = 64;
+
+    Store() { spare.reserve(maxSpare); }
+
+    std::mutex mutex;
+    std::vector<void*> spare;
+};
+
+}  // namespace
+
+void* EventBatch::operator new(std::size_t size)
+{
+    return Store::Instance().Take(size);
+}
+
+void EventBatch::operator delete(void* memory) noexcept
+{
+    Store::Instance().Return(memory);
+}
+
+bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when)
+{
+    const std::size_t stride = Stride(size);
+    if (count == maxEvents || stride > events.size() - used) {
+        return false;
+    }
+    const Entry entry{&kind, when, size};
+    std::byte* to = events.data() + used;
+    std::memcpy(to, &entry, sizeof entry);
+    std::memcpy(to + sizeof entry, record, size);
+    used += stride;
+    ++count;
+    return true;
+}
+
+int EventBatch::MessageHandle(void* target)
+{
+    auto* receiver =
+        target == nullptr
+            ? nullptr
+            : dynamic_cast<AbstractMessage<FtraceMessage>::Receiver*>(static_cast<Framework::Task*>(target));
+    if (receiver == nullptr) {
+        return -1;
+    }
+    unsigned long failures = 0;
+    SDK::TraceTime::Scope time;
+    for (std::size_t at = 0; at < used;) {
+        Entry entry;
+        std::memcpy(&entry, events.data() + at, sizeof entry);
+        const std::byte* record = events.data() + at + sizeof entry;
+        const std::chrono::nanoseconds when{entry.when};
+        time.MoveTo(when);
+        try {
+            receiver->Receive({*entry.kind, record, entry.size, when});
+        } catch (...) {
+            ++failures;
+        }
+        at += Stride(entry.size);
+    }
+    if (failures != 0) {
+        LogWarning("the receiver of a trace batch failed on %lu of %lu events", failures, count);
+    }
+    return 0;
+}
+
+}  // namespace Engine

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// Many trace events as one message.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "framework/Message.h"
+
+namespace Engine {
+
+class EventKind;
+
+// Filled by the trace task, then sent, then read by the receiver: never by two threads at once. Holds copies of its
+// records; of the kinds only pointers, which `kinds` keeps valid. Made with `new`; the memory comes from a store of
+// used batches, so that in steady state nothing is allocated.
+class EventBatch final : public Framework::Message {
+public:
+    static constexpr unsigned long maxEvents = 512;
+    static constexpr std::size_t maxBytes = 64 * 1024UL;  // records, and 24 bytes for each
+
+    // `kinds`: owner of the kinds of all events that will be added.
+    explicit EventBatch(std::shared_ptr<const void> kinds) : kinds(std::move(kinds)) {}
+
+    // Copies an event. False when it does not fit any more. `when`: nanoseconds on the trace clock.
+    bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when);
+
+    // Hands every event to the target's Receiver of FtraceMessage, oldest first, each under its own time
+    // (SDK::TraceTime). What the receiver throws ends that event only; it is logged once for the batch. Returns 0, or
+    // -1 when the target takes no trace events.
+    int MessageHandle(void* target) override;
+
+    unsigned long EventCount() const override { return count; }
+
+    // Any thread.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory) noexcept;
+
+private:
+    struct Entry {
+        const EventKind* kind;
+        std::uint64_t when;
+        std::uint32_t size;  // of the record, which follows
+    };
+
+    // From one entry to the next: the record is padded so that the entry after it is aligned.
+    static std::size_t Stride(std::uint32_t size)
+    {
+        return (sizeof(Entry) + size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
+    }
+
+    std::shared_ptr<const void> kinds;
+    std::size_t used = 0;
+    unsigned long count = 0;
+    alignas(Entry) std::array<std::byte, maxBytes> events;  // not initialised: 64 KiB of zeros for each batch
+};
+
+}  // namespace Engine

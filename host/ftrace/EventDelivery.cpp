@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/EventDelivery.h"
+
+#include <chrono>
+#include <utility>
+
+#include "host/ftrace/Log.h"
+
+namespace Engine {
+
+namespace {
+
+// Carries a message that others hold too through an interface that takes ownership.
+class SharedMessage final : public Framework::Message {
+public:
+    explicit SharedMessage(std::shared_ptr<Framework::Message> inner) : inner(std::move(inner)) {}
+
+    int MessageHandle(void* target) override { return inner->MessageHandle(target); }
+    unsigned long EventCount() const override { return inner->EventCount(); }
+
+private:
+    std::shared_ptr<Framework::Message> inner;
+};
+
+}  // namespace
+
+EventDelivery::EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender)
+    : table(&table), kinds(std::move(kinds)), sender(std::move(sender))
+{
+}
+
+void EventDelivery::OnRecord(const RawRecord& record)
+{
+    ++sums.read;
+    if (record.afterLoss) {
+        ReportLoss();
+    }
+    for (const TraceRoute& route : table->RoutesOf(record.id)) {
+        Deliver(route, record);
+    }
+}
+
+void EventDelivery::Deliver(const TraceRoute& route, const RawRecord& record)
+{
+    if (observer != nullptr && !PassesObserver(route, record)) {
+        ++sums.notContainer;
+        return;
+    }
+    for (const TraceRoute::Subscriber& subscriber : route.subscribers) {
+        Append(*subscriber.target, route.event->kind, record);
+    }
+}
+
+bool EventDelivery::PassesObserver(const TraceRoute& route, const RawRecord& record)
+{
+    bool admitted = true;
+    const FtraceMessage event{route.event->kind, record.data, record.size, std::chrono::nanoseconds{record.when}};
+    Guarded([&] {
+        if (route.isObserved) {
+            observer->OnEvent(event, *this);
+        }
+        if (route.isSyscall && !route.subscribers.empty()) {
+            admitted = observer->AdmitsSyscall(static_cast<int>(event.get_number("common_pid")), event, *this);
+        }
+    });
+    return admitted;
+}
+
+void EventDelivery::Append(TraceTarget& target, const EventKind& kind, const RawRecord& record)
+{
+    if (target.batch != nullptr && target.batch->Add(kind, record.data, record.size, record.when)) {
+        return;
+    }
+    Send(target);
+    target.batch = std::make_unique<EventBatch>(kinds);
+    // An empty batch has room for every record that fits a page of up to 60 KiB; the kernel's have 4.
+    if (!target.batch->Add(kind, record.data, record.size, record.when)) {
+        ++sums.lostQueue;
+    }
+}
+
+void EventDelivery::Send(TraceTarget& target)
+{
+    if (target.batch == nullptr) {
+        return;
+    }
+    const unsigned long events = target.batch->EventCount();
+    target.refused = !sender(target.name, std::move(target.batch));
+    (target.refused ? sums.lostQueue : sums.delivered) += events;
+}
+
+void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message)
+{
+    if (TraceTarget* subscribed = table->Find(&target); subscribed != nullptr) {
+        Send(*subscribed);
+    }
+    sender(target.name(), std::make_unique<SharedMessage>(std::move(message)));
+}
+
+void EventDelivery::Flush()
+{
+    for (const auto& target : table->Targets()) {
+        Send(*target);
+    }
+}
+
+void EventDelivery::ReportRound(std::chrono::nanoseconds now)
+{
+    if (observer != nullptr) {
+        Guarded([&] { observer->OnRound(now, *this); });
+    }
+}
+
+void EventDelivery::ReportLoss()
+{
+    if (observer != nullptr) {
+        Guarded([&] { observer->OnLoss(*this); });
+    }
+}
+
+// Logged at the 1st, 2nd, 4th, 8th... time: it may happen for each event.
+template <class Call>
+void EventDelivery::Guarded(Call call)
+{
+    try {
+        call();
+    } catch (...) {
+        ++observerFailures;
+        if ((observerFailures & (observerFailures - 1)) == 0) {
+            LogWarning("the observer of trace events failed, going on (%llu times so far)",
+                       static_cast<unsigned long long>(observerFailures));
+        }
+    }
+}
+
+DeliverySums EventDelivery::TakeSums()
+{
+    return std::exchange(sums, {});
+}
+
+}  // namespace Engine

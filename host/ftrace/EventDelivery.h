@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+// What becomes of an event once it is its turn: the observer sees it, then its subscribers' batches take it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "host/ftrace/SubscriptionTable.h"
+#include "host/ftrace/TraceMerger.h"
+#include "host/ftrace/TraceObserver.h"
+
+namespace Engine {
+
+// Events since the last TakeSums.
+struct DeliverySums {
+    std::uint64_t read = 0;
+    std::uint64_t delivered = 0;     // counted once for each subscriber
+    std::uint64_t notContainer = 0;  // system calls that the observer did not admit
+    std::uint64_t lostQueue = 0;     // refused by a subscriber's queue; counted once for each subscriber
+};
+
+// Refers to the table. Thread: one at a time. What an observer throws is logged and ends that call only.
+class EventDelivery final : public RecordSink, public TraceSequencer {
+public:
+    // Takes a message to the task of that name. False when the task's queue is full or there is no such task.
+    using Sender = std::function<bool(const std::string& task, std::unique_ptr<Framework::Message> message)>;
+
+    // `kinds`: owner of the kinds of all events that the table will hold.
+    EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender);
+
+    void OnRecord(const RawRecord& record) override;
+    void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override;
+
+    // Sends the batches that have events. After each round.
+    void Flush();
+
+    // Not owned; null: none, and every system call is admitted.
+    void SetObserver(TraceObserver* next) { observer = next; }
+    TraceObserver* Observer() const { return observer; }
+
+    // Tell the observer, if there is one.
+    void ReportRound(std::chrono::nanoseconds now);
+    void ReportLoss();
+
+    DeliverySums TakeSums();
+
+private:
+    void Deliver(const TraceRoute& route, const RawRecord& record);
+    bool PassesObserver(const TraceRoute& route, const RawRecord& record);
+    void Append(TraceTarget& target, const EventKind& kind, const RawRecord& record);
+    void Send(TraceTarget& target);
+    template <class Call>
+    void Guarded(Call call);
+
+    const SubscriptionTable* table;
+    std::shared_ptr<const void> kinds;
+    Sender sender;
+    TraceObserver* observer = nullptr;
+    DeliverySums sums;
+    std::uint64_t observerFailures = 0;
+};
+
+}  // namespace Engine

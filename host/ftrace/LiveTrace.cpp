@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/LiveTrace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace Engine {
+namespace {
+
+// Pages of all CPUs together that one round takes at most: some thousand events, a few milliseconds, so that
+// subscriptions are served and batches leave under a storm too.
+constexpr std::size_t pagesPerRound = 512;
+constexpr std::size_t fewestPages = 4;
+constexpr std::size_t mostPages = 64;
+
+}  // namespace
+
+LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb) : instance(name, bufferKb)
+{
+    const std::vector<int> cpus = instance.Cpus();
+    const std::size_t pageBytes = instance.PageBytes();
+    const std::size_t maxPages =
+        std::clamp(pagesPerRound / std::max<std::size_t>(cpus.size(), 1), fewestPages, mostPages);
+    std::vector<std::unique_ptr<CpuStream>> streams;
+    for (const int cpu : cpus) {
+        auto pipe = std::make_unique<RawPipe>(instance, cpu);
+        if (!pipe->Valid()) {
+            throw std::system_error{errno, std::generic_category(),
+                                    "cannot read the trace of CPU " + std::to_string(cpu) + " in " + name};
+        }
+        pipes.push_back(pipe.get());
+        streams.push_back(std::make_unique<CpuStream>(std::move(pipe), pageBytes, maxPages));
+    }
+    merger = std::make_unique<TraceMerger>(std::move(streams));
+    // The catalogue outlives this object in batches that are under way, but is asked through this object only.
+    catalog = std::make_shared<EventCatalog>(
+        [this](const std::string& system, const std::string& event) { return instance.Format(system, event); });
+}
+
+int LiveTrace::Record(const KnownEvent& event)
+{
+    const std::string& system = event.kind.System();
+    if (event.IsSyscall() && ownThread != 0) {
+        // Without the filter the event is still worth having.
+        instance.SetFilter(system, event.kernelEvent, "common_pid != " + std::to_string(ownThread));
+    }
+    return instance.SetEvent(system, event.kernelEvent, true) ? 0 : errno;
+}
+
+int LiveTrace::Stop(const KnownEvent& event)
+{
+    return instance.SetEvent(event.kind.System(), event.kernelEvent, false) ? 0 : errno;
+}
+
+KernelLoss LiveTrace::TakeLoss()
+{
+    KernelLoss sum;
+    for (RawPipe* pipe : pipes) {
+        const KernelLoss loss = pipe->TakeLoss();
+        sum.overrun += loss.overrun;
+        sum.dropped += loss.dropped;
+    }
+    return sum;
+}
+
+}  // namespace Engine

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/LossReport.h"
+
+#include "host/ftrace/Log.h"
+#include "host/sdk/Config.h"
+#include "host/sdk/Counters.h"
+
+namespace Engine {
+namespace {
+
+using SDK::Counters;
+using Count = unsigned long long;
+
+void Increase(Counters::Counter& counter, std::uint64_t by)
+{
+    if (by != 0) {
+        counter.fetch_add(by, std::memory_order_relaxed);
+    }
+}
+
+}  // namespace
+
+void LossReport::Add(const DeliverySums& sums)
+{
+    static Counters::Counter& read = Counters::Get(SDK::CounterName::traceRead);
+    static Counters::Counter& delivered = Counters::Get(SDK::CounterName::traceDelivered);
+    static Counters::Counter& notContainer = Counters::Get(SDK::CounterName::traceNotContainer);
+    static Counters::Counter& lostQueue = Counters::Get(SDK::CounterName::traceLostQueue);
+    Increase(read, sums.read);
+    Increase(delivered, sums.delivered);
+    Increase(notContainer, sums.notContainer);
+    Increase(lostQueue, sums.lostQueue);
+    inQueues += sums.lostQueue;
+}
+
+void LossReport::Add(const KernelLoss& loss)
+{
+    static Counters::Counter& overrun = Counters::Get(SDK::CounterName::traceLostOverrun);
+    static Counters::Counter& dropped = Counters::Get(SDK::CounterName::traceLostDropped);
+    Increase(overrun, loss.overrun);
+    Increase(dropped, loss.dropped);
+    inKernel += loss.overrun + loss.dropped;
+}
+
+void LossReport::AddLate(std::uint64_t events)
+{
+    static Counters::Counter& late = Counters::Get(SDK::CounterName::traceLate);
+    Increase(late, events);
+}
+
+void LossReport::AddLostPages(std::uint64_t pages)
+{
+    static Counters::Counter& lostPages = Counters::Get(SDK::CounterName::traceLostPages);
+    Increase(lostPages, pages);
+}
+
+bool LossReport::Report(Clock::time_point now)
+{
+    if (now < quietUntil || (inKernel == 0 && inQueues == 0)) {
+        return false;
+    }
+    if (inKernel != 0) {
+        LogWarning(
+            "%llu trace events were lost in the kernel's buffer, detection may have missed something: make %s larger",
+            static_cast<Count>(inKernel), SDK::Config::traceBufferKb);
+    }
+    if (inQueues != 0) {
+        LogWarning(
+            "%llu trace events were refused by a subscriber's full queue, detection may have missed something: "
+            "it is too slow for what it watches; watch fewer system calls or raise its share of the CPU (%s)",
+            static_cast<Count>(inQueues), SDK::Config::cpuShare);
+    }
+    inKernel = 0;
+    inQueues = 0;
+    quietUntil = now + pause;
+    return true;
+}
+
+}  // namespace Engine

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/RawPipe.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+
+#include "host/ftrace/TracefsInstance.h"
+
+namespace Engine {
+namespace {
+
+// The number after `key` at the start of a line ("overrun: 12"); 0 when there is no such line.
+std::uint64_t NumberAfter(std::string_view text, std::string_view key)
+{
+    for (std::size_t at = text.find(key); at != std::string_view::npos; at = text.find(key, at + 1)) {
+        if (at != 0 && text[at - 1] != '\n') {
+            continue;
+        }
+        const std::string_view value = text.substr(at + key.size());
+        std::uint64_t number = 0;
+        std::from_chars(value.data(), value.data() + value.size(), number);
+        return number;
+    }
+    return 0;
+}
+
+}  // namespace
+
+KernelLoss KernelLoss::Parse(std::string_view stats)
+{
+    return {NumberAfter(stats, "overrun: "),
+            NumberAfter(stats, "dropped events: ") + NumberAfter(stats, "commit overrun: ")};
+}
+
+RawPipe::RawPipe(const TracefsInstance& instance, int cpu)
+    : pipe(instance.OpenCpuFile(cpu, "trace_pipe_raw", O_RDONLY | O_NONBLOCK)),
+      stats(instance.OpenCpuFile(cpu, "stats", O_RDONLY))
+{
+}
+
+std::size_t RawPipe::ReadPage(std::span<std::byte> page)
+{
+    for (;;) {
+        const ssize_t count = ::read(pipe.Get(), page.data(), page.size());
+        if (count >= 0) {
+            return static_cast<std::size_t>(count);
+        }
+        if (errno != EINTR) {
+            return 0;
+        }
+    }
+}
+
+// The kernel makes the text at a read from offset 0 (tracing_stats_read, kernel/trace/trace.c), so one descriptor
+// serves for good.
+KernelLoss RawPipe::TakeLoss()
+{
+    std::array<char, 1024> text{};
+    const ssize_t count = ::pread(stats.Get(), text.data(), text.size(), 0);
+    if (count <= 0) {
+        return {};
+    }
+    const KernelLoss now = KernelLoss::Parse({text.data(), static_cast<std::size_t>(count)});
+    const KernelLoss fresh{now.overrun - seen.overrun, now.dropped - seen.dropped};
+    seen = now;
+    return fresh;
+}
+
+}  // namespace Engine

@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/TraceTask.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Util/Application.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+#include "framework/Engine.h"
+#include "host/ftrace/Log.h"
+
+namespace Engine {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr unsigned int queueCapacity = 1024;
+constexpr int maxMessages = 1024;
+constexpr int maxReady = 128;
+
+// Observers are told of a round at least ten times a second.
+constexpr int idleWaitMs = 90;
+
+// Under load the buffers are never empty. Rounds at this distance take many events at once instead of a few with the
+// same number of system calls; the first event after a pause is read at once.
+constexpr milliseconds roundDistance{1};
+
+// How often the kernel's statistics are read.
+constexpr milliseconds lookDistance{1000};
+
+std::uint64_t Nanoseconds(std::chrono::steady_clock::time_point when)
+{
+    return static_cast<std::uint64_t>(std::chrono::nanoseconds{when.time_since_epoch()}.count());
+}
+
+Framework::Task* FindTask(const std::string& name)
+{
+    try {
+        auto* engine = dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance());
+        return engine != nullptr ? engine->FindTask(name) : nullptr;
+    } catch (const Poco::Exception&) {
+        return nullptr;  // there is no application
+    }
+}
+
+}  // namespace
+
+TraceTask::TraceTask(std::unique_ptr<LiveTrace> liveTrace)
+    : FtraceTask("ftrace_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
+      trace(std::move(liveTrace)),
+      delivery(table, trace->Catalog(),
+               // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
+               // framework looks a name up and queues the message under one lock.
+               [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
+                   return SendDirectMsg(task, message.release()) == 0;
+               })
+{
+}
+
+TraceTask::~TraceTask() = default;
+
+int TraceTask::Init()
+{
+    {
+        const std::lock_guard lock{mutex};
+        trace->LeaveOutThread(::gettid());
+        for (const KnownEvent* event : table.InUse()) {
+            trace->Record(*event);
+        }
+    }
+    WatchDescriptors();
+    return FtraceTask::Init();
+}
+
+int TraceTask::UnInit()
+{
+    IgnoreDescriptors();
+    const std::lock_guard lock{mutex};
+    trace->StopAll();
+    trace->Merger().Drain(delivery);
+    delivery.ReportRound(Clock::now().time_since_epoch());
+    delivery.Flush();
+    LookAfterLosses(Clock::now());
+    Publish();
+    return FtraceTask::UnInit();
+}
+
+int TraceTask::Run()
+{
+    Waiter().WaitAndHandleEvent(WaitMs(), maxReady);
+    Pace();
+    // Descriptors may be ready all the time: messages are served in every pass, whatever the wait returned.
+    BulkConsumeMsg(maxMessages);
+    const std::lock_guard lock{mutex};
+    Round();
+    return 0;
+}
+
+void TraceTask::Round()
+{
+    lastRound = Clock::now();
+    const std::uint64_t observed = trace->Merger().Round(Nanoseconds(lastRound), delivery);
+    delivery.ReportRound(std::chrono::nanoseconds{observed});
+    delivery.Flush();
+    ForgetTheDead();
+    if (lastRound - lastLook >= lookDistance) {
+        lastLook = lastRound;
+        LookAfterLosses(lastRound);
+        WatchDescriptors();
+    }
+    Publish();
+}
+
+// A subscriber that refused its events because it is no more, or another task of that name took its place.
+void TraceTask::ForgetTheDead()
+{
+    std::vector<const Framework::Task*> dead;
+    for (const auto& target : table.Targets()) {
+        if (target->refused && FindTask(target->name) != target->task) {
+            dead.push_back(target->task);
+        }
+    }
+    for (const Framework::Task* task : dead) {
+        StopUnused(table.Forget(task));
+    }
+}
+
+// What is dropped when it is written leaves no mark in a page; only the statistics tell.
+void TraceTask::LookAfterLosses(Clock::time_point now)
+{
+    const KernelLoss loss = trace->TakeLoss();
+    losses.Add(loss);
+    if (loss.dropped != 0) {
+        delivery.ReportLoss();
+    }
+    losses.Report(now);
+}
+
+void TraceTask::Publish()
+{
+    losses.Add(delivery.TakeSums());
+    losses.AddLate(trace->Merger().TakeLate());
+    losses.AddLostPages(trace->Merger().TakeLostPages());
+}
+
+int TraceTask::WaitMs() const
+{
+    return trace->Merger().Holding() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
+}
+
+void TraceTask::Pace()
+{
+    const Clock::duration since = Clock::now() - lastRound;
+    if (since < roundDistance && !trace->Merger().IsBehind()) {
+        std::this_thread::sleep_for(roundDistance - since);
+    }
+}
+
+void TraceTask::WatchDescriptors()
+{
+    for (RawPipe* pipe : trace->Pipes()) {
+        if (watched.contains(pipe)) {
+            continue;
+        }
+        if (Waiter().Add(pipe->Descriptor(), EPOLLIN, [this, pipe](std::uint32_t events) { OnReady(pipe, events); })) {
+            watched.insert(pipe);
+        }
+    }
+}
+
+void TraceTask::IgnoreDescriptors()
+{
+    for (const RawPipe* pipe : watched) {
+        Waiter().Remove(pipe->Descriptor());
+    }
+    watched.clear();
+}
+
+// That something can be read is all a round needs to know. The buffer of a CPU that is not there reports an error all
+// the time (ring_buffer_poll_wait, kernel/trace/ring_buffer.c); it is left alone until the next look.
+void TraceTask::OnReady(RawPipe* pipe, std::uint32_t events)
+{
+    if ((events & EPOLLIN) == 0 && watched.erase(pipe) != 0) {
+        Waiter().Remove(pipe->Descriptor());
+    }
+}
+
+int TraceTask::Receive(const FtraceWatchMessage& message)
+{
+    if (message.requester == nullptr) {
+        return EINVAL;
+    }
+    const std::lock_guard lock{mutex};
+    const KnownEvent* event = trace->Catalog()->Find(message.system, message.event);
+    if (event == nullptr) {
+        return ENOENT;
+    }
+    if (message.unwatch) {
+        Unwatch(message, *event);
+        return 0;
+    }
+    return Watch(message, *event);
+}
+
+int TraceTask::Watch(const FtraceWatchMessage& message, const KnownEvent& event)
+{
+    if (!table.Add(*message.requester, event)) {
+        return 0;
+    }
+    const int error = trace->Record(event);
+    if (error != 0) {
+        table.Remove(*message.requester, event);
+    }
+    return error;
+}
+
+void TraceTask::Unwatch(const FtraceWatchMessage& message, const KnownEvent& event)
+{
+    if (table.Remove(*message.requester, event)) {
+        StopUnused({&event});
+    }
+}
+
+void TraceTask::StopUnused(const std::vector<const KnownEvent*>& events)
+{
+    for (const KnownEvent* event : events) {
+        if (const int error = trace->Stop(*event); error != 0) {
+            LogWarning("the kernel goes on recording %s, which nobody wants any more: errno %d",
+                       event->kind.Name().c_str(), error);
+        }
+    }
+}
+
+bool TraceTask::AddObserver(TraceObserver& observer)
+{
+    const auto wanted = observer.ObservedEvents();
+    const std::lock_guard lock{mutex};
+    if (delivery.Observer() != nullptr) {
+        return false;
+    }
+    for (const auto& [system, name] : wanted) {
+        const KnownEvent* event = trace->Catalog()->Find(system, name);
+        if (event == nullptr || (table.Observe(*event) && trace->Record(*event) != 0)) {
+            LogWarning("the kernel does not trace %s:%s, going on without it", system.c_str(), name.c_str());
+        }
+    }
+    delivery.SetObserver(&observer);
+    return true;
+}
+
+void TraceTask::RemoveObserver(TraceObserver& observer)
+{
+    const std::lock_guard lock{mutex};
+    if (delivery.Observer() == &observer) {
+        delivery.SetObserver(nullptr);
+        StopUnused(table.StopObserving());
+    }
+}
+
+void TraceTask::RequestRound()
+{
+    Waiter().Wake();
+}
+
+}  // namespace Engine

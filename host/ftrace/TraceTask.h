@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// The task "ftrace_task": reads the kernel's trace and delivers its events.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "host/ftrace/EventDelivery.h"
+#include "host/ftrace/LiveTrace.h"
+#include "host/ftrace/LossReport.h"
+#include "host/ftrace/SubscriptionTable.h"
+#include "host/ftrace/TraceObserver.h"
+#include "messages/FtraceMessages.h"
+
+namespace Engine {
+
+// Owner: the module. Subscriptions and observers may come before the thread runs; they are kept when it is stopped and
+// started again. One mutex guards everything but the waiter: the thread holds it while it reads, for milliseconds, and
+// never while it waits.
+class TraceTask final : public FtraceTask, public TraceObservable {
+public:
+    explicit TraceTask(std::unique_ptr<LiveTrace> trace);
+    ~TraceTask() override;
+
+    int Init() override;
+
+    // Stops all recording and delivers and counts what the buffers still hold.
+    int UnInit() override;
+
+    // One pass: waits for an event, a message or the time of the next report, serves the messages, reads one round.
+    int Run() override;
+
+    // 0, or an errno: ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal.
+    int Receive(const FtraceWatchMessage& message) override;
+
+    bool AddObserver(TraceObserver& observer) override;
+    void RemoveObserver(TraceObserver& observer) override;
+    void RequestRound() override;
+
+private:
+    using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events
+
+    int Watch(const FtraceWatchMessage& message, const KnownEvent& event);
+    void Unwatch(const FtraceWatchMessage& message, const KnownEvent& event);
+    void StopUnused(const std::vector<const KnownEvent*>& events);
+    void WatchDescriptors();
+    void IgnoreDescriptors();
+    void OnReady(RawPipe* pipe, std::uint32_t events);
+    int WaitMs() const;
+    void Pace();
+    void Round();
+    void ForgetTheDead();
+    void LookAfterLosses(Clock::time_point now);
+    void Publish();
+
+    std::unique_ptr<LiveTrace> trace;
+    std::mutex mutex;
+    SubscriptionTable table;
+    EventDelivery delivery;
+    LossReport losses;
+    std::set<RawPipe*> watched;  // by the waiter; task's thread only
+    Clock::time_point lastRound;
+    Clock::time_point lastLook;
+};
+
+}  // namespace Engine

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// The agent's own instance of the kernel's trace buffers: made by the constructor, gone after every kind of stop.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/sdk/FileDescriptor.h"
+
+struct tracefs_instance;
+
+namespace Engine {
+
+// Owner: the trace task. Whatever was opened in the instance must be closed before the destructor, or the instance
+// stays until the next start. Thread: one at a time. Only the constructor throws.
+class TracefsInstance {
+public:
+    static constexpr const char* namePrefix = "containerescape-agent-";
+
+    // Where records go when the buffer is full. Overwrite: the oldest are lost. The kernel then says in the pages at
+    // which place of the stream records are missing, and what is read is recent, so a flood cannot keep the events of
+    // what it covers out of the buffer.
+    static constexpr const char* fullMode = "1";
+
+    // `name`: usually OwnName(). `bufferKb`: KiB for each CPU. Throws std::system_error, the text says what to do.
+    TracefsInstance(const std::string& name, std::size_t bufferKb);
+    TracefsInstance(const TracefsInstance&) = delete;
+    TracefsInstance& operator=(const TracefsInstance&) = delete;
+    ~TracefsInstance();
+
+    // The prefix and this process's id.
+    static std::string OwnName();
+
+    // Removes the instances of agents that have gone: named after a process that is none, or another program's by now
+    // (/proc/<pid>/comm differs from our own), or after this one. A live agent holds files of its instance open, so
+    // the kernel keeps it even if this check is wrong, as it is for an agent of another pid namespace. Returns how
+    // many were removed.
+    static std::size_t RemoveLeftovers();
+
+    // KiB for each CPU where nothing is set: enough for 0.1 s of a million system calls per second, but all CPUs
+    // together take no more than `totalKb`, because the kernel's memory for it cannot be swapped out.
+    static std::size_t DefaultBufferKb(std::size_t cpus);
+
+    // CPUs that the kernel has buffers for, ascending.
+    std::vector<int> Cpus() const;
+
+    // A file of one CPU ("trace_pipe_raw", "stats"). errno says why there is none.
+    SDK::FileDescriptor OpenCpuFile(int cpu, const char* file, int flags) const;
+
+    // Starts or stops the recording of one event in this instance. False with errno.
+    bool SetEvent(const std::string& system, const std::string& event, bool recorded) const;
+
+    // The event's filter in the kernel's own language, "0" for none. False with errno.
+    bool SetFilter(const std::string& system, const std::string& event, const std::string& filter) const;
+
+    // Stops the recording of all events. Records made before stay readable.
+    void StopEvents() const;
+
+    // The text of an event's format file; empty when there is no such event.
+    std::optional<std::string> Format(const std::string& system, const std::string& event) const;
+
+    // Bytes that one read of trace_pipe_raw gives at most.
+    std::size_t PageBytes() const;
+
+    const std::string& Name() const { return name; }
+
+private:
+    void Write(const char* file, const std::string& text) const;
+    void Configure(std::size_t bufferKb);
+
+    std::string name;
+    tracefs_instance* handle = nullptr;
+    SDK::FileDescriptor freeBuffer;
+};
+
+}  // namespace Engine
