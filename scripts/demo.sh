@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Shows one alarm without a container engine: starts the agent, makes a control group that looks like a container's,
+# and lets a process in it make a listed system call.
+#   demo.sh [BUILD_DIR]   default build/release
+# Ends with 0 when the alarm came, 1 when it did not within 30 s, 77 when this machine cannot run it. Mounts tracefs
+# where it is not mounted, and leaves it so: somebody else may use it by then.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${1:-build/release}
+agent=$build/bin/containerescape-agent
+patience=30
+
+cannot() { echo "demo.sh: $*" >&2; exit 77; }
+[ "$(id -u)" = 0 ] || cannot "run this as root: it reads the kernel's trace events."
+[ -x "$agent" ] || { echo "demo.sh: no agent at $agent: build it first." >&2; exit 1; }
+[ -e /sys/kernel/tracing/instances ] || mount -t tracefs nodev /sys/kernel/tracing ||
+    cannot "this kernel has no tracefs."
+
+# The first hierarchy that takes processes: version 2 before version 1, never one that needs settings first (cpuset).
+hierarchy=$(awk '$3 == "cgroup2" { print 1, $2 } $3 == "cgroup" && $4 !~ /cpuset/ { print 2, $2 }' /proc/mounts |
+    sort -n | while read -r _ dir; do [ ! -w "$dir" ] || { echo "$dir"; break; }; done)
+[ -n "$hierarchy" ] || cannot "no control group hierarchy that can be written to."
+
+work=$(mktemp -d)
+id=$(od -An -N32 -tx1 /dev/urandom | tr -d ' \n')
+parent=$hierarchy/docker
+made_parent=
+agent_pid=
+reader_pid=
+
+# shellcheck disable=SC2317  # the trap calls it
+clean_up() {
+    if [ -n "$agent_pid" ]; then kill "$agent_pid" 2>/dev/null || true; wait "$agent_pid" || true; fi
+    if [ -n "$reader_pid" ]; then kill "$reader_pid" 2>/dev/null || true; fi
+    rmdir "$parent/$id" 2>/dev/null || true
+    [ -z "$made_parent" ] || rmdir "$parent" 2>/dev/null || true
+    rm -rf "$work"
+}
+trap clean_up EXIT
+
+if [ ! -d "$parent" ]; then mkdir "$parent"; made_parent=1; fi
+mkdir "$parent/$id"
+
+cat >"$work/policy.json" <<'POLICY'
+{"content": {"image_white_namelist": [],
+             "container_escape_detect_task": {"highrisk_calls": ["unshare", "setns", "mount", "ptrace",
+                                                                 "open_by_handle_at", "pivot_root", "bind"],
+                                              "host_directorys": []}}}
+POLICY
+
+mkfifo "$work/log" "$work/alarms"
+"$agent" run --policy "$work/policy.json" --docker-socket "$work/no-engine.sock" >"$work/alarms" 2>"$work/log" &
+agent_pid=$!
+exec 3<"$work/alarms" 4<"$work/log"
+
+# Shows the agent's log until it says that it is ready, then the rest beside the alarm.
+is_ready=
+while read -r -t "$patience" -u 4 line; do
+    echo "  $line"
+    case $line in "containerescape-agent: ready"*) is_ready=1; break ;; esac
+done
+[ -n "$is_ready" ] || { echo "demo.sh: the agent did not get ready." >&2; exit 1; }
+sed -u 's/^/  /' <&4 &
+reader_pid=$!
+
+echo
+echo "A process in the control group docker/${id:0:12}... calls unshare(2):"
+# The shell moves itself; what it then executes is the container's first program.
+sh -c 'echo $$ >"$1/cgroup.procs"; exec unshare --mount true' sh "$parent/$id"
+
+until read -r -t "$patience" -u 3 alarm; do
+    echo "demo.sh: no alarm within $patience seconds." >&2
+    exit 1
+done
+echo "Alarm:"
+if command -v jq >/dev/null; then jq . <<<"$alarm"; else echo "$alarm"; fi
+case $alarm in
+    *'"sys_call"'*unshare*"$id"* | *"$id"*'"sys_call"'*unshare*) ;;
+    *) echo "demo.sh: that is not the alarm of this call." >&2; exit 1 ;;
+esac
+echo
+kill "$agent_pid"
+wait "$agent_pid" && status=0 || status=$?
+agent_pid=
+wait "$reader_pid" || true
+reader_pid=
+[ "$status" = 0 ] || { echo "demo.sh: the agent ended with $status." >&2; exit 1; }
