@@ -23,7 +23,7 @@ std::unique_ptr<Json::CharReader> StrictReader()
     Json::CharReaderBuilder builder;
     Json::CharReaderBuilder::strictMode(&builder.settings_);
     builder["allowTrailingCommas"] = false;  // strictMode of this library version leaves it on
-    builder["stackLimit"] = maxDepth;
+    builder["stackLimit"] = maxDepth + 1;    // it counts the innermost value as a level
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 
@@ -136,7 +136,9 @@ int JsonUtils::ParseJsonStr(const char* text, std::size_t length, Json::Value& r
             root.swap(parsed);
             return 0;
         }
-    } catch (const std::exception& failure) {  // nested too deeply
+    } catch (const Json::Exception&) {  // thrown for this alone; other errors are reported
+        error = "nested more than " + std::to_string(maxDepth) + " levels deep";
+    } catch (const std::exception& failure) {
         error = failure.what();
     }
     root = Json::Value();

@@ -33,7 +33,7 @@ std::string FormatRecord(const Poco::Message& record)
     line += ' ';
     line += NameOf(record.getPriority());
     line += ' ';
-    SafeText::AppendEscaped(line, record.getSource());
+    SafeText::AppendEscaped(line, record.getSource().empty() ? "root" : record.getSource());
     line += ": ";
     SafeText::AppendEscaped(line, record.getText());
     if (record.getSourceFile() != nullptr) {
