@@ -27,7 +27,7 @@ public:
     // The rest is the program's side of the framework, called from its main thread only.
 
     // Takes over a module, runs its Init and starts those of its tasks that wait for no policy. False, with a log line,
-    // when Init fails; the module is kept until Stop all the same.
+    // when Init fails; the module is kept until Stop all the same, its tasks are forgotten.
     bool AddModule(std::unique_ptr<Module> module);
 
     // Loads a shared library and adds the module that its CreateModule returns. False, with `error` filled, when there

@@ -23,12 +23,16 @@ public:
     // before it is closed. Returns false, with errno set, when epoll refuses it. Thread: the waiting thread, or any
     // while nobody waits.
     bool Add(int fd, std::uint32_t events, Handler handler);
+
+    // No harm for a descriptor that is not watched. Handlers may remove descriptors, their own included.
     void Remove(int fd);
 
     // Waits until a watched descriptor is ready, the task's queue is fed, or `timeoutMs` milliseconds have passed, and
     // runs the handlers of at most `batch` ready descriptors. Returns how many handlers ran; -1 when there was no
     // descriptor event of the task's own to report, that is, the time is up or only the queue was fed: the task then
-    // has its queue to look after.
+    // has its queue to look after. After a wait that ran handlers a fed queue has its turn, -1 at once, so that busy
+    // descriptors cannot starve it. A negative `timeoutMs` waits without limit. What a handler throws comes out here;
+    // the other ready descriptors then have their turn at the next wait.
     int WaitAndHandleEvent(int timeoutMs, int batch);
 
     // Wakes the waiting thread. Any thread. Costs a system call only while that thread sleeps.

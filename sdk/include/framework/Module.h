@@ -27,11 +27,13 @@ public:
     void RegisterPolicyCallback(const std::string& policyId, AbstractPolicyCallback* callback);
 
     // Makes the task known under its name; the framework starts it when its feature has a policy, at once if it has no
-    // feature. `owned`: whether the framework deletes it. 0, or -1 when the name is taken.
+    // feature; inside Init only after that has succeeded. `owned`: whether the framework deletes it. 0, or -1 when the
+    // name is taken; the task then stays the caller's.
     int RegisterTask(Task* task, bool owned);
 
     // Stops the task's thread, waits for its UnInit and forgets the task. Accepts names that were never registered.
-    // 0, or -1 when there was no such task.
+    // 0, or -1 when there was no such task. On the task's own thread there can be no waiting: the name is free at once,
+    // the thread ends after the current call of Run, and only then may a task that the module owns be deleted.
     int UnRegisterTask(const std::string& taskName);
 
     // The task registered under that name by any module, null if there is none. Not owned.

@@ -2,7 +2,8 @@
 // A task: one named thread of the agent with a message queue of its own.
 //
 // The thread runs Init, then Run until the task is cancelled, then UnInit, and every message is handled on it.
-// A Run that returns non-zero is not repeated at once but after a short pause; nothing else is read into the result.
+// A Run that returns non-zero or throws is not repeated at once but after a short pause of 100 ms; nothing else is read
+// into the result.
 #pragma once
 
 #include <Poco/Task.h>
@@ -21,7 +22,10 @@ class Engine;
 
 struct TaskCondition {
     enum TaskType : int {
-        Periodic = 0,   // Run every TaskPolicy::periodSeconds, first after firstDelaySeconds
+        // Run every TaskPolicy::periodSeconds, first after firstDelaySeconds; never while there is no task policy or
+        // its
+        // period is 0. Messages are handled between the runs, which therefore need not wait or consume.
+        Periodic = 0,
         EventLoop = 4,  // Run again at once; Run itself waits on the event waiter
     };
 };
@@ -61,17 +65,22 @@ public:
          unsigned int queueCapacity);
     ~Task() override;
 
-    // The thread's body: Init, Run until cancelled, UnInit. Exceptions end here, logged.
+    // Asks the thread to end. A wait of its own for the waiter or for a synchronous send ends at once. Any thread.
     void cancel() override;
+
+    // The thread's body: Init, Run until cancelled, UnInit. Exceptions end here, logged.
     void runTask() override;
 
-    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same.
+    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same and may still consume
+    // messages, for example to write out what is queued. What is left in the queue after it is dropped and counted as
+    // lost. The default Run of an event loop waits and handles messages.
     virtual int Init();
     virtual int UnInit();
     virtual int Run();
 
-    // Queues a message for this task and wakes its thread. Any thread. 0: queued; -1: the queue is full or the task has
-    // stopped taking messages, the loss is counted and the caller still holds the message.
+    // Queues a message for this task and wakes its thread. Any thread. 0: queued; -1: the queue is full, or the task
+    // has stopped or waits for its policy; the loss is counted. `message` itself stays as it was, so it can be queued
+    // for several tasks. Overrides do not look tasks up or send: a send by name holds the lock on the names.
     virtual int EnqueueMsg(std::shared_ptr<Message>& message);
 
     // Sees each message before its MessageHandle; non-zero keeps the message from being handled. Returns 0.
@@ -81,7 +90,7 @@ public:
     virtual int HandleMsg(const Message* message);
 
     // Handles at most `max` queued messages on the calling thread, which must be the task's. Returns how many.
-    // What a handler throws is logged and ends that message only.
+    // What a handler throws is logged and ends that message only. Stops early when the task is cancelled.
     int BulkConsumeMsg(int max);
 
     // The four send operations take ownership of `message` in every case.
@@ -91,7 +100,9 @@ public:
     // The same, and waits at most `timeoutMs` milliseconds until the receiver has handled it. `mode` 2 asks for the
     // receiver's result, any other value only for delivery. Returns 0 when the receiver returned 0, its non-zero result
     // if it had one, -1 when there is no such task, its queue is full or the time is up. `reply` is emptied: no message
-    // of this agent answers with a text. A task that sends to itself gets the message handled at once.
+    // of this agent answers with a text. A task that sends to itself gets the message handled at once. A message whose
+    // sender has been told -1 before the receiver came to it is not handled any more. -1 also when the receiver's
+    // handler threw or the sending task was cancelled meanwhile.
     int SyncSendDirectMsg(const std::string& taskName, Message* message, std::string& reply, long timeoutMs, int mode);
 
     // Queues it for `target` without looking a name up. Mind the sense: non-zero when accepted, 0 when refused.
@@ -109,7 +120,7 @@ public:
     const std::string& FeatureName() const;
     TaskCondition::TaskType Type() const;
 
-    // Events that were refused because the queue was full, since construction.
+    // Events that were refused by the queue, or still in it when the task had stopped, since construction.
     unsigned long LostEvents() const;
 
 protected:

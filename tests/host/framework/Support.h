@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the cases of this folder share. Every wait has a condition; the limit only turns a hang into a failure.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "framework/Engine.h"
+
+namespace FrameworkTest {
+
+using Framework::TaskCondition;
+
+// Far above what a loaded machine needs, and below `foreverMs`, which a sleep without wake-up would last.
+inline constexpr std::chrono::seconds limit{20};
+inline constexpr int foreverMs = 120'000;
+
+// Lines that threads write and a case waits for.
+class Journal {
+public:
+    void Add(const std::string& line)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(line);
+        changed.notify_all();
+    }
+
+    // The lines once there are `count` of them, or fewer at the limit.
+    std::vector<std::string> WaitFor(std::size_t count)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, limit, [&] { return lines.size() >= count; });
+        return lines;
+    }
+
+    std::vector<std::string> Lines() { return WaitFor(0); }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> lines;
+};
+
+// Runs a function on the receiving task's thread.
+class CallMessage : public Framework::Message {
+public:
+    explicit CallMessage(std::function<int()> call, unsigned long events = 1) : call(std::move(call)), events(events) {}
+    int MessageHandle(void* /*target*/) override { return call(); }
+    unsigned long EventCount() const override { return events; }
+
+private:
+    std::function<int()> call;
+    unsigned long events;
+};
+
+inline Framework::Message* Call(std::function<int()> call)
+{
+    return new CallMessage(std::move(call));
+}
+
+// Writes what happens to it into a journal. Waits without end: only a wake-up brings it on.
+class JournalTask : public Framework::Task {
+public:
+    JournalTask(const std::string& name, Journal& journal, const std::string& feature = "",
+                TaskCondition::TaskType type = TaskCondition::EventLoop)
+        : Task(name, feature, type, 64), journal(journal)
+    {
+    }
+
+    int Init() override
+    {
+        const Framework::Policy* feature = featurePolicy.Get();
+        const Framework::Policy* own = taskPolicy.Get();
+        journal.Add(name() + " Init" + (feature != nullptr ? " " + feature->Name() : "") +
+                    (own != nullptr ? "/" + own->Name() : ""));
+        return initResult;
+    }
+    int UnInit() override
+    {
+        journal.Add(name() + " UnInit");
+        return 0;
+    }
+    int Run() override
+    {
+        Waiter().WaitAndHandleEvent(foreverMs, 16);
+        BulkConsumeMsg(1024);
+        return 0;
+    }
+
+    int initResult = 0;
+
+protected:
+    Journal& journal;
+};
+
+}  // namespace FrameworkTest
