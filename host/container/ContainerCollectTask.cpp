@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/ContainerCollectTask.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace Engine {
+
+namespace {
+
+constexpr unsigned int queueCapacity = 1024;
+constexpr int maxHandlers = 16;
+constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
+
+}  // namespace
+
+ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, ProcReader& reader)
+    : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
+      registry(reader),
+      observer(registry, reader, receivers, cache),
+      follower(socketPath, cache, [this] { return isCancelled(); })
+{
+}
+
+ContainerCollectTask::~ContainerCollectTask()
+{
+    Detach();
+}
+
+bool ContainerCollectTask::Attach(TraceObservable& observable)
+{
+    if (!observable.AddObserver(observer)) {
+        return false;
+    }
+    trace = &observable;
+    observable.RequestRound();
+    return true;
+}
+
+void ContainerCollectTask::Detach()
+{
+    if (TraceObservable* observable = trace.exchange(nullptr); observable != nullptr) {
+        observable->RemoveObserver(observer);
+    }
+}
+
+int ContainerCollectTask::Run()
+{
+    bool isReadable = false;
+    const int fd = follower.Fd();
+    const bool isWatched = fd >= 0 && Waiter().Add(fd, EPOLLIN, [&isReadable](std::uint32_t) { isReadable = true; });
+    Waiter().WaitAndHandleEvent(PauseMilliseconds(), maxHandlers);
+    if (isWatched) {
+        Waiter().Remove(fd);  // Step may close it
+    }
+    BulkConsumeMsg(static_cast<int>(queueCapacity));
+    const auto now = EngineFollower::Clock::now();
+    if (!isCancelled() && (isReadable || follower.Fd() < 0)) {
+        follower.Step(now);
+        isUnreachable = follower.IsUnreachable();
+        hasReadAll = follower.HasReadAll();
+    }
+    cache.Purge(now);
+    return 0;
+}
+
+int ContainerCollectTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
+{
+    if (const auto* registration = dynamic_cast<const ContainerRegisterMessage*>(message.get())) {
+        return Receive(*registration);
+    }
+    return Framework::Task::EnqueueMsg(message);
+}
+
+int ContainerCollectTask::Receive(const ContainerRegisterMessage& message)
+{
+    if (message.requester == nullptr) {
+        return -1;
+    }
+    if (!message.subscribe) {
+        receivers.Remove(*message.requester);
+        return 0;
+    }
+    receivers.Add(*message.requester);
+    if (TraceObservable* observable = trace; observable != nullptr) {
+        observable->RequestRound();
+    }
+    return 0;
+}
+
+bool ContainerCollectTask::GetContainerById(const std::string& containerId, std::shared_ptr<ContainerInfo>& info)
+{
+    std::shared_ptr<ContainerInfo> found = cache.Find(containerId);
+    if (found == nullptr) {
+        return false;
+    }
+    info = std::move(found);
+    return true;
+}
+
+bool ContainerCollectTask::GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info)
+{
+    std::string id;
+    return registry.ContainerOf(pid, id) == 0 && !id.empty() && GetContainerById(id, info);
+}
+
+bool ContainerCollectTask::IsAvailable()
+{
+    return hasReadAll || (isUnreachable && (trace == nullptr || registry.IsSynced()));
+}
+
+int ContainerCollectTask::PauseMilliseconds() const
+{
+    if (follower.Fd() >= 0) {
+        return longestWaitMs;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(follower.NextStep() - EngineFollower::Clock::now());
+    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, longestWaitMs));
+}
+
+}  // namespace Engine

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+// The task "container_collect_task": answers about containers, and takes in who wants notices of their processes.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "framework/Task.h"
+#include "host/container/ContainerRegistry.h"
+#include "host/container/EngineFollower.h"
+#include "host/container/MetadataCache.h"
+#include "host/container/NoticeReceivers.h"
+#include "host/container/ProcReader.h"
+#include "host/container/RegistryObserver.h"
+#include "host/ftrace/TraceObserver.h"
+#include "messages/ContainerMessages.h"
+
+namespace Engine {
+
+// Ownership: `reader` is not owned and outlives the task; neither is the trace task, which must have been left
+//            (Detach) before it goes.
+// Thread:    its own follows the engine; the registry and the notices live on the trace task's.
+class ContainerCollectTask : public Framework::Task,
+                             public ContainerMetaInfo,
+                             public AbstructMessage<ContainerRegisterMessage>::Receiver {
+public:
+    static constexpr char taskName[] = "container_collect_task";
+
+    ContainerCollectTask(const std::string& socketPath, ProcReader& reader);
+    ~ContainerCollectTask() override;
+
+    // Begins to follow the trace events. False when they cannot be had: /proc alone tells then which container a
+    // process is in, and no notices are sent. Thread: the module's.
+    bool Attach(TraceObservable& trace);
+    // Returns when the trace task will not call any more. Without effect when not attached.
+    void Detach();
+
+    SDK::ContainerResolver& Resolver() { return registry; }
+
+    int Run() override;
+
+    // Takes a registration at once, on the sender's thread: after a withdrawal the requester may be gone the next
+    // moment, and nothing may be sent to it then.
+    int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override;
+    int Receive(const ContainerRegisterMessage& message) override;
+
+    bool GetContainerById(const std::string& containerId, std::shared_ptr<ContainerInfo>& info) override;
+    bool GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info) override;
+    bool IsAvailable() override;
+
+private:
+    int PauseMilliseconds() const;
+
+    MetadataCache cache;
+    ContainerRegistry registry;
+    NoticeReceivers receivers;
+    RegistryObserver observer;
+    EngineFollower follower;
+    std::atomic<TraceObservable*> trace{nullptr};
+    std::atomic<bool> hasReadAll{false};
+    std::atomic<bool> isUnreachable{false};
+};
+
+}  // namespace Engine

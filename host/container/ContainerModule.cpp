@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: Apache-2.0
+// The plug-in: libcontainer_module.so.
+#include <Poco/Util/Application.h>
+
+#include <memory>
+#include <string>
+
+#include "framework/Module.h"
+#include "host/container/ContainerCollectTask.h"
+#include "host/container/ContainerLog.h"
+#include "host/container/LiveProcReader.h"
+#include "host/sdk/Config.h"
+#include "host/sdk/SystemView.h"
+
+namespace Engine {
+
+namespace {
+
+std::string SocketPath()
+{
+    return Poco::Util::Application::instance().config().getString(SDK::Config::dockerSocket,
+                                                                  SDK::Config::defaultDockerSocket);
+}
+
+// Thread: the framework's, which loads and unloads modules.
+class ContainerModule : public Framework::Module {
+public:
+    ContainerModule() : Framework::Module("container_module") {}
+
+    int Init() override
+    {
+        task = std::make_unique<ContainerCollectTask>(SocketPath(), reader);
+        auto* trace = dynamic_cast<TraceObservable*>(FindTask("ftrace_task"));
+        if (trace == nullptr || !task->Attach(*trace)) {
+            ContainerLog::Warning("no trace events: containers of processes are read from /proc, possibly too late");
+        }
+        SDK::SystemView::SetContainerResolver(&task->Resolver());
+        if (RegisterTask(task.get(), false) != 0) {
+            ContainerLog::Error("a task named %s exists already", std::string{ContainerCollectTask::taskName});
+            Leave();
+            return -1;
+        }
+        return Framework::Module::Init();
+    }
+
+    int UnInit() override
+    {
+        if (task != nullptr) {
+            UnRegisterTask(ContainerCollectTask::taskName);
+            Leave();
+        }
+        return Framework::Module::UnInit();
+    }
+
+private:
+    void Leave()
+    {
+        SDK::SystemView::SetContainerResolver(nullptr);
+        task->Detach();
+        task.reset();
+    }
+
+    LiveProcReader reader;
+    std::unique_ptr<ContainerCollectTask> task;
+};
+
+}  // namespace
+
+}  // namespace Engine
+
+extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule()
+{
+    try {
+        return new Engine::ContainerModule;
+    } catch (...) {
+        return nullptr;
+    }
+}

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the container engine's API says, parsed (its HTTP API, version 1.24 and later: "List containers", "Inspect a
+// container", "Monitor events"). Pure; every text is hostile input: an unexpected type counts as absent, what is too
+// long is cut. Throws nothing but std::bad_alloc.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "messages/ContainerMessages.h"
+
+namespace Engine::EngineDocuments {
+
+inline constexpr std::size_t maxTextBytes = 4096;
+inline constexpr std::size_t maxMounts = 1024;
+inline constexpr std::size_t maxListed = 10000;
+
+// Whether a text may stand for a container in a request: 1 to 128 letters, digits, '_', '.' and '-', the first of them
+// a letter or digit.
+bool IsContainerId(std::string_view text);
+
+// "/containers/<id>/json".
+struct Inspected {
+    ContainerInfo info;  // namespaces are empty
+    int pid = 0;         // of the container's first process, 0 when it does not run
+};
+// Nothing when the text is no such document or names no container.
+std::optional<Inspected> ParseInspected(const std::string& text);
+
+// "/containers/json": the ids. Nothing when the text is no array; what in it is no container is left out.
+std::optional<std::vector<std::string>> ParseList(const std::string& text);
+
+// A line of "/events".
+struct Event {
+    std::string action;  // "create", "start", "die", "destroy", "rename", "exec_create: ..." and others
+    ContainerInfo info;  // what comes with the event: id, name, imageName
+};
+// Nothing when the line is no event about a container.
+std::optional<Event> ParseEvent(const std::string& line);
+
+}  // namespace Engine::EngineDocuments

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/LiveProcReader.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "host/sdk/CgroupPath.h"
+#include "host/sdk/SystemView.h"
+#include "sdk/FileUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr long maxCgroupBytes = 256L * 1024;  // a line for each hierarchy, each at most a path of PATH_MAX
+
+std::string ProcPath(int tid, const char* file)
+{
+    return "/proc/" + std::to_string(tid) + file;
+}
+
+// Empty when the link cannot be read.
+std::string ReadLink(const std::string& path)
+{
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    return length <= 0 ? std::string{} : std::string{target.data(), static_cast<std::size_t>(length)};
+}
+
+bool SameFile(const std::string& left, const std::string& right)
+{
+    struct stat a = {};
+    struct stat b = {};
+    return ::stat(left.c_str(), &a) == 0 && ::stat(right.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
+}
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+std::vector<int> NumbersIn(const std::string& path, std::size_t most)
+{
+    std::vector<int> numbers;
+    const std::unique_ptr<DIR, CloseDirectory> directory{::opendir(path.c_str())};
+    while (directory != nullptr && numbers.size() < most) {
+        const dirent* entry = ::readdir(directory.get());
+        if (entry == nullptr) {
+            break;
+        }
+        int number = 0;
+        const char* end = entry->d_name + std::strlen(entry->d_name);
+        const auto parsed = std::from_chars(entry->d_name, end, number);
+        if (parsed.ec == std::errc{} && parsed.ptr == end) {
+            numbers.push_back(number);
+        }
+    }
+    return numbers;
+}
+
+}  // namespace
+
+std::optional<std::string> LiveProcReader::ContainerOf(int tid)
+{
+    std::string text;
+    if (SDK::FileUtils::ReadFile(ProcPath(tid, "/cgroup"), text, maxCgroupBytes) != 0) {
+        return std::nullopt;
+    }
+    return std::string{SDK::CgroupPath::ContainerIdOfFile(text)};
+}
+
+// Process 1 has the host's mount namespace even where the agent runs in one of its own. Where its link cannot be read
+// (it needs ptrace access, namespaces(7)) the agent's own stands in.
+bool LiveProcReader::InHostMountNamespace(int tid)
+{
+    const std::string one = ReadLink(ProcPath(tid, "/ns/mnt"));
+    return !one.empty() && (one == ReadLink("/proc/1/ns/mnt") || one == ReadLink("/proc/self/ns/mnt"));
+}
+
+bool LiveProcReader::RunsCopyOfParent(int tid)
+{
+    const std::string program = ProcPath(tid, "/exe");
+    if (ReadLink(program).starts_with("/memfd:")) {
+        return true;
+    }
+    const int parent = ParentOf(tid);
+    return parent > 0 && SameFile(program, ProcPath(parent, "/exe"));
+}
+
+int LiveProcReader::ParentOf(int tid)
+{
+    SDK::ProcessUtils::procStatus status;
+    return SDK::ProcessUtils::GetProcessStatusInfo(tid, status) == 0 ? status.ppid : -1;
+}
+
+std::string LiveProcReader::ExecutableOf(int tid)
+{
+    return ReadLink(ProcPath(tid, "/exe"));
+}
+
+std::vector<int> LiveProcReader::Processes()
+{
+    return NumbersIn("/proc", static_cast<std::size_t>(-1));
+}
+
+std::vector<int> LiveProcReader::Threads(int pid)
+{
+    return NumbersIn(ProcPath(pid, "/task"), maxThreads);
+}
+
+}  // namespace Engine

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is known about containers, keyed by their ids.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+#include "messages/ContainerMessages.h"
+
+namespace Engine {
+
+// Any thread; no call waits for anything but another such call.
+// A record is never changed once it is in: a newer one takes its place, and whoever holds the old one keeps it.
+class MetadataCache {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Namespaces = std::map<std::string, std::string>;
+
+    static constexpr std::size_t maxRecords = 10000;
+    // How long a container that was removed still has its record: alarms about it come late.
+    static constexpr std::chrono::minutes keepGone{5};
+
+    // Null when the container is not known.
+    std::shared_ptr<ContainerInfo> Find(const std::string& id) const;
+
+    // Empty when it is not known.
+    std::string ImageNameOf(const std::string& id) const;
+
+    // Takes a record in. Namespaces that were recorded at the container's start replace those that it has. False when
+    // the cache is full of containers that still exist.
+    bool Put(ContainerInfo info);
+
+    // The namespaces that a container's first process had when it started. They are kept apart, because the engine may
+    // not have told about the container yet. The latest recording counts: a container may start again.
+    void RecordNamespaces(const std::string& id, const Namespaces& namespaces);
+    void ForgetNamespaces(const std::string& id);
+
+    // The container does not exist any more.
+    void MarkGone(const std::string& id, Clock::time_point now);
+    // The same for every container but these.
+    void KeepOnly(const std::set<std::string>& ids, Clock::time_point now);
+    // Drops what has been gone for long enough.
+    void Purge(Clock::time_point now);
+
+    std::size_t Size() const;
+
+private:
+    struct Slot {
+        std::shared_ptr<ContainerInfo> info;
+        Clock::time_point gone = Clock::time_point::max();
+    };
+
+    bool MakeRoom();
+
+    mutable std::mutex mutex;
+    std::unordered_map<std::string, Slot> records;
+    std::unordered_map<std::string, Namespaces> recorded;
+    std::deque<std::string> recordedOrder;  // ids of `recorded`, oldest first; some may have gone from it
+};
+
+}  // namespace Engine

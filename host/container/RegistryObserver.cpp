@@ -1,0 +1,268 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/RegistryObserver.h"
+
+#include <string_view>
+
+#include "host/container/ContainerLog.h"
+#include "sdk/NamespaceUtils.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr std::size_t maxCommandName = 15;  // TASK_COMM_LEN without its zero byte (include/linux/sched.h)
+
+int Number(const FtraceMessage& event, std::string_view field)
+{
+    return static_cast<int>(event.get_number(field));
+}
+
+// As the kernel makes a process's name from the file that it execs (begin_new_exec() in fs/exec.c).
+std::string CommandName(const std::string& executable)
+{
+    const std::size_t slash = executable.rfind('/');
+    return executable.substr(slash == std::string::npos ? 0 : slash + 1, maxCommandName);
+}
+
+}  // namespace
+
+RegistryObserver::RegistryObserver(ContainerRegistry& registry, ProcReader& reader, NoticeReceivers& receivers,
+                                   MetadataCache& cache)
+    : registry(registry), reader(reader), receivers(receivers), cache(cache)
+{
+}
+
+std::vector<std::pair<std::string, std::string>> RegistryObserver::ObservedEvents() const
+{
+    return {{"sched", "sched_process_fork"},
+            {"sched", "sched_process_exec"},
+            {"sched", "sched_process_exit"},
+            {"cgroup", "cgroup_attach_task"}};
+}
+
+void RegistryObserver::OnEvent(const FtraceMessage& event, TraceSequencer& sequencer)
+{
+    lastEvent = event.When();
+    const std::string& name = event.name();
+    if (name == "sched:sched_process_fork") {
+        OnFork(event, sequencer);
+    } else if (name == "sched:sched_process_exit") {
+        OnExit(event);
+    } else if (name == "sched:sched_process_exec") {
+        OnExec(event, sequencer);
+    } else if (name == "cgroup:cgroup_attach_task") {
+        OnAttach(event, sequencer);
+    }
+}
+
+bool RegistryObserver::AdmitsSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer)
+{
+    const ContainerRegistry::Entry* entry = registry.FindOrLoad(tid, event.When());
+    if (entry == nullptr || entry->state != ContainerRegistry::State::Inside) {
+        return false;
+    }
+    AnnounceIfUnknown(tid, *entry, event.When(), sequencer);
+    return true;
+}
+
+void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
+{
+    if (mustResync && (!registry.IsSynced() || now - lastResync >= resyncPause)) {
+        Resync(now, sequencer);
+    }
+    if (receivers.TakeArrival()) {
+        ledger.Doubt(0);
+        settled = now + settling;
+        AnnounceProcesses(now, sequencer);
+    }
+    if (const std::uint64_t lost = receivers.TakeLosses(); lost != 0) {
+        ledger.Doubt(lost);
+    }
+    for (const int tid : registry.PromoteOverdue(now)) {
+        if (const ContainerRegistry::Entry* entry = registry.Find(tid); entry != nullptr) {
+            AnnounceIfUnknown(tid, *entry, now, sequencer);
+        }
+    }
+    if (!receivers.IsEmpty()) {
+        Withdraw(ledger.TakeExpired(now), sequencer);
+    }
+    registry.Purge(now);
+}
+
+void RegistryObserver::OnLoss(TraceSequencer& sequencer)
+{
+    mustResync = true;
+    if (lastEvent != ContainerRegistry::longAgo && lastEvent - lastResync >= resyncPause) {
+        Resync(lastEvent, sequencer);
+    }
+}
+
+void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequencer)
+{
+    const int parent = Number(event, "parent_pid");
+    const int child = Number(event, "child_pid");
+    registry.ApplyFork(parent, child, event.When());
+    const ContainerRegistry::Entry* from = registry.Find(parent);
+    if (from == nullptr || from->state != ContainerRegistry::State::Inside) {
+        WithdrawIfHeld(child, event.When(), sequencer);
+        return;
+    }
+    if (receivers.IsEmpty()) {
+        ledger.MarkDead(child, event.When());  // what they know by that id is another process
+        return;
+    }
+    // The event itself would make receivers know the parent, but neither its program nor its own parent.
+    AnnounceIfUnknown(parent, *from, event.When(), sequencer);
+    MakeRoom(1, sequencer);
+    ledger.Insert(child, event.When(), event.When() >= settled);
+}
+
+void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequencer)
+{
+    const int pid = Number(event, "pid");
+    const int oldPid = Number(event, "old_pid");
+    if (oldPid != pid) {
+        WithdrawIfHeld(oldPid, event.When(), sequencer);
+    }
+    if (!registry.ApplyExec(pid, oldPid, event.get_string("filename"), event.When())) {
+        return;
+    }
+    if (const ContainerRegistry::Entry* entry = registry.Find(pid); entry != nullptr) {
+        RecordNamespaces(pid, *entry);
+        AnnounceIfUnknown(pid, *entry, event.When(), sequencer);
+    }
+}
+
+void RegistryObserver::OnAttach(const FtraceMessage& event, TraceSequencer& sequencer)
+{
+    const int pid = Number(event, "pid");
+    const bool wasInside = registry.IsInside(pid);
+    const ContainerRegistry::Text before = wasInside ? registry.Find(pid)->container : nullptr;
+    registry.ApplyAttach(Number(event, "common_pid"), pid, event.get_string("dst_path"), event.When());
+    const ContainerRegistry::Entry* entry = registry.Find(pid);
+    if (!wasInside || entry == nullptr || entry->container == before) {
+        return;
+    }
+    for (const int tid : ledger.Ids()) {  // other threads may have moved with it
+        const ContainerRegistry::Entry* held = registry.Find(tid);
+        if (held != nullptr && held->before == before && held->since == event.When()) {
+            WithdrawIfHeld(tid, event.When(), sequencer);
+        }
+    }
+}
+
+void RegistryObserver::OnExit(const FtraceMessage& event)
+{
+    const int pid = Number(event, "pid");
+    registry.ApplyExit(pid, event.When());
+    ledger.MarkDead(pid, event.When());
+}
+
+// What differs from the registry holds from the last event on: the events to come may be older than what /proc says.
+void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
+{
+    registry.Resync(lastEvent, now);
+    mustResync = false;
+    lastResync = now;
+    for (const int tid : ledger.Ids()) {
+        const ContainerRegistry::Entry* entry = registry.Find(tid);
+        if (entry == nullptr || entry->exit != ContainerRegistry::alive || !registry.IsInside(tid)) {
+            ledger.MarkDead(tid, now);
+        }
+    }
+    AnnounceProcesses(now, sequencer);
+    ContainerLog::Debug("read /proc as a whole: %z threads", registry.Size());
+}
+
+void RegistryObserver::AnnounceProcesses(Nanoseconds now, TraceSequencer& sequencer)
+{
+    if (receivers.IsEmpty()) {
+        return;
+    }
+    for (const int pid : reader.Processes()) {
+        const ContainerRegistry::Entry* entry = registry.Find(pid);
+        if (entry == nullptr || entry->state != ContainerRegistry::State::Inside ||
+            entry->exit != ContainerRegistry::alive) {
+            continue;
+        }
+        if (ledger.Size() >= maxAtArrival && !ledger.MayHold(pid)) {
+            return;
+        }
+        AnnounceIfUnknown(pid, *entry, now, sequencer);
+    }
+}
+
+void RegistryObserver::AnnounceIfUnknown(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now,
+                                         TraceSequencer& sequencer)
+{
+    if (!ledger.IsKnown(tid, now) && !receivers.IsEmpty()) {
+        Announce(tid, entry, now, sequencer);
+    }
+}
+
+void RegistryObserver::Announce(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now,
+                                TraceSequencer& sequencer)
+{
+    // A record that a receiver has already is not replaced by a notice.
+    if (ledger.HoldsDead(tid)) {
+        WithdrawIfHeld(tid, now, sequencer);
+    }
+    MakeRoom(ledger.MayHold(tid) ? 0 : 1, sequencer);
+    receivers.Send(sequencer, StartNotice(tid, entry));
+    ledger.Insert(tid, now, true);
+}
+
+void RegistryObserver::MakeRoom(std::size_t more, TraceSequencer& sequencer)
+{
+    Withdraw(ledger.MakeRoom(more), sequencer);
+}
+
+void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer)
+{
+    for (const int tid : tids) {
+        auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
+        info->pid = tid;
+        const ContainerRegistry::Entry* entry = registry.Find(tid);
+        if (entry != nullptr && entry->container != nullptr) {
+            info->containerId = *entry->container;
+        }
+        receivers.Send(sequencer, std::make_shared<ContainerProcMessage>(false, std::move(info)));
+    }
+}
+
+// With nobody to tell, the list keeps the id as a dead one: whoever comes back must still be told.
+void RegistryObserver::WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer& sequencer)
+{
+    if (!ledger.MayHold(tid)) {
+        return;
+    }
+    if (receivers.IsEmpty()) {
+        ledger.MarkDead(tid, when);
+        return;
+    }
+    ledger.Forget(tid);
+    Withdraw({tid}, sequencer);
+}
+
+// The container's first process, at the moment at which it starts: later it may have left its namespaces.
+void RegistryObserver::RecordNamespaces(int tid, const ContainerRegistry::Entry& entry)
+{
+    MetadataCache::Namespaces namespaces;
+    if (!registry.HasOther(*entry.container, tid) && SDK::NamespaceUtils::GetProcessNamespace(tid, namespaces) == 0) {
+        cache.RecordNamespaces(*entry.container, namespaces);
+    }
+}
+
+std::shared_ptr<ContainerProcMessage> RegistryObserver::StartNotice(int tid, const ContainerRegistry::Entry& entry)
+{
+    auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
+    info->containerId = *entry.container;
+    info->pid = tid;
+    info->ppid = entry.parent;
+    info->executable = entry.executable == nullptr ? reader.ExecutableOf(tid) : *entry.executable;
+    info->name = CommandName(info->executable);
+    info->imageName = cache.ImageNameOf(info->containerId);
+    return std::make_shared<ContainerProcMessage>(true, std::move(info));
+}
+
+}  // namespace Engine
