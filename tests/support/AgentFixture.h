@@ -17,10 +17,13 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/TraceEventBuilder.h"
 
-namespace Test {
+namespace Support {
 
 class AgentFixture : public testing::Test {
 protected:
+    // The agent's threads end before anything that they use.
+    void TearDown() override { agent.Stop(); }
+
     template <class T>
     T* AddTask(std::unique_ptr<T> task)
     {
@@ -79,9 +82,9 @@ protected:
         return watches;
     }
 
-    LogCapture logs;
     FakeSystem world;
     Framework::Engine agent;
+    LogCapture logs;                     // after the agent: an application begins by replacing every logger's channel
     CollectorTask* collector = nullptr;  // these are the framework's
     TraceTask* trace = nullptr;
     FileNotifyTask* files = nullptr;
@@ -89,4 +92,9 @@ protected:
     ReportTask<Framework::DataMessage>* data = nullptr;
 };
 
-}  // namespace Test
+}  // namespace Support
+
+// The name that the detectors' tests know it by. Within a test's body Test is testing::Test.
+namespace Test {
+using namespace Support;
+}

@@ -16,7 +16,7 @@
 #include "messages/FileNotifyMessages.h"
 #include "messages/FtraceMessages.h"
 
-namespace Test {
+namespace Support {
 
 // Filled on a task's thread, read on the test's.
 template <class T>
@@ -157,4 +157,4 @@ private:
     std::unique_ptr<T> waiting;
 };
 
-}  // namespace Test
+}  // namespace Support

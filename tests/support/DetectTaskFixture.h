@@ -9,7 +9,7 @@
 #include "ContainerEscapeDetectTask.h"
 #include "tests/support/AgentFixture.h"
 
-namespace Test {
+namespace Support {
 
 class DetectTask : public Engine::ContainerEscapeDetectTask {
 public:
@@ -53,4 +53,4 @@ protected:
     std::unique_ptr<DetectTask> task;
 };
 
-}  // namespace Test
+}  // namespace Support

@@ -11,7 +11,7 @@
 
 #include "host/sdk/SystemView.h"
 
-namespace Test {
+namespace Support {
 
 class FakeSystem : public SDK::SystemView {
 public:
@@ -98,4 +98,4 @@ private:
     std::map<int, Process> processes;
 };
 
-}  // namespace Test
+}  // namespace Support

@@ -14,7 +14,7 @@
 
 #include "sdk/LoggerUtils.h"
 
-namespace Test {
+namespace Support {
 
 struct LogRecord {
     std::string logger;
@@ -129,4 +129,4 @@ private:
     Poco::AutoPtr<Channel> channel{new Channel};
 };
 
-}  // namespace Test
+}  // namespace Support

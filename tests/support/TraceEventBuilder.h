@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Trace events as the kernel would have recorded them: a kind, and a raw record that fits it.
 //
-//     const auto event = Test::TraceEvent("syscalls", "sys_enter_openat").Number("common_pid", 7);
+//     const auto event = Support::TraceEvent("syscalls", "sys_enter_openat").Number("common_pid", 7);
 //     task.Receive(event.Message());
 #pragma once
 
@@ -16,7 +16,7 @@
 #include "host/ftrace/EventKind.h"
 #include "messages/FtraceMessages.h"
 
-namespace Test {
+namespace Support {
 
 class TraceEvent {
 public:
@@ -93,4 +93,4 @@ inline TraceEvent Syscall(int pid, const std::string& name, int number = 0)
     return TraceEvent("syscalls", "sys_enter_" + name).Number("common_pid", pid).Number("__syscall_nr", number);
 }
 
-}  // namespace Test
+}  // namespace Support
