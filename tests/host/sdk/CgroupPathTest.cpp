@@ -21,13 +21,10 @@ TEST(CgroupPathTest, FindsTheContainerInEveryEnginesForm)
     const std::vector<std::string> paths{
         "/docker/" + id,
         "/system.slice/docker-" + id + ".scope",
-        "/user.slice/user-1000.slice/user@1000.service/user.slice/docker-" + id + ".scope",
         "/system.slice:docker:" + id,
         "/../../docker/" + id,
-        "/../" + id,
         "/docker/" + id + "/init.scope",
         "/default/" + id,
-        "/k8s.io/" + id,
         "/system.slice/nerdctl-" + id + ".scope",
         "/system.slice/containerd.service/kubepods-burstable-pod" + podUnit + ".slice:cri-containerd:" + id,
         "/kubepods/burstable/pod" + podUid + "/" + id,
@@ -38,7 +35,6 @@ TEST(CgroupPathTest, FindsTheContainerInEveryEnginesForm)
         "/kubepods.slice/kubepods-pod" + podUnit + ".slice/docker-" + id + ".scope",
         "/kubepods.slice/kubepods-besteffort.slice/kubepods-besteffort-pod" + podUnit + ".slice/crio-" + id +
             ".scope/container",
-        "/kubelet/kubepods/burstable/pod" + podUid + "/" + id,
         "/machine.slice/libpod-" + id + ".scope",
         "/machine.slice/libpod-" + id + ".scope/container",
         "/machine.slice/machine-libpod_pod_" + other + ".slice/libpod-" + id + ".scope/container",
@@ -47,7 +43,6 @@ TEST(CgroupPathTest, FindsTheContainerInEveryEnginesForm)
         "/system.slice/web.service/libpod-payload-" + id,
         "/user.slice/user-1000.slice/user@1000.service/user.slice/libpod-" + id + ".scope/container",
         "/" + id,
-        "/my/own/parent/" + id,
         id,
     };
     for (const std::string& path : paths) {
@@ -76,15 +71,11 @@ TEST(CgroupPathTest, TakesNothingElseForAContainer)
         "/",
         "//..//.",
         "/init.scope",
-        "/system.slice/docker.service",
-        "/user.slice/user-1000.slice/session-3.scope",
         "/system.slice/run-r0123456789abcdef0123456789abcdef.scope",
         "/kubepods.slice/kubepods-burstable.slice/kubepods-burstable-pod" + podUnit + ".slice",
-        "/kubepods/burstable/pod" + podUid,
         // The engines' monitors, timers and pods.
         "/machine.slice/libpod-conmon-" + id + ".scope",
         "/system.slice/crio-conmon-" + id + ".scope",
-        "/libpod_parent/conmon",
         "/libpod_parent/" + id,
         "/system.slice/" + id + ".service",
         "/machine.slice/machine-libpod_pod_" + id + ".slice",
@@ -100,7 +91,6 @@ TEST(CgroupPathTest, TakesNothingElseForAContainer)
         "/docker/" + id.substr(1) + "G",
         "/docker/3F4A" + id.substr(4),
         "/docker/" + id + ".scopes",
-        "/docker-" + id + "-x",
         "/docker/buildkit/short",
         "/default/web",
         // Names that would not survive being put into a request to the engine.
@@ -130,7 +120,6 @@ TEST(CgroupPathTest, ReadsTheFirstHierarchyThatNamesAContainer)
         {"0::/system.slice/docker-" + id + ".scope\n", id},
         {"12:pids:/\n5:cpu,cpuacct:/docker/" + id + "\n1:name=systemd:/docker/" + other + "\n0::/\n", id},
         {"0::/a:b:c/system.slice:docker:" + id, id},
-        {"0::/docker/" + id + " (deleted)\n", id},
         {"0::/system.slice/docker-" + id + ".scope (deleted)\n", id},
         {"9:name=systemd:/\n0::/\n", ""},
         {"", ""},

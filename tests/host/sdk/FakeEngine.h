@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <array>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
@@ -94,16 +93,13 @@ private:
     void Serve(const std::function<void(const Peer&)>& script)
     {
         const SDK::FileDescriptor connection(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        std::array<char, 4096> bytes{};
-        while (connection && request.find("\r\n\r\n") == std::string::npos) {
-            const ssize_t got = ::recv(connection.Get(), bytes.data(), bytes.size(), 0);
-            if (got <= 0) {
+        char byte = 0;
+        while (connection && ::recv(connection.Get(), &byte, 1, 0) == 1) {
+            request += byte;
+            if (request.ends_with("\r\n\r\n")) {
+                script(Peer(connection.Get()));
                 return;
             }
-            request.append(bytes.data(), static_cast<std::size_t>(got));
-        }
-        if (connection) {
-            script(Peer(connection.Get()));
         }
     }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <tuple>
+#include <vector>
 
 #include "host/sdk/TempDirectory.h"
 
@@ -15,10 +17,7 @@ TEST(FileUtilsTest, ReadsFilesOfAnySizeUpToTheLimit)
 {
     const TempDirectory directory;
     for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 100000U}) {
-        std::string written(size, 'x');
-        if (size > 0) {
-            written.back() = '\0';
-        }
+        const std::string written(size, '\0');
         directory.Write("file", written);
         std::string content = "before";
         EXPECT_EQ(FileUtils::ReadFile(directory / "file", content, 1 << 20), 0);
@@ -38,16 +37,15 @@ TEST(FileUtilsTest, ReadsWhatTheKernelCallsEmpty)
 TEST(FileUtilsTest, TellsWhyItCouldNotRead)
 {
     const TempDirectory directory;
-    const auto errnoOf = [](const std::string& path, long limit) {
+    const std::vector<std::tuple<std::string, long, int>> rows{
+        {directory / "absent", 10, ENOENT}, {directory.Path(), 10, EISDIR}, {"/proc/self/status", -1, EINVAL}};
+    for (const auto& [path, limit, why] : rows) {
         std::string content = "before";
+        errno = 0;
         EXPECT_EQ(FileUtils::ReadFile(path, content, limit), -1);
-        const int why = errno;
+        EXPECT_EQ(errno, why) << path;
         EXPECT_EQ(content, "");
-        return why;
-    };
-    EXPECT_EQ(errnoOf(directory / "absent", 10), ENOENT);
-    EXPECT_EQ(errnoOf(directory.Path(), 10), EISDIR);
-    EXPECT_EQ(errnoOf("/proc/self/status", -1), EINVAL);
+    }
 }
 
 }  // namespace

@@ -5,12 +5,10 @@
 #include <set>
 #include <thread>
 
-#include "host/sdk/Counters.h"
 #include "host/sdk/CpuShare.h"
 #include "host/sdk/TraceTime.h"
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
-#include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 
@@ -22,8 +20,9 @@ using SDK::StrUtils;
 using SDK::TraceTime;
 using testing::ElementsAre;
 
-TEST(StrUtilsTest, SplitKeepsEmptyFields)
+TEST(StrUtilsTest, FormatsAnyLengthAndSplitKeepsEmptyFields)
 {
+    EXPECT_EQ(StrUtils::Format("%s:%d%%", std::string(10'000, 'x').c_str(), 5), std::string(10'000, 'x') + ":5%");
     std::vector<std::string> parts{"before"};
     StrUtils::Split("a//b/", "/", parts);
     EXPECT_THAT(parts, ElementsAre("a", "", "b", ""));
@@ -35,19 +34,6 @@ TEST(StrUtilsTest, SplitKeepsEmptyFields)
     EXPECT_THAT(parts, ElementsAre("a b"));
     StrUtils::Split(parts[0], " ", parts);
     EXPECT_THAT(parts, ElementsAre("a", "b"));
-}
-
-TEST(StrUtilsTest, FormatHasNoLimit)
-{
-    EXPECT_EQ(StrUtils::Format("%s:%d%%", "x", 5), "x:5%");
-    EXPECT_EQ(StrUtils::Format("%s!", std::string(10'000, 'x').c_str()), std::string(10'000, 'x') + "!");
-}
-
-TEST(PathUtilsTest, FileNameIsWhatFollowsTheLastSlash)
-{
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b.cpp"), "b.cpp");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("b.cpp"), "b.cpp");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/"), "");
 }
 
 TEST(CryptoCodeUtilsTest, UuidsAreRandomOnesAndDiffer)
@@ -124,23 +110,6 @@ TEST(TraceTimeTest, HoldsForItsScopeAndItsThread)
         EXPECT_EQ(TraceTime::Current(), 5ns);
     }
     EXPECT_FALSE(TraceTime::Current());
-}
-
-TEST(CountersTest, OneCounterForANameWhoeverAsks)
-{
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            for (int n = 0; n < 1000; ++n) {
-                ++SDK::Counters::Get("test.shared");
-                SDK::Counters::Get("test." + std::to_string(n));  // the table grows meanwhile
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(SDK::Counters::Snapshot().at("test.shared"), 4000U);
 }
 
 }  // namespace
