@@ -25,7 +25,10 @@ FileNotifyTask::FileNotifyTask(FanotifyGroup opened, const FileNotifyTiming& tim
     : Framework::Task("filenotify_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
       group(std::move(opened)),
       timing(timing),
-      notifier(watches, keeper, getpid(), timing.hold),
+      notifier(watches, keeper, getpid(), timing.hold,
+               [this](const std::string& task, std::unique_ptr<FileNotifyMessage> message) {
+                   return SendDirectMsg(task, message.release()) == 0;
+               }),
       buffer(bufferBytes)
 {
 }
@@ -128,7 +131,9 @@ int FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
     if (!entry.error.empty()) {
         return Refuse(message, entry.error);
     }
-    const int number = watches.Add(message.requester, message.path, entry, message.options).number;
+    Watch& watch = watches.Add(message.requester, message.path, entry, message.options);
+    watch.subscriberName = message.requester->name();
+    const int number = watch.number;
     keeper.Update(watches);
     const std::error_code error = keeper.ErrorOf(number);
     const bool missing = message.options.existingOnly && !keeper.Exists(number);

@@ -14,11 +14,13 @@ namespace Engine {
 using SDK::Counters;
 namespace CounterName = SDK::CounterName;
 
-Notifier::Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, std::chrono::milliseconds hold)
+Notifier::Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, std::chrono::milliseconds hold,
+                   Sender sender)
     : watches(watches),
       lookup(lookup),
       self(self),
       held(hold, maxHeld),
+      sender(std::move(sender)),
       read(Counters::Get(CounterName::notifyRead)),
       overflow(Counters::Get(CounterName::notifyOverflow)),
       notContainer(Counters::Get(CounterName::notifyNotContainer)),
@@ -91,7 +93,7 @@ bool Notifier::Hold(const FanotifyEvent& event, Origin origin, const std::string
     const std::string path = JoinPath(directory, event.name);
     watches.Match(path, event.mask, event.pid, now, matches);
     for (const WatchMatch& match : matches) {
-        held.Push({match.watch->subscriber, match.watch->number, match.mask, event.pid, origin, path}, now);
+        held.Push({match.watch->number, match.mask, event.pid, origin, path}, now);
     }
     return !matches.empty();
 }
@@ -99,24 +101,24 @@ bool Notifier::Hold(const FanotifyEvent& event, Origin origin, const std::string
 void Notifier::Release(TimePoint now)
 {
     while (const auto notification = held.Pop(now)) {
-        if (!watches.Holds(notification->subscriber, notification->watch)) {
+        const Watch* watch = watches.Find(notification->watch);
+        if (watch == nullptr) {
             continue;
         }
         if (notification->origin == Origin::Unknown && OriginOf(notification->pid) == Origin::Host) {
             notContainer.fetch_add(1, std::memory_order_relaxed);
             continue;
         }
-        Send(*notification);
+        Send(watch->subscriberName, *notification);
     }
 }
 
-void Notifier::Send(const Notification& notification)
+void Notifier::Send(const std::string& task, const Notification& notification)
 {
-    auto message = std::make_shared<FileNotifyMessage>(notification.watch, notification.path,
+    auto message = std::make_unique<FileNotifyMessage>(notification.watch, notification.path,
                                                        static_cast<unsigned int>(notification.mask));
     message->SetProcess(static_cast<unsigned int>(notification.pid), {});
-    std::shared_ptr<Framework::Message> queued = std::move(message);
-    auto& counter = notification.subscriber->EnqueueMsg(queued) == 0 ? delivered : lostQueue;
+    auto& counter = sender(task, std::move(message)) ? delivered : lostQueue;
     counter.fetch_add(1, std::memory_order_relaxed);
 }
 

@@ -15,6 +15,8 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,6 +29,7 @@
 #include "host/filenotify/NotifyLog.h"
 #include "host/filenotify/WatchTable.h"
 #include "host/sdk/Counters.h"
+#include "messages/FileNotifyMessages.h"
 
 namespace Engine {
 
@@ -43,8 +46,11 @@ public:
     // Notifications held back at most. More are sent early, so that no burst makes the agent grow.
     static constexpr std::size_t maxHeld = 16384;
 
+    // Queues a notification for the task of that name; false: refused.
+    using Sender = std::function<bool(const std::string& task, std::unique_ptr<FileNotifyMessage> message)>;
+
     // The table and the lookup outlive this. `self`: the process whose own accesses are left out.
-    Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, std::chrono::milliseconds hold);
+    Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, std::chrono::milliseconds hold, Sender sender);
 
     // Takes what was read from the group.
     void Handle(std::span<const std::byte> buffer, TimePoint now);
@@ -62,7 +68,6 @@ public:
 private:
     enum class Origin : std::uint8_t { Host, Container, Unknown };
     struct Notification {
-        Framework::Task* subscriber;
         int watch;
         std::uint64_t mask;
         int pid;
@@ -73,7 +78,7 @@ private:
     void HandleEvent(const FanotifyEvent& event, TimePoint now);
     void FindWatches(const FanotifyEvent& event, Origin origin, TimePoint now);
     bool Hold(const FanotifyEvent& event, Origin origin, const std::string& directory, TimePoint now);
-    void Send(const Notification& notification);
+    void Send(const std::string& task, const Notification& notification);
     Origin OriginOf(int pid);
     void Lost(TimePoint now, const char* why);
 
@@ -81,6 +86,7 @@ private:
     DirectoryLookup& lookup;
     pid_t self;
     DelayQueue<Notification> held;
+    Sender sender;
     std::vector<WatchMatch> matches;
 
     int lastPid = -1;  // the process that lastOrigin is about; -1: none. Good for one buffer only

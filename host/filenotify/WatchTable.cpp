@@ -62,7 +62,7 @@ void AddTo(std::vector<WatchMatch>& matches, const Watch& watch, std::uint64_t m
 
 }  // namespace
 
-Watch& WatchTable::Add(Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
+Watch& WatchTable::Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
                        const _FileNotifyOpt& options)
 {
     const auto known = std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) {
@@ -84,7 +84,7 @@ Watch& WatchTable::Add(Framework::Task* subscriber, const std::string& text, con
     return watch;
 }
 
-bool WatchTable::Remove(Framework::Task* subscriber, const std::string& text)
+bool WatchTable::Remove(const Framework::Task* subscriber, const std::string& text)
 {
     const auto known = std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) {
         return watch.subscriber == subscriber && watch.text == text;
@@ -114,10 +114,11 @@ void WatchTable::Match(std::string_view path, std::uint64_t mask, int pid, TimeP
     }
 }
 
-bool WatchTable::Holds(const Framework::Task* subscriber, int number) const
+const Watch* WatchTable::Find(int number) const
 {
-    return std::any_of(watches.begin(), watches.end(),
-                       [&](const Watch& watch) { return watch.subscriber == subscriber && watch.number == number; });
+    const auto known =
+        std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) { return watch.number == number; });
+    return known == watches.end() ? nullptr : &*known;
 }
 
 }  // namespace Engine

@@ -17,9 +17,10 @@
 namespace Engine {
 
 struct Watch {
-    int number = 0;                         // from 1; unique in the agent's life
-    Framework::Task* subscriber = nullptr;  // not owned
-    std::string text;                       // the path as it was given, letters included: the key
+    int number = 0;                               // from 1; unique in the agent's life
+    const Framework::Task* subscriber = nullptr;  // part of the key, never called: it may be gone
+    std::string subscriberName;                   // where notifications are sent; a name that is gone refuses them
+    std::string text;                             // the path as it was given, letters included: the key
     WatchEntry entry;
     _FileNotifyOpt options;
     unsigned int count = 1;
@@ -43,18 +44,19 @@ public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
     // Returns the new or counted watch; the reference is good until the watch is removed.
-    Watch& Add(Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
+    Watch& Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
                const _FileNotifyOpt& options);
 
     // Takes back one Add. False: there is no such watch.
-    bool Remove(Framework::Task* subscriber, const std::string& text);
+    bool Remove(const Framework::Task* subscriber, const std::string& text);
 
     // Fills `matches`, one for each subscriber that is to hear of the access, in the order of their first watch, and
     // takes note of it for the options once, limit and countOnly. `mask`: the event's bits. `pid` is looked at only for
     // watches with excluded processes.
     void Match(std::string_view path, std::uint64_t mask, int pid, TimePoint now, std::vector<WatchMatch>& matches);
 
-    bool Holds(const Framework::Task* subscriber, int number) const;
+    // The watch with that number, null if it is gone.
+    const Watch* Find(int number) const;
     bool Empty() const { return watches.empty(); }
     std::list<Watch>& Watches() { return watches; }
     const std::list<Watch>& Watches() const { return watches; }

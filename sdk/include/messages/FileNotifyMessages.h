@@ -13,7 +13,7 @@
 struct _FileNotifyOpt {
     bool permission = false;    // ask before the access is allowed; never honoured: the agent cannot hang its host
     bool once = false;          // drop the watch after its first notification
-    bool ownAccesses = false;   // report the agent's own accesses too
+    bool ownAccesses = false;   // report the agent's own accesses too; never honoured: to look a path up is an access
     bool mount = false;         // the path is a mount point: watch all that is mounted there
     bool dontFollow = false;    // do not follow a symbolic link at the end of the path
     bool existingOnly = false;  // do not wait for a path that does not exist

@@ -1,0 +1,177 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/filenotify/Notifier.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/host/filenotify/EventBuffer.h"
+#include "tests/support/FakeSystem.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Handles are the paths themselves.
+struct FakeLookup : Engine::DirectoryLookup {
+    Answer PathsOf(const Engine::DirectoryHandle& directory,
+                   const std::function<bool(const std::string&)>& take) override
+    {
+        ++asked;
+        if (answer == Answer::Done) {
+            take({reinterpret_cast<const char*>(directory.bytes.data()), directory.bytes.size()});
+        }
+        return answer;
+    }
+    void DirectoryChanged(const Engine::DirectoryHandle&) override { ++changes; }
+
+    Answer answer = Answer::Done;
+    int asked = 0;
+    int changes = 0;
+};
+
+class NotifierTest : public testing::Test {
+protected:
+    NotifierTest()
+    {
+        system.Put(hostShell, {{1, "sh"}, "", "", {}});
+        system.PutInContainer(shell, "0123456789ab");
+        Watch("/watched");
+    }
+
+    void Watch(const std::string& path)
+    {
+        watches.Add(&task, path, Engine::ParseWatchEntry(path, {FAN_MODIFY}), {}).subscriberName = task.name();
+    }
+    void Handle(const Support::EventBuffer& buffer) { notifier.Handle(buffer.Bytes(), now); }
+    void Write(int pid, const std::string& name)
+    {
+        Handle(Support::EventBuffer{}.Event(FAN_MODIFY, pid, "/watched", name));
+    }
+    std::vector<std::string> SentAfter(std::chrono::milliseconds later)
+    {
+        now += later;
+        notifier.Release(now);
+        return std::exchange(sent, {});
+    }
+    // How far the counter has moved since the last look.
+    std::uint64_t Counted(const std::string& name)
+    {
+        const std::uint64_t value = SDK::Counters::Get(name);
+        return value - std::exchange(seen[name], value);
+    }
+
+    static constexpr int shell = 50;
+    static constexpr int hostShell = 51;
+    static constexpr int stranger = 52;
+    static constexpr int agent = 53;
+    static constexpr std::chrono::milliseconds hold = 10ms;
+
+    Support::FakeSystem system;
+    Framework::Task task{"detector", "", Framework::TaskCondition::EventLoop, 1};
+    Engine::WatchTable watches;
+    FakeLookup lookup;
+    bool refuse = false;
+    std::vector<std::string> sent;
+    std::map<std::string, std::uint64_t> seen = SDK::Counters::Snapshot();
+    Engine::Notifier::TimePoint now{1h};
+    Engine::Notifier notifier{watches, lookup, agent, hold,
+                              [this](const std::string& name, std::unique_ptr<Engine::FileNotifyMessage> message) {
+                                  sent.push_back(name + ":" + std::to_string(message->GetEventProcessId()) + ":" +
+                                                 message->GetEventFilePath());
+                                  return !refuse;
+                              }};
+};
+
+TEST_F(NotifierTest, SendsAContainersAccessAfterTheHold)
+{
+    Write(shell, "f");
+    EXPECT_THAT(SentAfter(hold - 1ms), IsEmpty());
+    EXPECT_THAT(SentAfter(1ms), ElementsAre("detector:50:/watched/f"));
+    EXPECT_EQ(notifier.NextRelease(), std::nullopt);
+    EXPECT_EQ(Counted("notify.delivered"), 1U);
+}
+
+TEST_F(NotifierTest, LooksNothingUpForTheHostAndForItself)
+{
+    Write(hostShell, "f");
+    Write(agent, "f");
+    EXPECT_EQ(lookup.asked, 0);
+    EXPECT_THAT(SentAfter(hold), IsEmpty());
+    EXPECT_EQ(Counted("notify.read"), 2U);
+    EXPECT_EQ(Counted("notify.not_container"), 1U);
+}
+
+TEST_F(NotifierTest, AProcessThatNobodyKnowsIsJudgedAgainBeforeSending)
+{
+    Write(stranger, "still unknown");
+    Write(stranger + 100, "of the host");
+    Write(stranger + 200, "of a container");
+    system.Put(stranger + 100, {{1, "sh"}, "", "", {}});
+    system.PutInContainer(stranger + 200, "0123456789ab");
+    EXPECT_THAT(SentAfter(hold),
+                ElementsAre("detector:52:/watched/still unknown", "detector:252:/watched/of a container"));
+    EXPECT_EQ(Counted("notify.not_container"), 1U);
+}
+
+TEST_F(NotifierTest, EachEventOfOneBufferIsJudgedByItsOwnProcess)
+{
+    Support::EventBuffer buffer;
+    for (const int pid : {hostShell, shell, shell, hostShell, shell}) {
+        buffer.Event(FAN_MODIFY, pid, "/watched", "f");
+    }
+    Handle(buffer);
+    EXPECT_EQ(SentAfter(hold).size(), 3U);
+    EXPECT_EQ(Counted("notify.not_container"), 2U);
+}
+
+TEST_F(NotifierTest, DropsWhatAWithdrawnWatchWasToHearOf)
+{
+    Write(shell, "f");
+    watches.Remove(&task, "/watched");
+    EXPECT_THAT(SentAfter(hold), IsEmpty());
+}
+
+TEST_F(NotifierTest, CountsEveryKindOfLoss)
+{
+    Handle(Support::EventBuffer{}.Event(FAN_Q_OVERFLOW, 0));
+    notifier.ReadFailed(std::make_error_code(std::errc::too_many_files_open), now);
+    Support::EventBuffer cut;
+    cut.Event(FAN_MODIFY, shell, "/watched", "f").bytes.pop_back();
+    Handle(cut);
+    lookup.answer = Engine::DirectoryLookup::Answer::Failing;
+    Write(shell, "no descriptor");
+    EXPECT_EQ(Counted("notify.overflow"), 4U);
+
+    lookup.answer = Engine::DirectoryLookup::Answer::Gone;
+    Write(shell, "in a deleted directory");
+    EXPECT_EQ(Counted("notify.unresolved"), 1U);
+
+    lookup.answer = Engine::DirectoryLookup::Answer::Done;
+    refuse = true;
+    Write(shell, "refused");
+    EXPECT_EQ(SentAfter(hold).size(), 1U);
+    EXPECT_EQ(Counted("notify.lost_queue"), 1U);
+    EXPECT_EQ(Counted("notify.delivered"), 0U);
+}
+
+TEST_F(NotifierTest, TellsOfDirectoriesThatChangeWhoeverDoesIt)
+{
+    Handle(Support::EventBuffer{}.Event(FAN_CREATE | FAN_ONDIR, hostShell, "/watched", "new"));
+    Handle(Support::EventBuffer{}.Event(FAN_CREATE, hostShell, "/watched", "file"));
+    EXPECT_EQ(lookup.changes, 1);
+}
+
+TEST_F(NotifierTest, ABurstBeyondTheBoundIsSentEarlyAndNotLost)
+{
+    Support::EventBuffer burst;
+    for (std::size_t i = 0; i < Engine::Notifier::maxHeld + 3; ++i) {
+        burst.Event(FAN_MODIFY, shell, "/watched", std::to_string(i));
+    }
+    Handle(burst);
+    EXPECT_THAT(SentAfter(0ms),
+                ElementsAre("detector:50:/watched/0", "detector:50:/watched/1", "detector:50:/watched/2"));
+    EXPECT_EQ(SentAfter(hold).size(), Engine::Notifier::maxHeld);
+}
+
+}  // namespace
