@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "RateFilter.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/support/FakeSystem.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using Poco::Message;
+using testing::ElementsAre;
+
+class RateFilterTest : public testing::Test {
+protected:
+    bool At(std::int64_t second, const std::string& key)
+    {
+        world.now = second;
+        return filter.CheckAndEnqueue(key, "t");
+    }
+    std::vector<std::string> Keys() const
+    {
+        std::vector<std::string> keys;
+        for (const auto& entry : filter.Cache()) {
+            keys.push_back(entry.msg);
+        }
+        return keys;
+    }
+
+    Support::LogCapture logs;
+    Support::FakeSystem world;
+    SDK::RateFilter<std::string> filter{2};
+};
+
+TEST_F(RateFilterTest, MergesUntilTheFirstIsOlderThanTheWindow)
+{
+    EXPECT_TRUE(At(100, "a"));
+    EXPECT_FALSE(At(101, "a"));
+    EXPECT_FALSE(At(102, "a")) << "a merge does not move the window, but two seconds are still within it";
+    EXPECT_EQ(filter.Cache().front().count, 3U);
+    EXPECT_EQ(filter.Cache().front().timestamp, 100);
+    EXPECT_TRUE(At(103, "a"));
+    EXPECT_EQ(filter.Cache().front().count, 1U);
+    const auto record = [&](int line, const std::string& text) {
+        return Support::LogRecord{logs.RootName(), Message::PRIO_DEBUG, text, "RateFilter", line};
+    };
+    EXPECT_THAT(logs.All(),
+                ElementsAre(record(68, "t add msg to cache: [100]"), record(44, "t a msg is merged:"),
+                            record(44, "t a msg is merged:"), record(78, "t clean old msg from cache: [100] [3]"),
+                            record(68, "t add msg to cache: [103]")));
+}
+
+TEST_F(RateFilterTest, CleanUpStopsAtTheFirstFreshEntry)
+{
+    At(200, "fresh");
+    At(198, "behind");  // the clock was set back
+    EXPECT_TRUE(At(201, "new"));
+    EXPECT_THAT(Keys(), ElementsAre("fresh", "behind", "new"));
+    EXPECT_FALSE(At(201, "behind")) << "stale, but shielded";
+}
+
+TEST_F(RateFilterTest, AnEntryFromTheFutureDoesNotSwallowMessages)
+{
+    At(200, "a");
+    EXPECT_FALSE(At(198, "a"));
+    EXPECT_TRUE(At(197, "a"));
+}
+
+TEST_F(RateFilterTest, HoldsAtMostOneEntryMoreThanItsLimit)
+{
+    logs.SetLevel(Message::PRIO_INFORMATION);
+    for (int key = 1; key <= 1025; ++key) {
+        EXPECT_TRUE(At(100, std::to_string(key)));
+    }
+    EXPECT_EQ(filter.Cache().size(), 1025U);
+    EXPECT_TRUE(At(100, "1026"));
+    EXPECT_EQ(filter.Cache().size(), 1025U);
+    EXPECT_EQ(Keys().front(), "2");
+    EXPECT_TRUE(At(100, "1")) << "the oldest made room";
+}
+
+}  // namespace
