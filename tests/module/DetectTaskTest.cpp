@@ -4,6 +4,8 @@
 #include "ContainerEscapeFeaturePolicy.h"
 #include "ContainerEscapeTaskPolicy.h"
 #include "RecordingSubmodule.h"
+#include "sdk/InnerCpuCtrlUtils.h"
+#include "sdk/TimeUtils.h"
 #include "tests/support/DetectTaskFixture.h"
 
 namespace {
@@ -150,6 +152,25 @@ TEST_F(DetectTaskTest, SchedulerEventsStayWithTheTask)
     EXPECT_EQ(task->Receive(Support::Exec(7, "/bin/sh").Message()), 0);
     EXPECT_EQ(task->Receive(Support::Exit(7).Message()), 0);
     EXPECT_THAT(journal, IsEmpty());
+}
+
+TEST_F(DetectTaskTest, EachEntryPointKeepsItsOwnCpuShare)
+{
+    AttachRecorder("a");
+    Know(7);
+    SDK::InnerCpuCtrlUtils::SetShare(99);
+    const std::uint64_t enough =
+        SDK::TimeUtils::GetCurrentSystemTickUsed() + SDK::InnerCpuCtrlUtils::GetSuggestedRunTick();
+    while (SDK::TimeUtils::GetCurrentSystemTickUsed() <= enough) {
+    }
+    task->Receive(Support::Syscall(7, "bind").Message());
+    Know(8);
+    SDK::InnerCpuCtrlUtils::SetShare(0);
+    std::vector<int> lines;  // the limiter notes its call sites
+    for (const Support::LogRecord& record : logs.From("ContainerEscapeDetectTask")) {
+        lines.push_back(record.line);
+    }
+    EXPECT_THAT(lines, ElementsAre(126, 30, 111));
 }
 
 TEST_F(DetectTaskTest, ARunWithoutDescriptorEventsHandlesTheQueueAndRunsTheDetectors)
