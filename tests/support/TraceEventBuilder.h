@@ -39,13 +39,20 @@ public:
         return *this;
     }
 
+    // When it was recorded; 0 otherwise.
+    TraceEvent& At(std::chrono::nanoseconds time)
+    {
+        when = time;
+        return *this;
+    }
+
     // Good as long as this event lives and nothing is added to it.
     Engine::FtraceMessage Message() const
     {
         if (!kind) {
             kind.emplace(system, event, fields);
         }
-        return {*kind, record.data(), record.size(), std::chrono::nanoseconds{0}};
+        return {*kind, record.data(), record.size(), when};
     }
 
 private:
@@ -62,6 +69,7 @@ private:
     std::string event;
     std::vector<Engine::EventKind::Field> fields;
     std::vector<std::byte> record;
+    std::chrono::nanoseconds when{0};
     mutable std::optional<Engine::EventKind> kind;
 };
 
