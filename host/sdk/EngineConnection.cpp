@@ -21,7 +21,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr char timedOut[] = "no answer in time";
-constexpr std::size_t readBytes = 64U * 1024U;
+constexpr std::size_t readBytes = 64UL * 1024;
 
 std::string Reason(const char* call, int error)
 {

@@ -15,7 +15,7 @@ namespace SDK {
 // Thread: one at a time. Throws nothing but std::bad_alloc. Closes its connection when it goes.
 class EngineStream {
 public:
-    static constexpr std::size_t maxLineBytes = 1024U * 1024U;
+    static constexpr std::size_t maxLineBytes = 1024UL * 1024;
 
     // Sends GET `target`, for example "/events?filters=...", and waits at most `timeout`, connecting included, for the
     // head of a reply with status 200. Empty on failure: `error` says why.

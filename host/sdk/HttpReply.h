@@ -14,8 +14,8 @@ namespace SDK {
 // but std::bad_alloc.
 class HttpReply {
 public:
-    static constexpr std::size_t maxHeadBytes =
-        64U * 1024U;  // status line and headers; the same for a chunked body's trailers
+    // Status line and headers; the same again for a chunked body's trailers.
+    static constexpr std::size_t maxHeadBytes = 64UL * 1024;
     static constexpr std::size_t maxSizeLineBytes = 1024;  // the line before a chunk
 
     // Takes the next bytes and appends what they hold of the body to `body`. False once the reply is broken: Error()

@@ -11,7 +11,7 @@ namespace SDK {
 class DockerClient {
 public:
     static constexpr std::chrono::milliseconds defaultTimeout{1000};
-    static constexpr std::size_t maxReplyBytes = 16U * 1024U * 1024U;
+    static constexpr std::size_t maxReplyBytes = 16UL * 1024 * 1024;
 
     // Connects to nothing yet. `timeout` bounds each call as a whole, connecting included.
     explicit DockerClient(const std::string& socketPath, std::chrono::milliseconds timeout = defaultTimeout);
