@@ -66,8 +66,8 @@ bool LossReport::Report(Clock::time_point now)
     }
     if (inQueues != 0) {
         LogWarning(
-            "%llu trace events were refused by a subscriber's full queue, detection may have missed something: "
-            "it is too slow for what it watches; watch fewer system calls or raise its share of the CPU (%s)",
+            "%llu trace events were refused by a subscriber that stopped or whose queue was full, detection may "
+            "have missed something: watch fewer system calls or give it more of the CPU (%s)",
             static_cast<Count>(inQueues), SDK::Config::cpuShare);
     }
     inKernel = 0;

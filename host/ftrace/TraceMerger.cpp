@@ -44,7 +44,7 @@ void TraceMerger::Drain(RecordSink& sink)
 {
     do {
         Round(forever, sink);
-    } while (Holding());
+    } while (Holding() || IsBehind());
 }
 
 bool TraceMerger::Holding() const

@@ -79,6 +79,8 @@ int TraceTask::Init()
 int TraceTask::UnInit()
 {
     IgnoreDescriptors();
+    // Subscribers that stopped before withdrew here; without this they would refuse what is sent below.
+    BulkConsumeMsg(maxMessages);
     const std::lock_guard lock{mutex};
     trace->StopAll();
     trace->Merger().Drain(delivery);

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/EventDelivery.h"
+
+#include <gmock/gmock.h>
+
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "host/ftrace/SubscriptionTable.h"
+#include "host/sdk/TraceTime.h"
+#include "tests/host/ftrace/PageBuilder.h"
+
+namespace Engine {
+namespace {
+
+using std::chrono::nanoseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint16_t forkId = 1;
+constexpr std::uint16_t callId = 2;
+
+KnownEvent Event(std::uint16_t id, const std::string& system, const std::string& event)
+{
+    return {id, event, EventKind{system, event, {{"common_pid", 4, 4, true, EventKind::Shape::Number}}}};
+}
+
+// What reached a task: event and pid, or the text of another message.
+class Receiver : public Framework::Task, public AbstractMessage<FtraceMessage>::Receiver {
+public:
+    explicit Receiver(const std::string& name) : Task(name, "", Framework::TaskCondition::EventLoop, 4) {}
+
+    int Receive(const FtraceMessage& event) override
+    {
+        const auto pid = event.get_number("common_pid");
+        if (pid < 0) {
+            throw std::runtime_error{"no such process"};
+        }
+        timesFit = timesFit && SDK::TraceTime::Current() == event.When();
+        seen.push_back(event.Kind().Event() + " " + std::to_string(pid));
+        return 0;
+    }
+    int HandleMsg(const Framework::Message* /*message*/) override
+    {
+        seen.emplace_back("notice");
+        return 0;
+    }
+
+    std::vector<std::string> seen;
+    bool timesFit = true;
+};
+
+class Observer : public TraceObserver {
+public:
+    std::vector<std::pair<std::string, std::string>> ObservedEvents() const override { return {}; }
+    void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override
+    {
+        seen.push_back(event.get_number("common_pid"));
+        if (announceTo != nullptr) {
+            sequencer.SendInOrder(*announceTo, std::make_shared<Framework::CmdMessage>("", ""));
+        }
+    }
+    bool AdmitsSyscall(int tid, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
+    {
+        return tid != refusedTid;
+    }
+    void OnRound(nanoseconds /*now*/, TraceSequencer& /*sequencer*/) override {}
+    void OnLoss(TraceSequencer& /*sequencer*/) override { seen.push_back(lossMark); }
+
+    static constexpr std::int64_t lossMark = -1;
+    std::vector<std::int64_t> seen;
+    Framework::Task* announceTo = nullptr;
+    int refusedTid = 0;
+};
+
+class EventDeliveryTest : public testing::Test {
+protected:
+    void Record(std::uint16_t id, int pid, bool afterLoss = false)
+    {
+        const Testing::Bytes bytes = Testing::Record(id, pid);
+        delivery.OnRecord({bytes.data(), static_cast<std::uint32_t>(bytes.size()), id, afterLoss, ++clock});
+    }
+
+    void Finish()
+    {
+        delivery.Flush();
+        for (auto* task : {&first, &second}) {
+            task->BulkConsumeMsg(1000);
+        }
+    }
+
+    const KnownEvent fork = Event(forkId, "sched", "fork");
+    const KnownEvent call = Event(callId, "syscalls", "sys_enter_call");
+    const KnownEvent alias = Event(callId, "syscalls", "sys_enter_alias");
+    Receiver first{"first"};
+    Receiver second{"second"};
+    SubscriptionTable table;
+    std::map<std::string, std::vector<unsigned long>> messages;  // events of each
+    EventDelivery delivery{table, nullptr,
+                           [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
+                               messages[task].push_back(message->EventCount());
+                               std::shared_ptr<Framework::Message> shared = std::move(message);
+                               return (task == first.name() ? first : second).EnqueueMsg(shared) == 0;
+                           }};
+    std::uint64_t clock = 0;
+};
+
+TEST_F(EventDeliveryTest, GivesEachSubscriberItsEventsOnceAndInOrder)
+{
+    table.Add(first, fork);
+    table.Add(first, fork);
+    table.Add(first, call);
+    table.Add(second, call);
+    Record(forkId, 10);
+    Record(callId, 11);
+    Record(99, 12);
+    Record(forkId, 13);
+    Finish();
+    EXPECT_THAT(first.seen, ElementsAre("fork 10", "sys_enter_call 11", "fork 13"));
+    EXPECT_THAT(second.seen, ElementsAre("sys_enter_call 11"));
+    EXPECT_TRUE(first.timesFit);
+    EXPECT_FALSE(SDK::TraceTime::Current().has_value());
+    EXPECT_THAT(messages["first"], ElementsAre(3)) << "one message for all of them";
+    const DeliverySums sums = delivery.TakeSums();
+    EXPECT_EQ(sums.read, 4U);
+    EXPECT_EQ(sums.delivered, 4U);
+}
+
+TEST_F(EventDeliveryTest, SendsABatchWhenItIsFull)
+{
+    table.Add(first, fork);
+    for (int pid = 0; pid < 600; ++pid) {
+        Record(forkId, pid);
+    }
+    Finish();
+    EXPECT_THAT(messages["first"], ElementsAre(EventBatch::maxEvents, 600 - EventBatch::maxEvents));
+    EXPECT_EQ(first.seen.size(), 600U);
+    EXPECT_EQ(first.seen.back(), "fork 599");
+}
+
+TEST_F(EventDeliveryTest, CountsWhatAFullQueueRefuses)
+{
+    table.Add(first, fork);
+    for (int round = 0; round < 6; ++round) {  // the queue takes four
+        Record(forkId, 1);
+        Record(forkId, 2);
+        delivery.Flush();
+    }
+    const DeliverySums sums = delivery.TakeSums();
+    EXPECT_EQ(sums.delivered, 8U);
+    EXPECT_EQ(sums.lostQueue, 4U);
+    EXPECT_TRUE(table.Find(&first)->refused);
+}
+
+TEST_F(EventDeliveryTest, GoesOnAfterAnEventOnWhichTheReceiverFails)
+{
+    table.Add(first, fork);
+    for (const int pid : {1, -1, 2}) {
+        Record(forkId, pid);
+    }
+    Finish();
+    EXPECT_THAT(first.seen, ElementsAre("fork 1", "fork 2"));
+}
+
+TEST_F(EventDeliveryTest, GivesAnEventUnderEachNameByWhichItWasAskedFor)
+{
+    table.Add(first, call);
+    table.Add(second, alias);
+    Record(callId, 5);
+    Finish();
+    EXPECT_THAT(first.seen, ElementsAre("sys_enter_call 5"));
+    EXPECT_THAT(second.seen, ElementsAre("sys_enter_alias 5"));
+}
+
+TEST_F(EventDeliveryTest, PutsAnObserversMessageBetweenTheEvents)
+{
+    Observer observer;
+    observer.announceTo = &first;
+    delivery.SetObserver(&observer);
+    table.Observe(fork);
+    table.Add(first, fork);
+    table.Add(first, call);
+    Record(callId, 1);
+    Record(forkId, 2);
+    Record(callId, 3);
+    Finish();
+    EXPECT_THAT(first.seen, ElementsAre("sys_enter_call 1", "notice", "fork 2", "sys_enter_call 3"));
+    EXPECT_THAT(observer.seen, ElementsAre(2));
+}
+
+TEST_F(EventDeliveryTest, DropsSystemCallsThatTheObserverDoesNotAdmit)
+{
+    Observer observer;
+    observer.refusedTid = 7;
+    delivery.SetObserver(&observer);
+    table.Add(first, call);
+    table.Add(first, fork);
+    Record(callId, 7);
+    Record(callId, 8);
+    Record(forkId, 7);
+    Finish();
+    EXPECT_THAT(first.seen, ElementsAre("sys_enter_call 8", "fork 7"));
+    EXPECT_EQ(delivery.TakeSums().notContainer, 1U);
+}
+
+TEST_F(EventDeliveryTest, TellsTheObserverOfALossBeforeTheNextEvent)
+{
+    Observer observer;
+    delivery.SetObserver(&observer);
+    table.Observe(fork);
+    Record(forkId, 1);
+    Record(forkId, 2, true);
+    EXPECT_THAT(observer.seen, ElementsAre(1, Observer::lossMark, 2));
+}
+
+TEST_F(EventDeliveryTest, TableCountsUsersOfAnEventUnderAllItsNames)
+{
+    EXPECT_TRUE(table.Add(first, call));
+    EXPECT_FALSE(table.Add(first, call));
+    EXPECT_FALSE(table.Add(second, alias));
+    EXPECT_FALSE(table.Observe(call));
+    EXPECT_FALSE(table.Remove(second, call)) << "never subscribed under that name";
+    EXPECT_FALSE(table.Remove(first, call));
+    EXPECT_FALSE(table.Remove(first, call));
+    EXPECT_EQ(table.Find(&first), nullptr);
+    EXPECT_THAT(table.StopObserving(), IsEmpty()) << "there is the other name";
+    EXPECT_TRUE(table.Remove(second, alias));
+    EXPECT_FALSE(table.Remove(second, alias));
+    EXPECT_THAT(table.InUse(), IsEmpty());
+}
+
+TEST_F(EventDeliveryTest, TableForgetsATaskWithAllItsSubscriptions)
+{
+    table.Add(first, call);
+    table.Add(first, call);
+    table.Add(first, fork);
+    table.Add(second, fork);
+    EXPECT_THAT(table.Forget(&first), ElementsAre(&call));
+    Record(callId, 1);
+    Record(forkId, 2);
+    Finish();
+    EXPECT_THAT(first.seen, IsEmpty());
+    EXPECT_THAT(second.seen, ElementsAre("fork 2"));
+}
+
+}  // namespace
+}  // namespace Engine
