@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Agent.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <exception>
 #include <set>
@@ -9,6 +11,7 @@
 #include "host/agent/StatusReport.h"
 #include "host/agent/Watchdog.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/LineChannel.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/StrUtils.h"
 
@@ -76,6 +79,8 @@ StartPlan MakePlan(const Options& options)
 HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
 {
     const Options& options = plan.options;
+    // The application object has just given all loggers a channel of its own, one that escapes nothing.
+    Poco::Logger::setChannel("", new SDK::LineChannel(STDERR_FILENO));
     SDK::LoggerUtils::GetInstance()->SetLevel(options.logLevel);
     auto& settings = engine.config();
     settings.setString(SDK::Config::dockerSocket, options.dockerSocket);

@@ -79,13 +79,14 @@ std::optional<std::shared_ptr<AlarmDocument>> SinkQueue::Next()
 
 void SinkQueue::Deliver(AlarmDocument& document)
 {
+    constexpr char outOfTime[] = "no time left at the stop";
     if (patience.IsOver()) {
-        losses.Add("the agent stops");
+        losses.Add(outOfTime);
         return;
     }
     try {
         if (const std::error_code error = sink->Write(document.Line(), patience)) {
-            losses.Add(error.message());
+            losses.Add(error == std::errc::timed_out ? outOfTime : error.message());
         } else {
             document.MarkWritten();
         }
