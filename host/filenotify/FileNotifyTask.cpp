@@ -15,7 +15,7 @@ namespace Engine {
 namespace {
 
 constexpr unsigned int queueCapacity = 1024;
-constexpr std::size_t bufferBytes = 128U * 1024U;
+constexpr std::size_t bufferBytes = std::size_t{128} * 1024;
 constexpr int readsInARow = 32;  // then messages and held notifications have their turn
 constexpr int messagesInARow = 256;
 

@@ -120,8 +120,9 @@ void MarkKeeper::SetTrees(Plan& plan)
         return;
     }
     for (auto& [number, state] : plan.states) {
-        const auto uses = [&](const TreeMarks::Tree& tree) {
-            return tree.top == state.place.directory;
+        const std::string& directory = state.place.directory;
+        const auto uses = [&directory](const TreeMarks::Tree& tree) {
+            return tree.top == directory;
         };
         if (std::any_of(plan.trees.begin(), plan.trees.end(), uses)) {
             state.error = error;

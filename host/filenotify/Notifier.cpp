@@ -81,8 +81,10 @@ void Notifier::FindWatches(const FanotifyEvent& event, Origin origin, TimePoint 
     } else if (answer == DirectoryLookup::Answer::Gone) {
         unresolved.fetch_add(1, std::memory_order_relaxed);
         if (const auto times = unresolvedReport.Occurred(now); times != 0) {
-            NotifyNotice("%llu accesses by containers in directories that are gone or too deep, last by pid %d",
-                         static_cast<unsigned long long>(times), event.pid);
+            NotifyNotice(
+                "%llu accesses, by containers or unknown processes, were in directories that are gone or too deep; "
+                "last by pid %d",
+                static_cast<unsigned long long>(times), event.pid);
         }
     }
 }

@@ -36,7 +36,7 @@ namespace Engine {
 // Names of counters beside those of the SDK's list.
 namespace NotifyCounterName {
 inline constexpr char delivered[] = "notify.delivered";    // queued for a subscriber
-inline constexpr char unresolved[] = "notify.unresolved";  // of container processes, in a directory without a path
+inline constexpr char unresolved[] = "notify.unresolved";  // not the host's, in a directory without a path
 }  // namespace NotifyCounterName
 
 class Notifier {

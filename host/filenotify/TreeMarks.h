@@ -12,6 +12,7 @@
 #include <map>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "host/filenotify/FanotifyEvents.h"
@@ -44,11 +45,7 @@ public:
     const std::string* PathOf(const DirectoryHandle& directory) const;
 
 private:
-    struct Key {
-        std::int32_t type = 0;
-        std::string bytes;
-        auto operator<=>(const Key& other) const = default;
-    };
+    using Key = std::pair<std::int32_t, std::string>;  // the handle's type and bytes
 
     std::error_code Walk(const Tree& tree);
     std::error_code MarkOne(const std::string& directory, std::uint64_t events);

@@ -10,6 +10,7 @@
 #include "messages/AbstructMessage.h"
 
 // How a watch behaves. Set by position in the order of declaration.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the name is part of the contract.
 struct _FileNotifyOpt {
     bool permission = false;    // ask before the access is allowed; never honoured: the agent cannot hang its host
     bool once = false;          // drop the watch after its first notification
