@@ -60,7 +60,7 @@ private:
     std::function<bool()> isCancelled;
     std::optional<SDK::EngineStream> stream;
     std::set<std::string> changed;  // containers that events have named and that are to be inspected
-    Clock::time_point nextAttempt = Clock::time_point::min();
+    Clock::time_point nextAttempt;  // the clock's beginning: at once
     std::chrono::seconds pause = firstPause;
     bool hasReadAll = false;
     bool isUnreachable = false;

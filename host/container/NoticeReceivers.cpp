@@ -19,8 +19,9 @@ void NoticeReceivers::Add(Framework::Task& task)
 
 void NoticeReceivers::Remove(const Framework::Task& task)
 {
-    const std::lock_guard lock{mutex};
+    std::unique_lock lock{mutex};
     std::erase_if(receivers, [&task](const Receiver& receiver) { return receiver.task == &task; });
+    sent.wait(lock, [this, &task] { return std::find(targets.begin(), targets.end(), &task) == targets.end(); });
 }
 
 bool NoticeReceivers::IsEmpty() const
@@ -48,10 +49,25 @@ std::uint64_t NoticeReceivers::TakeLosses()
 
 void NoticeReceivers::Send(TraceSequencer& sequencer, const std::shared_ptr<Framework::Message>& message)
 {
-    const std::lock_guard lock{mutex};
-    for (const Receiver& receiver : receivers) {
-        sequencer.SendInOrder(*receiver.task, message);
+    const Targets chosen{*this};
+    for (Framework::Task* target : targets) {
+        sequencer.SendInOrder(*target, message);
     }
+}
+
+NoticeReceivers::Targets::Targets(NoticeReceivers& owner) : owner(owner)
+{
+    const std::lock_guard lock{owner.mutex};
+    for (const Receiver& receiver : owner.receivers) {
+        owner.targets.push_back(receiver.task);
+    }
+}
+
+NoticeReceivers::Targets::~Targets()
+{
+    const std::lock_guard lock{owner.mutex};
+    owner.targets.clear();
+    owner.sent.notify_all();
 }
 
 }  // namespace Engine

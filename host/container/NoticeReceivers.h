@@ -2,6 +2,7 @@
 // The tasks that asked for notices about container processes.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -12,7 +13,7 @@
 
 namespace Engine {
 
-// Any thread. When Remove has returned, nothing more is sent to that task.
+// Any thread, but Send from one at a time. When Remove has returned, nothing more is sent to that task.
 class NoticeReceivers {
 public:
     // A task counts once, however often it is added. Not owned.
@@ -36,8 +37,22 @@ private:
         unsigned long lost;
     };
 
-    mutable std::mutex mutex;
+    // The receivers of one message, whom Remove waits for until it is sent.
+    class Targets {
+    public:
+        explicit Targets(NoticeReceivers& owner);
+        ~Targets();
+        Targets(const Targets&) = delete;
+        Targets& operator=(const Targets&) = delete;
+
+    private:
+        NoticeReceivers& owner;
+    };
+
+    mutable std::mutex mutex;  // not held while a message is sent: the queue's side has locks of its own
+    std::condition_variable sent;
     std::vector<Receiver> receivers;
+    std::vector<Framework::Task*> targets;  // of the message that is being sent
     bool arrival = false;
 };
 
