@@ -52,12 +52,6 @@ std::unique_ptr<Module> Create(const std::string& path, std::string& error)
     }
 }
 
-void SortByStart(std::vector<TaskRegistry::EntryPointer>& entries)
-{
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const auto& a, const auto& b) { return a->startNumber < b->startNumber; });
-}
-
 }  // namespace
 
 Engine::Engine() : impl(std::make_unique<Impl>())
@@ -119,7 +113,7 @@ bool Engine::ApplyPolicy(const std::string& policyId, const std::string& feature
 void Engine::Stop()
 {
     auto entries = impl->registry.All();
-    SortByStart(entries);
+    Impl::SortByStart(entries);
     std::for_each(entries.rbegin(), entries.rend(), [this](const auto& entry) { impl->Stop(*entry); });
     impl->RemoveLeft();
     while (!impl->modules.empty()) {
@@ -148,8 +142,9 @@ std::vector<std::string> Engine::RunningTasks() const
 {
     auto entries = impl->registry.All();
     std::erase_if(entries, [](const auto& entry) { return entry->hidden || RunState::IsOver(entry->state->Get()); });
-    SortByStart(entries);
+    Impl::SortByStart(entries);
     std::vector<std::string> names;
+    names.reserve(entries.size());
     for (const auto& entry : entries) {
         names.push_back(entry->task->name());
     }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/framework/EngineImpl.h"
 
+#include <algorithm>
 #include <atomic>
-#include <ranges>
 
 #include "host/framework/Log.h"
 #include "host/framework/TaskImpl.h"
@@ -66,9 +66,7 @@ void Engine::Impl::Disown(const Module& module)
 {
     auto entries = registry.All();
     std::erase_if(entries, [&module](const auto& entry) { return entry->module != &module; });
-    for (const auto& entry : std::views::reverse(entries)) {
-        StopAndRemove(entry);
-    }
+    std::for_each(entries.rbegin(), entries.rend(), [this](const auto& entry) { StopAndRemove(entry); });
     std::erase_if(callbacks, [&module](const Callback& callback) { return callback.module == &module; });
 }
 
@@ -122,6 +120,12 @@ void Engine::Impl::RemoveLeft()
     }
 }
 
+void Engine::Impl::SortByStart(std::vector<TaskRegistry::EntryPointer>& entries)
+{
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const auto& a, const auto& b) { return a->startNumber < b->startNumber; });
+}
+
 void Engine::Impl::StartTasksOf(const Module& module)
 {
     for (const auto& entry : registry.All()) {
@@ -164,10 +168,8 @@ void Engine::Impl::Restart(const std::string& feature, Policy* policy)
 {
     auto entries = registry.All();
     std::erase_if(entries, [&feature](const auto& entry) { return entry->task->FeatureName() != feature; });
-    std::ranges::sort(entries, {}, &TaskEntry::startNumber);
-    for (const auto& entry : std::views::reverse(entries)) {
-        Stop(*entry);
-    }
+    SortByStart(entries);
+    std::for_each(entries.rbegin(), entries.rend(), [this](const auto& entry) { Stop(*entry); });
     PutInForce(feature, policy);
     for (const auto& entry : registry.All()) {
         if (!entry->hidden && entry->task->FeatureName() == feature) {

@@ -37,6 +37,7 @@ struct Engine::Impl {
     void Stop(TaskEntry& entry);
     void StopAndRemove(const TaskRegistry::EntryPointer& entry);
     void RemoveLeft();  // tasks that unregistered themselves and whose threads are over
+    static void SortByStart(std::vector<TaskRegistry::EntryPointer>& entries);
     void StartTasksOf(const Module& module);
 
     bool Invoke(const Callback& callback, const std::string& feature, const std::string& content, Policy*& result);

@@ -19,6 +19,7 @@ void LogAt(Poco::Message::Priority priority, const char* format, ...)
     std::array<char, longestLine> text{};
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not see va_start's effect here
     std::vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
     try {

@@ -103,7 +103,7 @@ TEST_F(TaskThreadTest, ACancelIsNeverLost)
         ASSERT_EQ(module.RegisterTask(&task, false), 0);
         ASSERT_EQ(module.UnRegisterTask("short_lived"), 0);
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds{foreverMs});
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, limit);
     EXPECT_EQ(journal.Lines().size(), 1000U);
 }
 
