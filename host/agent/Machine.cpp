@@ -15,6 +15,7 @@
 #include "host/sdk/FileDescriptor.h"
 #include "host/sdk/SystemView.h"
 #include "sdk/FileUtils.h"
+#include "sdk/StrUtils.h"
 
 namespace Agent {
 
@@ -76,7 +77,7 @@ std::vector<std::string> ModulePaths(const Options& options)
     }
     std::vector<std::string> paths;
     for (const std::string& name : names) {
-        paths.push_back(dir + "/lib" + name + "_module.so");
+        paths.push_back(SDK::StrUtils::Format("%s/lib%s_module.so", dir.c_str(), name.c_str()));
         if (::access(paths.back().c_str(), R_OK) != 0) {
             throw BadInput("module " + paths.back() + ": " + std::strerror(errno));
         }

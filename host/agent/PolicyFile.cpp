@@ -17,6 +17,7 @@
 #include "host/agent/Console.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/StrUtils.h"
 
 namespace Agent {
 
@@ -169,8 +170,9 @@ Policy ParsePolicy(std::string text)
 std::set<std::string> TraceableCalls(const Policy& policy, const std::string& callEventsDir)
 {
     std::set<std::string> traceable;
+    const std::string prefix = callEventsDir + "/sys_enter_";
     for (const std::string& call : policy.calls) {
-        const std::string event = callEventsDir + "/sys_enter_" + call;
+        const std::string event = prefix + call;
         // The name first: it must not lead the look-up elsewhere.
         if (IsIdentifier(call) && ::access(event.c_str(), F_OK) == 0) {
             traceable.insert(call);
@@ -197,7 +199,8 @@ std::vector<std::string> UselessDirectories(const Policy& policy)
     for (const std::string& directory : policy.directories) {
         const std::string reason = WhyUseless(directory);
         if (!reason.empty()) {
-            lines.push_back("directory \"" + directory + "\": " + reason + ", it is not watched");
+            lines.push_back(
+                SDK::StrUtils::Format("directory \"%s\": %s, it is not watched", directory.c_str(), reason.c_str()));
         }
     }
     return lines;

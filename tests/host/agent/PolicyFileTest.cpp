@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/agent/PolicyFile.h"
+
+#include <gmock/gmock.h>
+
+#include "host/agent/Console.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace Agent;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+template <class Action>
+std::string WhyRefused(Action action)
+{
+    try {
+        action();
+    } catch (const BadInput& problem) {
+        return problem.what();
+    }
+    return "accepted";
+}
+
+std::string Document(const std::string& images, const std::string& calls, const std::string& directories)
+{
+    return R"({"content": {"image_white_namelist": )" + images +
+           R"(, "container_escape_detect_task": {"highrisk_calls": )" + calls + R"(, "host_directorys": )" +
+           directories + "}}}";
+}
+
+TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
+{
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {"", "not JSON: line 1"},
+        {"{\n  \"content\": {,\n}", "line 2, column"},
+        {std::string("{\"content\"\0: {}}", 16), "not JSON"},
+        {"[]", "the document: must be an object, is a list"},
+        {"{}", "content: is missing"},
+        {R"({"content": null})", "content: must be an object, is null"},
+        {R"({"content": {"image_white_namelist": []}})", "content.container_escape_detect_task: is missing"},
+        {Document("7", "[]", "[]"), "content.image_white_namelist: must be a list, is a number"},
+        {Document("[]", R"(["a", "b", "c", 4])", "[]"),
+         "content.container_escape_detect_task.highrisk_calls[3]: must be a text, is a number"},
+        {Document("[]", "[]", R"([["/etc"]])"),
+         "content.container_escape_detect_task.host_directorys[0]: must be a text, is a list"},
+        {Document("[]", "[]", "{}"), "host_directorys: must be a list, is an object"},
+    };
+    for (const auto& [text, reason] : rows) {
+        EXPECT_THAT(WhyRefused([&text = text] { ParsePolicy(text); }), HasSubstr(reason)) << text;
+    }
+}
+
+TEST(PolicyFileTest, AGoodDocumentIsTakenAsItStandsAndUnknownKeysAreNamed)
+{
+    const std::string text = R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
+        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount"], "host_directorys": [], "x": 3}}})";
+    const Policy policy = ParsePolicy(text);
+    EXPECT_EQ(policy.text, text);
+    EXPECT_THAT(policy.images, ElementsAre("i"));
+    EXPECT_THAT(policy.calls, ElementsAre("mount"));
+    EXPECT_THAT(policy.unknownKeys, ElementsAre("version", "content.other", "content.container_escape_detect_task.x"));
+}
+
+TEST(PolicyFileTest, TheExamplePolicyIsGood)
+{
+    const Policy policy = ParsePolicy(ReadPolicyFile(CE_EXAMPLE_POLICY));
+    EXPECT_THAT(policy.unknownKeys, IsEmpty());
+    EXPECT_THAT(UselessDirectories(policy), IsEmpty());
+}
+
+TEST(PolicyFileTest, OnlyARegularReadableFileOfBoundedSizeIsRead)
+{
+    const TemporaryDirectory directory;
+    EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(directory / "none"); }), HasSubstr("No such file"));
+    EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(directory.Path()); }), HasSubstr("not a regular file"));
+    const std::string large = directory.Write("large", std::string(maxPolicyBytes + 1, ' '));
+    EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(large); }), HasSubstr("larger than 1048576 bytes"));
+    const std::string full = directory.Write("full", std::string(maxPolicyBytes, ' '));
+    EXPECT_EQ(ReadPolicyFile(full).size(), maxPolicyBytes);
+}
+
+TEST(PolicyFileTest, EntriesThatTheModulesWouldDropAreNamed)
+{
+    const TemporaryDirectory directory;
+    directory.Write("sys_enter_mount", "");
+    directory.Write("outside", "");
+    Policy policy;
+    policy.calls = {"mount", "nosuchcall", "/../outside", ""};
+    EXPECT_THAT(TraceableCalls(policy, directory.Path()), ElementsAre("mount"));
+    EXPECT_EQ(UselessCalls(policy, directory.Path()).size(), 3U);
+
+    const std::string& good = directory.Path();
+    policy.directories = {good, good + "*/*rwxa", good + "*/*rrrr"};
+    EXPECT_THAT(UselessDirectories(policy), IsEmpty());
+    policy.directories = {good + "*/*", good + "*/*rwxar", good + "*/*q", good + "/none", good + "/none*/*r", ""};
+    EXPECT_EQ(UselessDirectories(policy).size(), policy.directories.size());
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <json/value.h>
+#include <signal.h>
+
+#include <future>
+
+#include "host/agent/Console.h"
+#include "host/agent/Signals.h"
+#include "host/agent/StatusReport.h"
+#include "host/agent/Watchdog.h"
+#include "sdk/JsonUtils.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace Agent;
+using namespace std::chrono_literals;
+
+TEST(StatusReportTest, TheLineAddsUpThePlaces)
+{
+    EXPECT_EQ(StatusLine({{"trace.read", 10},
+                          {"notify.read", 5},
+                          {"trace.lost_overrun", 1},
+                          {"trace.lost_dropped", 2},
+                          {"trace.lost_pages", 3},
+                          {"notify.overflow", 4},
+                          {"queue.lost", 7},
+                          {"trace.lost_queue", 6},
+                          {"trace.not_container", 8},
+                          {"notify.not_container", 1},
+                          {"alarms.sent", 2},
+                          {"alarms.lost", 1}}),
+              "events_read=15 lost_kernel=10 lost_queues=7 not_container=9 alarms_sent=2 alarms_lost=1");
+}
+
+TEST(StatusReportTest, StatisticsReplaceTheFileAndLeaveNoDraft)
+{
+    const TemporaryDirectory directory;
+    directory.Write("stats", "old, and longer than what follows");
+    EXPECT_FALSE(WriteStatistics(directory / "stats", {{"trace.read", 1UL << 60U}}));
+    EXPECT_EQ(directory.Read("stats"), "{\"trace.read\":1152921504606846976}\n");
+    EXPECT_TRUE(WriteStatistics(directory / "none/stats", {}));
+    std::filesystem::create_directory(directory / "taken");
+    EXPECT_TRUE(WriteStatistics(directory / "taken", {}));
+    const std::filesystem::directory_iterator entries(directory.Path());
+    EXPECT_EQ(std::distance(begin(entries), end(entries)), 2);  // "stats" and "taken"
+}
+
+// In a process of their own: they change what signals do there.
+TEST(SignalsDeathTest, AStopGoesBeforeAReloadAndStays)
+{
+    const auto scenario = [] {
+        Signals signals;
+        const bool isQuiet = signals.Wait(0ms) == Signals::Event::Timeout;
+        ::kill(::getpid(), SIGHUP);
+        const bool isReload = signals.Wait(60s) == Signals::Event::Reload;
+        ::kill(::getpid(), SIGHUP);
+        ::kill(::getpid(), SIGTERM);
+        const bool isStop = signals.Wait(60s) == Signals::Event::Stop && signals.Wait(60s) == Signals::Event::Stop;
+        ::raise(SIGPIPE);
+        ::_exit(isQuiet && isReload && isStop ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), testing::ExitedWithCode(0), "");
+}
+
+TEST(WatchdogDeathTest, EndsTheProcessWhenTheTimeIsUpAndNotBefore)
+{
+    const auto scenario = [](std::chrono::milliseconds bound, std::chrono::milliseconds work) {
+        {
+            const Watchdog watchdog(bound, "the test");
+            std::promise<void>().get_future().wait_for(work);
+        }
+        ::_exit(0);
+    };
+    EXPECT_EXIT(scenario(10ms, 60s), testing::ExitedWithCode(failed), "the test takes too long");
+    EXPECT_EXIT(scenario(60s, 10ms), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
