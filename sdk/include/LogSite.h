@@ -15,7 +15,6 @@
 #include <Poco/Message.h>
 
 #include <cstring>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -32,9 +31,10 @@ struct At {
 
 // A format text and, unless the site fixes another position, the place where it stands in the source.
 struct LogText {
-    // Implicit, so that a site reads as a call with a text.
-    LogText(const char* text, const std::source_location& where = std::source_location::current())
-        : text(text), at{BaseName(where.file_name()), static_cast<int>(where.line())}
+    // Implicit, so that a site reads as a call with a text. The builtins name the caller's place, as
+    // std::source_location does, which not every compiler of this code has.
+    LogText(const char* text, const char* file = __builtin_FILE(), int line = __builtin_LINE())
+        : text(text), at{BaseName(file), line}
     {
     }
 

@@ -86,6 +86,9 @@ TEST_F(DetectTaskTest, StopUndoesItAll)
     EXPECT_THAT(journal, ElementsAre("a deinit"));
     EXPECT_THAT(Taken(*audit, audit->unsubscribed), ElementsAre(task.get()));
     EXPECT_THAT(logs.Texts(Poco::Message::PRIO_INFORMATION), ElementsAre("Container escape task UnInit done"));
+    ASSERT_THAT(logs.From("ContainerEscapeDetectTask.cpp"), SizeIs(2))
+        << "a site without a fixed position names its own";
+    EXPECT_GT(logs.From("ContainerEscapeDetectTask.cpp")[1].line, logs.From("ContainerEscapeDetectTask.cpp")[0].line);
 }
 
 TEST_F(DetectTaskTest, RefreshTakesOverWhatChanged)

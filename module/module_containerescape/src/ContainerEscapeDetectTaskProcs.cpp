@@ -41,6 +41,7 @@ int ContainerEscapeDetectTask::CreateProcess(const std::string& /*syscall*/, con
     return 0;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the operation's signature is settled; callers pass ""
 int ContainerEscapeDetectTask::AddProcessInfo(std::string /*syscall*/, const FtraceMessage& message, int& pid)
 {
     pid = static_cast<int>(message.get_number("pid"));
