@@ -27,6 +27,8 @@ constexpr char featureName[] = "containerescape";
 constexpr char detectionTask[] = "container_escape_detect_task";
 
 constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
+constexpr char collectorTask[] = "container_collect_task";
+constexpr auto collectorBound = 1500ms;  // one time-out of an engine that hangs, and some more
 constexpr auto stopBound = 2s;
 constexpr auto checkInterval = 1000ms;
 constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
@@ -114,6 +116,9 @@ HostAgent::Outcome HostAgent::Start()
     if (!LoadModules()) {
         return Outcome::Failed;
     }
+    // Containers that run already are announced when detection starts: their images must be known by then, or one that
+    // is whitelisted would be watched.
+    engine.WaitStarted(collectorTask, collectorBound);
     const Outcome outcome = Apply(plan.policy);
     if (outcome == Outcome::Started) {
         Announce("ready");

@@ -46,6 +46,12 @@ void ContainerCollectTask::Detach()
     }
 }
 
+int ContainerCollectTask::Init()
+{
+    FollowEngine(EngineFollower::Clock::now());
+    return Framework::Task::Init();
+}
+
 int ContainerCollectTask::Run()
 {
     bool isReadable = false;
@@ -58,12 +64,17 @@ int ContainerCollectTask::Run()
     BulkConsumeMsg(static_cast<int>(queueCapacity));
     const auto now = EngineFollower::Clock::now();
     if (!isCancelled() && (isReadable || follower.Fd() < 0)) {
-        follower.Step(now);
-        isUnreachable = follower.IsUnreachable();
-        hasReadAll = follower.HasReadAll();
+        FollowEngine(now);
     }
     cache.Purge(now);
     return 0;
+}
+
+void ContainerCollectTask::FollowEngine(EngineFollower::Clock::time_point now)
+{
+    follower.Step(now);
+    isUnreachable = follower.IsUnreachable();
+    hasReadAll = follower.HasReadAll();
 }
 
 int ContainerCollectTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)

@@ -38,6 +38,9 @@ public:
 
     SDK::ContainerResolver& Resolver() { return registry; }
 
+    // Reads what the engine knows for the first time, so that whoever waits for this task's start finds names and
+    // images in the cache. An engine that hangs delays it by one time-out of the client.
+    int Init() override;
     int Run() override;
 
     // Takes a registration at once, on the sender's thread: after a withdrawal the requester may be gone the next
@@ -51,6 +54,7 @@ public:
 
 private:
     int PauseMilliseconds() const;
+    void FollowEngine(EngineFollower::Clock::time_point now);
 
     MetadataCache cache;
     ContainerRegistry registry;
