@@ -112,7 +112,7 @@ void DecodingAlone(benchmark::State& state)
     std::array<std::byte, Engine::Testing::pageBytes> page{};
     std::size_t seen = 0;
     unsigned long long pids = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (const auto& pages : TheRecording().pages) {
             RecordedPages source{pages};
             while (source.ReadPage(page) != 0) {
@@ -181,7 +181,7 @@ void FromPageToTask(benchmark::State& state)
             std::make_unique<Engine::CpuStream>(std::move(source), Engine::Testing::pageBytes, std::size_t{64}));
     }
     Engine::TraceMerger merger{std::move(streams)};
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (RecordedPages* source : sources) {
             source->WindBack();
         }

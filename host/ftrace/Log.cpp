@@ -10,7 +10,7 @@
 namespace Engine {
 namespace {
 
-void Write(Poco::Message::Priority priority, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] void Write(Poco::Message::Priority priority, const char* format, va_list arguments)
 {
     try {
         static Poco::Logger* const logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace_module", false);
