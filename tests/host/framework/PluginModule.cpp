@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The smallest module that can be loaded: one task, owned by the framework.
+#include <memory>
+
 #include "framework/Module.h"
 
 namespace {
@@ -9,7 +11,12 @@ public:
     PluginModule() : Module("plugin_module") {}
     int Init() override
     {
-        return RegisterTask(new Framework::Task("plugin_task", "", Framework::TaskCondition::EventLoop, 16), true);
+        auto task = std::make_unique<Framework::Task>("plugin_task", "", Framework::TaskCondition::EventLoop, 16);
+        if (RegisterTask(task.get(), true) != 0) {
+            return -1;
+        }
+        [[maybe_unused]] const Framework::Task* taken = task.release();
+        return 0;
     }
 };
 
