@@ -22,6 +22,11 @@ ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, ProcRe
       observer(registry, reader, receivers, cache),
       follower(socketPath, cache, [this] { return isCancelled(); })
 {
+    registry.SetWake([this] {
+        if (TraceObservable* observable = trace; observable != nullptr) {
+            observable->RequestRound();
+        }
+    });
 }
 
 ContainerCollectTask::~ContainerCollectTask()

@@ -151,7 +151,8 @@ std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)
     std::vector<int> promoted;
     for (const auto& [tid, until] : provisional) {
         const auto found = entries.find(tid);
-        if (until > now || found == entries.end() || found->second.state != State::Entering) {
+        if (until > now || found == entries.end() || found->second.state != State::Entering ||
+            found->second.exit != alive) {
             continue;
         }
         const std::lock_guard lock{mutex};
@@ -164,20 +165,44 @@ std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)
 
 int ContainerRegistry::ContainerOf(int pid, std::string& id)
 {
-    {
-        const std::lock_guard lock{mutex};
-        if (const Entry* entry = Find(pid); entry != nullptr) {
-            const Text& container = VisibleAt(*entry, SDK::TraceTime::Current());
-            id = container == nullptr ? std::string{} : *container;
-            return 0;
+    const std::optional<Nanoseconds> when = SDK::TraceTime::Current();
+    std::unique_lock lock{mutex};
+    if (const Entry* entry = Find(pid); entry != nullptr) {
+        const Text container = VisibleAt(*entry, when);
+        const bool mustWake = !when && NoteAsked(pid, *entry);
+        lock.unlock();
+        id = container == nullptr ? std::string{} : *container;
+        if (mustWake) {
+            onAsked();
         }
+        return 0;
     }
+    lock.unlock();
     const std::optional<Found> found = Look(pid);
     if (!found) {
         return -1;
     }
     id = found->state == State::Inside ? found->container : std::string{};
     return 0;
+}
+
+std::vector<int> ContainerRegistry::TakeAsked()
+{
+    const std::lock_guard lock{mutex};
+    return std::exchange(asked, {});
+}
+
+// Whether it is the first since TakeAsked. The mutex is held.
+bool ContainerRegistry::NoteAsked(int pid, const Entry& entry)
+{
+    if (entry.state != State::Inside || entry.exit != alive || asked.size() >= maxAsked || onAsked == nullptr) {
+        return false;
+    }
+    if (std::find(asked.begin(), asked.end(), pid) != asked.end()) {
+        return false;
+    }
+    asked.push_back(pid);
+    return asked.size() == 1;
 }
 
 ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when)

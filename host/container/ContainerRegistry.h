@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -101,6 +102,14 @@ public:
     // thread.
     int ContainerOf(int pid, std::string& id) override;
 
+    // The processes Inside that somebody has asked about beside a trace event since the last call, at most maxAsked:
+    // something else than a system call has shown them to be active.
+    std::vector<int> TakeAsked();
+    static constexpr std::size_t maxAsked = 64;
+
+    // `wake` is called, on the asking thread, when TakeAsked has something again. Set once, before anybody asks.
+    void SetWake(std::function<void()> wake) { onAsked = std::move(wake); }
+
     // Whether Resync has run. Any thread.
     bool IsSynced() const { return synced.load(std::memory_order_relaxed); }
 
@@ -129,12 +138,15 @@ private:
     static void Change(Entry& entry, State state, Text container, Nanoseconds when);
     void Store(int tid, Entry entry);
     void SetExit(int tid, Entry& entry, Nanoseconds when);
+    bool NoteAsked(int pid, const Entry& entry);
 
     ProcReader& reader;
     std::mutex mutex;  // held for each write to `entries`, and for each read by other threads
     std::unordered_map<int, Entry> entries;
     std::deque<std::pair<int, Nanoseconds>> dead;          // in the order of their exits
     std::vector<std::pair<int, Nanoseconds>> provisional;  // who is believed to be in set-up, and until when
+    std::vector<int> asked;                                // guarded by the mutex
+    std::function<void()> onAsked;
     std::atomic<bool> synced{false};
 };
 

@@ -78,11 +78,8 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
     if (const std::uint64_t lost = receivers.TakeLosses(); lost != 0) {
         ledger.Doubt(lost);
     }
-    for (const int tid : registry.PromoteOverdue(now)) {
-        if (const ContainerRegistry::Entry* entry = registry.Find(tid); entry != nullptr) {
-            AnnounceIfUnknown(tid, *entry, now, sequencer);
-        }
-    }
+    AnnounceThose(registry.PromoteOverdue(now), now, sequencer);
+    AnnounceThose(registry.TakeAsked(), now, sequencer);
     if (!receivers.IsEmpty()) {
         Withdraw(ledger.TakeExpired(now), sequencer);
     }
@@ -180,15 +177,20 @@ void RegistryObserver::AnnounceProcesses(Nanoseconds now, TraceSequencer& sequen
         return;
     }
     for (const int pid : reader.Processes()) {
-        const ContainerRegistry::Entry* entry = registry.Find(pid);
-        if (entry == nullptr || entry->state != ContainerRegistry::State::Inside ||
-            entry->exit != ContainerRegistry::alive) {
-            continue;
+        if (ledger.Size() < maxAtArrival || ledger.MayHold(pid)) {
+            AnnounceThose({pid}, now, sequencer);
         }
-        if (ledger.Size() >= maxAtArrival && !ledger.MayHold(pid)) {
-            return;
+    }
+}
+
+void RegistryObserver::AnnounceThose(const std::vector<int>& tids, Nanoseconds now, TraceSequencer& sequencer)
+{
+    for (const int tid : tids) {
+        const ContainerRegistry::Entry* entry = registry.Find(tid);
+        if (entry != nullptr && entry->state == ContainerRegistry::State::Inside &&
+            entry->exit == ContainerRegistry::alive) {
+            AnnounceIfUnknown(tid, *entry, now, sequencer);
         }
-        AnnounceIfUnknown(pid, *entry, now, sequencer);
     }
 }
 

@@ -20,7 +20,8 @@ namespace Engine {
 
 // A start notice goes out for a process that is in a container without a parent there that the receivers saw: at the
 // exec that ends the runtime's set-up, at a receiver's arrival, and when a process acts that the receivers may not know
-// (any more). A stop notice goes out for one that ended some seconds ago, whose id a process of the host takes, that
+// (any more), be it by a system call or by what makes somebody ask about its container, such as a file notification.
+// A stop notice goes out for one that ended some seconds ago, whose id a process of the host takes, that
 // was moved out of its container, or that must make room for others; see NoticeLedger.
 //
 // Ownership: nothing passed to the constructor is owned; all of it outlives the observer.
@@ -53,6 +54,7 @@ private:
 
     void Resync(Nanoseconds now, TraceSequencer& sequencer);
     void AnnounceProcesses(Nanoseconds now, TraceSequencer& sequencer);
+    void AnnounceThose(const std::vector<int>& tids, Nanoseconds now, TraceSequencer& sequencer);
     void Announce(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now, TraceSequencer& sequencer);
     void AnnounceIfUnknown(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now, TraceSequencer& sequencer);
     void MakeRoom(std::size_t more, TraceSequencer& sequencer);

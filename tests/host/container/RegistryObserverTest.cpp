@@ -189,6 +189,23 @@ TEST_F(RegistryObserverTest, ArrivingReceiverLearnsWhatRunsAndThreadsWhenTheyAct
     EXPECT_THAT(sequencer.Take(), IsEmpty());
 }
 
+// A file notification names the process, whose own thread may never make a watched call.
+TEST_F(RegistryObserverTest, ProcessThatSomebodyAsksAboutIsAnnouncedSoon)
+{
+    int wakes = 0;
+    registry.SetWake([&wakes] { ++wakes; });
+    StartInA(400);
+    receivers.Add(task);
+    Round();
+    std::string id;
+    registry.ContainerOf(400, id);
+    registry.ContainerOf(400, id);
+    EXPECT_EQ(wakes, 1);
+    EXPECT_THAT(sequencer.Take(), IsEmpty());
+    Round();
+    EXPECT_THAT(sequencer.Take(), ElementsAre("+400"));
+}
+
 TEST_F(RegistryObserverTest, ForkThatANewReceiverMayHaveMissedIsMadeUpFor)
 {
     StartInA(400);
