@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/RegistryObserver.h"
 
+#include <algorithm>
+#include <cstring>
 #include <string_view>
 
 #include "host/container/ContainerLog.h"
@@ -22,6 +24,14 @@ std::string CommandName(const std::string& executable)
 {
     const std::size_t slash = executable.rfind('/');
     return executable.substr(slash == std::string::npos ? 0 : slash + 1, maxCommandName);
+}
+
+// Ids are random digits with nearly every engine, so their first bytes tell containers apart.
+TraceObserver::Origin OriginOf(const std::string& container)
+{
+    TraceObserver::Origin origin = 0;
+    std::memcpy(&origin, container.data(), std::min(container.size(), sizeof origin));
+    return origin == TraceObserver::notAdmitted ? 1 : origin;
 }
 
 }  // namespace
@@ -55,14 +65,14 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, TraceSequencer& seque
     }
 }
 
-bool RegistryObserver::AdmitsSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer)
+TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer)
 {
     const ContainerRegistry::Entry* entry = registry.FindOrLoad(tid, event.When());
     if (entry == nullptr || entry->state != ContainerRegistry::State::Inside) {
-        return false;
+        return notAdmitted;
     }
     AnnounceIfUnknown(tid, *entry, event.When(), sequencer);
-    return true;
+    return OriginOf(*entry->container);
 }
 
 void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)

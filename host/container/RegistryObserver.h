@@ -42,7 +42,7 @@ public:
 
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override;
     void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override;
-    bool AdmitsSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) override;
+    Origin AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) override;
     void OnRound(Nanoseconds now, TraceSequencer& sequencer) override;
     void OnLoss(TraceSequencer& sequencer) override;
 

@@ -28,6 +28,7 @@ public:
 };
 
 // Keeps what is sent and passes it on to a table such as the detection task's, at once.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the contract's destructor is protected
 class Sequencer final : public Engine::TraceSequencer {
 public:
     void SendInOrder(Framework::Task& /*target*/, std::shared_ptr<Framework::Message> message) override
@@ -109,7 +110,7 @@ protected:
     {
         Tick();
         auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitsSyscall(tid, event.At(now).Message(), sequencer);
+        return observer.AdmitSyscall(tid, event.At(now).Message(), sequencer) != TraceObserver::notAdmitted;
     }
     void StartInA(int pid)
     {
