@@ -106,11 +106,12 @@ protected:
                     .Number("pid", pid)
                     .Text("dst_path", path));
     }
-    bool Call(int tid)
+    // Zero: not admitted.
+    Engine::TraceObserver::Origin Call(int tid)
     {
         Tick();
         auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitSyscall(tid, event.At(now).Message(), sequencer) != TraceObserver::notAdmitted;
+        return observer.AdmitSyscall(tid, event.At(now).Message(), sequencer);
     }
     void StartInA(int pid)
     {
@@ -234,9 +235,13 @@ TEST_F(RegistryObserverTest, StopNoticesFollowTheDead)
     EXPECT_THAT(sequencer.Take(), ElementsAre("-401"));
     Attach(shim, 400, GroupOf(idB));
     EXPECT_THAT(sequencer.Take(), ElementsAre("-400"));
-    EXPECT_TRUE(Call(400));
+    const auto origin = Call(400);
     EXPECT_THAT(sequencer.Take(), ElementsAre("+400"));
     EXPECT_EQ(sequencer.last.containerId, idB);
+    StartInA(500);
+    Fork(500, 501);
+    EXPECT_EQ(Call(500), Call(501)) << "one container, one origin";
+    EXPECT_NE(Call(500), origin);
 }
 
 TEST_F(RegistryObserverTest, WhatDiedWhileNobodyListenedIsWithdrawnFromTheOneWhoComesBack)
