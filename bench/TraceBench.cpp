@@ -170,7 +170,8 @@ void FromPageToTask(benchmark::State& state)
     Engine::EventDelivery delivery{table, catalog,
                                    [&task](const std::string&, std::unique_ptr<Framework::Message> message) {
                                        std::shared_ptr<Framework::Message> shared = std::move(message);
-                                       return task.EnqueueMsg(shared) == 0;
+                                       return task.EnqueueMsg(shared) == 0 ? Engine::EventDelivery::Sending::Accepted
+                                                                           : Engine::EventDelivery::Sending::Refused;
                                    }};
     std::vector<RecordedPages*> sources;
     std::vector<std::unique_ptr<Engine::CpuStream>> streams;

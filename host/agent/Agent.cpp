@@ -29,6 +29,8 @@ constexpr char detectionTask[] = "container_escape_detect_task";
 constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
 constexpr char collectorTask[] = "container_collect_task";
 constexpr auto collectorBound = 1500ms;  // one time-out of an engine that hangs, and some more
+constexpr char fileNotifyTask[] = "filenotify_task";
+constexpr auto fileWatchBound = 5000ms;  // a tree without filesystem marks is walked, and may be large
 constexpr auto stopBound = 2s;
 constexpr auto checkInterval = 1000ms;
 constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
@@ -146,6 +148,7 @@ HostAgent::Outcome HostAgent::Apply(const Policy& policy)
     }
     const Outcome outcome = WaitForDetection();
     if (outcome == Outcome::Started) {
+        AwaitFileWatches();
         expectedTasks = engine.RunningTasks();
         WarnAbout(policy);
     }
@@ -169,6 +172,16 @@ HostAgent::Outcome HostAgent::WaitForDetection()
         if (signals.Wait(0ms) == Signals::Event::Stop) {  // a reload is pointless now: the policy has just been read
             return Outcome::StopAsked;
         }
+    }
+}
+
+// Detection asks for its file watches without waiting for them. What follows them in the same queue is answered when
+// they are in place: only then is it true that the agent is ready.
+void HostAgent::AwaitFileWatches()
+{
+    std::string reply;
+    if (Framework::Task* detection = engine.FindTask(detectionTask); detection != nullptr) {
+        detection->SyncSendDirectMsg(fileNotifyTask, new Framework::Message, reply, fileWatchBound.count(), 1);
     }
 }
 

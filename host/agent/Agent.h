@@ -39,6 +39,7 @@ private:
     Outcome Start();
     Outcome Apply(const Policy& policy);
     Outcome WaitForDetection();
+    void AwaitFileWatches();
     ExitCode Watch();
     Outcome Reload();
     ExitCode Stop(ExitCode code);

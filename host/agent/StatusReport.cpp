@@ -70,9 +70,9 @@ std::string StatusLine(const CounterValues& counters)
 {
     const std::array<std::pair<const char*, std::uint64_t>, 6> values{{
         {"events_read", Sum(counters, {Name::traceRead, Name::notifyRead})},
-        {"lost_kernel",
-         Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::traceLostPages, Name::notifyOverflow})},
-        {"lost_queues", Sum(counters, {Name::queueLost})},  // every task's queue, those of the subscribers included
+        {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::notifyOverflow})},
+        // Every task's queue, those of the subscribers included, and what was kept from them in a storm.
+        {"lost_queues", Sum(counters, {Name::queueLost, Name::traceShed})},
         {"not_container", Sum(counters, {Name::traceNotContainer, Name::notifyNotContainer})},
         {"alarms_sent", Sum(counters, {Name::alarmsSent})},
         {"alarms_lost", Sum(counters, {Name::alarmsLost})},

@@ -75,7 +75,10 @@ int Task::EnqueueMsg(std::shared_ptr<Message>& message)
     if (message == nullptr) {
         return -1;
     }
-    if (!impl->accepting.load() || impl->queue.Enqueue(message) == 0) {
+    if (!impl->accepting.load()) {
+        return -1;  // nobody reads any more: the sender knows, nothing waits that could be lost
+    }
+    if (impl->queue.Enqueue(message) == 0) {
         impl->CountLost(message->EventCount());
         return -1;
     }
@@ -165,6 +168,11 @@ void Task::Impl::DropQueued()
         CountLost(message->EventCount());
         message.reset();
     }
+}
+
+bool Task::IsAccepting() const
+{
+    return impl->accepting.load();
 }
 
 EventWaiter& Task::Waiter()

@@ -49,6 +49,7 @@ struct Task::Impl {
     // Thread: the task's.
     bool IsCutShort() const { return interruptible && cancelled; }
     void Loop(Task& task);
+    void Drain(Task& task);
     void RunOnce(Task& task);
     int HandleOne(Task& task, Queued& message);
     int Deliver(Task& task, Queued& message);

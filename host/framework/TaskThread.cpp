@@ -23,6 +23,7 @@ constexpr int mostEventsAtOnce = 128;
 constexpr int mostMessagesAtOnce = 1024;
 constexpr milliseconds pauseAfterFailedRun{100};
 constexpr milliseconds longestWait{60'000};
+constexpr milliseconds drainBound{200};
 constexpr milliseconds patience{2000};  // until a stop that takes long is worth a warning
 
 // Signals are the main thread's: a new thread inherits the mask of the one that makes it. Those that report a fault of
@@ -126,8 +127,11 @@ void Task::runTask()
         LogAt(Poco::Message::PRIO_ERROR, "task %s does not run: Init returned %d", name().c_str(), initResult);
     }
     impl->interruptible = false;
-    Guarded(*this, "UnInit", [this] { return UnInit(); });
+    if (initResult == 0) {
+        impl->Drain(*this);
+    }
     impl->accepting = false;
+    Guarded(*this, "UnInit", [this] { return UnInit(); });
     impl->DropQueued();
     impl->loopThread = std::thread::id{};
     setState(TASK_FINISHED);
@@ -156,6 +160,15 @@ void Task::Impl::Loop(Task& task)
         Guarded(task, "a descriptor's handler",
                 [&] { return waiter.WaitAndHandleEvent(WaitMs(remaining), mostEventsAtOnce); });
         task.BulkConsumeMsg(mostMessagesAtOnce);
+    }
+}
+
+// What was sent before the stop is still handled, as far as the time goes that a stop may take.
+void Task::Impl::Drain(Task& task)
+{
+    const auto end = std::chrono::steady_clock::now() + drainBound;
+    while (queue.Size() != 0 && std::chrono::steady_clock::now() < end) {
+        task.BulkConsumeMsg(1);
     }
 }
 

@@ -9,7 +9,6 @@
 
 #include "host/ftrace/Log.h"
 #include "host/sdk/TraceTime.h"
-#include "messages/FtraceMessages.h"
 
 namespace Engine {
 namespace {
@@ -86,6 +85,19 @@ bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32
     return true;
 }
 
+EventBatch::~EventBatch()
+{
+    if (sent) {
+        backlog->Gone(count);
+    }
+}
+
+void EventBatch::MarkSent()
+{
+    sent = true;
+    backlog->Sent(count);
+}
+
 int EventBatch::MessageHandle(void* target)
 {
     auto* receiver =
@@ -95,6 +107,14 @@ int EventBatch::MessageHandle(void* target)
     if (receiver == nullptr) {
         return -1;
     }
+    const auto begin = std::chrono::steady_clock::now();
+    HandEach(*receiver);
+    backlog->Handled(count, std::chrono::steady_clock::now() - begin);
+    return 0;
+}
+
+void EventBatch::HandEach(AbstructMessage<FtraceMessage>::Receiver& receiver) const
+{
     unsigned long failures = 0;
     SDK::TraceTime::Scope time;
     for (std::size_t at = 0; at < used;) {
@@ -104,7 +124,7 @@ int EventBatch::MessageHandle(void* target)
         const std::chrono::nanoseconds when{entry.when};
         time.MoveTo(when);
         try {
-            receiver->Receive({*entry.kind, record, entry.size, when});
+            receiver.Receive({*entry.kind, record, entry.size, when});
         } catch (...) {
             ++failures;
         }
@@ -113,7 +133,6 @@ int EventBatch::MessageHandle(void* target)
     if (failures != 0) {
         LogWarning("the receiver of a trace batch failed on %lu of %lu events", failures, count);
     }
-    return 0;
 }
 
 }  // namespace Engine

@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "framework/Message.h"
+#include "host/ftrace/Backlog.h"
+#include "messages/FtraceMessages.h"
 
 namespace Engine {
 
@@ -23,7 +25,17 @@ public:
     static constexpr std::size_t maxBytes = 64 * 1024UL;  // records, and 24 bytes for each
 
     // `kinds`: owner of the kinds of all events that will be added.
-    explicit EventBatch(std::shared_ptr<const void> kinds) : kinds(std::move(kinds)) {}
+    // `backlog`: told of what becomes of the batch once it is sent.
+    EventBatch(std::shared_ptr<const void> kinds, std::shared_ptr<Backlog> backlog)
+        : kinds(std::move(kinds)), backlog(std::move(backlog))
+    {
+    }
+    EventBatch(const EventBatch&) = delete;
+    EventBatch& operator=(const EventBatch&) = delete;
+    ~EventBatch() override;
+
+    // Once, when it is full or its round is over; before it goes to the subscriber's queue.
+    void MarkSent();
 
     // Copies an event. False when it does not fit any more. `when`: nanoseconds on the trace clock.
     bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when);
@@ -52,7 +64,11 @@ private:
         return (sizeof(Entry) + size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
     }
 
+    void HandEach(AbstructMessage<FtraceMessage>::Receiver& receiver) const;
+
     std::shared_ptr<const void> kinds;
+    std::shared_ptr<Backlog> backlog;
+    bool sent = false;
     std::size_t used = 0;
     unsigned long count = 0;
     alignas(Entry) std::array<std::byte, maxBytes> events;  // not initialised: 64 KiB of zeros for each batch

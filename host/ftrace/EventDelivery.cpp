@@ -10,6 +10,9 @@ namespace Engine {
 
 namespace {
 
+// Where a system call comes from when nobody is asked: all are treated as one container's.
+constexpr TraceObserver::Origin unknownOrigin = 1;
+
 // Carries a message that others hold too through an interface that takes ownership.
 class SharedMessage final : public Framework::Message {
 public:
@@ -42,28 +45,37 @@ void EventDelivery::OnRecord(const RawRecord& record)
 
 void EventDelivery::Deliver(const TraceRoute& route, const RawRecord& record)
 {
-    if (observer != nullptr && !PassesObserver(route, record)) {
-        ++sums.notContainer;
-        return;
+    TraceObserver::Origin origin = unknownOrigin;
+    if (observer != nullptr) {
+        origin = AskObserver(route, record);
+        if (origin == TraceObserver::notAdmitted) {
+            ++sums.notContainer;
+            return;
+        }
     }
     for (const TraceRoute::Subscriber& subscriber : route.subscribers) {
-        Append(*subscriber.target, route.event->kind, record);
+        // Only system calls: a fork or an exit that is left out would falsify what is known about later events.
+        if (!route.isSyscall || subscriber.target->guard.Admit(origin, route.event->kind)) {
+            Append(*subscriber.target, route.event->kind, record);
+        } else {
+            ++sums.shed;
+        }
     }
 }
 
-bool EventDelivery::PassesObserver(const TraceRoute& route, const RawRecord& record)
+TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const RawRecord& record)
 {
-    bool admitted = true;
+    TraceObserver::Origin origin = unknownOrigin;
     const FtraceMessage event{route.event->kind, record.data, record.size, std::chrono::nanoseconds{record.when}};
     Guarded([&] {
         if (route.isObserved) {
             observer->OnEvent(event, *this);
         }
         if (route.isSyscall && !route.subscribers.empty()) {
-            admitted = observer->AdmitsSyscall(static_cast<int>(event.get_number("common_pid")), event, *this);
+            origin = observer->AdmitSyscall(static_cast<int>(event.get_number("common_pid")), event, *this);
         }
     });
-    return admitted;
+    return origin;
 }
 
 void EventDelivery::Append(TraceTarget& target, const EventKind& kind, const RawRecord& record)
@@ -72,7 +84,7 @@ void EventDelivery::Append(TraceTarget& target, const EventKind& kind, const Raw
         return;
     }
     Send(target);
-    target.batch = std::make_unique<EventBatch>(kinds);
+    target.batch = std::make_unique<EventBatch>(kinds, target.backlog);
     // An empty batch has room for every record that fits a page of up to 60 KiB; the kernel's have 4.
     if (!target.batch->Add(kind, record.data, record.size, record.when)) {
         ++sums.lostQueue;
@@ -85,8 +97,11 @@ void EventDelivery::Send(TraceTarget& target)
         return;
     }
     const unsigned long events = target.batch->EventCount();
-    target.refused = !sender(target.name, std::move(target.batch));
-    (target.refused ? sums.lostQueue : sums.delivered) += events;
+    target.batch->MarkSent();
+    const Sending result = sender(target.name, std::move(target.batch));
+    target.refused = result != Sending::Accepted;
+    (result == Sending::Accepted ? sums.delivered : result == Sending::Gone ? sums.unwanted : sums.lostQueue) += events;
+    target.guard.Update(*target.backlog);
 }
 
 void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message)
@@ -101,6 +116,7 @@ void EventDelivery::Flush()
 {
     for (const auto& target : table->Targets()) {
         Send(*target);
+        target->guard.Update(*target->backlog);  // it may have caught up without a new batch
     }
 }
 

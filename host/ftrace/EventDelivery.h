@@ -18,14 +18,19 @@ struct DeliverySums {
     std::uint64_t read = 0;
     std::uint64_t delivered = 0;     // counted once for each subscriber
     std::uint64_t notContainer = 0;  // system calls that the observer did not admit
-    std::uint64_t lostQueue = 0;     // refused by a subscriber's queue; counted once for each subscriber
+    std::uint64_t shed = 0;          // left out because their container storms; once for each subscriber
+    std::uint64_t unwanted = 0;      // for a subscriber that had stopped; once for each subscriber
+    std::uint64_t lostQueue = 0;     // refused by a subscriber's queue; once for each subscriber
 };
 
 // Refers to the table. Thread: one at a time. What an observer throws is logged and ends that call only.
 class EventDelivery final : public RecordSink, public TraceSequencer {
 public:
-    // Takes a message to the task of that name. False when the task's queue is full or there is no such task.
-    using Sender = std::function<bool(const std::string& task, std::unique_ptr<Framework::Message> message)>;
+    // Refused: the task's queue is full. Gone: there is no such task, or it takes no messages any more.
+    enum class Sending { Accepted, Refused, Gone };
+
+    // Takes a message to the task of that name.
+    using Sender = std::function<Sending(const std::string& task, std::unique_ptr<Framework::Message> message)>;
 
     // `kinds`: owner of the kinds of all events that the table will hold.
     EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender);
@@ -48,7 +53,7 @@ public:
 
 private:
     void Deliver(const TraceRoute& route, const RawRecord& record);
-    bool PassesObserver(const TraceRoute& route, const RawRecord& record);
+    TraceObserver::Origin AskObserver(const TraceRoute& route, const RawRecord& record);
     void Append(TraceTarget& target, const EventKind& kind, const RawRecord& record);
     void Send(TraceTarget& target);
     template <class Call>

@@ -26,11 +26,16 @@ void LossReport::Add(const DeliverySums& sums)
     static Counters::Counter& delivered = Counters::Get(SDK::CounterName::traceDelivered);
     static Counters::Counter& notContainer = Counters::Get(SDK::CounterName::traceNotContainer);
     static Counters::Counter& lostQueue = Counters::Get(SDK::CounterName::traceLostQueue);
+    static Counters::Counter& shed = Counters::Get(SDK::CounterName::traceShed);
+    static Counters::Counter& unwanted = Counters::Get(SDK::CounterName::traceUnwanted);
     Increase(read, sums.read);
     Increase(delivered, sums.delivered);
     Increase(notContainer, sums.notContainer);
     Increase(lostQueue, sums.lostQueue);
+    Increase(shed, sums.shed);
+    Increase(unwanted, sums.unwanted);
     inQueues += sums.lostQueue;
+    inStorms += sums.shed;
 }
 
 void LossReport::Add(const KernelLoss& loss)
@@ -56,7 +61,7 @@ void LossReport::AddLostPages(std::uint64_t pages)
 
 bool LossReport::Report(Clock::time_point now)
 {
-    if (now < quietUntil || (inKernel == 0 && inQueues == 0)) {
+    if (now < quietUntil || (inKernel == 0 && inQueues == 0 && inStorms == 0)) {
         return false;
     }
     if (inKernel != 0) {
@@ -66,11 +71,18 @@ bool LossReport::Report(Clock::time_point now)
     }
     if (inQueues != 0) {
         LogWarning(
-            "%llu trace events were refused by a subscriber that stopped or whose queue was full, detection may "
-            "have missed something: watch fewer system calls or give it more of the CPU (%s)",
+            "%llu trace events were refused by a subscriber whose queue was full, detection may have missed something: "
+            "watch fewer system calls or give it more of the CPU (%s)",
             static_cast<Count>(inQueues), SDK::Config::cpuShare);
     }
+    if (inStorms != 0) {
+        LogWarning(
+            "%llu system calls were left out so that containers that storm do not hide the others: find out which "
+            "container makes so many of the watched calls, or watch fewer",
+            static_cast<Count>(inStorms));
+    }
     inKernel = 0;
+    inStorms = 0;
     inQueues = 0;
     quietUntil = now + pause;
     return true;

@@ -28,6 +28,7 @@ public:
 private:
     std::uint64_t inKernel = 0;  // since the last line
     std::uint64_t inQueues = 0;
+    std::uint64_t inStorms = 0;
     Clock::time_point quietUntil = Clock::time_point::min();
 };
 

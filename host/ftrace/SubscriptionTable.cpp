@@ -131,7 +131,7 @@ TraceTarget& SubscriptionTable::TargetOf(const Framework::Task& task)
     if (TraceTarget* target = Find(&task); target != nullptr) {
         return *target;
     }
-    return *targets.emplace_back(std::make_unique<TraceTarget>(TraceTarget{&task, task.name(), nullptr}));
+    return *targets.emplace_back(std::make_unique<TraceTarget>(task));
 }
 
 void SubscriptionTable::DropUnused(const KnownEvent& event)

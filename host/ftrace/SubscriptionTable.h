@@ -10,15 +10,20 @@
 #include "framework/Task.h"
 #include "host/ftrace/EventBatch.h"
 #include "host/ftrace/EventCatalog.h"
+#include "host/ftrace/StormGuard.h"
 
 namespace Engine {
 
 // A subscribed task and what is on its way to it.
 struct TraceTarget {
+    explicit TraceTarget(const Framework::Task& subscriber) : task(&subscriber), name(subscriber.name()) {}
+
     const Framework::Task* task;  // its identity only: it may be gone
     std::string name;
     std::unique_ptr<EventBatch> batch;  // null: none begun
-    bool refused = false;               // the last sending failed
+    std::shared_ptr<Backlog> backlog = std::make_shared<Backlog>();
+    StormGuard guard;
+    bool refused = false;  // the last sending failed
 };
 
 // One name of an event with its subscribers.

@@ -4,6 +4,7 @@
 // the subscriber before that process's next event.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -34,10 +35,15 @@ public:
     // One of the observed events, in time order, before its delivery to any subscriber.
     virtual void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) = 0;
 
-    // Whether an event of the system "syscalls" goes on to its subscribers. `tid`: the thread that made the call.
-    // Called once for each such event, after OnEvent for everything older, so it must be quick: no allocation and no
-    // system call for a thread that is known. The observer may put messages before the event with `sequencer`.
-    virtual bool AdmitsSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+    // Stands for a container: the same number for all of its threads. Two containers may share one by chance.
+    using Origin = std::uint64_t;
+    static constexpr Origin notAdmitted = 0;
+
+    // Where an event of the system "syscalls" comes from, or notAdmitted when it goes no further. `tid`: the thread
+    // that made the call. Called once for each such event, after OnEvent for everything older, so it must be quick: no
+    // allocation and no system call for a thread that is known. The observer may put messages before the event with
+    // `sequencer`.
+    virtual Origin AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
 
     // After every round over the CPUs' buffers, and at least ten times a second. `now`: what is older has been
     // observed.

@@ -56,7 +56,7 @@ TraceTask::TraceTask(std::unique_ptr<LiveTrace> liveTrace)
                // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
                // framework looks a name up and queues the message under one lock.
                [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
-                   return SendDirectMsg(task, message.release()) == 0;
+                   return Send(task, std::move(message));
                })
 {
 }
@@ -100,6 +100,16 @@ int TraceTask::Run()
     const std::lock_guard lock{mutex};
     Round();
     return 0;
+}
+
+EventDelivery::Sending TraceTask::Send(const std::string& task, std::unique_ptr<Framework::Message> message)
+{
+    if (SendDirectMsg(task, message.release()) == 0) {
+        return EventDelivery::Sending::Accepted;
+    }
+    const Framework::Task* receiver = FindTask(task);
+    return receiver != nullptr && receiver->IsAccepting() ? EventDelivery::Sending::Refused
+                                                          : EventDelivery::Sending::Gone;
 }
 
 void TraceTask::Round()

@@ -45,6 +45,7 @@ private:
     int Watch(const FtraceWatchMessage& message, const KnownEvent& event);
     void Unwatch(const FtraceWatchMessage& message, const KnownEvent& event);
     void StopUnused(const std::vector<const KnownEvent*>& events);
+    EventDelivery::Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
     void WatchDescriptors();
     void IgnoreDescriptors();
     void OnReady(RawPipe* pipe, std::uint32_t events);

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Each detector against the real attack that it is for, and against what looks like it."""
 
+import os
 import pathlib
 import tempfile
 import threading
@@ -97,23 +98,27 @@ class Detectors(unittest.TestCase):
         self.assertEqual(len(agent.alarms()), 1, f"only the process {guilty} of the container is guilty")
 
     def test_a_million_calls_hide_nobody_else(self):
+        calls = 1000000
         agent, server, other = self.agent(calls=["unshare"]), self.server(), self.server("other")
-        storm = threading.Thread(target=server.do, args=("fork brute 1000000",))
+        storm = threading.Thread(target=server.do, args=(f"fork brute {calls}",))
         began = time.monotonic()
         storm.start()
         agent.alarm(named(BRUTE))
+        time.sleep(0.5)  # the subscriber is as far behind as it gets
         made, _ = other.do("self call unshare")
         arrived, alarm = agent.alarm(is_call("unshare"))
         self.assertEqual(alarm["container_name"], "other")
+        self.assertTrue(storm.is_alive(), "the storm was over before the other container acted")
         storm.join()
-        lasted = time.monotonic() - began
         counts = agent.stop()
-        bruteforce = [document for document in agent.alarms() if document["event_name"] == BRUTE]
-        self.assertLessEqual(len(bruteforce), 1 + (time.monotonic() - began) / 2)
-        print(f"\n  a million calls in {lasted:.2f} s: {counts}; another container's alarm after "
-              f"{(arrived - made) / 1e6:.2f} ms")
-        # Every one of the million was read or is in a counter of losses.
-        self.assertGreaterEqual(counts["events_read"] + counts["lost_kernel"], 1000000)
+        lasted = time.monotonic() - began
+        print(f"\n  {calls} calls: {counts}; another container's alarm after {(arrived - made) / 1e6:.2f} ms")
+        merged = [document for document in agent.alarms() if document["event_name"] == BRUTE]
+        self.assertLessEqual(len(merged), 1 + lasted / 2)
+        # Every one of the million was read or is in a counter of losses; the rest are forks, execs and exits.
+        total = counts["events_read"] + counts["lost_kernel"]
+        self.assertGreaterEqual(total, calls)
+        self.assertLess(total, calls + 20000)
         self.assertLess((arrived - made) / 1e9, 1)
 
     def test_writing_to_a_watched_directory(self):
@@ -154,12 +159,13 @@ class Detectors(unittest.TestCase):
         self.assertTrue(refused)
 
     def test_switched_namespaces_are_named_on_every_cycle(self):
-        shared = self.engine.start("--name", "shared", "--pid", "host", "--privileged")
+        shared = self.engine.start("--name", "shared", "--pid", "host", "--cap-add", "SYS_ADMIN",
+                                   "--cap-add", "SYS_PTRACE")
         self.addCleanup(self.engine.remove, shared)
         agent = self.agent("--namespace-check")
         inside, entering = self.server(), self.server("shared")
         _, own = inside.do("self unshareuts")
-        entering.do("self enter 1")
+        entering.do(f"self enter {os.getpid()}")
         wanted = {"victim": 0, "shared": 0}
         while min(wanted.values()) < 2:
             _, alarm = agent.alarm(named(NAMESPACE), patience=120)

@@ -71,16 +71,18 @@ public:
     // The thread's body: Init, Run until cancelled, UnInit. Exceptions end here, logged.
     void runTask() override;
 
-    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same and may still consume
-    // messages, for example to write out what is queued. What is left in the queue after it is dropped and counted as
-    // lost. The default Run of an event loop waits and handles messages.
+    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same. Before UnInit the task
+    // handles what is queued, for at most 200 ms, and then takes no more messages; UnInit may go on handling. What is
+    // left in the queue after it is dropped and counted as lost. The default Run of an event loop waits and handles
+    // messages.
     virtual int Init();
     virtual int UnInit();
     virtual int Run();
 
-    // Queues a message for this task and wakes its thread. Any thread. 0: queued; -1: the queue is full, or the task
-    // has stopped or waits for its policy; the loss is counted. `message` itself stays as it was, so it can be queued
-    // for several tasks. Overrides do not look tasks up or send: a send by name holds the lock on the names.
+    // Queues a message for this task and wakes its thread. Any thread. 0: queued; -1: the queue is full, which is
+    // counted as a loss, or the task stops, has stopped or waits for its policy, which is not. `message` itself stays
+    // as it was, so it can be queued for several tasks. Overrides do not look tasks up or send: a send by name holds
+    // the lock on the names.
     virtual int EnqueueMsg(std::shared_ptr<Message>& message);
 
     // Sees each message before its MessageHandle; non-zero keeps the message from being handled. Returns 0.
@@ -120,7 +122,10 @@ public:
     const std::string& FeatureName() const;
     TaskCondition::TaskType Type() const;
 
-    // Events that were refused by the queue, or still in it when the task had stopped, since construction.
+    // Whether the task takes messages: from before its Init until it stops.
+    bool IsAccepting() const;
+
+    // Events that were refused by a full queue, or still in it when the task had stopped, since construction.
     unsigned long LostEvents() const;
 
 protected:

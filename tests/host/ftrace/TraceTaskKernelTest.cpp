@@ -154,7 +154,9 @@ TEST_F(TraceTaskTest, CountsEveryEventOfAStorm)
     };
     const auto read = value(SDK::CounterName::traceRead);
     EXPECT_EQ(read + value(SDK::CounterName::traceLostOverrun) + value(SDK::CounterName::traceLostDropped), written);
-    EXPECT_EQ(value(SDK::CounterName::traceDelivered) + value(SDK::CounterName::traceLostQueue), read);
+    EXPECT_EQ(value(SDK::CounterName::traceDelivered) + value(SDK::CounterName::traceLostQueue) +
+                  value(SDK::CounterName::traceShed) + value(SDK::CounterName::traceUnwanted),
+              read);
     EXPECT_EQ(value(SDK::CounterName::traceLate), 0U);
 }
 
@@ -169,9 +171,9 @@ public:
     {
         exits += event.name() == "sched:sched_process_exit" ? 1 : 0;
     }
-    bool AdmitsSyscall(int /*tid*/, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
+    Origin AdmitSyscall(int /*tid*/, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
     {
-        return false;
+        return notAdmitted;
     }
     void OnRound(std::chrono::nanoseconds now, TraceSequencer& /*sequencer*/) override
     {

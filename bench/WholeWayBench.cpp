@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// The whole way of an event: from the kernel's page through decoding, merging, batches and the queue into the detection
+// task with its detectors, beside what decoding alone costs on the same pages. Aims: at most one and a half times as
+// much for events of processes that are in no container, twice for those that are.
+#include <benchmark/benchmark.h>
+
+#include "bench/DetectWorld.h"
+#include "bench/Pages.h"
+
+namespace {
+
+using Engine::Bench::DetectWorld;
+using Engine::Bench::TheRecording;
+
+void Report(benchmark::State& state, std::size_t seen)
+{
+    state.SetLabel(TheRecording().origin);
+    if (seen != static_cast<std::size_t>(state.iterations()) * TheRecording().events || seen == 0) {
+        state.SkipWithError("events were lost on the way");
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(seen));
+}
+
+void DecodingAlone(benchmark::State& state)
+{
+    Engine::Bench::BareDecoder decoder{TheRecording().formats};
+    std::size_t seen = 0;
+    long pids = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        seen += decoder.Decode(TheRecording().pages, [&pids](int pid) { pids += pid; });
+    }
+    benchmark::DoNotOptimize(pids);
+    Report(state, seen);
+}
+BENCHMARK(DecodingAlone);
+
+void WholeWay(benchmark::State& state, bool known)
+{
+    DetectWorld world;
+    if (known) {
+        for (const int thread : TheRecording().threads) {
+            world.Know(thread);
+        }
+    }
+    Engine::Bench::ReplayedTrace trace{*world.task};
+    trace.Play();  // the first time, tables are entered and the hourly alarms go out
+    const std::size_t before = world.task->seen;
+    const std::size_t droppedBefore = world.task->dropped;
+    for ([[maybe_unused]] auto _ : state) {
+        trace.Play();
+    }
+    const std::size_t seen = world.task->seen - before;
+    Report(state, seen);
+    if (world.task->dropped - droppedBefore != (known ? 0 : seen)) {
+        state.SkipWithError("events did not go the way that is measured");
+    }
+}
+BENCHMARK_CAPTURE(WholeWay, unknownProcess, false);
+BENCHMARK_CAPTURE(WholeWay, knownProcess, true);
+
+}  // namespace
