@@ -242,10 +242,11 @@ void ContainerRegistry::MoveOthers(int leader, const Entry& like, Nanoseconds wh
 }
 
 // The file name alone would let an image whose entry point is called /proc/self/exe pass for the runtime, so the
-// process must also have the host's mount namespace still.
+// process must also have the host's mount namespace still. One that has gone already cannot be asked: it came from
+// outside under a runtime's name, and runtimes do have such helpers, which live a millisecond.
 bool ContainerRegistry::IsStillSetUp(int pid, bool isSelfExecution) const
 {
-    return isSelfExecution && reader.InHostMountNamespace(pid);
+    return isSelfExecution && reader.InHostMountNamespace(pid).value_or(true);
 }
 
 const ContainerRegistry::Text& ContainerRegistry::Visible(const Entry& entry)

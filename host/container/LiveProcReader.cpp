@@ -79,10 +79,13 @@ std::optional<std::string> LiveProcReader::ContainerOf(int tid)
 
 // Process 1 has the host's mount namespace even where the agent runs in one of its own. Where its link cannot be read
 // (it needs ptrace access, namespaces(7)) the agent's own stands in.
-bool LiveProcReader::InHostMountNamespace(int tid)
+std::optional<bool> LiveProcReader::InHostMountNamespace(int tid)
 {
     const std::string one = ReadLink(ProcPath(tid, "/ns/mnt"));
-    return !one.empty() && (one == ReadLink("/proc/1/ns/mnt") || one == ReadLink("/proc/self/ns/mnt"));
+    if (one.empty()) {
+        return std::nullopt;
+    }
+    return one == ReadLink("/proc/1/ns/mnt") || one == ReadLink("/proc/self/ns/mnt");
 }
 
 bool LiveProcReader::RunsCopyOfParent(int tid)

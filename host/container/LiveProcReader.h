@@ -11,7 +11,7 @@ namespace Engine {
 class LiveProcReader : public ProcReader {
 public:
     std::optional<std::string> ContainerOf(int tid) override;
-    bool InHostMountNamespace(int tid) override;
+    std::optional<bool> InHostMountNamespace(int tid) override;
     bool RunsCopyOfParent(int tid) override;
     int ParentOf(int tid) override;
     std::string ExecutableOf(int tid) override;

@@ -23,8 +23,8 @@ public:
     // The id of the container that its control groups belong to, empty for none. Nothing when the thread has gone.
     virtual std::optional<std::string> ContainerOf(int tid) = 0;
 
-    // Whether it has the mount namespace of the host. False also when that cannot be read.
-    virtual bool InHostMountNamespace(int tid) = 0;
+    // Whether it has the mount namespace of the host. Nothing when the thread has gone.
+    virtual std::optional<bool> InHostMountNamespace(int tid) = 0;
 
     // Whether its program is a file without a name (memfd_create(2)) or the very file that its parent runs: the two
     // ways in which a runtime's set-up process is a copy of the runtime. False when that cannot be read.

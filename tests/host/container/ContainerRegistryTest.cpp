@@ -102,6 +102,20 @@ TEST_F(ContainerRegistryTest, ContainerBeginsWithTheExecThatEndsTheSetUp)
     EXPECT_EQ(ContainerOf(3150), idA);
 }
 
+// On a busy machine /proc is read when the helper has been moved, has forked and has ended already.
+TEST_F(ContainerRegistryTest, SetUpHelperThatEndedBeforeItsExecWasLookedAtIsStillTheRuntime)
+{
+    Fork(runtime, 3141);
+    proc.threads[3141] = {.container = idA, .isZombie = true};
+    EXPECT_FALSE(Exec(3141, "/dev/fd/6"));
+    Attach(runtime, 3141, GroupOf(idA));
+    Fork(3141, 3142);
+    EXPECT_EQ(ContainerOf(3142), "") << "it is the one that unshares";
+    Fork(3142, 3143);
+    EXPECT_TRUE(Exec(3143, "/bin/sleep"));
+    EXPECT_EQ(ContainerOf(3143), idA);
+}
+
 // As recorded from an engine that puts a process into a running container: it is moved after its threads were made.
 TEST_F(ContainerRegistryTest, ProcessPutIntoAContainerBelongsToItFromItsExecOn)
 {

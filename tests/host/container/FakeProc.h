@@ -25,6 +25,7 @@ public:
         bool hasHostMounts = false;
         bool runsCopy = false;
         std::vector<int> others = {};  // further threads of this process
+        bool isZombie = false;         // its control group can still be read, its namespaces cannot
     };
 
     std::map<int, Thread> threads;  // processes, and those of their threads that answer differently
@@ -36,7 +37,11 @@ public:
         const auto found = threads.find(tid);
         return found == threads.end() ? std::nullopt : std::optional<std::string>{found->second.container};
     }
-    bool InHostMountNamespace(int tid) override { return threads.count(tid) != 0 && threads[tid].hasHostMounts; }
+    std::optional<bool> InHostMountNamespace(int tid) override
+    {
+        return threads.count(tid) == 0 || threads[tid].isZombie ? std::nullopt
+                                                                : std::optional{threads[tid].hasHostMounts};
+    }
     bool RunsCopyOfParent(int tid) override { return threads.count(tid) != 0 && threads[tid].runsCopy; }
     int ParentOf(int tid) override { return threads.count(tid) != 0 ? threads[tid].parent : -1; }
     std::string ExecutableOf(int tid) override { return threads.count(tid) != 0 ? "/proc-knows/sh" : ""; }
