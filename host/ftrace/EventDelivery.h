@@ -34,6 +34,7 @@ public:
 
     // `kinds`: owner of the kinds of all events that the table will hold.
     EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender);
+    virtual ~EventDelivery() = default;
 
     void OnRecord(const RawRecord& record) override;
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override;

@@ -67,7 +67,7 @@ std::vector<const KnownEvent*> SubscriptionTable::Forget(const Framework::Task* 
     if (target == nullptr) {
         return {};
     }
-    const auto unused = ChangeAll([target](TraceRoute& route) {
+    auto unused = ChangeAll([target](TraceRoute& route) {
         std::erase_if(route.subscribers,
                       [target](const TraceRoute::Subscriber& each) { return each.target == target; });
     });

@@ -89,7 +89,7 @@ std::size_t TracefsInstance::RemoveLeftovers()
 std::size_t TracefsInstance::DefaultBufferKb(std::size_t cpus)
 {
     constexpr std::size_t perCpuKb = 8192;
-    constexpr std::size_t totalKb = 256 * 1024;
+    constexpr std::size_t totalKb = 256UL * 1024;
     return std::min(perCpuKb, totalKb / std::max<std::size_t>(cpus, 1));
 }
 

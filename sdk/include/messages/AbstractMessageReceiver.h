@@ -20,6 +20,7 @@ struct AssetMessage {
 
 class AbstractMessageReceiver {
 public:
+    // NOLINTBEGIN(performance-unnecessary-value-param): by value, senders and receivers agree on these signatures.
     // Each is called on the receiving task's thread and returns its result; the defaults do nothing and return 0.
     // A message passed by pointer stays the sender's.
     virtual int FileNotifyMessageAction(FileNotifyMessage* /*message*/) { return 0; }
@@ -33,6 +34,7 @@ public:
     {
         return 0;
     }
+    // NOLINTEND(performance-unnecessary-value-param)
     virtual int FtraceMessageAction(const FtraceMessage* /*message*/) { return 0; }
     virtual ~AbstractMessageReceiver() = default;
 };
