@@ -2,12 +2,12 @@
 #include "sdk/JsonUtils.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 
 #include <exception>
 #include <memory>
 #include <string_view>
 
+#include "host/sdk/JsonText.h"
 #include "host/sdk/SafeText.h"
 
 namespace SDK {
@@ -61,18 +61,20 @@ bool Parse(const char* text, std::size_t length, Json::Value& root, std::string&
 bool IsClean(const Json::Value& value)
 {
     if (value.isString()) {
-        return SafeText::IsUtf8(value.asString());
+        return SafeText::IsUtf8(JsonText::TextOf(value));
     }
-    for (auto item = value.begin(); item != value.end(); ++item) {
-        if ((value.isObject() && !SafeText::IsUtf8(item.name())) || !IsClean(*item)) {
+    if (!value.isArray() && !value.isObject()) {
+        return true;
+    }
+    for (auto item = value.begin(), end = value.end(); item != end; ++item) {
+        if ((value.isObject() && !SafeText::IsUtf8(JsonText::KeyOf(item))) || !IsClean(*item)) {
             return false;
         }
     }
     return true;
 }
 
-// The library's writer takes what follows a lead byte for its continuation without looking: a broken byte would
-// swallow its neighbours, so it never gets to see one.
+// A copy and not a matter of writing: two keys may become one.
 Json::Value Cleaned(const Json::Value& value)
 {
     if (value.isString()) {
@@ -90,23 +92,6 @@ Json::Value Cleaned(const Json::Value& value)
         }
     }
     return clean;
-}
-
-std::string Write(const Json::Value& value)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["commentStyle"] = "None";
-    builder["emitUTF8"] = false;
-    return Json::writeString(builder, value);
-}
-
-// The one control character that the library writes as it is. It can only be within a string.
-void EscapeDelete(std::string& text)
-{
-    for (std::size_t at = text.find('\x7F'); at != std::string::npos; at = text.find('\x7F', at)) {
-        text.replace(at, 1, "\\u007f");
-    }
 }
 
 bool GetMember(const Json::Value& value, const char* key, Json::ValueType type, Json::Value& out)
@@ -157,8 +142,12 @@ bool JsonUtils::GetSubobjectValue(const Json::Value& value, const char* key, Jso
 
 std::string JsonUtils::JsonToString(const Json::Value& value)
 {
-    std::string text = Write(IsClean(value) ? value : Cleaned(value));
-    EscapeDelete(text);
+    std::string text;
+    if (IsClean(value)) {
+        JsonText::Append(text, value);
+    } else {
+        JsonText::Append(text, Cleaned(value));
+    }
     return text;
 }
 
