@@ -9,17 +9,6 @@
 
 namespace Engine {
 
-namespace {
-
-// Where a system call's name begins in a trace event's name. Without a match npos + 7 wraps to 6, which is meant.
-std::size_t SyscallNameIndex(std::string_view eventName)
-{
-    constexpr std::string_view key = "enter_";
-    return eventName.find_first_of(key) + key.size() + 1;
-}
-
-}  // namespace
-
 BaseSubmodule::BaseSubmodule(ContainerEscapeDetectTask& task, std::string name, ContainerMetaInfo* metaInfo)
     : task(task),
       syscallSystem("syscalls"),
@@ -129,12 +118,7 @@ void BaseSubmodule::MakeEvents(std::list<std::pair<std::string, std::string>>& e
 
 std::string BaseSubmodule::ParseFtraceSyscallName(const std::string& eventName)
 {
-    return eventName.substr(SyscallNameIndex(eventName));
-}
-
-std::string_view BaseSubmodule::FtraceSyscallNameView(std::string_view eventName)
-{
-    return eventName.substr(SyscallNameIndex(eventName));
+    return std::string{FtraceSyscallNameView(eventName)};
 }
 
 void BaseSubmodule::GetProcessDetailByPid(int pid, AlertInfo& info)

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The alarm document of the detectors: BaseSubmodule's side that reports.
 #include <memory>
+#include <utility>
 
 #include "BaseSubmodule.h"
 #include "ContainerEscapeDetectTask.h"
@@ -17,26 +18,32 @@ namespace {
 constexpr char source[] = "BaseSubmodule";
 constexpr char alarmType[] = "2";  // the report type under which SendAlarmMessage sends
 
+// A key that the document refers to: a plain text would be copied for each document.
+Json::StaticString operator""_key(const char* text, std::size_t /*length*/)
+{
+    return Json::StaticString{text};
+}
+
 Json::Value NewDocument()
 {
     Json::Value document;
-    document["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
-    document["occur_time"] = Json::Int64{SDK::TimeUtils::GetCurrentTimestampS()};
-    document["event_count"] = 1;  // merged repeats are not counted into it
-    document["detect_module"] = "containerescape_module";
+    document["event_id"_key] = SDK::CryptoCodeUtils::GenerateUUID();
+    document["occur_time"_key] = Json::Int64{SDK::TimeUtils::GetCurrentTimestampS()};
+    document["event_count"_key] = 1;  // merged repeats are not counted into it
+    document["detect_module"_key] = Json::StaticString{"containerescape_module"};
     return document;
 }
 
 void AddAlarmClass(const AlertInfo& info, Json::Value& document)
 {
-    document["event_classid"] = info.classId;
-    document["event_category"] = info.eventCategory;
-    document["event_type"] = info.eventType;
-    document["severity"] = info.severity;
-    document["attack_phase"] = info.attackPhase;
-    document["attack_tag"] = info.attackTag;
-    document["event_name"] = info.eventName;
-    document["confidence"] = info.confidence;
+    document["event_classid"_key] = info.classId;
+    document["event_category"_key] = info.eventCategory;
+    document["event_type"_key] = info.eventType;
+    document["severity"_key] = info.severity;
+    document["attack_phase"_key] = info.attackPhase;
+    document["attack_tag"_key] = info.attackTag;
+    document["event_name"_key] = info.eventName;
+    document["confidence"_key] = info.confidence;
 }
 
 }  // namespace
@@ -48,18 +55,18 @@ void BaseSubmodule::Alert(AlertInfo& info, const Json::Value& forensic, const Js
 
     GetProcessDetailByPid(info.pid, info);
     Json::Value process;
-    process["process_pid"] = info.pid;
-    process["process_name"] = info.processName;
+    process["process_pid"_key] = info.pid;
+    process["process_name"_key] = info.processName;
 
     Json::Value resource;  // stays null when nothing is known
     AddContainer(info, document, resource);
-    document["resource_info"] = resource;
-    document["process_info"][0] = process;
+    document["resource_info"_key] = std::move(resource);
+    document["process_info"_key][0] = std::move(process);
     if (!forensic.empty()) {
-        document["forensic_info"] = forensic;
+        document["forensic_info"_key] = forensic;
     }
     if (!file.empty()) {
-        document["file_info"][0] = file;
+        document["file_info"_key][0] = file;
     }
 
     const std::string text = SDK::JsonUtils::JsonToString(document);
@@ -77,9 +84,9 @@ void BaseSubmodule::AddContainer(const AlertInfo& info, Json::Value& document, J
         ModuleLog::Debug(At{source, 82}, "containerid is empty or can not get the container info %s", containerId);
         return;
     }
-    document["container_name"] = container->name;
-    resource["image_id"] = container->imageId;
-    document["image_name"] = container->imageName;
+    document["container_name"_key] = container->name;
+    resource["image_id"_key] = container->imageId;
+    document["image_name"_key] = container->imageName;
 }
 
 // From the process table, else from the container of the parent, else from that of the process. Empty: from none.
@@ -87,13 +94,13 @@ std::string BaseSubmodule::ResolveContainerId(const AlertInfo& info, Json::Value
 {
     std::string containerId;
     if (task.GetContainerIDByRecordMap(info.pid, containerId) == 0) {
-        resource["container_id"] = containerId;
+        resource["container_id"_key] = containerId;
         return containerId;
     }
     std::shared_ptr<ContainerInfo> container;
     if (metaInfo != nullptr &&
         (metaInfo->GetContainerByPid(info.ppid, container) || metaInfo->GetContainerByPid(info.pid, container))) {
-        resource["container_id"] = container->id;
+        resource["container_id"_key] = container->id;
         containerId = container->id;
         ModuleLog::Debug(At{source, 68}, "set container id %s", containerId);
         return containerId;

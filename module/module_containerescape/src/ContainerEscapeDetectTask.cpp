@@ -3,6 +3,7 @@
 // ContainerEscapeDetectTaskProcs.cpp and ContainerEscapeDetectTaskFiles.cpp.
 #include "ContainerEscapeDetectTask.h"
 
+#include <string_view>
 #include <utility>
 
 #include "ContainerEscapeFeaturePolicy.h"
@@ -20,6 +21,11 @@ constexpr unsigned int queueCapacity = 1024;
 constexpr int waitMs = 30;
 constexpr int waitBatch = 128;
 constexpr int messagesPerRun = 1024;
+
+constexpr std::string_view scheduler = "sched:";
+constexpr std::string_view exitEvent = "sched:sched_process_exit";
+constexpr std::string_view forkEvent = "sched:sched_process_fork";
+constexpr std::string_view execEvent = "sched:sched_process_exec";
 
 constexpr char collectorTask[] = "container_collect_task";
 constexpr char auditTask[] = "audit_task";
@@ -163,15 +169,18 @@ void ContainerEscapeDetectTask::UnregisterRealTimeProcListener()
 int ContainerEscapeDetectTask::Receive(const FtraceMessage& message)
 {
     Throttle(lastFtraceTick, 126, name().c_str());
-    const std::string& event = message.name();
+    const std::string_view event = message.name();
+    if (!event.starts_with(scheduler)) {  // nearly always: one comparison for all three
+        return Dispatch(message);
+    }
     int pid = -1;
-    if (event == "sched:sched_process_exit") {
+    if (event == exitEvent) {
         return RemoveProcess("", message);
     }
-    if (event == "sched:sched_process_fork") {
+    if (event == forkEvent) {
         return CreateProcess("", message, pid);
     }
-    if (event == "sched:sched_process_exec") {
+    if (event == execEvent) {
         return AddProcessInfo("", message, pid);
     }
     return Dispatch(message);

@@ -9,7 +9,12 @@
 namespace Engine {
 
 struct ModuleLogger {
-    static Poco::Logger* Logger() { return ContainerEscapeUtil::GetLoggerPtr(); }
+    // Kept here too, so that a site that is above its priority costs no call.
+    static Poco::Logger* Logger()
+    {
+        static Poco::Logger* const logger = ContainerEscapeUtil::GetLoggerPtr();
+        return logger;
+    }
 };
 
 using ModuleLog = SDK::LogSite<ModuleLogger>;
