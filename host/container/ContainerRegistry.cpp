@@ -65,7 +65,8 @@ void ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, N
     }
 }
 
-bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when)
+bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,
+                                  const BeforeEntry& beforeEntry)
 {
     if (oldPid != pid) {
         const std::lock_guard lock{mutex};
@@ -87,6 +88,10 @@ bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename
     if (next != State::Inside && container != nullptr) {
         next = IsStillSetUp(pid, isSelfExecution) ? State::Entering : State::Inside;
     }
+    const bool enters = next == State::Inside && !wasInside;
+    if (enters) {
+        beforeEntry(*container);
+    }
     const Text executable = next == State::Host ? nullptr : Shared(filename);
     const std::lock_guard lock{mutex};
     entry->exit = alive;  // the leader may have ended before the thread that takes over its id
@@ -95,7 +100,7 @@ bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename
     if (next != entry->state) {
         Change(*entry, next, std::move(container), when);
     }
-    return next == State::Inside && !wasInside;
+    return enters;
 }
 
 void ContainerRegistry::ApplyExit(int pid, Nanoseconds when)

@@ -71,8 +71,11 @@ public:
 
     // sched:sched_process_exec. A thread other than the leader that execs takes over the leader's pid, and `oldPid` is
     // the id it had (de_thread() in fs/exec.c); that id's entry goes. True when the process is Inside from now on and
-    // was not before.
-    bool ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when);
+    // was not before; `beforeEntry` is then called with the container's id before anybody can see the process in it.
+    using BeforeEntry = std::function<void(const std::string& container)>;
+    bool ApplyExec(
+        int pid, int oldPid, std::string_view filename, Nanoseconds when,
+        const BeforeEntry& beforeEntry = [](const std::string&) {});
 
     // sched:sched_process_exit. An exit that comes before its fork is remembered for it.
     void ApplyExit(int pid, Nanoseconds when);

@@ -27,6 +27,8 @@ bool MetadataCache::Put(ContainerInfo info)
     }
     if (const auto known = recorded.find(info.id); known != recorded.end()) {
         info.namespaces = known->second;
+    } else if (const auto before = records.find(info.id); info.namespaces.empty() && before != records.end()) {
+        info.namespaces = before->second.info->namespaces;  // its first process has ended, others may still run
     }
     const std::string id = info.id;
     records[id] = Slot{std::make_shared<ContainerInfo>(std::move(info)), Clock::time_point::max()};

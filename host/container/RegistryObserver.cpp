@@ -131,11 +131,14 @@ void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequen
     if (oldPid != pid) {
         WithdrawIfHeld(oldPid, event.When(), sequencer);
     }
-    if (!registry.ApplyExec(pid, oldPid, event.get_string("filename"), event.When())) {
+    // Recorded first: whoever compares namespaces must not find a process of a container that has none yet.
+    const auto beforeEntry = [&](const std::string& container) {
+        RecordNamespaces(pid, container);
+    };
+    if (!registry.ApplyExec(pid, oldPid, event.get_string("filename"), event.When(), beforeEntry)) {
         return;
     }
     if (const ContainerRegistry::Entry* entry = registry.Find(pid); entry != nullptr) {
-        RecordNamespaces(pid, *entry);
         AnnounceIfUnknown(pid, *entry, event.When(), sequencer);
     }
 }
@@ -257,11 +260,11 @@ void RegistryObserver::WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer&
 }
 
 // The container's first process, at the moment at which it starts: later it may have left its namespaces.
-void RegistryObserver::RecordNamespaces(int tid, const ContainerRegistry::Entry& entry)
+void RegistryObserver::RecordNamespaces(int tid, const std::string& container)
 {
     MetadataCache::Namespaces namespaces;
-    if (!registry.HasOther(*entry.container, tid) && SDK::NamespaceUtils::GetProcessNamespace(tid, namespaces) == 0) {
-        cache.RecordNamespaces(*entry.container, namespaces);
+    if (!registry.HasOther(container, tid) && SDK::NamespaceUtils::GetProcessNamespace(tid, namespaces) == 0) {
+        cache.RecordNamespaces(container, namespaces);
     }
 }
 

@@ -60,7 +60,7 @@ private:
     void MakeRoom(std::size_t more, TraceSequencer& sequencer);
     void Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer);
     void WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer& sequencer);
-    void RecordNamespaces(int tid, const ContainerRegistry::Entry& entry);
+    void RecordNamespaces(int tid, const std::string& container);
     std::shared_ptr<ContainerProcMessage> StartNotice(int tid, const ContainerRegistry::Entry& entry);
 
     ContainerRegistry& registry;

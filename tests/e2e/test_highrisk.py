@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """A listed system call in a real container becomes one alarm, quickly, and nothing else does."""
 
+import pathlib
+import re
 import signal
 import time
 import unittest
@@ -107,6 +109,16 @@ class HighRiskCalls(unittest.TestCase):
             self.assertGreater(counts["events_read"], 0)
             self.assertEqual(harness.instances(), before)
             second = self.agent()
+
+    def test_a_storm_leaves_the_agent_small(self):
+        agent, server = self.agent(), self.server()
+        server.do("fork storm 1000000 getppid")  # not watched
+        server.do("fork storm 300000 ptrace")
+        agent.alarm(is_call("ptrace"))
+        status = pathlib.Path(f"/proc/{agent.pid}/status").read_text()
+        resident = int(re.search(r"VmRSS:\s*(\d+) kB", status)[1])
+        print(f"\n  resident after a storm: {resident / 1024:.1f} MiB")
+        self.assertLess(resident / 1024, 30)
 
     def test_a_call_that_several_detectors_watch_is_enabled_once(self):
         agent = self.agent()

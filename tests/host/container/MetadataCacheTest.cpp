@@ -33,6 +33,8 @@ TEST(MetadataCacheTest, RecordedNamespacesOutliveWhatTheEngineSays)
     cache.ForgetNamespaces(idA);
     cache.Put(later);
     EXPECT_EQ(cache.Find(idA)->namespaces.at("mnt"), "mnt:[2]");
+    cache.Put(Named(idA, "three"));
+    EXPECT_EQ(cache.Find(idA)->namespaces.at("mnt"), "mnt:[2]") << "none are known now, these still hold";
 }
 
 TEST(MetadataCacheTest, GoneContainersStayForAWhileUnlessRoomIsNeeded)
