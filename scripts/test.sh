@@ -27,6 +27,7 @@ cmake --preset release >/dev/null
 cmake --build --preset release -- --quiet
 check "format" scripts/check-format.sh
 check "lint" scripts/check-lint.sh
+check "the module as a host sees it" scripts/check-module.sh
 
 step "unit and kernel tests"
 report=$CE_BUILD_DIR/ctest.xml
