@@ -2,12 +2,14 @@
 #include "sdk/JsonUtils.h"
 
 #include <json/reader.h>
+#include <json/writer.h>
 
 #include <exception>
 #include <memory>
+#include <sstream>
+#include <string>
 #include <string_view>
 
-#include "host/sdk/JsonText.h"
 #include "host/sdk/SafeText.h"
 
 namespace SDK {
@@ -58,16 +60,31 @@ bool Parse(const char* text, std::size_t length, Json::Value& root, std::string&
     return false;
 }
 
+// Without the copy that asString makes.
+std::string_view TextOf(const Json::Value& value)
+{
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    return value.getString(&begin, &end) ? std::string_view(begin, static_cast<std::size_t>(end - begin)) : "";
+}
+
+std::string_view KeyOf(const Json::Value::const_iterator& item)
+{
+    const char* end = nullptr;
+    const char* begin = item.memberName(&end);
+    return begin == nullptr ? "" : std::string_view(begin, static_cast<std::size_t>(end - begin));
+}
+
 bool IsClean(const Json::Value& value)
 {
     if (value.isString()) {
-        return SafeText::IsUtf8(JsonText::TextOf(value));
+        return SafeText::IsUtf8(TextOf(value));
     }
     if (!value.isArray() && !value.isObject()) {
         return true;
     }
     for (auto item = value.begin(), end = value.end(); item != end; ++item) {
-        if ((value.isObject() && !SafeText::IsUtf8(JsonText::KeyOf(item))) || !IsClean(*item)) {
+        if ((value.isObject() && !SafeText::IsUtf8(KeyOf(item))) || !IsClean(*item)) {
             return false;
         }
     }
@@ -92,6 +109,34 @@ Json::Value Cleaned(const Json::Value& value)
         }
     }
     return clean;
+}
+
+std::unique_ptr<Json::StreamWriter> OneLineWriter()
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["commentStyle"] = "None";
+    builder["emitUTF8"] = false;
+    return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+}
+
+// An alarm is built for every call over a limit, so an attacker chooses how often this is paid for: the writer and the
+// stream are made once for each thread. Making the writer costs more than most documents.
+std::string Write(const Json::Value& value)
+{
+    thread_local const std::unique_ptr<Json::StreamWriter> writer = OneLineWriter();
+    thread_local std::ostringstream stream;
+    stream.str({});
+    writer->write(value, &stream);
+    return stream.str();
+}
+
+// The one control character that the library writes as it is. It can only be within a string.
+void EscapeDelete(std::string& text)
+{
+    for (std::size_t at = text.find('\x7F'); at != std::string::npos; at = text.find('\x7F', at)) {
+        text.replace(at, 1, "\\u007f");
+    }
 }
 
 bool GetMember(const Json::Value& value, const char* key, Json::ValueType type, Json::Value& out)
@@ -142,12 +187,8 @@ bool JsonUtils::GetSubobjectValue(const Json::Value& value, const char* key, Jso
 
 std::string JsonUtils::JsonToString(const Json::Value& value)
 {
-    std::string text;
-    if (IsClean(value)) {
-        JsonText::Append(text, value);
-    } else {
-        JsonText::Append(text, Cleaned(value));
-    }
+    std::string text = IsClean(value) ? Write(value) : Write(Cleaned(value));
+    EscapeDelete(text);
     return text;
 }
 

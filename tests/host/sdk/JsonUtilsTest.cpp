@@ -2,7 +2,6 @@
 #include "sdk/JsonUtils.h"
 
 #include <gmock/gmock.h>
-#include <json/writer.h>
 
 #include <limits>
 
@@ -112,28 +111,6 @@ TEST(JsonUtilsTest, CleansKeysAndNestedTextsAndKeepsTheRest)
     EXPECT_EQ(text,
               R"({"b":true,"empty":{},"k\ufffd":{"list":["\ufffd"]},"n":-1,"none":null,"u":18446744073709551615})");
     EXPECT_EQ(Parsed(text)["u"], document["u"]);
-}
-
-TEST(JsonUtilsTest, WritesWhatTheLibraryWrites)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["commentStyle"] = "None";
-    builder["emitUTF8"] = false;
-    Json::Value document;
-    for (int code = 0; code < 0x7f; ++code) {  // it leaves 0x7f as it is
-        document["texts"].append(std::string{static_cast<char>(code), 'x'});
-        document[std::string{static_cast<char>(code), 'k'}] = code;
-    }
-    for (const double number : {0.0, -1.5, 1e300, 0.1, 3.0, 1e-7, 123456789.125}) {
-        document["reals"].append(number);
-    }
-    for (const std::int64_t number : {std::numeric_limits<std::int64_t>::min(), std::int64_t{-1}, std::int64_t{0}}) {
-        document["integers"].append(Json::Int64{number});
-    }
-    document["texts"].append("\xe2\x80\xa8\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\xc2\x80\xdf\xbf");
-    document["empty"].append(Json::Value(Json::arrayValue));
-    EXPECT_EQ(JsonUtils::JsonToString(document), Json::writeString(builder, document));
 }
 
 }  // namespace
