@@ -193,8 +193,11 @@ int ContainerEscapeDetectTask::Dispatch(const FtraceMessage& message)
         return -1;
     }
     ModuleLog::Debug("Get syscall(%s), pid = %d", message.name(), pid);
+    const bool isLimited = SDK::InnerCpuCtrlUtils::IsEnabled();  // asked once for all of them: it is set at the start
     for (auto* receiver : ftraceReceivers) {
-        Throttle(lastDetectorTick, 30, "containerescape_task");
+        if (isLimited) {
+            Throttle(lastDetectorTick, 30, "containerescape_task");
+        }
         if (const int result = receiver->Receive(message); result != 0) {
             return result;
         }
