@@ -31,5 +31,10 @@ function(ce_shared_library target output)
         BUILD_RPATH "$ORIGIN"
         INSTALL_RPATH "$ORIGIN")
     target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,--as-needed)
+    list(LENGTH ARGN sources)
+    if(CE_PRECOMPILE AND sources GREATER 5)  # fewer do not pay for it
+        target_precompile_headers(${target} PRIVATE
+            "$<$<COMPILE_LANGUAGE:CXX>:${PROJECT_SOURCE_DIR}/cmake/Precompiled.h>")
+    endif()
     install(TARGETS ${target} LIBRARY DESTINATION ${CE_LIBRARY_DIR})
 endfunction()
