@@ -13,30 +13,24 @@ class TempDirectory {
 public:
     TempDirectory()
     {
-        std::string pattern = std::filesystem::temp_directory_path() / "test_sdk.XXXXXX";
-        if (::mkdtemp(pattern.data()) == nullptr) {
+        if (::mkdtemp(path.data()) == nullptr) {
             throw std::runtime_error("mkdtemp");
         }
-        path = pattern;
     }
-    ~TempDirectory()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
+    ~TempDirectory() { std::filesystem::remove_all(path); }
     TempDirectory(const TempDirectory&) = delete;
     TempDirectory& operator=(const TempDirectory&) = delete;
 
-    std::string operator/(const std::string& name) const { return path / name; }
-    std::string Path() const { return path; }
+    std::string operator/(const std::string& name) const { return path + '/' + name; }
+    const std::string& Path() const { return path; }
 
     void Write(const std::string& name, std::string_view content) const
     {
-        const std::filesystem::path file = path / name;
+        const std::filesystem::path file = *this / name;
         std::filesystem::create_directories(file.parent_path());
         std::ofstream(file, std::ios::binary) << content;
     }
 
 private:
-    std::filesystem::path path;
+    std::string path = std::filesystem::temp_directory_path() / "test_sdk.XXXXXX";
 };
