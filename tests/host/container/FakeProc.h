@@ -12,11 +12,6 @@
 inline const std::string idA(64, 'a');
 inline const std::string idB(64, 'b');
 
-inline std::string GroupOf(const std::string& id)
-{
-    return "/docker/" + id;
-}
-
 class FakeProc : public Engine::ProcReader {
 public:
     struct Thread {
@@ -29,22 +24,18 @@ public:
     };
 
     std::map<int, Thread> threads;  // processes, and those of their threads that answer differently
-    int reads = 0;                  // of control groups
 
     std::optional<std::string> ContainerOf(int tid) override
     {
-        ++reads;
-        const auto found = threads.find(tid);
-        return found == threads.end() ? std::nullopt : std::optional<std::string>{found->second.container};
+        return IsThere(tid) ? std::optional{threads[tid].container} : std::nullopt;
     }
     std::optional<bool> InHostMountNamespace(int tid) override
     {
-        return threads.count(tid) == 0 || threads[tid].isZombie ? std::nullopt
-                                                                : std::optional{threads[tid].hasHostMounts};
+        return IsThere(tid) && !threads[tid].isZombie ? std::optional{threads[tid].hasHostMounts} : std::nullopt;
     }
-    bool RunsCopyOfParent(int tid) override { return threads.count(tid) != 0 && threads[tid].runsCopy; }
-    int ParentOf(int tid) override { return threads.count(tid) != 0 ? threads[tid].parent : -1; }
-    std::string ExecutableOf(int tid) override { return threads.count(tid) != 0 ? "/proc-knows/sh" : ""; }
+    bool RunsCopyOfParent(int tid) override { return IsThere(tid) && threads[tid].runsCopy; }
+    int ParentOf(int tid) override { return IsThere(tid) ? threads[tid].parent : -1; }
+    std::string ExecutableOf(int /*tid*/) override { return "/proc-knows/sh"; }
     std::vector<int> Processes() override
     {
         std::vector<int> ids;
@@ -55,8 +46,11 @@ public:
     }
     std::vector<int> Threads(int pid) override
     {
-        std::vector<int> ids{pid};
-        ids.insert(ids.end(), threads[pid].others.begin(), threads[pid].others.end());
+        std::vector<int> ids{threads[pid].others};
+        ids.push_back(pid);
         return ids;
     }
+
+private:
+    bool IsThere(int tid) const { return threads.count(tid) != 0; }
 };
