@@ -9,23 +9,18 @@ namespace {
 
 using namespace FrameworkTest;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using StartResult = Framework::Engine::StartResult;
 
-// Registers its tasks in Init and writes its own life into the journal.
+// Registers a task in Init and writes its own life into the journal.
 class JournalModule : public Framework::Module {
 public:
-    JournalModule(const std::string& name, Journal& journal, std::vector<std::string> tasks)
-        : Module(name), journal(journal), tasks(std::move(tasks))
+    JournalModule(const std::string& name, Journal& journal, int initResult = 0)
+        : Module(name), journal(journal), initResult(initResult)
     {
     }
     int Init() override
     {
-        for (const std::string& task : tasks) {
-            RegisterTask(new JournalTask(task, journal), true);
-        }
         journal.Add(name() + " Init");
-        return initResult;
+        return RegisterTask(new JournalTask(name() + "'s task", journal), true) + initResult;
     }
     int UnInit() override
     {
@@ -33,58 +28,28 @@ public:
         return 0;
     }
 
-    int initResult = 0;
-
 private:
     Journal& journal;
-    std::vector<std::string> tasks;
+    int initResult;
 };
 
-class EngineTest : public testing::Test {
-protected:
-    Journal journal;  // outlives the tasks that the engine owns
-    Framework::Engine engine;
-};
-
-TEST_F(EngineTest, StopsTasksLastStartedFirstAndThenModulesInReverse)
+TEST(EngineTest, StopsTasksLastStartedFirstAndThenModulesInReverse)
 {
-    ASSERT_TRUE(engine.AddModule(std::make_unique<JournalModule>("A", journal, std::vector<std::string>{"a"})));
-    ASSERT_EQ(engine.WaitStarted("a", limit), StartResult::Running);
-    ASSERT_TRUE(engine.AddModule(std::make_unique<JournalModule>("B", journal, std::vector<std::string>{"b"})));
-    ASSERT_EQ(engine.WaitStarted("b", limit), StartResult::Running);
-    EXPECT_THAT(engine.RunningTasks(), ElementsAre("a", "b"));
+    Journal journal;
+    Framework::Engine engine;
+    ASSERT_TRUE(engine.AddModule(std::make_unique<JournalModule>("A", journal)));
+    journal.WaitFor(2);
+    EXPECT_FALSE(engine.AddModule(std::make_unique<JournalModule>("bad", journal, 3)));
+    EXPECT_EQ(engine.FindTask("bad's task"), nullptr);
+    ASSERT_TRUE(engine.AddModule(std::make_unique<JournalModule>("B", journal)));
+    journal.WaitFor(5);
+    EXPECT_THAT(engine.RunningTasks(), ElementsAre("A's task", "B's task"));
 
     engine.Stop();
     EXPECT_THAT(journal.Lines(),
-                ElementsAre("A Init", "a Init", "B Init", "b Init", "b UnInit", "a UnInit", "B UnInit", "A UnInit"));
-    EXPECT_EQ(engine.FindTask("a"), nullptr);
-    engine.Stop();
-}
-
-TEST_F(EngineTest, AModuleWhoseInitFailsKeepsNoTask)
-{
-    auto module = std::make_unique<JournalModule>("A", journal, std::vector<std::string>{"a"});
-    module->initResult = 3;
-    EXPECT_FALSE(engine.AddModule(std::move(module)));
-    EXPECT_EQ(engine.FindTask("a"), nullptr);
-    EXPECT_EQ(engine.WaitStarted("a", limit), StartResult::NotRunning);
-    engine.Stop();
-    EXPECT_THAT(journal.Lines(), ElementsAre("A Init", "A UnInit"));
-}
-
-TEST_F(EngineTest, NamesAreUniqueAndUnknownOnesHarmless)
-{
-    Framework::Module module("module");
-    JournalTask first("name", journal);
-    JournalTask second("name", journal);
-    EXPECT_EQ(module.RegisterTask(&first, false), 0);
-    EXPECT_EQ(module.RegisterTask(&second, false), -1);
-    EXPECT_EQ(module.FindTask("name"), &first);
-    EXPECT_EQ(module.RegisterTask(nullptr, false), -1);
-    EXPECT_EQ(module.UnRegisterTask("never registered"), -1);
-    EXPECT_EQ(module.UnRegisterTask("name"), 0);
-    EXPECT_EQ(module.UnRegisterTask("name"), -1);
-    EXPECT_THAT(journal.Lines(), ElementsAre("name Init", "name UnInit"));
+                ElementsAre("A Init", "A's task Init", "bad Init", "B Init", "B's task Init", "B's task UnInit",
+                            "A's task UnInit", "B UnInit", "bad UnInit", "A UnInit"));
+    EXPECT_EQ(engine.FindTask("A's task"), nullptr);
 }
 
 // The undefined-behaviour sanitizer rightly objects to such a call; what it says is not what is tested here.
@@ -94,38 +59,20 @@ __attribute__((noinline, no_sanitize("undefined"))) Framework::Task* FindThrough
 }
 
 // A failed dynamic_cast of the application object arrives here; calling on it must not end the process.
-TEST_F(EngineTest, ANullEngineFindsNothing)
+TEST(EngineTest, ANullEngineFindsNothing)
 {
     Framework::Engine* volatile none = nullptr;
     EXPECT_EQ(FindThrough(none), nullptr);
 }
 
-TEST_F(EngineTest, IsTheApplicationThatModulesFind)
+TEST(EngineTest, SaysWhyALibraryCannotBeLoaded)
 {
-    EXPECT_EQ(dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance()), &engine);
-}
-
-TEST_F(EngineTest, LoadsALibraryAndRunsItsTask)
-{
+    Framework::Engine engine;
     std::string error;
-    ASSERT_TRUE(engine.LoadModule(PLUGIN_PATH, error)) << error;
-    EXPECT_EQ(engine.WaitStarted("plugin_task", limit), StartResult::Running);
-    std::string reply;
-    JournalTask sender("sender", journal);
-    EXPECT_EQ(sender.SyncSendDirectMsg("plugin_task", Call([] { return 3; }), reply, foreverMs, 2), 3)
-        << "the default Run handles messages";
-}
-
-TEST_F(EngineTest, SaysWhyALibraryCannotBeLoaded)
-{
-    std::string error;
-    EXPECT_FALSE(engine.LoadModule("/nonexistent/module.so", error));
-    EXPECT_THAT(error, HasSubstr("/nonexistent/module.so"));
-    EXPECT_FALSE(engine.LoadModule("libc.so.6", error));
-    EXPECT_THAT(error, HasSubstr("CreateModule"));
-    ASSERT_TRUE(engine.LoadModule(PLUGIN_PATH, error));
-    EXPECT_FALSE(engine.LoadModule(PLUGIN_PATH, error)) << "its task's name is taken, so its Init fails";
-    EXPECT_THAT(error, HasSubstr("plugin_module"));
+    for (const char* path : {"/nonexistent/module.so", "libc.so.6"}) {
+        EXPECT_FALSE(engine.LoadModule(path, error));
+        EXPECT_THAT(error, testing::HasSubstr(path));
+    }
 }
 
 }  // namespace

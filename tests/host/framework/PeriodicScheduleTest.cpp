@@ -5,44 +5,24 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using Framework::PeriodicSchedule;
-using std::chrono::milliseconds;
-using std::chrono::nanoseconds;
-using std::chrono::seconds;
 
-constexpr PeriodicSchedule::Clock::time_point start{seconds{1000}};
+constexpr PeriodicSchedule::Clock::time_point start{1000s};
 
 TEST(PeriodicScheduleTest, RunsFirstAfterTheDelayAndThenOnAFixedGrid)
 {
-    PeriodicSchedule schedule(seconds{10}, seconds{30}, start);
-    EXPECT_EQ(schedule.Remaining(start), seconds{10});
-    EXPECT_EQ(schedule.Remaining(start + seconds{12}), seconds{0});
+    PeriodicSchedule schedule(10s, 30s, start);
+    EXPECT_EQ(schedule.Remaining(start + 1ns), 10s) << "rounded up: no wait ends too early";
+    EXPECT_EQ(schedule.Remaining(start + 12s), 0s);
+    schedule.MarkRun(start + 12s);
+    EXPECT_EQ(schedule.Remaining(start + 12s), 28s) << "a late run must not move the grid";
+    schedule.MarkRun(start + 105s);
+    EXPECT_EQ(schedule.Remaining(start + 105s), 25s) << "the runs that a long one missed are skipped";
 
-    schedule.MarkRun(start + seconds{12});
-    EXPECT_EQ(schedule.Remaining(start + seconds{12}), seconds{28}) << "a late run must not move the grid";
-}
-
-TEST(PeriodicScheduleTest, SkipsTheRunsThatALongOneMissed)
-{
-    PeriodicSchedule schedule(seconds{0}, seconds{30}, start);
-    schedule.MarkRun(start + seconds{95});
-    EXPECT_EQ(schedule.Remaining(start + seconds{95}), seconds{25});
-}
-
-TEST(PeriodicScheduleTest, NeverRunsWithoutAPeriod)
-{
-    for (const seconds period : {seconds{0}, seconds{-5}}) {
-        PeriodicSchedule schedule(seconds{10}, period, start);
-        schedule.MarkRun(start + seconds{100});
-        EXPECT_FALSE(schedule.Remaining(start + seconds{100}).has_value());
-    }
-}
-
-TEST(PeriodicScheduleTest, RoundsUpSoThatNoWaitEndsTooEarly)
-{
-    const PeriodicSchedule schedule(seconds{-3}, seconds{1}, start);
-    EXPECT_EQ(schedule.Remaining(start - nanoseconds{1}), milliseconds{1});
-    EXPECT_EQ(schedule.Remaining(start), milliseconds{0}) << "a negative delay is none";
+    EXPECT_EQ(PeriodicSchedule(-3s, 1s, start).Remaining(start), 0s) << "a negative delay is none";
+    EXPECT_FALSE(PeriodicSchedule(10s, 0s, start).Remaining(start + 100s)) << "no run without a period";
+    EXPECT_FALSE(PeriodicSchedule(10s, -5s, start).Remaining(start + 100s));
 }
 
 }  // namespace

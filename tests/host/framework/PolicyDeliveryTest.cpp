@@ -26,12 +26,9 @@ public:
         if (content == "throw") {
             throw std::runtime_error("bad document");
         }
-        if (content == "refuse") {
-            return nullptr;
-        }
-        auto* policy = new Framework::FeaturePolicy(content);
+        auto policy = std::make_unique<Framework::FeaturePolicy>(content);
         policy->Add(std::make_unique<Framework::TaskPolicy>("first"));
-        return policy;
+        return content == "refuse" ? nullptr : policy.release();
     }
 
 private:
@@ -40,81 +37,49 @@ private:
 
 class PolicyDeliveryTest : public testing::Test {
 protected:
-    void SetUp() override { module.RegisterPolicyCallback("id", new TestPolicies(seen)); }
-    void TearDown() override
+    PolicyDeliveryTest()
     {
-        for (const char* name : {"first", "second", "third", "free"}) {
-            module.UnRegisterTask(name);
-        }
+        module.RegisterPolicyCallback("id", new TestPolicies(seen));
+        module.RegisterTask(&first, false);
     }
+    ~PolicyDeliveryTest() override { module.UnRegisterTask("first"); }
     bool Apply(const std::string& content) { return engine.ApplyPolicy("id", "feature", content); }
 
     Framework::Engine engine;
     Framework::Module module{"module"};
-    Framework::Module other{"other"};
     Framework::Policy* seen = nullptr;  // what the callback found in the slot
     Journal journal;
     JournalTask first{"first", journal, "feature"};
-    JournalTask second{"second", journal, "feature"};
-    JournalTask third{"third", journal, "another feature"};
-    JournalTask free{"free", journal};
 };
 
-TEST_F(PolicyDeliveryTest, StartsTheFeaturesTasksOfEveryModuleWithTheirPolicies)
+TEST_F(PolicyDeliveryTest, APolicyStartsTheFeaturesTasksANewOneRestartsThemARefusedOneLeavesThemAlone)
 {
-    module.RegisterTask(&first, false);
-    module.RegisterTask(&third, false);
-    other.RegisterTask(&second, false);
-    EXPECT_THAT(engine.RunningTasks(), ElementsAre());
-    std::shared_ptr<Framework::Message> early(Call([] { return 0; }));
-    EXPECT_EQ(first.EnqueueMsg(early), -1) << "nobody would handle it";
-
+    JournalTask stranger("stranger", journal, "another feature");
+    JournalTask late("late", journal, "feature");
+    module.RegisterTask(&stranger, false);
+    EXPECT_EQ(first.SendAgileMsg(&first, Call([] { return 0; })), 0) << "nobody would handle it";
     EXPECT_TRUE(Apply("one"));
     EXPECT_EQ(seen, nullptr);
-    EXPECT_THAT(journal.WaitFor(2), testing::UnorderedElementsAre("first Init one/first", "second Init one"));
-    EXPECT_THAT(engine.RunningTasks(), ElementsAre("first", "second"));
-}
-
-TEST_F(PolicyDeliveryTest, ANewPolicyRestartsTheFeaturesTasksAndNoOthers)
-{
-    module.RegisterTask(&free, false);
-    module.RegisterTask(&first, false);
-    Apply("one");
-    journal.WaitFor(2);
-    EXPECT_TRUE(Apply("two"));
-    ASSERT_NE(seen, nullptr) << "the policy in force is shown to the callback";
-    const auto lines = journal.WaitFor(4);
-    ASSERT_EQ(lines.size(), 4U);
-    EXPECT_EQ(lines[2], "first UnInit");
-    EXPECT_EQ(lines[3], "first Init two/first");
-    EXPECT_THAT(engine.RunningTasks(), ElementsAre("free", "first"));
-}
-
-TEST_F(PolicyDeliveryTest, ARefusedDocumentLeavesThePolicyAndTheTasksAlone)
-{
-    module.RegisterTask(&first, false);
-    Apply("one");
     journal.WaitFor(1);
     for (const char* content : {"refuse", "throw"}) {
         EXPECT_FALSE(Apply(content));
-        ASSERT_NE(seen, nullptr);
+        ASSERT_NE(seen, nullptr) << "the policy in force is shown to the callback";
         EXPECT_EQ(seen->Name(), "one");
         EXPECT_FALSE(seen->changed) << "no successor came";
     }
     EXPECT_FALSE(engine.ApplyPolicy("unknown id", "feature", "two"));
-    EXPECT_THAT(journal.Lines(), ElementsAre("first Init one/first"));
-}
-
-TEST_F(PolicyDeliveryTest, ATaskThatComesAfterItsPolicyStartsAtOnce)
-{
-    EXPECT_TRUE(Apply("one"));
-    module.RegisterTask(&first, false);
-    EXPECT_THAT(journal.WaitFor(1), ElementsAre("first Init one/first"));
+    EXPECT_TRUE(Apply("two"));
+    journal.WaitFor(3);
+    module.RegisterTask(&late, false);
+    EXPECT_THAT(journal.WaitFor(4),
+                ElementsAre("first Init one/first", "first UnInit", "first Init two/first", "late Init two"));
+    EXPECT_THAT(engine.RunningTasks(), ElementsAre("first", "late"));
+    module.UnRegisterTask("late");
+    module.UnRegisterTask("stranger");
 }
 
 TEST_F(PolicyDeliveryTest, WhatWasSentBeforeAStopIsStillHandledAndWhatComesLaterRefused)
 {
-    module.RegisterTask(&first, false);
     Apply("one");
     journal.WaitFor(1);
     std::atomic<int> handled{0};

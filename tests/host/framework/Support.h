@@ -22,29 +22,6 @@ using Framework::TaskCondition;
 inline constexpr std::chrono::seconds limit{20};
 inline constexpr int foreverMs = 60'000;
 
-// Waits for a condition that another thread brings about within microseconds, without giving up the processor: races
-// between going to sleep and waking up need a waker that is that quick. False at the limit.
-template <class Condition>
-bool SpinUntil(Condition condition)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Up to some ten microseconds, another time each round. Holds a thread back before it goes to sleep until its waker has
-// come back from the system call of the round before, so that the next wake-up comes at every moment of going to sleep.
-inline void Dither(int round)
-{
-    for (int left = round * 7 % 20011; left > 0; --left) {
-        __asm__ volatile("");  // keeps the loop
-    }
-}
-
 // WaitAndHandleEvent with a limit that it must not need.
 inline int WaitBriefly(Framework::EventWaiter& waiter, int batch = 8)
 {

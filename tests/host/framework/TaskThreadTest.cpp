@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 
-#include <array>
 #include <csignal>
 #include <stdexcept>
 
@@ -13,40 +12,14 @@ namespace {
 
 using namespace FrameworkTest;
 using testing::ElementsAre;
-using StartResult = Framework::Engine::StartResult;
-
-// A periodic task whose runs are counted in the journal, without waiting.
-class PeriodicTask : public JournalTask {
-public:
-    explicit PeriodicTask(Journal& journal) : JournalTask("periodic", journal, "feature", TaskCondition::Periodic) {}
-    int Run() override
-    {
-        journal.Add("Run");
-        return 0;
-    }
-};
 
 class ThrowingTask : public JournalTask {
 public:
-    explicit ThrowingTask(Journal& journal) : JournalTask("throwing", journal) {}
+    using JournalTask::JournalTask;
     int Run() override
     {
         journal.Add("Run");
         throw std::runtime_error("bad run");
-    }
-};
-
-// Answers every document with a policy of its feature that has one task, the periodic one.
-class PeriodicPolicies : public Framework::AbstractPolicyCallback {
-public:
-    Framework::Policy* invoke(const std::string& name, const std::string& /*content*/,
-                              Framework::Policy*& /*slot*/) const override
-    {
-        auto task = std::make_unique<Framework::TaskPolicy>("periodic");
-        task->periodSeconds = 1;
-        auto* feature = new Framework::FeaturePolicy(name);
-        feature->Add(std::move(task));
-        return feature;
     }
 };
 
@@ -59,10 +32,10 @@ protected:
 
 TEST_F(TaskThreadTest, AFailedInitMeansUnInitWithoutRun)
 {
-    JournalTask task("failing", journal);
+    ThrowingTask task("failing", journal);
     task.initResult = 5;
     ASSERT_EQ(module.RegisterTask(&task, false), 0);
-    EXPECT_EQ(engine.WaitStarted("failing", limit), StartResult::InitFailed);
+    EXPECT_EQ(engine.WaitStarted("failing", limit), Framework::Engine::StartResult::InitFailed);
     EXPECT_THAT(journal.Lines(), ElementsAre("failing Init", "failing UnInit"));
     EXPECT_THAT(engine.RunningTasks(), ElementsAre());
     EXPECT_EQ(module.UnRegisterTask("failing"), 0);
@@ -70,28 +43,10 @@ TEST_F(TaskThreadTest, AFailedInitMeansUnInitWithoutRun)
 
 TEST_F(TaskThreadTest, GoesOnAfterARunThatThrows)
 {
-    ThrowingTask task(journal);
+    ThrowingTask task("throwing", journal);
     ASSERT_EQ(module.RegisterTask(&task, false), 0);
     EXPECT_EQ(journal.WaitFor(3).size(), 3U);
     module.UnRegisterTask("throwing");
-}
-
-TEST_F(TaskThreadTest, HasTheTasksNameAndNoSignals)
-{
-    JournalTask task("a_task_with_a_long_name", journal);
-    ASSERT_EQ(module.RegisterTask(&task, false), 0);
-    std::array<char, 16> name{};
-    sigset_t blocked;
-    std::string reply;
-    task.SyncSendDirectMsg("a_task_with_a_long_name", Call([&] {
-                               pthread_getname_np(pthread_self(), name.data(), name.size());
-                               return pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-                           }),
-                           reply, foreverMs, 2);
-    module.UnRegisterTask("a_task_with_a_long_name");
-    EXPECT_STREQ(name.data(), "a_task_with_a_l");
-    EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
-    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
 }
 
 // A cancel that were lost would cost a whole sleep each time.
@@ -107,33 +62,27 @@ TEST_F(TaskThreadTest, ACancelIsNeverLost)
     EXPECT_EQ(journal.Lines().size(), 1000U);
 }
 
-TEST_F(TaskThreadTest, APeriodicTaskRunsByItsPolicyAndHandlesMessagesBetween)
+TEST_F(TaskThreadTest, HasNoSignalsAndMayUnregisterItsTaskFromWithin)
 {
-    PeriodicTask task(journal);
-    module.RegisterPolicyCallback("id", new PeriodicPolicies);
-    ASSERT_EQ(module.RegisterTask(&task, false), 0);
-    ASSERT_TRUE(engine.ApplyPolicy("id", "feature", ""));
-    EXPECT_THAT(journal.WaitFor(3), ElementsAre("periodic Init feature/periodic", "Run", "Run"));
-
+    ASSERT_EQ(module.RegisterTask(new JournalTask("a_leaving_task_with_a_name", journal), true), 0);
+    JournalTask next("a_leaving_task_with_a_name", journal);
+    EXPECT_EQ(module.RegisterTask(&next, false), -1) << "its name is taken";
+    sigset_t blocked;
+    std::string threadName(16, '\0');
+    const auto leave = [&] {
+        pthread_getname_np(pthread_self(), threadName.data(), threadName.size());
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        return module.UnRegisterTask(next.name());
+    };
     std::string reply;
-    EXPECT_EQ(task.SyncSendDirectMsg("periodic", Call([] { return 9; }), reply, foreverMs, 2), 9);
-    module.UnRegisterTask("periodic");
-}
-
-TEST_F(TaskThreadTest, MayUnregisterItsTaskFromWithin)
-{
-    auto* task = new JournalTask("leaving", journal);
-    ASSERT_EQ(module.RegisterTask(task, true), 0);
-    std::string reply;
-    JournalTask sender("sender", journal);
-    EXPECT_EQ(sender.SyncSendDirectMsg("leaving", Call([this] { return module.UnRegisterTask("leaving"); }), reply,
-                                       foreverMs, 2),
-              0);
-    EXPECT_EQ(engine.FindTask("leaving"), nullptr);
-    EXPECT_THAT(journal.WaitFor(2), ElementsAre("leaving Init", "leaving UnInit"));
-    JournalTask next("leaving", journal);
+    EXPECT_EQ(next.SyncSendDirectMsg(next.name(), Call(leave), reply, foreverMs, 2), 0);
+    EXPECT_EQ(threadName, std::string("a_leaving_task_\0", 16));
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
+    EXPECT_EQ(engine.FindTask(next.name()), nullptr);
+    EXPECT_EQ(journal.WaitFor(2).size(), 2U);
     EXPECT_EQ(module.RegisterTask(&next, false), 0) << "its name is free";
-    EXPECT_EQ(module.UnRegisterTask("leaving"), 0);
+    EXPECT_EQ(module.UnRegisterTask(next.name()), 0);
 }
 
 }  // namespace
