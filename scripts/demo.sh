@@ -43,14 +43,15 @@ trap clean_up EXIT
 
 if [ ! -d "$parent" ]; then mkdir "$parent"; made_parent=1; fi
 mkdir "$parent/$id"
+mkdir "$work/host"
 cc -O1 -pthread -o "$work/probe" tests/e2e/probe.c
 
 # Without open_by_handle_at, which two detectors of their own watch.
-cat >"$work/policy.json" <<'POLICY'
+cat >"$work/policy.json" <<POLICY
 {"content": {"image_white_namelist": [],
              "container_escape_detect_task": {"highrisk_calls": ["unshare", "setns", "mount", "ptrace",
                                                                  "pivot_root"],
-                                              "host_directorys": []}}}
+                                              "host_directorys": ["$work/host"]}}}
 POLICY
 
 mkfifo "$work/log" "$work/alarms"
@@ -92,6 +93,7 @@ attack "calls unshare(2)" "High-Risk System Invocation" "self call unshare"
 attack "lists a directory, lists it again, opens a file by its handle" "Shocker attack" \
     "self list /" "self list /" "self brute 1"
 attack "opens files by guessed handles, 400 in a row" "Bruteforce syscall attack" "self brute 400"
+attack "writes to a watched directory of the host" "Container file escape attack" "self write $work/host/file"
 echo
 kill "$agent_pid"
 wait "$agent_pid" && status=0 || status=$?

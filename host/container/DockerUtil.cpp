@@ -100,7 +100,11 @@ bool DockerUtil::GetContainerInfo(SDK::DockerClient& client, const std::string& 
     if (!Engine::EngineDocuments::IsContainerId(containerId)) {
         return false;
     }
-    return AskCollector(containerId, info) || AskEngine(client, containerId, info);
+    if (!AskCollector(containerId, info) && !AskEngine(client, containerId, info)) {
+        info = {};
+        info.id = containerId;
+    }
+    return true;
 }
 
 Poco::Logger* DockerUtil::GetLoggerPtr()

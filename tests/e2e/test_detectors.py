@@ -147,6 +147,14 @@ class Detectors(unittest.TestCase):
         _, alarm = agent.alarm()
         self.assertEqual(alarm["file_info"], [{"file_path": str(self.watched / "secret")}])
 
+    def test_writing_is_told_without_an_engine_too(self):
+        agent = harness.Agent(harness.policy(directories=[str(self.watched)]))
+        self.addCleanup(agent.close)
+        self.attack("self", "write", "/host/nameless")
+        _, alarm = agent.alarm()
+        self.assertEqual(alarm["file_info"], [{"file_path": str(self.watched / "nameless")}])
+        self.assertEqual(alarm["resource_info"], {"container_id": self.victim})
+
     def test_dirty_cow_is_followed_in_silence(self):
         calls = ("bind", "madvise", "ptrace", "accept")
         agent = self.agent(calls=[*calls, "setns"])

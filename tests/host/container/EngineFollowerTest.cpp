@@ -159,9 +159,14 @@ TEST_F(EngineFollowerTest, OthersDoNotAskAgainSoonAndForPlainIdsOnly)
     const Framework::Engine agent;
     Engine::ContainerInfo info;
     SDK::DockerClient client{server.SocketPath()};
-    EXPECT_FALSE(DockerUtil::GetContainerInfo(client, idA, info));
+    info.imageName = "somebody else's";
+    EXPECT_TRUE(DockerUtil::GetContainerInfo(client, idA, info));
+    EXPECT_EQ(info.id, idA);
+    EXPECT_EQ(info.imageName, "") << "a container without a name is one all the same";
     Container(idA, "bb:1", idA);
-    for (const std::string& id : {idA, std::string{}, "../" + idA, std::string{"a\r\nX: y"}, std::string(129, 'a')}) {
+    EXPECT_TRUE(DockerUtil::GetContainerInfo(client, idA, info));
+    EXPECT_EQ(info.imageName, "");
+    for (const std::string& id : {std::string{}, "../" + idA, std::string{"a\r\nX: y"}, std::string(129, 'a')}) {
         EXPECT_FALSE(DockerUtil::GetContainerInfo(client, id, info)) << id;
     }
     EXPECT_EQ(server.Requests(), 1);
