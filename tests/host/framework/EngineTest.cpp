@@ -65,14 +65,4 @@ TEST(EngineTest, ANullEngineFindsNothing)
     EXPECT_EQ(FindThrough(none), nullptr);
 }
 
-TEST(EngineTest, SaysWhyALibraryCannotBeLoaded)
-{
-    Framework::Engine engine;
-    std::string error;
-    for (const char* path : {"/nonexistent/module.so", "libc.so.6"}) {
-        EXPECT_FALSE(engine.LoadModule(path, error));
-        EXPECT_THAT(error, testing::HasSubstr(path));
-    }
-}
-
 }  // namespace
