@@ -25,15 +25,8 @@ protected:
 
     std::vector<std::string> Words() const
     {
-        return {"run",
-                "--policy",
-                directory / "policy",
-                "--docker-socket",
-                directory / "no-engine",
-                "--alarms",
-                directory / "alarms",
-                "--stats",
-                directory / "stats"};
+        return {"run", "--policy=" + directory / "policy", "--docker-socket=" + directory / "no-engine",
+                "--alarms=" + directory / "alarms", "--stats=" + directory / "stats"};
     }
 
     TemporaryDirectory directory;
@@ -44,7 +37,6 @@ TEST_F(AgentRunTest, ReadsThePolicyAgainKeepsTheOldOneWhenTheNewIsBadAndStopsCle
     WritePolicy(R"("mount", "nosuchcall", "bpf")");
     ChildAgent agent(Words());
     ASSERT_TRUE(agent.WaitFor("ready: watching 1 of 3 listed calls")) << agent.Log();
-    EXPECT_THAT(agent.Log(), HasSubstr("no container engine at"));
     EXPECT_THAT(agent.Log(), HasSubstr("call \"nosuchcall\": the kernel has no trace event"));
     EXPECT_THAT(agent.Log(), HasSubstr("call \"bpf\": the detection module does not know it"));
 
@@ -57,7 +49,6 @@ TEST_F(AgentRunTest, ReadsThePolicyAgainKeepsTheOldOneWhenTheNewIsBadAndStopsCle
 
     agent.Signal(SIGTERM);
     EXPECT_EQ(agent.ExitCode(), Agent::cleanStop) << agent.Log();
-    EXPECT_THAT(agent.Log(), HasSubstr("stopped: events_read="));
     EXPECT_THAT(directory.Read("stats"), HasSubstr("\"trace.read\":"));
 }
 

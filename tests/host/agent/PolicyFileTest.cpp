@@ -24,29 +24,17 @@ std::string WhyRefused(Action action)
     return "accepted";
 }
 
-std::string Document(const std::string& images, const std::string& calls, const std::string& directories)
-{
-    return R"({"content": {"image_white_namelist": )" + images +
-           R"(, "container_escape_detect_task": {"highrisk_calls": )" + calls + R"(, "host_directorys": )" +
-           directories + "}}}";
-}
-
 TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
 {
+    const std::string start = R"({"content": {"image_white_namelist": [], "container_escape_detect_task": {)";
     const std::vector<std::pair<std::string, std::string>> rows{
-        {"", "not JSON: line 1"},
         {"{\n  \"content\": {,\n}", "line 2, column"},
         {std::string("{\"content\"\0: {}}", 16), "not JSON"},
         {"[]", "the document: must be an object, is a list"},
-        {"{}", "content: is missing"},
         {R"({"content": null})", "content: must be an object, is null"},
-        {R"({"content": {"image_white_namelist": []}})", "content.container_escape_detect_task: is missing"},
-        {Document("7", "[]", "[]"), "content.image_white_namelist: must be a list, is a number"},
-        {Document("[]", R"(["a", "b", "c", 4])", "[]"),
-         "content.container_escape_detect_task.highrisk_calls[3]: must be a text, is a number"},
-        {Document("[]", "[]", R"([["/etc"]])"),
-         "content.container_escape_detect_task.host_directorys[0]: must be a text, is a list"},
-        {Document("[]", "[]", "{}"), "host_directorys: must be a list, is an object"},
+        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing"},
+        {start + R"("highrisk_calls": ["a", "b", 4]}}})", "highrisk_calls[2]: must be a text, is a number"},
+        {start + R"("highrisk_calls": [], "host_directorys": {}}}})", "host_directorys: must be a list, is an object"},
     };
     for (const auto& [text, reason] : rows) {
         EXPECT_THAT(WhyRefused([&text = text] { ParsePolicy(text); }), HasSubstr(reason)) << text;
@@ -64,17 +52,9 @@ TEST(PolicyFileTest, AGoodDocumentIsTakenAsItStandsAndUnknownKeysAreNamed)
     EXPECT_THAT(policy.unknownKeys, ElementsAre("version", "content.other", "content.container_escape_detect_task.x"));
 }
 
-TEST(PolicyFileTest, TheExamplePolicyIsGood)
-{
-    const Policy policy = ParsePolicy(ReadPolicyFile(CE_EXAMPLE_POLICY));
-    EXPECT_THAT(policy.unknownKeys, IsEmpty());
-    EXPECT_THAT(UselessDirectories(policy), IsEmpty());
-}
-
 TEST(PolicyFileTest, OnlyARegularReadableFileOfBoundedSizeIsRead)
 {
     const TemporaryDirectory directory;
-    EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(directory / "none"); }), HasSubstr("No such file"));
     EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(directory.Path()); }), HasSubstr("not a regular file"));
     const std::string large = directory.Write("large", std::string(maxPolicyBytes + 1, ' '));
     EXPECT_THAT(WhyRefused([&] { ReadPolicyFile(large); }), HasSubstr("larger than 1048576 bytes"));

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// A host with an engine, and a receiver of notices with a bounded table; told in trace events a millisecond apart.
+// A host with an engine, and a receiver of notices; told in trace events a millisecond apart.
 #pragma once
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
-#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,21 +15,7 @@
 #include "tests/support/FakeSystem.h"
 #include "tests/support/TraceEventBuilder.h"
 
-// The table of a receiver of notices, as the detection task keeps its own: at more than 640 records it forgets, before
-// it puts another in, all but those that ended up to two seconds ago.
-struct ReceiverTable {
-    void Put(int pid, long second)
-    {
-        if (records.size() > 640) {
-            std::erase_if(records, [second](const auto& record) { return std::abs(record.second - second) > 2; });
-        }
-        records.emplace(pid, 0);
-    }
-
-    std::map<int, long> records;  // id to the second of its exit, 0 while it lives
-};
-
-// Keeps what is sent and passes it on to the table at once.
+// Keeps what is sent, and whom a receiver has a record of in consequence.
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the contract's destructor is protected
 class Sequencer final : public Engine::TraceSequencer {
 public:
@@ -39,20 +24,17 @@ public:
         const auto& notice = dynamic_cast<const Engine::ContainerProcMessage&>(*message);
         last = *notice.info;
         notices.push_back((notice.started ? "+" : "-") + std::to_string(last.pid));
-        ++sent;
-        if (!notice.started) {
-            table.records.erase(last.pid);
-        } else if (table.records.count(last.pid) == 0) {
-            table.Put(last.pid, second);
+        if (notice.started) {
+            table.insert(last.pid);
+        } else {
+            table.erase(last.pid);
         }
     }
     std::vector<std::string> Take() { return std::exchange(notices, {}); }
 
-    ReceiverTable table;
-    long second = 0;
+    std::set<int> table;
     std::vector<std::string> notices;
     Engine::ContainerProcMessage::ProcInfo last;
-    std::size_t sent = 0;
 };
 
 class ContainerFixture : public testing::Test {
@@ -74,12 +56,7 @@ protected:
         Round();
     }
 
-    std::chrono::nanoseconds Next()
-    {
-        now += std::chrono::milliseconds{1};
-        sequencer.second = std::chrono::duration_cast<std::chrono::seconds>(now).count();
-        return now;
-    }
+    std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
     void Round() { observer.OnRound(Next(), sequencer); }
     void Observe(Support::TraceEvent event) { observer.OnEvent(event.At(Next()).Message(), sequencer); }
 
@@ -88,8 +65,7 @@ protected:
     {
         Observe(Support::Fork(parent, "sh", child));
         if (registry.IsInside(parent)) {
-            sequencer.table.Put(parent, sequencer.second);
-            sequencer.table.records[child] = 0;
+            sequencer.table.insert({parent, child});
         }
     }
     // Whether the process belongs to a container from then on.
@@ -98,13 +74,7 @@ protected:
         Observe(Support::Exec(pid, file).Number("old_pid", pid));
         return registry.IsInside(pid);
     }
-    void Exit(int pid)
-    {
-        Observe(Support::Exit(pid));
-        if (const auto record = sequencer.table.records.find(pid); record != sequencer.table.records.end()) {
-            record->second = sequencer.second;
-        }
-    }
+    void Exit(int pid) { Observe(Support::Exit(pid)); }
     void Attach(int mover, int pid, const std::string& id)
     {
         Support::TraceEvent event("cgroup", "cgroup_attach_task");
