@@ -42,20 +42,19 @@ protected:
         module.RegisterPolicyCallback("id", new TestPolicies(seen));
         module.RegisterTask(&first, false);
     }
-    ~PolicyDeliveryTest() override { module.UnRegisterTask("first"); }
     bool Apply(const std::string& content) { return engine.ApplyPolicy("id", "feature", content); }
 
-    Framework::Engine engine;
-    Framework::Module module{"module"};
     Framework::Policy* seen = nullptr;  // what the callback found in the slot
     Journal journal;
     JournalTask first{"first", journal, "feature"};
+    JournalTask late{"late", journal, "feature"};
+    JournalTask stranger{"stranger", journal, "another feature"};
+    Framework::Engine engine;
+    Framework::Module module{"module"};  // goes first and stops the tasks
 };
 
 TEST_F(PolicyDeliveryTest, APolicyStartsTheFeaturesTasksANewOneRestartsThemARefusedOneLeavesThemAlone)
 {
-    JournalTask stranger("stranger", journal, "another feature");
-    JournalTask late("late", journal, "feature");
     module.RegisterTask(&stranger, false);
     EXPECT_EQ(first.SendAgileMsg(&first, Call([] { return 0; })), 0) << "nobody would handle it";
     EXPECT_TRUE(Apply("one"));
@@ -74,8 +73,6 @@ TEST_F(PolicyDeliveryTest, APolicyStartsTheFeaturesTasksANewOneRestartsThemARefu
     EXPECT_THAT(journal.WaitFor(4),
                 ElementsAre("first Init one/first", "first UnInit", "first Init two/first", "late Init two"));
     EXPECT_THAT(engine.RunningTasks(), ElementsAre("first", "late"));
-    module.UnRegisterTask("late");
-    module.UnRegisterTask("stranger");
 }
 
 TEST_F(PolicyDeliveryTest, WhatWasSentBeforeAStopIsStillHandledAndWhatComesLaterRefused)

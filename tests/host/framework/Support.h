@@ -16,17 +16,15 @@
 
 namespace FrameworkTest {
 
-using Framework::TaskCondition;
-
 // Far above what a loaded machine needs, and below `foreverMs`, which a sleep without wake-up would last.
 inline constexpr std::chrono::seconds limit{20};
 inline constexpr int foreverMs = 60'000;
 
 // WaitAndHandleEvent with a limit that it must not need.
-inline int WaitBriefly(Framework::EventWaiter& waiter, int batch = 8)
+inline int WaitBriefly(Framework::EventWaiter& waiter)
 {
     const auto begin = std::chrono::steady_clock::now();
-    const int result = waiter.WaitAndHandleEvent(foreverMs, batch);
+    const int result = waiter.WaitAndHandleEvent(foreverMs, 8);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, limit) << "slept through it";
     return result;
 }
@@ -77,9 +75,8 @@ inline Framework::Message* Call(std::function<int()> call)
 // Writes what happens to it into a journal. Waits without end: only a wake-up brings it on.
 class JournalTask : public Framework::Task {
 public:
-    JournalTask(const std::string& name, Journal& journal, const std::string& feature = "",
-                TaskCondition::TaskType type = TaskCondition::EventLoop)
-        : Task(name, feature, type, 64), journal(journal)
+    JournalTask(const std::string& name, Journal& journal, const std::string& feature = "")
+        : Task(name, feature, Framework::TaskCondition::EventLoop, 64), journal(journal)
     {
     }
 

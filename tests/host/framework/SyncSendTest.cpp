@@ -24,12 +24,6 @@ protected:
         module.RegisterTask(&receiver, false);
         module.RegisterTask(&sender, false);
     }
-    ~SyncSendTest() override
-    {
-        module.UnRegisterTask("sender");
-        module.UnRegisterTask("receiver");
-    }
-
     int Send(std::function<int()> call, int mode = forResult, long timeoutMs = foreverMs)
     {
         std::string reply = "left from before";
@@ -47,11 +41,11 @@ protected:
         return 0;
     }
 
-    Framework::Engine engine;
-    Framework::Module module{"module"};
     Journal journal;
     JournalTask receiver{"receiver", journal};
     JournalTask sender{"sender", journal};
+    Framework::Engine engine;
+    Framework::Module module{"module"};  // goes first and stops the tasks
 };
 
 TEST_F(SyncSendTest, ReturnsTheReceiversResultOrDeliveryAsAsked)

@@ -18,7 +18,7 @@ using QueuedMessage = std::shared_ptr<Framework::Message>;
 // No thread of its own: the case's thread is the task's.
 class QueueTask : public Framework::Task {
 public:
-    explicit QueueTask(unsigned int capacity) : Task("queue_task", "", TaskCondition::EventLoop, capacity) {}
+    explicit QueueTask(unsigned int capacity) : Task("queue_task", "", Framework::TaskCondition::EventLoop, capacity) {}
 
     int Put(std::function<int()> call, unsigned long events = 1)
     {
@@ -74,7 +74,6 @@ TEST(TaskQueueTest, HandlesInOrderAtMostAsManyAsAskedWhateverTheHandlersDo)
 class TaskQueueThreadTest : public testing::Test {
 protected:
     TaskQueueThreadTest() { module.RegisterTask(&task, false); }
-    ~TaskQueueThreadTest() override { module.UnRegisterTask("task"); }
     // Does not give up the processor: the next sender has to be quick. False at the limit.
     bool AwaitHandled(int count) const
     {
@@ -85,10 +84,10 @@ protected:
     }
 
     std::atomic<int> handled{0};
-    Framework::Engine engine;
-    Framework::Module module{"module"};
     Journal journal;
     JournalTask task{"task", journal};  // 64 messages at most
+    Framework::Engine engine;
+    Framework::Module module{"module"};  // goes first and stops the task
 };
 
 // One message at a time, each sent at the moment when the receiver has handled the last and goes to sleep: the handler
