@@ -15,12 +15,12 @@ TEST(NoticeLedgerTest, AfterALossNothingIsCertainAndThereMayBeMoreThanKnown)
         ledger.Insert(tid, seconds{tid}, true);
     }
     EXPECT_THAT(ledger.MakeRoom(10), testing::IsEmpty());
-    ledger.Doubt(100);
+    ledger.Doubt(200);
     EXPECT_FALSE(ledger.IsKnown(550, seconds{600}));
     EXPECT_TRUE(ledger.MayHold(550));
     ledger.MarkDead(500, seconds{601});
     EXPECT_THAT(ledger.MakeRoom(1), testing::IsSupersetOf({500, 1, 2}));
-    EXPECT_LE(ledger.Size() + 100, NoticeLedger::limit);
+    EXPECT_LE(ledger.Size() + 200, NoticeLedger::limit);
     ledger.Insert(550, seconds{602}, true);
     EXPECT_TRUE(ledger.IsKnown(550, seconds{603}));
 }
