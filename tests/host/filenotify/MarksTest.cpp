@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 
 #include "host/filenotify/MarkKeeper.h"
@@ -132,41 +131,6 @@ TEST_F(MarksTest, SeesWritesThroughABindMountOfAnotherMountNamespace)
                Support::WriteFile(inside + "/elsewhere") && Support::WriteFile(watched + "-beside");
     };
     EXPECT_THAT(NotifiedOf(writeThroughMount), ElementsAre(Pair(watched + "/sub/file", written)));
-}
-
-TEST_F(MarksTest, LettersDecideWhatIsReported)
-{
-    const std::string file = watched + "/file";
-    const std::string program = watched + "/program";
-    ASSERT_TRUE(Support::WriteFile(file));
-    fs::copy_file("/bin/true", program);
-    ASSERT_TRUE(Support::WriteFile(base + "/moved"));
-
-    struct Row {
-        const char* letters;
-        std::function<bool()> action;
-        std::vector<Sent> expected;
-    };
-    const auto moveIn = [&] {
-        return rename((base + "/moved").c_str(), (watched + "/moved").c_str()) == 0;
-    };
-    const auto changeMode = [&] {
-        return chmod(file.c_str(), 0600) == 0 && chmod(watched.c_str(), 0700) == 0;
-    };
-    const auto run = [&] {
-        std::array<char*, 2> arguments{const_cast<char*>(program.c_str()), nullptr};
-        return execv(program.c_str(), arguments.data()) == 0;
-    };
-    const std::vector<Row> rows{
-        {"*/*w", moveIn, {{watched + "/moved", FAN_MOVED_TO}}},
-        {"*/*a", changeMode, {{file, FAN_ATTRIB}, {watched, FAN_ATTRIB | FAN_ONDIR}}},
-        {"*/*x", run, {{program, FAN_OPEN_EXEC}}},
-    };
-    for (const Row& row : rows) {
-        Watch(watched + row.letters, {});
-        EXPECT_EQ(NotifiedOf(row.action), row.expected) << row.letters;
-        EXPECT_TRUE(watches.Remove(nullptr, watched + row.letters));
-    }
 }
 
 TEST_F(MarksTest, AWatchedDirectoryThatIsDeletedIsWatchedAgainAtOnceWhenItComesBack)

@@ -28,11 +28,4 @@ TEST(MountTable, DataMountsAreThoseOfTheHostsDisksBelowThePath)
     EXPECT_THAT(Engine::DataMountsBelow(mounts, "/various"), IsEmpty()) << "a mount does not lie below itself";
 }
 
-TEST(MountTable, OnlyWholeEscapesAreUndone)
-{
-    const auto mounts = Engine::ParseMountInfo("1 1 8:1 / /a\\134b\\04 rw - ext4 d rw\n1 1 8:1 / /c\\0");
-    ASSERT_EQ(mounts.size(), 1U);
-    EXPECT_EQ(mounts[0].mountPoint, "/a\\b\\04");
-}
-
 }  // namespace

@@ -49,6 +49,14 @@ TEST(WatchEntry, RefusesWhatCannotBeWatched)
     }
 }
 
+TEST(WatchEntry, DirectoryEventsNeedAWatchThatAsksForThem)
+{
+    const EventMasks writes = ParseWatchEntry("/a*/*w", {}).masks;
+    EXPECT_EQ(writes.Wanted(FAN_CREATE | FAN_ONDIR), FAN_CREATE | FAN_ONDIR);
+    EXPECT_EQ(writes.Wanted(FAN_ATTRIB | FAN_ONDIR), 0U);
+    EXPECT_EQ(ParseWatchEntry("/a*/*r", {}).masks.Wanted(FAN_OPEN | FAN_ONDIR), 0U);
+}
+
 TEST(WatchEntry, APathLiesWithinADirectoryAndNotBesideIt)
 {
     EXPECT_TRUE(Engine::LiesWithin("/var/lib", "/var/lib"));
