@@ -15,7 +15,7 @@ namespace {
 using Engine::Bench::DetectWorld;
 using Support::TraceEvent;
 
-constexpr int knownPid = 2'000'000;
+constexpr int knownPid = DetectWorld::firstKnown;
 constexpr int unknownPid = 7;
 
 void Deliver(benchmark::State& state, DetectWorld& world, const std::vector<TraceEvent>& events, int expected)
@@ -68,7 +68,7 @@ void Fork(benchmark::State& state, const char* container)
     SDK::LoggerUtils::GetInstance()->SetLevel("warning");
     std::vector<TraceEvent> forks;
     for (int child = 0; child < children; ++child) {
-        forks.push_back(Support::Fork(knownPid, "sh", 3'000'000 + child));
+        forks.push_back(Support::Fork(knownPid, "sh", 1'100'000'000 + child));
     }
     Deliver(state, world, forks, *container == '\0' ? -1 : 0);
 }

@@ -44,7 +44,8 @@ public:
 // One at a time.
 class DetectWorld {
 public:
-    static constexpr int knownPids = 600;  // about as many as the table keeps
+    static constexpr int knownPids = 600;             // about as many as the table keeps
+    static constexpr int firstKnown = 1'000'000'000;  // no real one: PID_MAX_LIMIT in include/linux/threads.h is less
     static constexpr const char* container = "5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f";
 
     // `window`, `maxCount`: of the brute-force detector.
@@ -66,7 +67,7 @@ public:
             .Reconfigure({{}, {"unshare", "setns", "mount", "pivot_root", "ptrace", "process_vm_writev"}});
         Attach<EscapeFileAccessSubmodule>(*task, collector);
         for (int i = 0; i < knownPids; ++i) {
-            Know(2'000'000 + 97 * i);
+            Know(firstKnown + 97 * i);  // as far apart as real ones
         }
     }
 

@@ -156,6 +156,15 @@ const Recording& TheRecording()
     return recording;
 }
 
+void Report(benchmark::State& state, std::size_t seen)
+{
+    state.SetLabel(TheRecording().origin);
+    if (seen != static_cast<std::size_t>(state.iterations()) * TheRecording().events || seen == 0) {
+        state.SkipWithError("events were lost on the way");
+    }
+    state.SetItemsProcessed(static_cast<std::int64_t>(seen));
+}
+
 struct BareDecoder::State {
     std::unique_ptr<tep_handle, decltype(&tep_free)> tep{tep_alloc(), tep_free};
     std::unique_ptr<kbuffer, decltype(&kbuffer_free)> buffer{
@@ -244,7 +253,8 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
           return task.EnqueueMsg(shared) == 0 ? EventDelivery::Sending::Accepted : EventDelivery::Sending::Refused;
       })
 {
-    constexpr std::size_t pagesOfRound = 64;
+    // Of each CPU: so few that no round's events are a backlog, however long this process is kept from running.
+    constexpr std::size_t pagesOfRound = 8;
     for (const char* call : recordedCalls) {
         table.Add(task, *catalog->Find("syscalls", EventName(call)));
     }

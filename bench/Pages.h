@@ -3,6 +3,8 @@
 // possible, made by hand otherwise, and read again and again.
 #pragma once
 
+#include <benchmark/benchmark.h>
+
 #include <cstddef>
 #include <memory>
 #include <set>
@@ -31,6 +33,9 @@ struct Recording {
 
 // Made at the first call. Recording takes root and tracefs, and an instance of its own meanwhile.
 const Recording& TheRecording();
+
+// Ends a measurement in which each iteration was to see the whole recording: an error when it did not.
+void Report(benchmark::State& state, std::size_t seen);
 
 // Decodes every record with the library alone: page to records, the record's event, its field common_pid. Returns how
 // many there were; `add` gets each pid.

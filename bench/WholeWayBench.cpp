@@ -10,29 +10,8 @@
 namespace {
 
 using Engine::Bench::DetectWorld;
+using Engine::Bench::Report;
 using Engine::Bench::TheRecording;
-
-void Report(benchmark::State& state, std::size_t seen)
-{
-    state.SetLabel(TheRecording().origin);
-    if (seen != static_cast<std::size_t>(state.iterations()) * TheRecording().events || seen == 0) {
-        state.SkipWithError("events were lost on the way");
-    }
-    state.SetItemsProcessed(static_cast<std::int64_t>(seen));
-}
-
-void DecodingAlone(benchmark::State& state)
-{
-    Engine::Bench::BareDecoder decoder{TheRecording().formats};
-    std::size_t seen = 0;
-    long pids = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        seen += decoder.Decode(TheRecording().pages, [&pids](int pid) { pids += pid; });
-    }
-    benchmark::DoNotOptimize(pids);
-    Report(state, seen);
-}
-BENCHMARK(DecodingAlone);
 
 void WholeWay(benchmark::State& state, bool known)
 {
