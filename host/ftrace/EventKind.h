@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,15 +36,39 @@ public:
     const std::string& System() const { return system; }  // "sched"
     const std::string& Event() const { return event; }    // "sched_process_fork"
 
-    // Null when the event has no such field. A look-up without allocation.
-    const Field* Find(std::string_view field) const;
+    // Null when the event has no such field. A look-up without allocation. Two fields are asked for several times with
+    // every event; where they lie is found once for all events of the kind.
+    const Field* Find(std::string_view field) const
+    {
+        if (Is(field, commonPidName)) {
+            return At(commonPid);
+        }
+        return Is(field, syscallNumberName) ? At(syscallNumber) : Search(field);
+    }
     const std::vector<Field>& Fields() const { return fields; }
 
 private:
+    static constexpr char commonPidName[] = "common_pid";
+    static constexpr char syscallNumberName[] = "__syscall_nr";
+    static constexpr std::size_t absent = ~std::size_t{0};
+
+    // With a length that the compiler knows this is a few loads, where a comparison of two views is a library call.
+    template <std::size_t size>
+    static bool Is(std::string_view field, const char (&name)[size])
+    {
+        return field.size() == size - 1 && std::memcmp(field.data(), name, size - 1) == 0;
+    }
+
+    const Field* At(std::size_t index) const { return index == absent ? nullptr : &fields[index]; }
+    const Field* Search(std::string_view field) const;
+    std::size_t IndexOf(std::string_view field) const;
+
     std::string system;
     std::string event;
     std::string name;
     std::vector<Field> fields;
+    std::size_t commonPid;
+    std::size_t syscallNumber;
 };
 
 }  // namespace Engine
