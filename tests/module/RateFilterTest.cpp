@@ -8,7 +8,6 @@
 
 namespace {
 
-using Poco::Message;
 using testing::ElementsAre;
 
 class RateFilterTest : public testing::Test {
@@ -35,19 +34,12 @@ protected:
 TEST_F(RateFilterTest, MergesUntilTheFirstIsOlderThanTheWindow)
 {
     EXPECT_TRUE(At(100, "a"));
+    EXPECT_FALSE(At(98, "a"));
     EXPECT_FALSE(At(101, "a"));
     EXPECT_FALSE(At(102, "a")) << "a merge does not move the window, but two seconds are still within it";
-    EXPECT_EQ(filter.Cache().front().count, 3U);
-    EXPECT_EQ(filter.Cache().front().timestamp, 100);
+    EXPECT_EQ(filter.Cache().front().count, 4U);
     EXPECT_TRUE(At(103, "a"));
-    EXPECT_EQ(filter.Cache().front().count, 1U);
-    const auto record = [&](int line, const std::string& text) {
-        return Support::LogRecord{logs.RootName(), Message::PRIO_DEBUG, text, "RateFilter", line};
-    };
-    EXPECT_THAT(logs.All(),
-                ElementsAre(record(68, "t add msg to cache: [100]"), record(44, "t a msg is merged:"),
-                            record(44, "t a msg is merged:"), record(78, "t clean old msg from cache: [100] [3]"),
-                            record(68, "t add msg to cache: [103]")));
+    EXPECT_TRUE(At(100, "a")) << "an entry from the future does not swallow messages";
 }
 
 TEST_F(RateFilterTest, CleanUpStopsAtTheFirstFreshEntry)
@@ -59,16 +51,9 @@ TEST_F(RateFilterTest, CleanUpStopsAtTheFirstFreshEntry)
     EXPECT_FALSE(At(201, "behind")) << "stale, but shielded";
 }
 
-TEST_F(RateFilterTest, AnEntryFromTheFutureDoesNotSwallowMessages)
-{
-    At(200, "a");
-    EXPECT_FALSE(At(198, "a"));
-    EXPECT_TRUE(At(197, "a"));
-}
-
 TEST_F(RateFilterTest, HoldsAtMostOneEntryMoreThanItsLimit)
 {
-    logs.SetLevel(Message::PRIO_INFORMATION);
+    logs.SetLevel(Poco::Message::PRIO_INFORMATION);
     for (int key = 1; key <= 1025; ++key) {
         EXPECT_TRUE(At(100, std::to_string(key)));
     }

@@ -22,7 +22,6 @@ public:
     }
 
     using BaseSubmodule::Init;
-    using BaseSubmodule::Receive;
 
     int Init() override
     {
@@ -33,11 +32,6 @@ public:
     {
         Note("deinit");
         BaseSubmodule::DeInit();
-    }
-    int RunOnce() override
-    {
-        Note("run");
-        return 1;
     }
     void Reconfigure(const Engine::ContainerEscapeDetectPolicyContent& content) override
     {
@@ -53,8 +47,6 @@ public:
         Note(message.name());
         return false;
     }
-    void HandleProcFork(int pid) override { Note("fork " + std::to_string(pid)); }
-    void HandleProcExit(int pid) override { Note("exit " + std::to_string(pid)); }
 
     int fileResult = 0;
 

@@ -69,9 +69,7 @@ TEST_F(NamespaceSwitchTaskTest, ProcessThatLeftItsContainersNamespacesIsReported
         EXPECT_EQ(SDK::JsonUtils::JsonToString(alarms[0]), SDK::JsonUtils::JsonToString(expected));
     }
     EXPECT_THAT(ids, SizeIs(2));
-    const auto lines = logs.With("Container escape nss task check failed. pid:11, container:, nsName:mnt");
-    ASSERT_THAT(lines, SizeIs(2));
-    EXPECT_EQ(lines[0].line, 111);
+    EXPECT_THAT(logs.With("Container escape nss task check failed. pid:11, container:, nsName:mnt"), SizeIs(2));
 }
 
 TEST_F(NamespaceSwitchTaskTest, WhatCannotBeComparedIsLeftOut)
@@ -87,30 +85,33 @@ TEST_F(NamespaceSwitchTaskTest, WhatCannotBeComparedIsLeftOut)
 
     Run(11, "c2", switched);
     EXPECT_THAT(AlarmsOfARound(), IsEmpty()) << "unknown container";
-}
 
-TEST_F(NamespaceSwitchTaskTest, ProcessWhoseNamespacesCannotBeReadIsLeftOut)
-{
     struct Unreadable : Support::FakeSystem {
         int Namespaces(int /*pid*/, std::map<std::string, std::string>& /*namespaces*/) override { return -1; }
-    };
-    AddTask(std::make_unique<ProcsFullTask>());
-    Unreadable unreadable;
+    } unreadable;
     unreadable.PutInContainer(11, "c1");
     EXPECT_THAT(AlarmsOfARound(), IsEmpty());
     EXPECT_THAT(logs.With("Container escape nss task get process ns info failed. pid(11)"), SizeIs(1));
 }
 
-TEST_F(NamespaceSwitchTaskTest, PlugInRegistersOneTaskAndWithdrawsIt)
+TEST(CheckNameSpaceInfoTest, FirstKindThatIsMissingOrDiffersIsNamed)
 {
-    std::string error;
-    ASSERT_TRUE(agent.LoadModule(NAMESPACE_CHECK_MODULE, error)) << error;
-    auto* loaded = dynamic_cast<NamespaceSwitchTask*>(agent.FindTask("container_escape_nss_task"));
-    ASSERT_NE(loaded, nullptr);
-    EXPECT_EQ(loaded->FeatureName(), "containerescape");
-    EXPECT_FALSE(agent.LoadModule(NAMESPACE_CHECK_MODULE, error)) << "the name is taken";
-    agent.Stop();
-    EXPECT_EQ(agent.FindTask("container_escape_nss_task"), nullptr);
+    const struct {
+        Namespaces process;
+        Namespaces container;
+        std::string failed;  // empty: consistent
+    } rows[] = {
+        {{}, {{"mnt", "1"}}, ""},
+        {{{"net", "2"}}, {{"mnt", "1"}, {"net", "2"}}, ""},
+        {{{"net", "9"}, {"mnt", "9"}, {"ipc", "3"}}, {{"ipc", "3"}, {"mnt", "1"}, {"net", "2"}}, "mnt"},
+        {{{"user", "1"}, {"uts", "9"}}, {{"uts", "2"}}, "user"},
+        {{{"pid", "pid:[12]"}}, {{"pid", "pid:[1]"}}, "pid"},
+    };
+    for (const auto& row : rows) {
+        std::string nsName;
+        EXPECT_EQ(CheckNameSpaceInfo(row.process, row.container, nsName), row.failed.empty());
+        EXPECT_EQ(nsName, row.failed);
+    }
 }
 
 }  // namespace
