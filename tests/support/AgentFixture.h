@@ -93,8 +93,3 @@ protected:
 };
 
 }  // namespace Support
-
-// The name that the detectors' tests know it by. Within a test's body Test is testing::Test.
-namespace Test {
-using namespace Support;
-}

@@ -65,14 +65,12 @@ public:
     }
     bool GetContainerByPid(int pid, std::shared_ptr<Engine::ContainerInfo>& info) override
     {
-        askedPids.push_back(pid);
         const auto found = pids.find(pid);
         return found != pids.end() && GetContainerById(found->second, info);
     }
     bool IsAvailable() override { return available; }
 
     Inbox<Engine::ContainerRegisterMessage> registrations;
-    std::vector<int> askedPids;
     bool available = true;
 
 private:

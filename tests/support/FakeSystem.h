@@ -35,11 +35,6 @@ public:
         processes[pid] = std::move(process);
     }
     void PutInContainer(int pid, const std::string& container) { Put(pid, {{1, "sh"}, container, "", {}}); }
-    void Forget(int pid)
-    {
-        const std::lock_guard lock(mutex);
-        processes.erase(pid);
-    }
 
     std::int64_t WallClockSeconds() override { return now; }
     int ContainerOf(int pid, std::string& id) override

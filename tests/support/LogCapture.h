@@ -54,7 +54,6 @@ public:
     }
     void Clear() { channel->Take(); }
 
-    std::vector<LogRecord> All() const { return channel->Copy(); }
     // Those of one source file, or with a text.
     std::vector<LogRecord> From(const std::string& file) const
     {
