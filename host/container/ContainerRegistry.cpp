@@ -210,6 +210,13 @@ bool ContainerRegistry::NoteAsked(int pid, const Entry& entry)
     return asked.size() == 1;
 }
 
+bool ContainerRegistry::MayBeEntering(int pid)
+{
+    const std::lock_guard lock{mutex};
+    const Entry* entry = Find(pid);
+    return entry != nullptr && (entry->state == State::Entering || (entry->state == State::Host && entry->inSetUp));
+}
+
 ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when)
 {
     Entry made;

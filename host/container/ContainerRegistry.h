@@ -104,6 +104,7 @@ public:
     // As ProcessUtils::GetContainerID: while a trace event is delivered on the calling thread, as of its time. Any
     // thread.
     int ContainerOf(int pid, std::string& id) override;
+    bool MayBeEntering(int pid) override;
 
     // The processes Inside that somebody has asked about beside a trace event since the last call, at most maxAsked:
     // something else than a system call has shown them to be active.

@@ -6,6 +6,8 @@
 #include <memory>
 #include <utility>
 
+#include "host/sdk/SystemView.h"
+#include "host/sdk/TraceTime.h"
 #include "messages/FileNotifyMessages.h"
 #include "sdk/ProcessUtils.h"
 
@@ -95,19 +97,24 @@ bool Notifier::Hold(const FanotifyEvent& event, Origin origin, const std::string
     const std::string path = JoinPath(directory, event.name);
     watches.Match(path, event.mask, event.pid, now, matches);
     for (const WatchMatch& match : matches) {
-        held.Push({match.watch->number, match.mask, event.pid, origin, path}, now);
+        held.Push({match.watch->number, match.mask, event.pid, origin, path, now}, now);
     }
     return !matches.empty();
 }
 
 void Notifier::Release(TimePoint now)
 {
-    while (const auto notification = held.Pop(now)) {
+    while (auto notification = held.Pop(now)) {
         const Watch* watch = watches.Find(notification->watch);
         if (watch == nullptr) {
             continue;
         }
-        if (notification->origin == Origin::Unknown && OriginOf(notification->pid) == Origin::Host) {
+        const Origin origin = Settled(*notification);
+        if (origin == Origin::Entering && notification->patience-- > 0) {
+            held.Push(std::move(*notification), now);
+            continue;
+        }
+        if (origin == Origin::Host || origin == Origin::Entering) {
             notContainer.fetch_add(1, std::memory_order_relaxed);
             continue;
         }
@@ -124,13 +131,28 @@ void Notifier::Send(const std::string& task, const Notification& notification)
     counter.fetch_add(1, std::memory_order_relaxed);
 }
 
+// Asks again about who was not known for certain, as of the time of the access: what a runtime did before it became the
+// container's program stays the runtime's.
+Notifier::Origin Notifier::Settled(const Notification& notification)
+{
+    if (notification.origin == Origin::Container) {
+        return Origin::Container;
+    }
+    SDK::TraceTime::Scope time;
+    time.MoveTo(notification.readAt.time_since_epoch());
+    return OriginOf(notification.pid);
+}
+
 Notifier::Origin Notifier::OriginOf(int pid)
 {
-    containerId.clear();
+    std::string containerId;
     if (SDK::ProcessUtils::GetContainerID(pid, containerId) != 0) {
         return Origin::Unknown;
     }
-    return containerId.empty() ? Origin::Host : Origin::Container;
+    if (!containerId.empty()) {
+        return Origin::Container;
+    }
+    return SDK::SystemView::Current().MayBeEntering(pid) ? Origin::Entering : Origin::Host;
 }
 
 void Notifier::Lost(TimePoint now, const char* why)

@@ -66,20 +66,27 @@ public:
     std::optional<TimePoint> NextRelease() const { return held.NextDue(); }
 
 private:
-    enum class Origin : std::uint8_t { Host, Container, Unknown };
+    // Entering: the host's as far as is known, but it may have become a container's by the time of its access.
+    enum class Origin : std::uint8_t { Host, Container, Unknown, Entering };
     struct Notification {
         int watch;
         std::uint64_t mask;
         int pid;
         Origin origin;
         std::string path;
+        TimePoint readAt;
+        int patience = mostHolds;  // how often it may be held once more
     };
 
+    // What is known about processes lags behind by milliseconds, on a busy machine by tens of them.
+    static constexpr int mostHolds = 20;
+
     void HandleEvent(const FanotifyEvent& event, TimePoint now);
+    static Origin Settled(const Notification& notification);
     void FindWatches(const FanotifyEvent& event, Origin origin, TimePoint now);
     bool Hold(const FanotifyEvent& event, Origin origin, const std::string& directory, TimePoint now);
     void Send(const std::string& task, const Notification& notification);
-    Origin OriginOf(int pid);
+    static Origin OriginOf(int pid);
     void Lost(TimePoint now, const char* why);
 
     WatchTable& watches;
@@ -91,7 +98,6 @@ private:
 
     int lastPid = -1;  // the process that lastOrigin is about; -1: none. Good for one buffer only
     Origin lastOrigin = Origin::Host;
-    std::string containerId;
 
     RepeatedReport losses;
     RepeatedReport unresolvedReport;

@@ -100,6 +100,12 @@ std::int64_t LiveSystem::WallClockSeconds()
     return std::time(nullptr);
 }
 
+bool LiveSystem::MayBeEntering(int pid)
+{
+    const std::shared_lock lock(resolverMutex);
+    return resolver != nullptr && resolver->MayBeEntering(pid);
+}
+
 int LiveSystem::ContainerOf(int pid, std::string& id)
 {
     {
