@@ -17,8 +17,8 @@ thread_local unsigned long allocations = 0;
 
 }  // namespace
 
-// The other forms come down to these.
-void* operator new(std::size_t size)
+// The other forms come down to these. Not inlined: the compiler would see malloc and delete, or new and free, meet.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     ++allocations;
     void* memory = std::malloc(size);
@@ -28,12 +28,12 @@ void* operator new(std::size_t size)
     return memory;
 }
 
-void operator delete(void* memory) noexcept
+[[gnu::noinline]] void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
     std::free(memory);
 }
