@@ -258,7 +258,7 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
     for (const char* call : recordedCalls) {
         table.Add(task, *catalog->Find("syscalls", EventName(call)));
     }
-    std::vector<std::unique_ptr<CpuStream>> streams;
+    std::vector<std::unique_ptr<Engine::RecordStream>> streams;
     for (const auto& pages : TheRecording().pages) {
         auto source = std::make_unique<Source>(pages);
         sources.push_back(source.get());

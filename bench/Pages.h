@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "host/ftrace/CpuStream.h"
 #include "host/ftrace/EventCatalog.h"
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/SubscriptionTable.h"

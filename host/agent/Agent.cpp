@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <set>
 
 #include "host/agent/Machine.h"
 #include "host/agent/StatusReport.h"
 #include "host/agent/Watchdog.h"
+#include "host/ftrace/TraceStatus.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/LineChannel.h"
 #include "sdk/LoggerUtils.h"
@@ -27,6 +29,7 @@ constexpr char featureName[] = "containerescape";
 constexpr char detectionTask[] = "container_escape_detect_task";
 
 constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
+constexpr char traceTask[] = "ftrace_task";
 constexpr char collectorTask[] = "container_collect_task";
 constexpr auto collectorBound = 1500ms;  // one time-out of an engine that hangs, and some more
 constexpr char fileNotifyTask[] = "filenotify_task";
@@ -45,6 +48,17 @@ void Warn(const std::vector<std::string>& lines)
     if (shown < lines.size()) {
         Say(SDK::StrUtils::Format("warning: and %zu more like these", lines.size() - shown));
     }
+}
+
+// Of `calls`, those whose entry detection has asked for, and which the kernel records.
+std::set<std::string> RecordedCalls(Framework::Engine& engine, const std::set<std::string>& calls)
+{
+    auto* status = dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
+    const std::set<std::string> events = status != nullptr ? status->RecordedEvents() : std::set<std::string>{};
+    std::set<std::string> recorded;
+    std::copy_if(calls.begin(), calls.end(), std::inserter(recorded, recorded.end()),
+                 [&events](const std::string& call) { return events.contains("syscalls:sys_enter_" + call); });
+    return recorded;
 }
 
 // Calls that have a trace event which the detection task has not asked for: the module knows no such call.
@@ -92,6 +106,7 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
     if (!options.alarmsFile.empty()) {
         settings.setString(SDK::Config::alarmsFile, options.alarmsFile);
     }
+    settings.setString(SDK::Config::syscallSource, options.syscallSource);
     if (options.bufferKb != 0) {
         settings.setUInt(SDK::Config::traceBufferKb, options.bufferKb);
     }
@@ -260,13 +275,13 @@ bool HostAgent::TasksStillRun() const
     return true;
 }
 
-void HostAgent::Announce(const char* what) const
+void HostAgent::Announce(const char* what)
 {
     const Policy& policy = plan.policy;
     const std::string engineText =
         EngineAnswers(plan.options.dockerSocket) ? "engine " + plan.options.dockerSocket : "no engine";
     Say(SDK::StrUtils::Format("%s: watching %zu of %zu listed calls, %zu of %zu listed directories, %s, %zu containers",
-                              what, EnabledCalls(policy.calls).size(), policy.calls.size(),
+                              what, RecordedCalls(engine, policy.calls).size(), policy.calls.size(),
                               policy.directories.size() - UselessDirectories(policy).size(), policy.directories.size(),
                               engineText.c_str(), CountContainers()));
 }
@@ -283,7 +298,7 @@ void HostAgent::ReportStatus() const
     }
 }
 
-void HostAgent::WarnAbout(const Policy& policy) const
+void HostAgent::WarnAbout(const Policy& policy)
 {
     std::vector<std::string> lines;
     for (const std::string& key : policy.unknownKeys) {
@@ -292,7 +307,7 @@ void HostAgent::WarnAbout(const Policy& policy) const
     Warn(lines);
     Warn(UselessCalls(policy, CallEventsDir()));
     Warn(UselessDirectories(policy));
-    Warn(UnwatchedCalls(policy, EnabledCalls(policy.calls)));
+    Warn(UnwatchedCalls(policy, RecordedCalls(engine, policy.calls)));
 }
 
 }  // namespace Agent

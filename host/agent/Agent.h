@@ -45,9 +45,9 @@ private:
     ExitCode Stop(ExitCode code);
 
     bool TasksStillRun() const;
-    void Announce(const char* what) const;
+    void Announce(const char* what);
     void ReportStatus() const;
-    void WarnAbout(const Policy& policy) const;
+    void WarnAbout(const Policy& policy);
 
     StartPlan plan;
     Signals signals;

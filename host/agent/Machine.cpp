@@ -121,19 +121,4 @@ std::size_t CountContainers()
     return containers.size();
 }
 
-std::set<std::string> EnabledCalls(const std::set<std::string>& calls)
-{
-    const std::string events =
-        Tracefs() + "/instances/containerescape-agent-" + std::to_string(::getpid()) + "/events/syscalls/sys_enter_";
-    std::set<std::string> enabled;
-    for (const std::string& call : calls) {
-        std::string state;
-        const bool isName = call.find('/') == std::string::npos;
-        if (isName && SDK::FileUtils::ReadFile(events + call + "/enable", state, 8) == 0 && state.starts_with('1')) {
-            enabled.insert(call);
-        }
-    }
-    return enabled;
-}
-
 }  // namespace Agent

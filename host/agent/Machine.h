@@ -28,7 +28,4 @@ bool EngineAnswers(const std::string& socketPath);
 // How many containers have a process now.
 std::size_t CountContainers();
 
-// Of `calls`, those whose entry event is enabled in the agent's own trace instance.
-std::set<std::string> EnabledCalls(const std::set<std::string>& calls);
-
 }  // namespace Agent

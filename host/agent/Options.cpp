@@ -36,6 +36,14 @@ unsigned int ParseNumber(const std::string& text, unsigned int least, unsigned i
     return number;
 }
 
+std::string ParseSource(const std::string& text)
+{
+    if (text != "auto" && text != "bpf" && text != "tracefs") {
+        throw BadInput("must be auto, bpf or tracefs, not \"" + text + "\"");
+    }
+    return text;
+}
+
 std::string ParseLevel(const std::string& text)
 {
     if (std::find(logLevels.begin(), logLevels.end(), text) == logLevels.end()) {
@@ -44,7 +52,7 @@ std::string ParseLevel(const std::string& text)
     return text;
 }
 
-constexpr std::array<Option, 9> optionList{{
+constexpr std::array<Option, 10> optionList{{
     {"--policy", "FILE", "the policy: image whitelist, high-risk calls, host directories (required)",
      [](Options& options, const std::string& value) {
          options.policyFile = value;
@@ -69,9 +77,14 @@ constexpr std::array<Option, 9> optionList{{
      [](Options& options, const std::string&) {
          options.namespaceCheck = true;
      }},
-    {"--buffer-kb", "N", "size of the kernel's trace buffer for each CPU, in KiB",
+    {"--buffer-kb", "N", "size of the kernel's buffers for each CPU, in KiB",
      [](Options& options, const std::string& value) {
          options.bufferKb = ParseNumber(value, 4, maxBufferKb);
+     }},
+    {"--syscalls", "SOURCE",
+     "where system calls come from: bpf, tracefs, or auto (the default): bpf where it can be had",
+     [](Options& options, const std::string& value) {
+         options.syscallSource = ParseSource(value);
      }},
     {"--stats", "FILE", "write all counters to FILE as JSON, at every status line and at the stop",
      [](Options& options, const std::string& value) {

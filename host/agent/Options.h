@@ -20,7 +20,8 @@ struct Options {
     std::string logLevel = "notice";
     std::string modulesDir;  // empty: where the agent is installed, see DefaultModulesDir
     bool namespaceCheck = false;
-    unsigned int bufferKb = 0;               // KiB for each CPU; 0: the trace module's own choice
+    unsigned int bufferKb = 0;  // KiB for each CPU; 0: the trace module's own choice
+    std::string syscallSource = "auto";
     std::string statsFile;                   // empty: none
     std::chrono::seconds statusInterval{0};  // 0: no status lines
 };

@@ -68,11 +68,14 @@ std::error_code Publish(const SDK::FileDescriptor& file, const std::string& draf
 
 std::string StatusLine(const CounterValues& counters)
 {
-    const std::array<std::pair<const char*, std::uint64_t>, 6> values{{
+    const std::array<std::pair<const char*, std::uint64_t>, 9> values{{
         {"events_read", Sum(counters, {Name::traceRead, Name::notifyRead})},
-        {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::notifyOverflow})},
-        // Every task's queue, those of the subscribers included, and what was kept from them in a storm.
-        {"lost_queues", Sum(counters, {Name::queueLost, Name::traceShed})},
+        {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped})},
+        {"shed_kernel", Sum(counters, {Name::traceShedKernel})},
+        {"shed", Sum(counters, {Name::traceShed})},
+        // Every task's queue, those of the subscribers included.
+        {"lost_queues", Sum(counters, {Name::queueLost})},
+        {"notify_overflows", Sum(counters, {Name::notifyOverflow})},
         {"not_container", Sum(counters, {Name::traceNotContainer, Name::notifyNotContainer})},
         {"alarms_sent", Sum(counters, {Name::alarmsSent})},
         {"alarms_lost", Sum(counters, {Name::alarmsLost})},

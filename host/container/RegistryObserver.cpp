@@ -12,6 +12,7 @@ namespace Engine {
 
 namespace {
 
+constexpr int maxForebears = 16;
 constexpr std::size_t maxCommandName = 15;  // TASK_COMM_LEN without its zero byte (include/linux/sched.h)
 
 int Number(const FtraceMessage& event, std::string_view field)
@@ -65,10 +66,12 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, TraceSequencer& seque
     }
 }
 
-TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer)
+TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, int process, const FtraceMessage& event,
+                                                     TraceSequencer& sequencer)
 {
     const ContainerRegistry::Entry* entry = registry.FindOrLoad(tid, event.When());
     if (entry == nullptr || entry->state != ContainerRegistry::State::Inside) {
+        LeaveOutHost(process, sequencer.Filter());
         return notAdmitted;
     }
     AnnounceIfUnknown(tid, *entry, event.When(), sequencer);
@@ -181,6 +184,11 @@ void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
         }
     }
     AnnounceProcesses(now, sequencer);
+    if (sequencer.Filter() != nullptr) {
+        for (const int process : reader.Processes()) {
+            LeaveOutHost(process, sequencer.Filter());
+        }
+    }
     ContainerLog::Debug("read /proc as a whole: %z threads", registry.Size());
 }
 
@@ -257,6 +265,22 @@ void RegistryObserver::WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer&
     }
     ledger.Forget(tid);
     Withdraw({tid}, sequencer);
+}
+
+// What the registry says lags behind, so /proc has the last word. A parent that makes no watched call itself would hand
+// on to each of its children that they are recorded.
+void RegistryObserver::LeaveOutHost(int process, SyscallFilter* filter)
+{
+    for (int steps = 0; filter != nullptr && process > 0 && steps < maxForebears; ++steps) {
+        const std::optional<SyscallFilter::Ticket> ticket = filter->TicketOf(process);
+        const ContainerRegistry::Entry* entry = registry.Find(process);
+        if (!ticket || entry == nullptr || entry->state != ContainerRegistry::State::Host ||
+            reader.ContainerOf(process) != std::string{}) {
+            return;
+        }
+        filter->LeaveOut(process, *ticket);
+        process = entry->parent;
+    }
 }
 
 // The container's first process, at the moment at which it starts: later it may have left its namespaces.

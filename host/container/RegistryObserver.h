@@ -42,7 +42,7 @@ public:
 
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override;
     void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override;
-    Origin AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) override;
+    Origin AdmitSyscall(int tid, int process, const FtraceMessage& event, TraceSequencer& sequencer) override;
     void OnRound(Nanoseconds now, TraceSequencer& sequencer) override;
     void OnLoss(TraceSequencer& sequencer) override;
 
@@ -60,6 +60,7 @@ private:
     void MakeRoom(std::size_t more, TraceSequencer& sequencer);
     void Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer);
     void WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer& sequencer);
+    void LeaveOutHost(int process, SyscallFilter* filter);
     void RecordNamespaces(int tid, const std::string& container);
     std::shared_ptr<ContainerProcMessage> StartNotice(int tid, const ContainerRegistry::Entry& entry);
 

@@ -27,8 +27,9 @@ private:
 
 }  // namespace
 
-EventDelivery::EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender)
-    : table(&table), kinds(std::move(kinds)), sender(std::move(sender))
+EventDelivery::EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender,
+                             SyscallFilter* filter)
+    : table(&table), kinds(std::move(kinds)), sender(std::move(sender)), filter(filter)
 {
 }
 
@@ -72,7 +73,8 @@ TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const 
             observer->OnEvent(event, *this);
         }
         if (route.isSyscall && !route.subscribers.empty()) {
-            origin = observer->AdmitSyscall(static_cast<int>(event.get_number("common_pid")), event, *this);
+            const auto tid = static_cast<int>(event.get_number("common_pid"));
+            origin = observer->AdmitSyscall(tid, record.process, event, *this);
         }
     });
     return origin;

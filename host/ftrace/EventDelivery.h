@@ -33,11 +33,14 @@ public:
     using Sender = std::function<Sending(const std::string& task, std::unique_ptr<Framework::Message> message)>;
 
     // `kinds`: owner of the kinds of all events that the table will hold.
-    EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender);
+    // `filter`: not owned, null for none.
+    EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender,
+                  SyscallFilter* filter = nullptr);
     virtual ~EventDelivery() = default;
 
     void OnRecord(const RawRecord& record) override;
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override;
+    SyscallFilter* Filter() override { return filter; }
 
     // Sends the batches that have events. After each round.
     void Flush();
@@ -63,6 +66,7 @@ private:
     const SubscriptionTable* table;
     std::shared_ptr<const void> kinds;
     Sender sender;
+    SyscallFilter* filter;
     TraceObserver* observer = nullptr;
     DeliverySums sums;
     std::uint64_t observerFailures = 0;

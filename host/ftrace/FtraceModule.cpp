@@ -7,9 +7,12 @@
 
 #include <cstddef>
 #include <exception>
+#include <string>
+#include <system_error>
 
 #include "host/ftrace/LiveTrace.h"
 #include "host/ftrace/Log.h"
+#include "host/ftrace/SyscallProbe.h"
 #include "host/ftrace/TraceTask.h"
 #include "host/sdk/Config.h"
 
@@ -35,6 +38,37 @@ std::size_t BufferKb()
     return configured != 0 ? configured : TracefsInstance::DefaultBufferKb(static_cast<std::size_t>(cpus));
 }
 
+std::string ConfiguredSource()
+{
+    try {
+        return Poco::Util::Application::instance().config().getString(SDK::Config::syscallSource, "auto");
+    } catch (const Poco::Exception&) {
+        return "auto";
+    }
+}
+
+// Null where the trace alone is wanted, or where this kernel does not let us: then calls of the host's processes are
+// read as well, and those through the 32-bit entry are not seen.
+std::unique_ptr<SyscallProbe> MakeProbe()
+{
+    const std::string source = ConfiguredSource();
+    if (source == "tracefs") {
+        return nullptr;
+    }
+    try {
+        const std::size_t configured = ConfiguredBufferKb();
+        const long cpus = ::sysconf(_SC_NPROCESSORS_CONF);
+        return std::make_unique<SyscallProbe>(
+            configured != 0 ? configured : SyscallProbe::DefaultRingKb(static_cast<std::size_t>(cpus)));
+    } catch (const std::system_error& error) {
+        if (source == "bpf") {
+            throw;
+        }
+        LogWarning("system calls come from the trace, without BPF: %s", error.what());
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 FtraceModule::FtraceModule() : Module("ftrace_module")
@@ -49,7 +83,8 @@ int FtraceModule::Init()
         if (const std::size_t removed = TracefsInstance::RemoveLeftovers(); removed != 0) {
             LogInformation("removed %zu trace instances of agents that have gone", removed);
         }
-        task = std::make_unique<TraceTask>(std::make_unique<LiveTrace>(TracefsInstance::OwnName(), BufferKb()));
+        task = std::make_unique<TraceTask>(
+            std::make_unique<LiveTrace>(TracefsInstance::OwnName(), BufferKb(), MakeProbe()));
     } catch (const std::exception& error) {
         LogError("no trace events: %s", error.what());
         return -1;

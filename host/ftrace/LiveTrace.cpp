@@ -6,6 +6,8 @@
 #include <system_error>
 #include <utility>
 
+#include "host/ftrace/CpuStream.h"
+
 namespace Engine {
 namespace {
 
@@ -17,13 +19,14 @@ constexpr std::size_t mostPages = 64;
 
 }  // namespace
 
-LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb) : instance(name, bufferKb)
+LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb, std::unique_ptr<SyscallProbe> syscallProbe)
+    : instance(name, bufferKb), probe(std::move(syscallProbe))
 {
     const std::vector<int> cpus = instance.Cpus();
     const std::size_t pageBytes = instance.PageBytes();
     const std::size_t maxPages =
         std::clamp(pagesPerRound / std::max<std::size_t>(cpus.size(), 1), fewestPages, mostPages);
-    std::vector<std::unique_ptr<CpuStream>> streams;
+    std::vector<std::unique_ptr<RecordStream>> streams;
     for (const int cpu : cpus) {
         auto pipe = std::make_unique<RawPipe>(instance, cpu);
         if (!pipe->Valid()) {
@@ -31,7 +34,14 @@ LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb) : instance(n
                                     "cannot read the trace of CPU " + std::to_string(cpu) + " in " + name};
         }
         pipes.push_back(pipe.get());
+        descriptors.push_back(pipe->Descriptor());
         streams.push_back(std::make_unique<CpuStream>(std::move(pipe), pageBytes, maxPages));
+    }
+    if (probe != nullptr) {
+        for (auto& ring : probe->TakeStreams()) {
+            descriptors.push_back(ring->Descriptor());
+            streams.push_back(std::move(ring));
+        }
     }
     merger = std::make_unique<TraceMerger>(std::move(streams));
     // The catalogue outlives this object in batches that are under way, but is asked through this object only.
@@ -41,6 +51,9 @@ LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb) : instance(n
 
 int LiveTrace::Record(const KnownEvent& event)
 {
+    if (probe != nullptr && probe->Watch(event)) {
+        return 0;
+    }
     const std::string& system = event.kind.System();
     if (event.IsSyscall() && ownThread != 0) {
         // Without the filter the event is still worth having.
@@ -51,7 +64,26 @@ int LiveTrace::Record(const KnownEvent& event)
 
 int LiveTrace::Stop(const KnownEvent& event)
 {
+    if (probe != nullptr && probe->Unwatch(event)) {
+        return 0;
+    }
     return instance.SetEvent(event.kind.System(), event.kernelEvent, false) ? 0 : errno;
+}
+
+void LiveTrace::LeaveOutThread(int tid)
+{
+    ownThread = tid;
+    if (probe != nullptr) {
+        probe->LeaveOutThread(tid);
+    }
+}
+
+void LiveTrace::StopAll()
+{
+    instance.StopEvents();
+    if (probe != nullptr) {
+        probe->UnwatchAll();
+    }
 }
 
 KernelLoss LiveTrace::TakeLoss()
@@ -63,6 +95,11 @@ KernelLoss LiveTrace::TakeLoss()
         sum.dropped += loss.dropped;
     }
     return sum;
+}
+
+SyscallLoss LiveTrace::TakeSyscallLoss()
+{
+    return probe == nullptr ? SyscallLoss{} : probe->TakeLoss();
 }
 
 }  // namespace Engine

@@ -10,6 +10,7 @@
 
 #include "host/ftrace/EventCatalog.h"
 #include "host/ftrace/RawPipe.h"
+#include "host/ftrace/SyscallProbe.h"
 #include "host/ftrace/TraceMerger.h"
 #include "host/ftrace/TracefsInstance.h"
 
@@ -18,13 +19,20 @@ namespace Engine {
 // Thread: one at a time.
 class LiveTrace {
 public:
-    // As TracefsInstance's; throws std::system_error, the text says what to do.
-    LiveTrace(const std::string& name, std::size_t bufferKb);
+    // Instance and buffer as TracefsInstance's; throws std::system_error, the text says what to do. `probe`: where
+    // system calls come from, as far as it knows them; null: the trace has them all.
+    LiveTrace(const std::string& name, std::size_t bufferKb, std::unique_ptr<SyscallProbe> probe = nullptr);
 
     TraceMerger& Merger() { return *merger; }
 
+    // Readable when there is a record. That of a CPU which was never online reports EPOLLERR.
+    const std::vector<int>& Descriptors() const { return descriptors; }
+
     // Owned by the merger; one for each CPU that the kernel has a buffer for.
     const std::vector<RawPipe*>& Pipes() const { return pipes; }
+
+    // Null when the kernel leaves out nobody.
+    SyscallFilter* Filter() { return probe.get(); }
 
     // Shared with the batches that are on their way.
     const std::shared_ptr<EventCatalog>& Catalog() const { return catalog; }
@@ -35,19 +43,23 @@ public:
 
     // The thread whose system calls are left out from the next Record on: the reader's. With them each round would
     // cause the next one, for ever, where somebody subscribes to a call that reading makes (read, epoll_wait).
-    void LeaveOutThread(int tid) { ownThread = tid; }
+    void LeaveOutThread(int tid);
 
     // Stops the recording of all events; what is in the buffers stays.
-    void StopAll() { instance.StopEvents(); }
+    void StopAll();
 
-    // What the kernel lost since the last call, of all CPUs.
+    // What the kernel lost since the last call, of all CPUs: of the trace's events, and of the system calls that come
+    // from the probe.
     KernelLoss TakeLoss();
+    SyscallLoss TakeSyscallLoss();
 
     const std::string& Name() const { return instance.Name(); }
 
 private:
     TracefsInstance instance;  // first: what is open in it must be closed before it goes
+    std::unique_ptr<SyscallProbe> probe;
     std::vector<RawPipe*> pipes;
+    std::vector<int> descriptors;
     std::unique_ptr<TraceMerger> merger;
     std::shared_ptr<EventCatalog> catalog;
     int ownThread = 0;  // none

@@ -47,6 +47,16 @@ void LossReport::Add(const KernelLoss& loss)
     inKernel += loss.overrun + loss.dropped;
 }
 
+void LossReport::Add(const SyscallLoss& loss)
+{
+    static Counters::Counter& dropped = Counters::Get(SDK::CounterName::traceLostDropped);
+    static Counters::Counter& shed = Counters::Get(SDK::CounterName::traceShedKernel);
+    Increase(dropped, loss.dropped);
+    Increase(shed, loss.shed);
+    inKernel += loss.dropped;
+    inStorms += loss.shed;
+}
+
 void LossReport::AddLate(std::uint64_t events)
 {
     static Counters::Counter& late = Counters::Get(SDK::CounterName::traceLate);

@@ -7,6 +7,7 @@
 
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/RawPipe.h"
+#include "host/ftrace/SyscallProbe.h"
 
 namespace Engine {
 
@@ -19,6 +20,7 @@ public:
 
     void Add(const DeliverySums& sums);
     void Add(const KernelLoss& loss);
+    void Add(const SyscallLoss& loss);
     void AddLate(std::uint64_t events);
     void AddLostPages(std::uint64_t pages);
 

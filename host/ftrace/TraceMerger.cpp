@@ -10,19 +10,19 @@ namespace {
 
 constexpr std::uint64_t forever = std::numeric_limits<std::uint64_t>::max();
 
-bool Later(const CpuStream* left, const CpuStream* right)
+bool Later(const RecordStream* left, const RecordStream* right)
 {
     return left->Head().when > right->Head().when;
 }
 
-bool Releasable(const CpuStream& stream, std::uint64_t limit)
+bool Releasable(const RecordStream& stream, std::uint64_t limit)
 {
     return stream.Head().data != nullptr && stream.Head().when < limit;
 }
 
 }  // namespace
 
-TraceMerger::TraceMerger(std::vector<std::unique_ptr<CpuStream>> streams) : streams(std::move(streams))
+TraceMerger::TraceMerger(std::vector<std::unique_ptr<RecordStream>> streams) : streams(std::move(streams))
 {
     heap.reserve(this->streams.size());
 }
@@ -63,7 +63,7 @@ void TraceMerger::Release(std::uint64_t limit, RecordSink& sink)
     }
     std::make_heap(heap.begin(), heap.end(), Later);
     while (!heap.empty()) {
-        CpuStream& oldest = *heap.front();
+        RecordStream& oldest = *heap.front();
         ReleaseRun(oldest, NextBest(), limit, sink);
         std::pop_heap(heap.begin(), heap.end(), Later);
         if (Releasable(oldest, limit)) {
@@ -85,7 +85,7 @@ std::uint64_t TraceMerger::NextBest() const
 }
 
 // Records come in runs: while the others are later, no comparison with them is needed.
-void TraceMerger::ReleaseRun(CpuStream& stream, std::uint64_t until, std::uint64_t limit, RecordSink& sink)
+void TraceMerger::ReleaseRun(RecordStream& stream, std::uint64_t until, std::uint64_t limit, RecordSink& sink)
 {
     do {
         const RawRecord& record = stream.Head();

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/ftrace/CpuStream.h"
+#include "host/ftrace/RecordStream.h"
 
 namespace Engine {
 
@@ -28,7 +28,7 @@ protected:
 // Thread: one at a time. Throws std::bad_alloc only.
 class TraceMerger {
 public:
-    explicit TraceMerger(std::vector<std::unique_ptr<CpuStream>> streams);
+    explicit TraceMerger(std::vector<std::unique_ptr<RecordStream>> streams);
 
     // One round. `now`: nanoseconds on the trace clock, taken before the call. Returns the time before which everything
     // has been released: `now`, or less when a buffer could not be emptied.
@@ -47,16 +47,16 @@ public:
     // time says, which takes an interrupted writer. Reset by the call.
     std::uint64_t TakeLate();
 
-    // As CpuStream::TakeLostPages, of all CPUs.
+    // As RecordStream::TakeLostPages, of all CPUs.
     std::uint64_t TakeLostPages();
 
 private:
     void Release(std::uint64_t limit, RecordSink& sink);
     std::uint64_t NextBest() const;
-    void ReleaseRun(CpuStream& stream, std::uint64_t until, std::uint64_t limit, RecordSink& sink);
+    void ReleaseRun(RecordStream& stream, std::uint64_t until, std::uint64_t limit, RecordSink& sink);
 
-    std::vector<std::unique_ptr<CpuStream>> streams;
-    std::vector<CpuStream*> heap;  // streams with records to release, the one with the oldest in front
+    std::vector<std::unique_ptr<RecordStream>> streams;
+    std::vector<RecordStream*> heap;  // streams with records to release, the one with the oldest in front
     std::uint64_t newest = 0;
     std::uint64_t late = 0;
     bool behind = false;

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/ftrace/SyscallFilter.h"
 #include "messages/FtraceMessages.h"
 
 namespace Engine {
@@ -20,6 +21,9 @@ public:
     // Queues `message` for `target` after every event that was delivered before the one now being observed, and before
     // that one and all later ones. A refusal is counted as the queue's loss.
     virtual void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) = 0;
+
+    // Null when the kernel leaves nobody's system calls out.
+    virtual SyscallFilter* Filter() = 0;
 
 protected:
     ~TraceSequencer() = default;
@@ -40,10 +44,11 @@ public:
     static constexpr Origin notAdmitted = 0;
 
     // Where an event of the system "syscalls" comes from, or notAdmitted when it goes no further. `tid`: the thread
-    // that made the call. Called once for each such event, after OnEvent for everything older, so it must be quick: no
-    // allocation and no system call for a thread that is known. The observer may put messages before the event with
+    // that made the call, `process`: its process, 0 when the source does not tell. Called once for each such event,
+    // after OnEvent for everything older, so it must be quick: no allocation and no system call for a thread that is
+    // known, but for those that the kernel could leave out. The observer may put messages before the event with
     // `sequencer`.
-    virtual Origin AdmitSyscall(int tid, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+    virtual Origin AdmitSyscall(int tid, int process, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
 
     // After every round over the CPUs' buffers, and at least ten times a second. `now`: what is older has been
     // observed.

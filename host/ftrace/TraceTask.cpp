@@ -52,12 +52,14 @@ Framework::Task* FindTask(const std::string& name)
 TraceTask::TraceTask(std::unique_ptr<LiveTrace> liveTrace)
     : FtraceTask("ftrace_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
       trace(std::move(liveTrace)),
-      delivery(table, trace->Catalog(),
-               // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
-               // framework looks a name up and queues the message under one lock.
-               [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
-                   return Send(task, std::move(message));
-               })
+      delivery(
+          table, trace->Catalog(),
+          // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
+          // framework looks a name up and queues the message under one lock.
+          [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
+              return Send(task, std::move(message));
+          },
+          trace->Filter())
 {
 }
 
@@ -146,6 +148,7 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
 {
     const KernelLoss loss = trace->TakeLoss();
     losses.Add(loss);
+    losses.Add(trace->TakeSyscallLoss());
     if (loss.dropped != 0) {
         delivery.ReportLoss();
     }
@@ -174,30 +177,30 @@ void TraceTask::Pace()
 
 void TraceTask::WatchDescriptors()
 {
-    for (RawPipe* pipe : trace->Pipes()) {
-        if (watched.contains(pipe)) {
+    for (const int fd : trace->Descriptors()) {
+        if (watched.contains(fd)) {
             continue;
         }
-        if (Waiter().Add(pipe->Descriptor(), EPOLLIN, [this, pipe](std::uint32_t events) { OnReady(pipe, events); })) {
-            watched.insert(pipe);
+        if (Waiter().Add(fd, EPOLLIN, [this, fd](std::uint32_t events) { OnReady(fd, events); })) {
+            watched.insert(fd);
         }
     }
 }
 
 void TraceTask::IgnoreDescriptors()
 {
-    for (const RawPipe* pipe : watched) {
-        Waiter().Remove(pipe->Descriptor());
+    for (const int fd : watched) {
+        Waiter().Remove(fd);
     }
     watched.clear();
 }
 
 // That something can be read is all a round needs to know. The buffer of a CPU that is not there reports an error all
 // the time (ring_buffer_poll_wait, kernel/trace/ring_buffer.c); it is left alone until the next look.
-void TraceTask::OnReady(RawPipe* pipe, std::uint32_t events)
+void TraceTask::OnReady(int fd, std::uint32_t events)
 {
-    if ((events & EPOLLIN) == 0 && watched.erase(pipe) != 0) {
-        Waiter().Remove(pipe->Descriptor());
+    if ((events & EPOLLIN) == 0 && watched.erase(fd) != 0) {
+        Waiter().Remove(fd);
     }
 }
 
@@ -271,6 +274,18 @@ void TraceTask::RemoveObserver(TraceObserver& observer)
         delivery.SetObserver(nullptr);
         StopUnused(table.StopObserving());
     }
+}
+
+std::set<std::string> TraceTask::RecordedEvents()
+{
+    const std::lock_guard lock{mutex};
+    std::set<std::string> names;
+    for (const KnownEvent* event : table.InUse()) {
+        for (const TraceRoute& route : table.RoutesOf(event->id)) {
+            names.insert(route.event->kind.Name());
+        }
+    }
+    return names;
 }
 
 void TraceTask::RequestRound()

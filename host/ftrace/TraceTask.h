@@ -6,12 +6,14 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/LiveTrace.h"
 #include "host/ftrace/LossReport.h"
 #include "host/ftrace/SubscriptionTable.h"
 #include "host/ftrace/TraceObserver.h"
+#include "host/ftrace/TraceStatus.h"
 #include "messages/FtraceMessages.h"
 
 namespace Engine {
@@ -19,7 +21,7 @@ namespace Engine {
 // Owner: the module. Subscriptions and observers may come before the thread runs; they are kept when it is stopped and
 // started again. One mutex guards everything but the waiter: the thread holds it while it reads, for milliseconds, and
 // never while it waits.
-class TraceTask final : public FtraceTask, public TraceObservable {
+class TraceTask final : public FtraceTask, public TraceObservable, public TraceStatus {
 public:
     explicit TraceTask(std::unique_ptr<LiveTrace> trace);
     ~TraceTask() override;
@@ -39,6 +41,9 @@ public:
     void RemoveObserver(TraceObserver& observer) override;
     void RequestRound() override;
 
+    std::set<std::string> RecordedEvents() override;
+    bool HasSyscallProbe() override { return trace->Filter() != nullptr; }
+
 private:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events
 
@@ -48,7 +53,7 @@ private:
     EventDelivery::Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
     void WatchDescriptors();
     void IgnoreDescriptors();
-    void OnReady(RawPipe* pipe, std::uint32_t events);
+    void OnReady(int fd, std::uint32_t events);
     int WaitMs() const;
     void Pace();
     void Round();
@@ -61,7 +66,7 @@ private:
     SubscriptionTable table;
     EventDelivery delivery;
     LossReport losses;
-    std::set<RawPipe*> watched;  // by the waiter; task's thread only
+    std::set<int> watched;  // by the waiter; task's thread only
     Clock::time_point lastRound;
     Clock::time_point lastLook;
 };

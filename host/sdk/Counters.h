@@ -29,6 +29,7 @@ inline constexpr char traceLostDropped[] = "trace.lost_dropped";    // dropped b
 inline constexpr char traceLostPages[] = "trace.lost_pages";        // reported missing in a page, number unknown: pages
 inline constexpr char traceLostQueue[] = "trace.lost_queue";        // refused by a subscriber's queue
 inline constexpr char traceShed[] = "trace.shed";                   // left out: their container storms
+inline constexpr char traceShedKernel[] = "trace.shed_kernel";      // the same, left out by the kernel: never read
 inline constexpr char traceUnwanted[] = "trace.unwanted";           // for a subscriber that had stopped
 inline constexpr char traceLate[] = "trace.late";                   // delivered out of time order
 inline constexpr char traceNotContainer[] = "trace.not_container";  // system calls of host processes

@@ -55,10 +55,19 @@ struct Call {
     long number;
 };
 static const struct Call calls[] = {
-    {"unshare", SYS_unshare},       {"setns", SYS_setns},   {"mount", SYS_mount},
-    {"umount2", SYS_umount2},       {"ptrace", SYS_ptrace}, {"open_by_handle_at", SYS_open_by_handle_at},
-    {"pivot_root", SYS_pivot_root}, {"chroot", SYS_chroot}, {"bpf", SYS_bpf},
-    {"getppid", SYS_getppid},       {"keyctl", SYS_keyctl}, {"init_module", SYS_init_module},
+    {"unshare", SYS_unshare},
+    {"setns", SYS_setns},
+    {"mount", SYS_mount},
+    {"umount2", SYS_umount2},
+    {"ptrace", SYS_ptrace},
+    {"open_by_handle_at", SYS_open_by_handle_at},
+    {"pivot_root", SYS_pivot_root},
+    {"chroot", SYS_chroot},
+    {"bpf", SYS_bpf},
+    {"getppid", SYS_getppid},
+    {"keyctl", SYS_keyctl},
+    {"init_module", SYS_init_module},
+    {"process_vm_readv", SYS_process_vm_readv},
 };
 
 // Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
@@ -68,6 +77,35 @@ static void MakeCall(const char* name)
         if (strcmp(calls[i].name, name) == 0) {
             const long argument = calls[i].number == SYS_unshare ? 0 : -1;
             syscall(calls[i].number, argument, 0, 0, 0, 0);
+            return;
+        }
+    }
+    errno = EINVAL;
+    Fail(name);
+}
+
+// i386's numbers (arch/x86/entry/syscalls/syscall_32.tbl): this program is a 64-bit one.
+static const struct {
+    const char* name;
+    int number;
+} calls32[] = {
+    {"unshare", 310}, {"setns", 346}, {"mount", 21}, {"ptrace", 26}, {"open_by_handle_at", 342},
+};
+
+static void MakeCall32(const char* name)
+{
+    for (size_t i = 0; i < sizeof calls32 / sizeof calls32[0]; ++i) {
+        if (strcmp(calls32[i].name, name) == 0) {
+            long result = calls32[i].number;
+            const long argument = strcmp(name, "unshare") == 0 ? 0 : -1;
+            __asm__ volatile("int $0x80"
+                             : "+a"(result)
+                             : "b"(argument), "c"(0L), "d"(0L), "S"(0L), "D"(0L)
+                             : "memory", "r8", "r9", "r10", "r11");
+            if (result == -ENOSYS) {
+                errno = ENOSYS;
+                Fail("int 0x80");
+            }
             return;
         }
     }
@@ -162,6 +200,8 @@ static void Do(const struct Deed* deed)
     Say();
     if (strcmp(what, "call") == 0) {
         MakeCall(first);
+    } else if (strcmp(what, "call32") == 0) {
+        MakeCall32(first);
     } else if (strcmp(what, "list") == 0) {
         List(first);
     } else if (strcmp(what, "brute") == 0) {

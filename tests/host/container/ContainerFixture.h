@@ -30,11 +30,13 @@ public:
             table.erase(last.pid);
         }
     }
+    Engine::SyscallFilter* Filter() override { return filter; }
     std::vector<std::string> Take() { return std::exchange(notices, {}); }
 
     std::set<int> table;
     std::vector<std::string> notices;
     Engine::ContainerProcMessage::ProcInfo last;
+    Engine::SyscallFilter* filter = nullptr;
 };
 
 class ContainerFixture : public testing::Test {
@@ -85,7 +87,7 @@ protected:
     Engine::TraceObserver::Origin Call(int tid)
     {
         auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitSyscall(tid, event.At(Next()).Message(), sequencer);
+        return observer.AdmitSyscall(tid, tid, event.At(Next()).Message(), sequencer);
     }
     void StartInA(int pid)
     {

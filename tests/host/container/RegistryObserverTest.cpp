@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/RegistryObserver.h"
 
+#include <optional>
 #include <random>
+#include <set>
 
 #include "tests/host/container/ContainerFixture.h"
 
@@ -46,6 +48,52 @@ TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAnd
     Exit(400);
     Exit(401);
     EXPECT_EQ(start(402, "mnt:[9]"), "mnt:[9]") << "the container was started again";
+}
+
+// Takes out whom it is told to, of those that are in.
+struct ListFilter final : Engine::SyscallFilter {
+    std::optional<Ticket> TicketOf(int process) const override
+    {
+        return in.count(process) != 0 ? std::optional<Ticket>{static_cast<Ticket>(process)} : std::nullopt;
+    }
+    void LeaveOut(int process, Ticket ticket) override
+    {
+        EXPECT_EQ(ticket, process);
+        in.erase(process);
+    }
+    std::set<int> in;
+};
+
+TEST_F(RegistryObserverTest, TheHostIsLeftOutWithItsForebearsAndNobodyElse)
+{
+    ListFilter filter;
+    filter.in = {shim, runtime, shell, 301, 302, 400, 401, 402};
+    sequencer.filter = &filter;
+    Register();
+    proc.threads[301].parent = shell;
+    proc.threads[302].parent = 301;
+    Fork(shell, 301);
+    Fork(301, 302);
+    Call(302);
+    EXPECT_THAT(filter.in, ElementsAre(shim, runtime, 400, 401, 402));
+
+    StartInA(400);
+    proc.threads[400].container = idA;
+    Fork(shim, 401);
+    Attach(runtime, 401, idA);  // still the runtime
+    proc.threads[402].container = idA;
+    Fork(shim, 402);  // in the container already by what /proc says, which is ahead of the events
+    for (const int pid : {400, 401, 402}) {
+        Call(pid);
+    }
+    EXPECT_THAT(filter.in, ElementsAre(shim, runtime, 400, 401, 402));
+
+    proc.threads.erase(402);  // gone: its id may be anybody's by now
+    Call(402);
+    EXPECT_TRUE(filter.in.contains(402));
+    observer.OnLoss(sequencer);
+    Round();
+    EXPECT_THAT(filter.in, ElementsAre(400, 401, 402)) << "who is seen in /proc needs no call to be left out";
 }
 
 TEST_F(RegistryObserverTest, StopNoticesFollowTheDead)

@@ -61,7 +61,8 @@ public:
         seen.push_back(event.get_number("common_pid"));
         sequencer.SendInOrder(task, std::make_shared<Framework::CmdMessage>("", ""));
     }
-    Origin AdmitSyscall(int tid, const FtraceMessage& /*event*/, TraceSequencer& /*sequencer*/) override
+    Origin AdmitSyscall(int tid, int /*process*/, const FtraceMessage& /*event*/,
+                        TraceSequencer& /*sequencer*/) override
     {
         return tid == refusedTid ? notAdmitted : static_cast<Origin>(tid);
     }

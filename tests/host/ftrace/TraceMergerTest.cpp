@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/ftrace/CpuStream.h"
 #include "tests/host/ftrace/PageBuilder.h"
 
 namespace Engine {
@@ -38,7 +39,7 @@ class TraceMergerTest : public testing::Test {
 protected:
     TraceMerger Merger(std::size_t cpus, std::size_t maxPages = 8)
     {
-        std::vector<std::unique_ptr<CpuStream>> streams;
+        std::vector<std::unique_ptr<RecordStream>> streams;
         for (std::size_t cpu = 0; cpu < cpus; ++cpu) {
             buffers.push_back(std::make_shared<MemoryPages::Queue>());
             streams.push_back(std::make_unique<CpuStream>(std::make_unique<MemoryPages>(buffers.back()),

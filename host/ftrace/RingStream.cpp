@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/RingStream.h"
+
+#include <linux/bpf.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <limits>
+#include <system_error>
+
+#include "host/ftrace/SyscallProbeLayout.h"
+
+namespace Engine {
+namespace {
+
+constexpr std::size_t stride = BPF_RINGBUF_HDR_SZ + sizeof(CeSyscallRecord);  // a multiple of 8, as records begin
+constexpr std::size_t recordsPerRound = 4096;
+// The kernel looks at what was given back when it writes, so not each record is worth a write to that place.
+constexpr std::size_t giveBackAt = 8;  // one part in so many of the ring
+
+std::uint64_t Acquire(const std::uint64_t* place)
+{
+    return std::atomic_ref<std::uint64_t>(*const_cast<std::uint64_t*>(place)).load(std::memory_order_acquire);
+}
+
+// Of a record's header: its length with two flags on top.
+std::uint32_t AcquireLength(const std::byte* header)
+{
+    auto* place = reinterpret_cast<std::uint32_t*>(const_cast<std::byte*>(header));
+    return std::atomic_ref<std::uint32_t>(*place).load(std::memory_order_acquire);
+}
+
+void* Map(int fd, std::size_t bytes, int protection, std::size_t offset)
+{
+    void* const memory = ::mmap(nullptr, bytes, protection, MAP_SHARED, fd, static_cast<off_t>(offset));
+    if (memory == MAP_FAILED) {
+        throw std::system_error{errno, std::generic_category(), "cannot map a ring of system calls"};
+    }
+    return memory;
+}
+
+}  // namespace
+
+RingStream::RingStream(SDK::FileDescriptor ring, std::size_t bytes)
+    : map(std::move(ring)), bytes(bytes), pageBytes(static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))
+{
+    consumed = static_cast<std::uint64_t*>(Map(map.Get(), pageBytes, PROT_READ | PROT_WRITE, 0));
+    try {
+        // The records follow twice, so that one at the end can be read in one piece.
+        produced = static_cast<const std::uint64_t*>(Map(map.Get(), pageBytes + 2 * bytes, PROT_READ, pageBytes));
+    } catch (...) {
+        ::munmap(consumed, pageBytes);
+        throw;
+    }
+}
+
+RingStream::~RingStream()
+{
+    ::munmap(consumed, pageBytes);
+    ::munmap(const_cast<std::uint64_t*>(produced), pageBytes + 2 * bytes);
+}
+
+const std::byte* RingStream::At(std::uint64_t where) const
+{
+    return reinterpret_cast<const std::byte*>(produced) + pageBytes + (where & (bytes - 1));
+}
+
+void RingStream::Fill()
+{
+    const std::uint64_t written = Acquire(produced);
+    const std::uint64_t most = std::min(written, position + recordsPerRound * stride);
+    end = std::max(end, position);
+    while (end < most && (AcquireLength(At(end)) & BPF_RINGBUF_BUSY_BIT) == 0) {
+        end += stride;
+    }
+    drained = end == written;
+    if (end > position) {
+        newest = reinterpret_cast<const CeSyscallRecord*>(At(end - stride) + BPF_RINGBUF_HDR_SZ)->when;
+    }
+    if (head.data == nullptr) {
+        LoadHead();
+    }
+}
+
+// What is read later was written after the newest. The head may always go: a stream that is full cannot block itself.
+std::uint64_t RingStream::Horizon() const
+{
+    return drained ? std::numeric_limits<std::uint64_t>::max() : std::max(newest, head.when + 1);
+}
+
+void RingStream::Advance()
+{
+    position += stride;
+    LoadHead();
+    if (head.data == nullptr || position - givenBack >= bytes / giveBackAt) {
+        GiveBack();
+    }
+}
+
+void RingStream::LoadHead()
+{
+    head = {};
+    if (position == end) {
+        return;
+    }
+    const auto* record = reinterpret_cast<const CeSyscallRecord*>(At(position) + BPF_RINGBUF_HDR_SZ);
+    head.data = reinterpret_cast<const std::byte*>(&record->entry);
+    head.size = sizeof record->entry;
+    head.id = record->entry.type;
+    head.when = record->when;
+    head.process = record->entry.process;
+}
+
+void RingStream::GiveBack()
+{
+    std::atomic_ref<std::uint64_t>(*consumed).store(position, std::memory_order_release);
+    givenBack = position;
+}
+
+}  // namespace Engine

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whose system calls the kernel leaves out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace Engine {
+
+// Where the kernel itself leaves the host's processes out, it starts with all of them in, and takes in again whoever
+// comes into other control groups, with all that it forks. Taking out is the other side's: first ask for a ticket, then
+// find out what the process is, then hand in the ticket, which is void when the process was moved meanwhile.
+// Thread: one at a time.
+class SyscallFilter {
+public:
+    using Ticket = std::uint16_t;
+
+    // Empty when the calls of that process are left out already, or cannot be.
+    virtual std::optional<Ticket> TicketOf(int process) const = 0;
+
+    // `process` is the host's. Its later children are left out, too, as long as they stay in its control groups.
+    virtual void LeaveOut(int process, Ticket ticket) = 0;
+
+protected:
+    ~SyscallFilter() = default;
+};
+
+}  // namespace Engine

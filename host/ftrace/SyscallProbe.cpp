@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/ftrace/SyscallProbe.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <numeric>
+#include <string>
+#include <system_error>
+
+#include "host/ftrace/Log.h"
+#include "host/ftrace/SyscallNumbers.h"
+#include "host/ftrace/SyscallProbeLayout.h"
+#include "host/ftrace/SyscallProbeProgram.h"
+#include "sdk/FileUtils.h"
+
+namespace Engine {
+namespace {
+
+constexpr std::size_t kib = 1024;
+
+constexpr unsigned int windowMs = 100;  // at least
+
+// PID_MAX_LIMIT (include/linux/threads.h); where the setting cannot be read.
+constexpr std::size_t mostProcesses = std::size_t{1} << 22;
+
+[[noreturn]] void Fail(const std::string& what, int error)
+{
+    throw std::system_error{std::abs(error), std::generic_category(), what};
+}
+
+// What the library says of a failure is a text of hundreds of lines, the verifier's; it is for those who look for it.
+int Print(libbpf_print_level level, const char* format, va_list arguments)
+{
+    if (level == LIBBPF_DEBUG) {
+        return 0;
+    }
+    std::array<char, 512> text{};
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    LogDebug("%s", text.data());
+    return 0;
+}
+
+// The kernel's tick, which the coarse clocks have, is cheaper to ask for than its time.
+unsigned int WindowShift()
+{
+    timespec tick{};
+    ::clock_getres(CLOCK_MONOTONIC_COARSE, &tick);
+    const unsigned int ticks = windowMs * 1000000U / static_cast<unsigned int>(std::max(tick.tv_nsec, 1000L));
+    return static_cast<unsigned int>(std::bit_width(std::max(ticks, 1U) - 1));
+}
+
+std::size_t ProcessLimit()
+{
+    std::string text;
+    SDK::FileUtils::ReadFile("/proc/sys/kernel/pid_max", text, 32);
+    const std::size_t limit = std::strtoul(text.c_str(), nullptr, 10);
+    return limit == 0 ? mostProcesses : std::min(limit + 1, mostProcesses);
+}
+
+std::size_t Elements(std::size_t processes)
+{
+    return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
+}
+
+bpf_map& FindMap(bpf_object* object, const char* name)
+{
+    bpf_map* map = bpf_object__find_map_by_name(object, name);
+    return map != nullptr ? *map : (Fail(std::string{"no map "} + name + " in the program", ENOENT), *map);
+}
+
+// The program's variables are maps, too, named after their sections.
+bpf_map& FindSection(bpf_object* object, std::string_view section)
+{
+    bpf_map* map = nullptr;
+    bpf_object__for_each_map(map, object)
+    {
+        if (std::string_view{bpf_map__name(map)}.ends_with(section)) {
+            return *map;
+        }
+    }
+    Fail("no section " + std::string{section} + " in the program", ENOENT);
+}
+
+}  // namespace
+
+class SyscallProbe::Mapping {
+public:
+    explicit Mapping(const bpf_map& map, std::size_t bytes) : bytes(bytes)
+    {
+        memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(&map), 0);
+        if (memory == MAP_FAILED) {
+            Fail(std::string{"cannot map "} + bpf_map__name(&map), errno);
+        }
+    }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+    ~Mapping() { ::munmap(memory, bytes); }
+
+    void* Memory() const { return memory; }
+
+private:
+    std::size_t bytes;
+    void* memory;
+};
+
+void SyscallProbe::ObjectDeleter::operator()(bpf_object* object) const
+{
+    bpf_object__close(object);
+}
+
+void SyscallProbe::LinkDeleter::operator()(bpf_link* link) const
+{
+    bpf_link__destroy(link);
+}
+
+std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
+{
+    constexpr std::size_t perCpuKb = 1024;
+    constexpr std::size_t totalKb = 64 * kib;
+    return std::bit_floor(std::min(perCpuKb, totalKb / std::max<std::size_t>(cpus, 1)));
+}
+
+SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : processLimit(ProcessLimit())
+{
+    const int cpus = libbpf_num_possible_cpus();
+    if (cpus <= 0) {
+        Fail("cannot count the CPUs", cpus);
+    }
+    Load(static_cast<std::size_t>(cpus), budgets);
+    MakeRings(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))),
+              static_cast<std::size_t>(cpus));
+    Attach();
+}
+
+SyscallProbe::~SyscallProbe() = default;
+
+void SyscallProbe::Load(std::size_t cpus, const Budgets& budgets)
+{
+    libbpf_set_print(Print);
+    object.reset(
+        bpf_object__open_mem(CeProbeProgram, static_cast<std::size_t>(CeProbeProgramEnd - CeProbeProgram), nullptr));
+    if (object == nullptr) {
+        Fail("cannot read the BPF program", errno);
+    }
+    const CeProbeSettings settings{static_cast<unsigned int>(processLimit), WindowShift(), budgets.process,
+                                   budgets.group};
+    bpf_map__set_initial_value(&FindSection(object.get(), ".rodata"), &settings, sizeof settings);
+    bpf_map& processes = FindMap(object.get(), "processes");
+    bpf_map__set_max_entries(&processes, static_cast<unsigned int>(Elements(processLimit)));
+    bpf_map__set_max_entries(&FindMap(object.get(), "rings"), static_cast<unsigned int>(cpus));
+    if (const int error = bpf_object__load(object.get()); error != 0) {
+        Fail("the kernel does not take the BPF program", error);
+    }
+    tableMemory = std::make_unique<Mapping>(FindSection(object.get(), ".bss"), sizeof(CeProbeTables));
+    tables = static_cast<CeProbeTables*>(tableMemory->Memory());
+    processMemory = std::make_unique<Mapping>(processes, Elements(processLimit) * sizeof(CeProcesses));
+    states = static_cast<std::uint16_t*>(processMemory->Memory());
+    countsFd = bpf_map__fd(&FindMap(object.get(), "counts"));
+    perCpu.resize(cpus);
+}
+
+void SyscallProbe::MakeRings(std::size_t bytes, std::size_t cpus)
+{
+    const int rings = bpf_map__fd(&FindMap(object.get(), "rings"));
+    for (unsigned int cpu = 0; cpu < cpus; ++cpu) {
+        SDK::FileDescriptor ring{
+            bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ring", 0, 0, static_cast<unsigned int>(bytes), nullptr)};
+        const int fd = ring.Get();
+        if (fd < 0) {
+            Fail("cannot make a ring of " + std::to_string(bytes / kib) + " KiB", errno);
+        }
+        streams.push_back(std::make_unique<RingStream>(std::move(ring), bytes));
+        if (bpf_map_update_elem(rings, &cpu, &fd, BPF_ANY) != 0) {
+            Fail("cannot give a CPU its ring", errno);
+        }
+    }
+}
+
+void SyscallProbe::Attach()
+{
+    bpf_program* program = nullptr;
+    bpf_object__for_each_program(program, object.get())
+    {
+        links.emplace_back(bpf_program__attach(program));
+        if (links.back() == nullptr) {
+            Fail(std::string{"cannot attach the BPF program "} + bpf_program__name(program), errno);
+        }
+    }
+}
+
+std::vector<std::unique_ptr<RingStream>> SyscallProbe::TakeStreams()
+{
+    return std::move(streams);
+}
+
+bool SyscallProbe::Watch(const KnownEvent& event)
+{
+    const SyscallNumbers numbers = SyscallNumbers::OfEntry(event.kind.Event());
+    if (!event.IsSyscall() || numbers.native < 0 || numbers.native >= CE_CALLS) {
+        return false;
+    }
+    const auto number = static_cast<unsigned short>(numbers.native);
+    tables->watched[number][0] = {event.id, number};
+    if (numbers.compat >= 0 && numbers.compat < CE_CALLS) {
+        tables->watched[numbers.compat][1] = {event.id, number};
+    }
+    return true;
+}
+
+bool SyscallProbe::Unwatch(const KnownEvent& event)
+{
+    bool was = false;
+    for (auto& entries : tables->watched) {
+        for (CeWatchedCall& call : entries) {
+            was |= call.event == event.id;
+            call = call.event == event.id ? CeWatchedCall{} : call;
+        }
+    }
+    return was;
+}
+
+void SyscallProbe::UnwatchAll()
+{
+    std::memset(tables->watched, 0, sizeof tables->watched);
+}
+
+void SyscallProbe::LeaveOutThread(int tid)
+{
+    tables->ownThread = tid;
+}
+
+std::uint16_t* SyscallProbe::StateOf(int process) const
+{
+    return process > 0 && static_cast<std::size_t>(process) < processLimit ? states + process : nullptr;
+}
+
+std::optional<SyscallFilter::Ticket> SyscallProbe::TicketOf(int process) const
+{
+    std::uint16_t* const state = StateOf(process);
+    const Ticket ticket = state == nullptr ? 1 : std::atomic_ref<std::uint16_t>(*state).load();
+    return (ticket & 1) != 0 ? std::nullopt : std::optional{ticket};
+}
+
+void SyscallProbe::LeaveOut(int process, Ticket ticket)
+{
+    if (std::uint16_t* const state = StateOf(process); state != nullptr) {
+        std::atomic_ref<std::uint16_t>(*state).compare_exchange_strong(ticket, 1);
+    }
+}
+
+std::uint64_t SyscallProbe::Sum(unsigned int count)
+{
+    const bool isRead = bpf_map_lookup_elem(countsFd, &count, perCpu.data()) == 0;
+    return isRead ? std::accumulate(perCpu.begin(), perCpu.end(), std::uint64_t{0}) : 0;
+}
+
+// How often a program was not run because it was at work on that CPU already (bpf_trace_run in
+// kernel/trace/bpf_trace.c).
+std::uint64_t SyscallProbe::Misses() const
+{
+    std::uint64_t misses = 0;
+    bpf_program* program = nullptr;
+    bpf_object__for_each_program(program, object.get())
+    {
+        bpf_prog_info info{};
+        unsigned int size = sizeof info;
+        if (bpf_obj_get_info_by_fd(bpf_program__fd(program), &info, &size) == 0) {
+            misses += info.recursion_misses;
+        }
+    }
+    return misses;
+}
+
+SyscallLoss SyscallProbe::TakeLoss()
+{
+    const std::uint64_t misses = Misses();
+    if (misses != seenMisses) {
+        // What was missed may have been a process's way into a container: all may be in one again.
+        seenMisses = misses;
+        std::memset(states, 0, processLimit * sizeof *states);
+    }
+    const SyscallLoss now{Sum(CE_DROPPED) + misses, Sum(CE_SHED)};
+    const SyscallLoss fresh{now.dropped - seen.dropped, now.shed - seen.shed};
+    seen = now;
+    return fresh;
+}
+
+}  // namespace Engine

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+// System calls of the processes that may be in a container, recorded by a BPF program.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "host/ftrace/EventCatalog.h"
+#include "host/ftrace/RingStream.h"
+#include "host/ftrace/SyscallFilter.h"
+#include "host/sdk/FileDescriptor.h"
+
+struct bpf_link;
+struct bpf_object;
+struct CeProbeTables;
+
+namespace Engine {
+
+// What the kernel did not keep, in events.
+struct SyscallLoss {
+    std::uint64_t dropped = 0;  // a ring was full, or the program could not run
+    std::uint64_t shed = 0;     // their process or container made too many
+};
+
+// Beside the trace events of system calls it leaves out the host's processes in the kernel, sees calls through the
+// 32-bit entry, and bounds what one process and one container may record. Its records are those of the trace events.
+// The programs and all memory of them go with this process, however it ends.
+//
+// Thread: one at a time. Needs CAP_BPF and CAP_PERFMON, or CAP_SYS_ADMIN, and the kernel's BTF (Linux 5.12 or later).
+class SyscallProbe final : public SyscallFilter {
+public:
+    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU: of one process, and of all
+    // processes in the same control groups. The first is far beyond every detector's limit, the second is what
+    // detection handles beside all else.
+    struct Budgets {
+        unsigned int process = 2048;
+        unsigned int group = 8192;
+    };
+
+    // Where nothing is set: KiB of each CPU's ring. All rings together take no more than a bound, since the kernel's
+    // memory for them cannot be swapped out.
+    static std::size_t DefaultRingKb(std::size_t cpus);
+
+    // `ringKb` is rounded up to a power of two of at least a page. Throws std::system_error, the text says why.
+    explicit SyscallProbe(std::size_t ringKb) : SyscallProbe(ringKb, Budgets{}) {}
+    SyscallProbe(std::size_t ringKb, const Budgets& budgets);
+    SyscallProbe(const SyscallProbe&) = delete;
+    SyscallProbe& operator=(const SyscallProbe&) = delete;
+    virtual ~SyscallProbe();
+
+    // One for each CPU. Once.
+    std::vector<std::unique_ptr<RingStream>> TakeStreams();
+
+    // Starts the recording of a system call's entry. False when the event is none, or one that only the trace has.
+    bool Watch(const KnownEvent& event);
+
+    // False when it was not recorded here.
+    bool Unwatch(const KnownEvent& event);
+    void UnwatchAll();
+
+    // The thread whose calls are left out: the reader's.
+    void LeaveOutThread(int tid);
+
+    std::optional<Ticket> TicketOf(int process) const override;
+    void LeaveOut(int process, Ticket ticket) override;
+
+    // Since the last call.
+    SyscallLoss TakeLoss();
+
+private:
+    struct ObjectDeleter {
+        void operator()(bpf_object* object) const;
+    };
+    struct LinkDeleter {
+        void operator()(bpf_link* link) const;
+    };
+    class Mapping;
+
+    void Load(std::size_t cpus, const Budgets& budgets);
+    void MakeRings(std::size_t bytes, std::size_t cpus);
+    void Attach();
+    std::uint64_t Sum(unsigned int count);
+    std::uint64_t Misses() const;
+    std::uint16_t* StateOf(int process) const;
+
+    std::unique_ptr<bpf_object, ObjectDeleter> object;
+    std::unique_ptr<Mapping> tableMemory;
+    std::unique_ptr<Mapping> processMemory;
+    CeProbeTables* tables = nullptr;
+    std::uint16_t* states = nullptr;
+    std::size_t processLimit;
+    std::vector<std::unique_ptr<RingStream>> streams;
+    std::vector<std::unique_ptr<bpf_link, LinkDeleter>> links;
+    int countsFd = -1;
+    std::vector<std::uint64_t> perCpu;  // room for one counter of all CPUs
+    SyscallLoss seen;
+    std::uint64_t seenMisses = 0;
+};
+
+}  // namespace Engine

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the trace task records, for those who tell the operator.
+#pragma once
+
+#include <set>
+#include <string>
+
+namespace Engine {
+
+// Found by a dynamic cast from the task "ftrace_task". Any thread.
+class TraceStatus {
+public:
+    // The events that somebody gets now, "system:event", by the names under which they were asked for.
+    virtual std::set<std::string> RecordedEvents() = 0;
+
+    // Whether system calls are filtered in the kernel, and seen through the 32-bit entry as well.
+    virtual bool HasSyscallProbe() = 0;
+
+protected:
+    ~TraceStatus() = default;
+};
+
+}  // namespace Engine
