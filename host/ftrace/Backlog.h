@@ -27,7 +27,8 @@ public:
     // Events sent and neither handled nor dropped yet.
     std::uint64_t Waiting() const { return waiting.load(std::memory_order_relaxed); }
 
-    // Recent cost of one event to the subscriber; 0 before the first batch.
+    // Recent cost of one event to the subscriber; before the first batch that of one that raises an alarm, so that a
+    // subscriber which comes in the middle of a storm is not given more than it may be able to handle.
     std::chrono::nanoseconds PerEvent() const
     {
         return std::chrono::nanoseconds{perEvent.load(std::memory_order_relaxed)};
@@ -35,7 +36,7 @@ public:
 
 private:
     std::atomic<std::uint64_t> waiting{0};
-    std::atomic<std::uint64_t> perEvent{0};
+    std::atomic<std::uint64_t> perEvent{20000};
 };
 
 }  // namespace Engine

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/EventBatch.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "host/ftrace/Log.h"
+#include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
 
 namespace Engine {
@@ -58,6 +60,9 @@ private:
     std::vector<void*> spare;
 };
 
+std::atomic<std::uint64_t> unhandledEvents{0};
+std::atomic<std::uint64_t> unhandledCalls{0};
+
 }  // namespace
 
 void* EventBatch::operator new(std::size_t size)
@@ -70,7 +75,8 @@ void EventBatch::operator delete(void* memory) noexcept
     Store::Instance().Return(memory);
 }
 
-bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when)
+bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when,
+                     bool isCall)
 {
     const std::size_t stride = Stride(size);
     if (count == maxEvents || stride > events.size() - used) {
@@ -82,14 +88,25 @@ bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32
     std::memcpy(to + sizeof entry, record, size);
     used += stride;
     ++count;
+    calls += isCall ? 1 : 0;
     return true;
 }
 
 EventBatch::~EventBatch()
 {
-    if (sent) {
-        backlog->Gone(count);
+    if (!sent) {
+        return;
     }
+    backlog->Gone(count);
+    if (!handled) {
+        unhandledEvents.fetch_add(count, std::memory_order_relaxed);
+        unhandledCalls.fetch_add(calls, std::memory_order_relaxed);
+    }
+}
+
+EventBatch::Unhandled EventBatch::AllUnhandled()
+{
+    return {unhandledEvents.load(std::memory_order_relaxed), unhandledCalls.load(std::memory_order_relaxed)};
 }
 
 void EventBatch::MarkSent()
@@ -107,8 +124,13 @@ int EventBatch::MessageHandle(void* target)
     if (receiver == nullptr) {
         return -1;
     }
+    static SDK::Counters::Counter& delivered = SDK::Counters::Get(SDK::CounterName::traceDelivered);
+    static SDK::Counters::Counter& callsDelivered = SDK::Counters::Get(SDK::CounterName::callsDelivered);
     const auto begin = std::chrono::steady_clock::now();
+    handled = true;
     HandEach(*receiver);
+    delivered.fetch_add(count, std::memory_order_relaxed);
+    callsDelivered.fetch_add(calls, std::memory_order_relaxed);
     backlog->Handled(count, std::chrono::steady_clock::now() - begin);
     return 0;
 }

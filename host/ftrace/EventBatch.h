@@ -38,7 +38,7 @@ public:
     void MarkSent();
 
     // Copies an event. False when it does not fit any more. `when`: nanoseconds on the trace clock.
-    bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when);
+    bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when, bool isCall);
 
     // Hands every event to the target's Receiver of FtraceMessage, oldest first, each under its own time
     // (SDK::TraceTime). What the receiver throws ends that event only; it is logged once for the batch. Returns 0, or
@@ -46,6 +46,17 @@ public:
     int MessageHandle(void* target) override;
 
     unsigned long EventCount() const override { return count; }
+
+    // The system calls among them.
+    unsigned long CallCount() const { return calls; }
+
+    // Events of batches that ceased to be without having been handled, since the process began: those that a queue
+    // refused, and those whose receiver ended. Any thread.
+    struct Unhandled {
+        std::uint64_t events;
+        std::uint64_t calls;
+    };
+    static Unhandled AllUnhandled();
 
     // Any thread.
     static void* operator new(std::size_t size);
@@ -69,8 +80,10 @@ private:
     std::shared_ptr<const void> kinds;
     std::shared_ptr<Backlog> backlog;
     bool sent = false;
+    bool handled = false;
     std::size_t used = 0;
     unsigned long count = 0;
+    unsigned long calls = 0;
     alignas(Entry) std::array<std::byte, maxBytes> events;  // not initialised: 64 KiB of zeros for each batch
 };
 

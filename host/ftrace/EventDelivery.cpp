@@ -46,6 +46,7 @@ void EventDelivery::OnRecord(const RawRecord& record)
 
 void EventDelivery::Deliver(const TraceRoute& route, const RawRecord& record)
 {
+    sums.callsRead += route.isSyscall ? 1 : 0;
     TraceObserver::Origin origin = unknownOrigin;
     if (observer != nullptr) {
         origin = AskObserver(route, record);
@@ -57,7 +58,7 @@ void EventDelivery::Deliver(const TraceRoute& route, const RawRecord& record)
     for (const TraceRoute::Subscriber& subscriber : route.subscribers) {
         // Only system calls: a fork or an exit that is left out would falsify what is known about later events.
         if (!route.isSyscall || subscriber.target->guard.Admit(origin, route.event->kind)) {
-            Append(*subscriber.target, route.event->kind, record);
+            Append(*subscriber.target, route, record);
         } else {
             ++sums.shed;
         }
@@ -80,16 +81,18 @@ TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const 
     return origin;
 }
 
-void EventDelivery::Append(TraceTarget& target, const EventKind& kind, const RawRecord& record)
+void EventDelivery::Append(TraceTarget& target, const TraceRoute& route, const RawRecord& record)
 {
-    if (target.batch != nullptr && target.batch->Add(kind, record.data, record.size, record.when)) {
+    const EventKind& kind = route.event->kind;
+    if (target.batch != nullptr && target.batch->Add(kind, record.data, record.size, record.when, route.isSyscall)) {
         return;
     }
     Send(target);
     target.batch = std::make_unique<EventBatch>(kinds, target.backlog);
     // An empty batch has room for every record that fits a page of up to 60 KiB; the kernel's have 4.
-    if (!target.batch->Add(kind, record.data, record.size, record.when)) {
+    if (!target.batch->Add(kind, record.data, record.size, record.when, route.isSyscall)) {
         ++sums.lostQueue;
+        sums.callsRefused += route.isSyscall ? 1 : 0;
     }
 }
 
@@ -102,7 +105,10 @@ void EventDelivery::Send(TraceTarget& target)
     target.batch->MarkSent();
     const Sending result = sender(target.name, std::move(target.batch));
     target.refused = result != Sending::Accepted;
-    (result == Sending::Accepted ? sums.delivered : result == Sending::Gone ? sums.unwanted : sums.lostQueue) += events;
+    if (result != Sending::Accepted) {
+        refused += events;
+        (result == Sending::Gone ? sums.unwanted : sums.lostQueue) += events;
+    }
     target.guard.Update(*target.backlog);
 }
 
@@ -153,6 +159,11 @@ void EventDelivery::Guarded(Call call)
 
 DeliverySums EventDelivery::TakeSums()
 {
+    // Those that were not accepted are in the sums already; the others were, by a subscriber that ended after that.
+    const EventBatch::Unhandled now = EventBatch::AllUnhandled();
+    sums.unwanted += (now.events - unhandled.events) - std::exchange(refused, 0);
+    sums.callsRefused += now.calls - unhandled.calls;
+    unhandled = now;
     return std::exchange(sums, {});
 }
 

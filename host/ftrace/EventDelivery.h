@@ -13,14 +13,15 @@
 
 namespace Engine {
 
-// Events since the last TakeSums.
+// Events since the last TakeSums. What was sent is counted as delivered where it is handled (EventBatch).
 struct DeliverySums {
     std::uint64_t read = 0;
-    std::uint64_t delivered = 0;     // counted once for each subscriber
+    std::uint64_t callsRead = 0;     // the system calls among them
     std::uint64_t notContainer = 0;  // system calls that the observer did not admit
     std::uint64_t shed = 0;          // left out because their container storms; once for each subscriber
-    std::uint64_t unwanted = 0;      // for a subscriber that had stopped; once for each subscriber
     std::uint64_t lostQueue = 0;     // refused by a subscriber's queue; once for each subscriber
+    std::uint64_t unwanted = 0;      // for a subscriber that had stopped, or that stopped with them in its queue
+    std::uint64_t callsRefused = 0;  // the system calls among both
 };
 
 // Refers to the table. Thread: one at a time. What an observer throws is logged and ends that call only.
@@ -58,7 +59,7 @@ public:
 private:
     void Deliver(const TraceRoute& route, const RawRecord& record);
     TraceObserver::Origin AskObserver(const TraceRoute& route, const RawRecord& record);
-    void Append(TraceTarget& target, const EventKind& kind, const RawRecord& record);
+    void Append(TraceTarget& target, const TraceRoute& route, const RawRecord& record);
     void Send(TraceTarget& target);
     template <class Call>
     void Guarded(Call call);
@@ -69,6 +70,8 @@ private:
     SyscallFilter* filter;
     TraceObserver* observer = nullptr;
     DeliverySums sums;
+    EventBatch::Unhandled unhandled = EventBatch::AllUnhandled();  // as far as it is in the sums
+    std::uint64_t refused = 0;  // events that were not accepted when they were sent, not in the sums yet
     std::uint64_t observerFailures = 0;
 };
 

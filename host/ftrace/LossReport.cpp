@@ -23,13 +23,15 @@ void Increase(Counters::Counter& counter, std::uint64_t by)
 void LossReport::Add(const DeliverySums& sums)
 {
     static Counters::Counter& read = Counters::Get(SDK::CounterName::traceRead);
-    static Counters::Counter& delivered = Counters::Get(SDK::CounterName::traceDelivered);
+    static Counters::Counter& callsRead = Counters::Get(SDK::CounterName::callsRead);
+    static Counters::Counter& callsRefused = Counters::Get(SDK::CounterName::callsRefused);
     static Counters::Counter& notContainer = Counters::Get(SDK::CounterName::traceNotContainer);
     static Counters::Counter& lostQueue = Counters::Get(SDK::CounterName::traceLostQueue);
     static Counters::Counter& shed = Counters::Get(SDK::CounterName::traceShed);
     static Counters::Counter& unwanted = Counters::Get(SDK::CounterName::traceUnwanted);
     Increase(read, sums.read);
-    Increase(delivered, sums.delivered);
+    Increase(callsRead, sums.callsRead);
+    Increase(callsRefused, sums.callsRefused);
     Increase(notContainer, sums.notContainer);
     Increase(lostQueue, sums.lostQueue);
     Increase(shed, sums.shed);
@@ -76,8 +78,9 @@ bool LossReport::Report(Clock::time_point now)
     }
     if (inKernel != 0) {
         LogWarning(
-            "%llu trace events were lost in the kernel's buffer, detection may have missed something: make %s larger",
-            static_cast<Count>(inKernel), SDK::Config::traceBufferKb);
+            "%llu events were lost in the kernel's buffers, detection may have missed something: make them larger "
+            "(--buffer-kb)",
+            static_cast<Count>(inKernel));
     }
     if (inQueues != 0) {
         LogWarning(

@@ -108,25 +108,31 @@ static __always_inline void Count(enum CeCount what)
     }
 }
 
-/* Whoever cannot be remembered is let through: the ring's own bound is left. */
-static __always_inline int IsWithin(__u64 who, __u64 event, __u64 window, __u32 limit)
+/* How many calls were counted in this window before this one. Whoever cannot be remembered is let through: the ring's
+ * own bound is left. */
+static __always_inline __u64 Used(__u64 who, __u64 event, __u64 window)
 {
     const struct BudgetKey key = {who, event};
     struct Budget* budget = bpf_map_lookup_elem(&budgets, &key);
     if (budget == NULL) {
         const struct Budget first = {window, 1};
         bpf_map_update_elem(&budgets, &key, &first, BPF_ANY);
-        return 1;
+        return 0;
     }
     if (budget->window != window) {
         budget->window = window;
         budget->used = 0;
     }
-    if (budget->used >= limit) {
-        return 0;
-    }
-    ++budget->used;
-    return 1;
+    return budget->used++;
+}
+
+/* A container that storms does not hide the few calls of its other threads. */
+static __always_inline int IsWithinBudgets(const struct task_struct* task, __u64 event)
+{
+    const __u64 window = bpf_jiffies64() >> settings.windowShift;
+    const __u64 ofThread = Used((__u32)task->pid, event, window);
+    return ofThread < settings.assured ||
+           (ofThread < settings.threadBudget && Used((__u64)task->cgroups, event, window) < settings.groupBudget);
 }
 
 static __always_inline void Fill(struct CeTraceEntry* entry, const struct CeWatchedCall* call,
@@ -174,9 +180,7 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
     if (call.event == 0 || IsHost(process) || task->pid == tables.ownThread) {
         return 0;
     }
-    const __u64 window = bpf_jiffies64() >> settings.windowShift;
-    if (!IsWithin(process, call.event, window, settings.processBudget) ||
-        !IsWithin((__u64)task->cgroups, call.event, window, settings.groupBudget)) {
+    if (!IsWithinBudgets(task, call.event)) {
         Count(CE_SHED);
         return 0;
     }

@@ -154,8 +154,8 @@ void SyscallProbe::Load(std::size_t cpus, const Budgets& budgets)
     if (object == nullptr) {
         Fail("cannot read the BPF program", errno);
     }
-    const CeProbeSettings settings{static_cast<unsigned int>(processLimit), WindowShift(), budgets.process,
-                                   budgets.group};
+    const CeProbeSettings settings{static_cast<unsigned int>(processLimit), WindowShift(), budgets.assured,
+                                   budgets.thread, budgets.group};
     bpf_map__set_initial_value(&FindSection(object.get(), ".rodata"), &settings, sizeof settings);
     bpf_map& processes = FindMap(object.get(), "processes");
     bpf_map__set_max_entries(&processes, static_cast<unsigned int>(Elements(processLimit)));

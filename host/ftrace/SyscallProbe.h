@@ -21,7 +21,7 @@ namespace Engine {
 // What the kernel did not keep, in events.
 struct SyscallLoss {
     std::uint64_t dropped = 0;  // a ring was full, or the program could not run
-    std::uint64_t shed = 0;     // their process or container made too many
+    std::uint64_t shed = 0;     // their thread or container made too many
 };
 
 // Beside the trace events of system calls it leaves out the host's processes in the kernel, sees calls through the
@@ -31,12 +31,13 @@ struct SyscallLoss {
 // Thread: one at a time. Needs CAP_BPF and CAP_PERFMON, or CAP_SYS_ADMIN, and the kernel's BTF (Linux 5.12 or later).
 class SyscallProbe final : public SyscallFilter {
 public:
-    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU: of one process, and of all
-    // processes in the same control groups. The first is far beyond every detector's limit, the second is what
-    // detection handles beside all else.
+    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU: always, of each thread; of
+    // a thread while its control groups have not used up theirs; and of all threads in the same groups. The second is
+    // beyond every detector's limit, the third is what detection handles beside all else.
     struct Budgets {
-        unsigned int process = 2048;
-        unsigned int group = 8192;
+        unsigned int assured = 8;
+        unsigned int thread = 512;
+        unsigned int group = 4096;
     };
 
     // Where nothing is set: KiB of each CPU's ring. All rings together take no more than a bound, since the kernel's

@@ -12,7 +12,7 @@
 enum CeCount {
     CE_RECORDED,
     CE_DROPPED, /* the ring was full */
-    CE_SHED,    /* left out: their process or container makes too many */
+    CE_SHED,    /* left out: their thread or container makes too many */
     CE_COUNTS
 };
 
@@ -24,10 +24,11 @@ struct CeWatchedCall {
 
 /* Given before the program is loaded. */
 struct CeProbeSettings {
-    unsigned int processLimit;  /* calls of processes with ids from here on are always recorded */
-    unsigned int windowShift;   /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int processBudget; /* calls of one kind that a process may make in a window, on each CPU */
-    unsigned int groupBudget;   /* the same for all processes in the same control groups */
+    unsigned int processLimit; /* calls of processes with ids from here on are always recorded */
+    unsigned int windowShift;  /* a window of the budgets is 2^windowShift jiffies */
+    unsigned int assured;      /* calls of one kind that every thread may make in a window on each CPU, come what may */
+    unsigned int threadBudget; /* that it may make while its control groups have not used up theirs */
+    unsigned int groupBudget;  /* that all threads in the same control groups may make, the assured ones not counted */
 };
 
 /* Shared memory while the program runs. */

@@ -33,10 +33,15 @@ inline constexpr char traceShedKernel[] = "trace.shed_kernel";      // the same,
 inline constexpr char traceUnwanted[] = "trace.unwanted";           // for a subscriber that had stopped
 inline constexpr char traceLate[] = "trace.late";                   // delivered out of time order
 inline constexpr char traceNotContainer[] = "trace.not_container";  // system calls of host processes
-inline constexpr char traceDelivered[] = "trace.delivered";         // handed to subscribers
-inline constexpr char notifyRead[] = "notify.read";                 // file notifications read
-inline constexpr char notifyOverflow[] = "notify.overflow";         // overflows of the kernel's queue, loss unknown
-inline constexpr char notifyLostQueue[] = "notify.lost_queue";      // refused by a subscriber's queue
+inline constexpr char traceDelivered[] = "trace.delivered";         // handled by their subscribers
+// System calls alone: every one that was read is delivered, not a container's, shed or refused, once the queues are
+// empty.
+inline constexpr char callsRead[] = "calls.read";
+inline constexpr char callsDelivered[] = "calls.delivered";
+inline constexpr char callsRefused[] = "calls.refused";               // among trace.lost_queue and trace.unwanted
+inline constexpr char notifyRead[] = "notify.read";                   // file notifications read
+inline constexpr char notifyOverflow[] = "notify.overflow";           // overflows of the kernel's queue, loss unknown
+inline constexpr char notifyLostQueue[] = "notify.lost_queue";        // refused by a subscriber's queue
 inline constexpr char notifyNotContainer[] = "notify.not_container";  // accesses by host processes
 inline constexpr char queueLost[] = "queue.lost";                     // refused by any task's queue
 inline constexpr char alarmsSent[] = "alarms.sent";                   // documents written to every sink that takes them

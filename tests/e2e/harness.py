@@ -172,6 +172,13 @@ class Agent:
     def pid(self):
         return self.process.pid
 
+    def thread(self, name):
+        """The id of its thread of that name."""
+        for comm in pathlib.Path(f"/proc/{self.pid}/task").glob("*/comm"):
+            if comm.read_text().rstrip("\n") == name:
+                return int(comm.parent.name)
+        raise AssertionError(f"no thread {name}")
+
     def alarm(self, wanted=lambda document: True, patience=PATIENCE):
         """The next alarm for which `wanted` holds; (time of arrival, document)."""
         when, line = self.output.wait_for(lambda text: wanted(json.loads(text)), patience)

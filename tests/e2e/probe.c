@@ -68,6 +68,7 @@ static const struct Call calls[] = {
     {"keyctl", SYS_keyctl},
     {"init_module", SYS_init_module},
     {"process_vm_readv", SYS_process_vm_readv},
+    {"getdents64", SYS_getdents64},
 };
 
 // Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
@@ -341,17 +342,34 @@ static void Spawn(long count)
     }
 }
 
+// One process after the other makes `calls` calls of that name, for ever.
+static void Spread(long calls, const char* name)
+{
+    for (;;) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (long i = calls; i > 0; --i) {
+                MakeCall(name);
+            }
+            _exit(0);
+        }
+        AwaitChild(child);
+    }
+}
+
 int main(int count, char** arguments)
 {
     if (count == 2 && strcmp(arguments[1], "serve") == 0) {
         Serve();
     } else if (count == 3 && strcmp(arguments[1], "spawn") == 0) {
         Spawn(atol(arguments[2]));
+    } else if (count == 4 && strcmp(arguments[1], "spread") == 0) {
+        Spread(atol(arguments[2]), arguments[3]);
     } else if (count >= 3) {
         DoAs(arguments[1],
              &(struct Deed){arguments[2], count > 3 ? arguments[3] : NULL, count > 4 ? arguments[4] : NULL});
     } else {
-        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N\n");
+        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N | spread N CALL\n");
         return 2;
     }
     return 0;

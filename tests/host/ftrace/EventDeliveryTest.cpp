@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/ftrace/SubscriptionTable.h"
+#include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
 #include "tests/host/ftrace/PageBuilder.h"
 
@@ -79,11 +80,15 @@ private:
 
 class EventDeliveryTest : public testing::Test {
 protected:
-    void Record(std::uint16_t id, int pid, bool afterLoss = false)
+    void Record(std::uint16_t id, int pid, bool afterLoss = false) { RecordFor(delivery, id, pid, afterLoss); }
+
+    void RecordFor(EventDelivery& to, std::uint16_t id, int pid, bool afterLoss = false)
     {
         const Testing::Bytes bytes = Testing::Record(id, pid);
-        delivery.OnRecord({bytes.data(), static_cast<std::uint32_t>(bytes.size()), id, afterLoss, ++clock});
+        to.OnRecord({bytes.data(), static_cast<std::uint32_t>(bytes.size()), id, afterLoss, ++clock, 0});
     }
+
+    static std::uint64_t Delivered() { return SDK::Counters::Get(SDK::CounterName::traceDelivered); }
 
     void Finish()
     {
@@ -113,6 +118,7 @@ protected:
 
 TEST_F(EventDeliveryTest, GivesEachSubscriberItsEventsOnceAndInOrder)
 {
+    const std::uint64_t before = Delivered();
     table.Add(first, fork);
     table.Add(first, fork);
     table.Add(first, call);
@@ -124,7 +130,7 @@ TEST_F(EventDeliveryTest, GivesEachSubscriberItsEventsOnceAndInOrder)
     Finish();
     EXPECT_THAT(first.seen, ElementsAre("fork 10", "sys_enter_call 11", "fork 13"));
     EXPECT_THAT(second.seen, ElementsAre("sys_enter_alias 11")) << "under the name that it asked for";
-    EXPECT_EQ(delivery.TakeSums().delivered, 4U);
+    EXPECT_EQ(Delivered() - before, 4U);
 }
 
 TEST_F(EventDeliveryTest, SendsFullBatchesAndGoesOnAfterAnEventOnWhichTheReceiverFails)
@@ -148,8 +154,27 @@ TEST_F(EventDeliveryTest, CountsWhatAFullQueueRefuses)
         delivery.Flush();
     }
     const DeliverySums sums = delivery.TakeSums();
-    EXPECT_EQ(sums.delivered, 8U);
+    EXPECT_EQ(sums.unwanted, 0U);
     EXPECT_EQ(sums.lostQueue, 4U);
+}
+
+TEST_F(EventDeliveryTest, CountsWhatASubscriberLeftInItsQueue)
+{
+    std::vector<std::unique_ptr<Framework::Message>> queue;
+    EventDelivery toNobody{table, nullptr, [&](const std::string&, std::unique_ptr<Framework::Message> message) {
+                               queue.push_back(std::move(message));
+                               return EventDelivery::Sending::Accepted;
+                           }};
+    table.Add(first, fork);
+    table.Add(first, call);
+    RecordFor(toNobody, forkId, 1);
+    RecordFor(toNobody, callId, 1);
+    toNobody.Flush();
+    EXPECT_EQ(toNobody.TakeSums().unwanted, 0U);
+    queue.clear();
+    const DeliverySums sums = toNobody.TakeSums();
+    EXPECT_EQ(sums.unwanted, 2U);
+    EXPECT_EQ(sums.callsRefused, 1U);
 }
 
 TEST_F(EventDeliveryTest, PutsAnObserversMessagesBetweenTheEventsAndDropsWhatItDoesNotAdmit)

@@ -183,8 +183,9 @@ TEST_F(SyscallProbeTest, CountsEveryCallThatItDoesNotRecord)
         bool drops;
         bool sheds;
     };
-    for (const Case& each : {Case{4, {noLimit, noLimit}, true, false}, Case{8192, {100, noLimit}, false, true},
-                             Case{8192, {noLimit, 100}, false, true}, Case{8192, {}, false, true}}) {
+    for (const Case& each :
+         {Case{4, {noLimit, noLimit, noLimit}, true, false}, Case{8192, {1, 100, noLimit}, false, true},
+          Case{8192, {1, noLimit, 100}, false, true}, Case{8192, {}, false, true}}) {
         Start(each.ringKb, each.budgets);
         InChild([] { MakeCalls(calls); });
         const std::size_t read = Read().size();
