@@ -156,10 +156,13 @@ void SyscallProbe::Load(std::size_t cpus, const Budgets& budgets)
     }
     const CeProbeSettings settings{static_cast<unsigned int>(processLimit), WindowShift(), budgets.assured,
                                    budgets.thread, budgets.group};
-    bpf_map__set_initial_value(&FindSection(object.get(), ".rodata"), &settings, sizeof settings);
     bpf_map& processes = FindMap(object.get(), "processes");
-    bpf_map__set_max_entries(&processes, static_cast<unsigned int>(Elements(processLimit)));
-    bpf_map__set_max_entries(&FindMap(object.get(), "rings"), static_cast<unsigned int>(cpus));
+    bpf_map& rings = FindMap(object.get(), "rings");
+    if (bpf_map__set_initial_value(&FindSection(object.get(), ".rodata"), &settings, sizeof settings) != 0 ||
+        bpf_map__set_max_entries(&processes, static_cast<unsigned int>(Elements(processLimit))) != 0 ||
+        bpf_map__set_max_entries(&rings, static_cast<unsigned int>(cpus)) != 0) {
+        Fail("the BPF program is not laid out as expected", errno);
+    }
     if (const int error = bpf_object__load(object.get()); error != 0) {
         Fail("the kernel does not take the BPF program", error);
     }
