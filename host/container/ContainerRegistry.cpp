@@ -86,7 +86,7 @@ bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename
         container = Shared(reader.ContainerOf(pid).value_or(std::string{}));
     }
     if (next != State::Inside && container != nullptr) {
-        next = IsStillSetUp(pid, isSelfExecution) ? State::Entering : State::Inside;
+        next = IsStillSetUp(pid, *entry, isSelfExecution) ? State::Entering : State::Inside;
     }
     const bool enters = next == State::Inside && !wasInside;
     if (enters) {
@@ -224,6 +224,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
     if (from != nullptr) {
         made.state = from->state;
         made.inSetUp = from->inSetUp;
+        made.bornInSetUp = from->inSetUp;
         made.container = from->container;
         made.executable = from->executable;
     }
@@ -254,11 +255,12 @@ void ContainerRegistry::MoveOthers(int leader, const Entry& like, Nanoseconds wh
 }
 
 // The file name alone would let an image whose entry point is called /proc/self/exe pass for the runtime, so the
-// process must also have the host's mount namespace still. One that has gone already cannot be asked: it came from
-// outside under a runtime's name, and runtimes do have such helpers, which live a millisecond.
-bool ContainerRegistry::IsStillSetUp(int pid, bool isSelfExecution) const
+// process must also have the host's mount namespace still. One that has gone already cannot be asked. Runtimes do have
+// helpers that live a millisecond, but they execute themselves before they fork, not in the child that becomes the
+// container's program: that would be an attacker's entry point, who has no need to live longer.
+bool ContainerRegistry::IsStillSetUp(int pid, const Entry& entry, bool isSelfExecution) const
 {
-    return isSelfExecution && reader.InHostMountNamespace(pid).value_or(true);
+    return isSelfExecution && reader.InHostMountNamespace(pid).value_or(!entry.bornInSetUp);
 }
 
 const ContainerRegistry::Text& ContainerRegistry::Visible(const Entry& entry)

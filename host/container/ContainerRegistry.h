@@ -51,6 +51,7 @@ public:
     struct Entry {
         State state = State::Host;
         bool inSetUp = false;         // of the host: runs a runtime that re-executed itself, or is a child of one
+        bool bornInSetUp = false;     // its parent was one, so it is what a runtime made for the container's program
         Text container;               // null for the host
         Nanoseconds since = longAgo;  // when the answer of ContainerOf last changed
         Text before;                  // that answer until then, null for none
@@ -136,7 +137,7 @@ private:
     Entry* Load(int tid, Nanoseconds when);
     Entry ChildOf(int parent, int child, Nanoseconds when);
     void MoveOthers(int leader, const Entry& like, Nanoseconds when);
-    bool IsStillSetUp(int pid, bool isSelfExecution) const;
+    bool IsStillSetUp(int pid, const Entry& entry, bool isSelfExecution) const;
     static const Text& Visible(const Entry& entry);
     static const Text& VisibleAt(const Entry& entry, std::optional<Nanoseconds> when);
     static void Change(Entry& entry, State state, Text container, Nanoseconds when);

@@ -36,9 +36,6 @@ bool CutProcess(std::string_view& text)
 
 bool IsSelfExecution(std::string_view filename)
 {
-    if (filename.starts_with("memfd:") || filename.starts_with("/memfd:")) {
-        return true;
-    }
     if (Cut(filename, "/dev/fd/")) {
         return IsNumber(filename);
     }

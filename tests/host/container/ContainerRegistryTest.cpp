@@ -23,12 +23,11 @@ protected:
 
 TEST(RuntimeProgramTest, KnowsTheFormsOfSelfExecution)
 {
-    for (const char* name : {"/proc/self/exe", "/proc/thread-self/fd/7", "/dev/fd/5", "/proc/3014/exe", "/memfd:x",
-                             "memfd:runc_cloned:/proc/self/exe"}) {
+    for (const char* name : {"/proc/self/exe", "/proc/thread-self/fd/7", "/dev/fd/5", "/proc/3014/exe"}) {
         EXPECT_TRUE(Engine::IsSelfExecution(name)) << name;
     }
     for (const char* name : {"", "/bin/sh", "/proc/self/exec", "/proc/self/fd/", "/proc/self/fd/6x", "/dev/fd/../x",
-                             "/proc/x/exe", "/proc//exe"}) {
+                             "/proc/x/exe", "/proc//exe", "/memfd:runc_cloned", "memfd:x/y"}) {
         EXPECT_FALSE(Engine::IsSelfExecution(name)) << name;
     }
 }
@@ -44,6 +43,17 @@ TEST_F(ContainerRegistryTest, SetUpHelperThatEndedBeforeItsExecWasLookedAtIsStil
     EXPECT_EQ(ContainerOf(3142), "") << "it is the one that unshares";
     EXPECT_TRUE(Exec(3142, "/bin/sleep"));
     EXPECT_TRUE(Exec(3142, "/proc/self/exe")) << "who is inside stays inside";
+}
+
+TEST_F(ContainerRegistryTest, EntryPointWithARuntimesNameDoesNotHideByEndingAtOnce)
+{
+    Fork(runtime, 3141);
+    proc.threads[3141] = {.container = "", .isZombie = true};
+    Exec(3141, "/proc/self/exe");
+    Fork(3141, 3142);
+    Attach(runtime, 3142, idA);
+    proc.threads[3142] = {.container = idA, .isZombie = true};
+    EXPECT_TRUE(Exec(3142, "/dev/fd/5"));
 }
 
 TEST_F(ContainerRegistryTest, ChildThatIsBornInsideTheGroupNeedsNoAttachEvent)
