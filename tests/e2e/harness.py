@@ -82,6 +82,7 @@ class Engine:
     """A Docker Engine of the tests' own."""
 
     def __init__(self, *options):
+        self.options = options
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="ce-engine."))
         self.socket = self.dir / "docker.sock"
         self.environment = dict(os.environ, DOCKER_HOST=f"unix://{self.socket}")
@@ -91,7 +92,7 @@ class Engine:
         run(ROOT / "scripts/engine.sh", "stop", self.dir)
 
     def restart(self):
-        run(ROOT / "scripts/engine.sh", "restart", self.dir)
+        run(ROOT / "scripts/engine.sh", "restart", self.dir, *self.options)
 
     def docker(self, *words):
         return run(DOCKER, *words, env=self.environment)

@@ -7,7 +7,8 @@
 //   probe serve             the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
 //   probe spawn N           forks N children that make no call and wait for the end of the standard input
 //
-// WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces)
+// WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
+//       runtime (a child that looks like a container runtime which executes a copy of itself)
 // WHAT: call NAME, shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -20,6 +21,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -69,6 +72,10 @@ static const struct Call calls[] = {
     {"init_module", SYS_init_module},
     {"process_vm_readv", SYS_process_vm_readv},
     {"getdents64", SYS_getdents64},
+    {"capset", SYS_capset},
+    {"mknodat", SYS_mknodat},
+    {"prctl", SYS_prctl},
+    {"pause", SYS_pause},
 };
 
 // Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
@@ -255,6 +262,18 @@ static void DoInChild(const struct Deed* deed, unsigned long flags)
     AwaitChild(child);
 }
 
+// As container runtimes do: a sealed copy of the own program in memory, executed under a name of theirs.
+static void BecomeRuntime(char* const arguments[])
+{
+    const int copy = memfd_create("runc_cloned:/proc/self/exe", MFD_ALLOW_SEALING);
+    const int own = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    while (copy >= 0 && sendfile(copy, own, NULL, 1 << 30) > 0) {
+    }
+    prctl(PR_SET_NAME, "runc:[2:INIT]");
+    fexecve(copy, arguments, environ);
+    Fail("fexecve");
+}
+
 // The grandchild's end is awaited through a pipe that only it holds.
 static void DoAsDaemon(const struct Deed* deed)
 {
@@ -293,6 +312,13 @@ static void DoAs(const char* who, const struct Deed* deed)
         if (child == 0) {
             execv("/proc/self/exe", arguments);
             _exit(1);
+        }
+        AwaitChild(child);
+    } else if (strcmp(who, "runtime") == 0) {
+        char* const arguments[] = {"runc", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL};
+        const pid_t child = fork();
+        if (child == 0) {
+            BecomeRuntime(arguments);
         }
         AwaitChild(child);
     } else if (strcmp(who, "daemon") == 0) {

@@ -1,0 +1,223 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the runtime, the engine and the host do is never taken for a container's deed, and hides none."""
+
+import os
+import pathlib
+import signal
+import tempfile
+import threading
+import time
+import unittest
+
+import harness
+from harness import HIGH_RISK, MERGE_SECONDS, is_call
+
+# What runc 1.1.5, its shim and the engine's helpers call from the first fork for a container to the exec of its program,
+# as recorded with raw_syscalls:sys_enter, and their relatives. Left out is what the benign program of these tests, the
+# probe, calls itself from its start to its end (brk, mprotect...).
+RUNTIME_CALLS = """
+    access bind capget capset chdir chroot clone close connect dup2 dup3 epoll_create1 epoll_ctl epoll_pwait execve exit
+    fchdir fchmod fchmodat fchown fchownat fcntl fork fstatfs futex getcwd getdents getdents64 getegid geteuid getpid
+    getrlimit getsockname getuid ioctl keyctl kill lgetxattr linkat lseek lsetxattr madvise memfd_create mkdir mkdirat
+    mknod mknodat mmap mount munmap nanosleep openat personality pipe2 pivot_root prctl pread64 readlinkat recvfrom
+    recvmsg renameat rt_sigaction rt_sigprocmask rt_sigreturn sched_getaffinity sched_setaffinity sched_yield sendmsg
+    sendto setdomainname setgid setgroups sethostname setns setpgid setpriority setregid setresgid setresuid setreuid
+    setsid setsockopt setuid setxattr shutdown sigaltstack socket socketpair statfs symlink symlinkat tgkill umask
+    umount2 uname unlink unlinkat unshare vfork waitid
+""".split()
+
+# Of these, what no program but a runtime needs.
+SET_UP_CALLS = """
+    capset chroot keyctl mknodat mount pivot_root setdomainname setgroups sethostname setns symlinkat umount2 unshare
+""".split()
+
+DOCKERFILE = """
+FROM probe:1
+RUN ["/bin/probe", "self", "call", "getppid"]
+HEALTHCHECK --interval=1s CMD ["/bin/probe", "self", "call", "getppid"]
+CMD ["/bin/probe", "self", "call", "pause"]
+"""
+GROUPS = f"/ce-test-{os.getpid()}"  # control groups that the tests leave behind in each hierarchy
+IDLE = ("probe", "self", "call", "pause")
+BENIGN = ("probe", "self", "call", "getppid")
+
+
+class HostAtWork:
+    """A process of the host that makes the listed calls all the time, with children and threads."""
+
+    def __init__(self):
+        self.server = harness.Server()
+        self.over = threading.Event()
+        self.thread = threading.Thread(target=self._work)
+        self.thread.start()
+
+    def _work(self):
+        while not self.over.wait(0.05):
+            for who, call in (("fork", "unshare"), ("self", "mount"), ("thread", "setns"), ("runtime", "pivot_root")):
+                self.server.do(f"{who} call {call}")
+
+    def close(self):
+        self.over.set()
+        self.thread.join()
+        self.server.close()
+
+
+class Precision(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.addClassCleanup(cls.remove_groups)
+        cls.engine = harness.Engine("--live-restore")
+        cls.addClassCleanup(cls.engine.close)
+        cls.engine.make_image("probe:1")
+        folder = tempfile.TemporaryDirectory(prefix="ce-watched.")
+        cls.addClassCleanup(folder.cleanup)
+        cls.watched = pathlib.Path(folder.name)
+        (cls.watched / "target").write_text("by the host\n")
+
+    def start(self, *words, **more):
+        more.setdefault("command", IDLE)
+        container = self.engine.start(*words, **more)
+        self.addCleanup(self.engine.remove, container)
+        return container
+
+    def agent(self, calls, directories=()):
+        running = harness.Agent(harness.policy(calls, directories), socket=self.engine.socket)
+        self.addCleanup(running.close)
+        return running
+
+    def attack(self, container, *words):
+        return self.engine.docker("exec", container, "probe", *words)
+
+    def run_benign(self, count):
+        for _ in range(count):
+            self.engine.docker("run", "--rm", "--network", "none", "-v", f"{self.watched}:/host", "-w", "/host",
+                               "probe:1", *BENIGN)
+
+    def exec_benign(self, count):
+        for _ in range(count):
+            self.engine.docker("exec", "victim", *BENIGN)
+
+    def at_once(self, work, count, workers=3):
+        shares = [count // workers + (worker < count % workers) for worker in range(workers)]
+        threads = [threading.Thread(target=work, args=(share,)) for share in shares]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+
+    def build(self):
+        with tempfile.TemporaryDirectory() as folder:
+            (pathlib.Path(folder) / "Dockerfile").write_text(DOCKERFILE)
+            self.engine.docker("build", "--network", "none", "-t", "built:1", folder)
+        healthy = self.engine.docker("run", "-d", "--network", "none", "built:1")
+        deadline = time.monotonic() + harness.PATIENCE
+        while self.engine.inspect(healthy, "{{.State.Health.Status}}") != "healthy":
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.2)
+        self.engine.remove(healthy)
+
+    def copy(self):
+        for there in ("/tmp/copy", "/host/copy"):
+            self.engine.docker("cp", harness.PROBE, f"victim:{there}")
+            self.engine.docker("cp", f"victim:{there}", self.watched / "back")
+
+    def rule(self):
+        self.engine.docker("pause", "victim")
+        self.engine.docker("unpause", "victim")
+        self.engine.docker("top", "victim")
+        self.engine.docker("commit", "victim", "committed:1")
+        self.engine.docker("export", "-o", self.watched / "exported", "victim")
+        self.engine.docker("kill", self.start("--name", "killed"))
+
+    def test_only_attacks_alarm_whatever_the_engine_does(self):
+        victim = self.start("--name", "victim", "--cap-add", "SYS_ADMIN", "--cap-add", "DAC_READ_SEARCH",
+                            "-v", f"{self.watched}:/host")
+        phases = (
+            (lambda: self.at_once(self.run_benign, 100), "unshare"),
+            (lambda: self.at_once(self.exec_benign, 100), "setns"),
+            (self.engine.restart, "mount"),
+            (lambda: self.engine.make_image("other:1"), "pivot_root"),
+            (lambda: self.engine.docker("restart", "-t", "0", "victim"), "umount2"),
+            (self.build, "keyctl"),
+            (self.copy, "chroot"),
+            (self.rule, "capset"),
+        )
+        agent = self.agent(RUNTIME_CALLS, [f"{self.engine.dir}/data/containers*/*rwa", f"{self.watched}*/*rwa"])
+        host = HostAtWork()
+        self.addCleanup(host.close)
+        expected, latencies = [], []
+        for phase, call in phases:
+            phase()
+            made = self.attack("victim", "self", "call", call)
+            arrived, alarm = agent.alarm()
+            self.assertEqual(alarm.get("forensic_info"), {"sys_call": call}, alarm)
+            expected.append((HIGH_RISK, victim))
+            latencies.append((arrived - int(made.split()[1])) / 1e6)
+            time.sleep(MERGE_SECONDS)
+        # The other detectors were on as well.
+        for name, deed in (("Container file escape attack", ("write", "/host/target")),
+                           ("Bruteforce syscall attack", ("brute", "301")),
+                           ("Shocker attack", ("shocker", "/etc/hostname"))):
+            self.attack("victim", "self", *deed)
+            agent.alarm(lambda document, name=name: document["event_name"] == name)
+        counts = agent.stop()
+        print(f"\n  100 runs, 100 execs: {len(agent.alarms())} alarms, of attacks all; call to alarm "
+              f"{min(latencies):.1f} to {max(latencies):.1f} ms; {counts}")
+        self.assertEqual([(alarm["event_name"], alarm["resource_info"]["container_id"])
+                          for alarm in agent.alarms()[:len(phases)]], expected)
+        self.assertEqual({alarm["resource_info"]["container_id"] for alarm in agent.alarms()}, {victim})
+        self.assertEqual(counts["shed_kernel"] + counts["shed"] + counts["lost_kernel"] + counts["lost_queues"], 0)
+
+    def watching(self):
+        return harness.agent(harness.policy(SET_UP_CALLS), socket=self.engine.socket)
+
+    def assert_only(self, agent, call, container):
+        agent.alarm()
+        agent.stop()
+        self.assertEqual([(alarm.get("forensic_info"), alarm["resource_info"]["container_id"])
+                          for alarm in agent.alarms()], [({"sys_call": call}, container)])
+
+    def test_whatever_a_container_shares_with_the_host(self):
+        for options in ("--init", "--pid host", "--ipc host", "--uts host", "--cgroupns host", "--cgroupns private",
+                        f"--cgroup-parent {GROUPS}/nested", "--user 1000:1000", "--read-only --tty",
+                        "--pid host --ipc host --uts host --cgroupns host --cap-add SYS_ADMIN --cap-add SYS_PTRACE"):
+            with self.subTest(options=options):
+                with self.watching() as agent:
+                    first = self.start(*options.split(), command=("probe", "self", "call", "unshare"))
+                    self.assert_only(agent, "unshare", first)
+                with self.watching() as agent:
+                    running = self.start(*options.split())
+                    self.attack(running, "thread", "call", "setns")
+                    self.assert_only(agent, "setns", running)
+
+    def test_who_pretends_to_be_the_runtime_is_seen(self):
+        pretender = self.start("--cap-add", "SYS_ADMIN", "--cgroupns", "host", "-v", "/sys/fs/cgroup:/groups")
+        leave = "for group in /groups/*; do %s; done 2>/dev/null; exec probe fork call mount"
+        for deed in (("probe", "runtime", "call", "mount"),
+                     ("sh", "-c", leave % f"busybox mkdir $group{GROUPS}; echo 0 >$group{GROUPS}/cgroup.procs"),
+                     ("sh", "-c", leave % "echo 0 >$group/cgroup.procs")):
+            with self.subTest(deed=deed), self.watching() as agent:
+                self.engine.docker("exec", pretender, *deed)
+                self.assert_only(agent, "mount", pretender)
+
+    def test_who_is_gone_before_anybody_looks_is_seen(self):
+        for name in ("/bin/probe", "/memfd:runc_cloned"):
+            with self.subTest(first=name), self.watching() as agent:
+                os.kill(agent.pid, signal.SIGSTOP)
+                try:
+                    container = self.start("--mount", f"type=bind,src={harness.PROBE},dst={name}",
+                                           command=(name, "self", "call", "umount2"))
+                    self.engine.docker("wait", container)
+                finally:
+                    os.kill(agent.pid, signal.SIGCONT)
+                self.assert_only(agent, "umount2", container)
+
+    @staticmethod
+    def remove_groups():
+        for group in [*pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}/*/"),
+                      *pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}")]:
+            group.rmdir()
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
