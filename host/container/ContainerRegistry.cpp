@@ -200,7 +200,7 @@ std::vector<int> ContainerRegistry::TakeAsked()
 // Whether it is the first since TakeAsked. The mutex is held.
 bool ContainerRegistry::NoteAsked(int pid, const Entry& entry)
 {
-    if (entry.state != State::Inside || entry.exit != alive || asked.size() >= maxAsked || onAsked == nullptr) {
+    if (entry.state != State::Inside || asked.size() >= maxAsked || onAsked == nullptr) {
         return false;
     }
     if (std::find(asked.begin(), asked.end(), pid) != asked.end()) {

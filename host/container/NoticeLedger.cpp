@@ -5,12 +5,6 @@
 
 namespace Engine {
 
-namespace {
-
-constexpr std::size_t maxStray = NoticeLedger::limit / 2;
-
-}  // namespace
-
 bool NoticeLedger::IsKnown(int tid, Nanoseconds now)
 {
     const auto found = records.find(tid);
@@ -50,22 +44,26 @@ void NoticeLedger::Forget(int tid)
     records.erase(tid);
 }
 
-void NoticeLedger::Doubt(std::uint64_t lost)
+void NoticeLedger::Unheard(const std::vector<int>& tids, Nanoseconds now)
 {
-    ++doubts;
-    stray =
-        static_cast<std::size_t>(std::min<std::uint64_t>(maxStray, stray + std::min<std::uint64_t>(lost, maxStray)));
+    for (const int tid : tids) {
+        Insert(tid, now, false);
+        MarkDead(tid, now);
+    }
+    if (records.size() > limit) {
+        Doubt();
+    }
 }
 
-std::vector<int> NoticeLedger::MakeRoom(std::size_t more)
+std::vector<int> NoticeLedger::MakeRoom(std::size_t more, Nanoseconds now)
 {
     std::vector<int> taken;
-    if (records.size() + more <= Capacity()) {
+    if (records.size() + more <= limit) {
         return taken;
     }
-    const std::size_t tooMany = std::max(batch, records.size() + more - Capacity());
-    TakeDead(tooMany, alive, taken);
-    if (records.size() + more > Capacity()) {
+    const std::size_t tooMany = std::max(batch, records.size() + more - limit);
+    TakeDead(tooMany, now - leastGrace, taken);
+    if (records.size() + more > limit) {
         TakeIdle(tooMany - taken.size(), taken);
     }
     return taken;

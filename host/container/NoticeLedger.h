@@ -18,7 +18,7 @@ namespace Engine {
 // told in the order in which they were told it, at most `limit` long, and withdraws what can be spared before more is
 // put in: the dead, oldest first, then the processes that were idle longest. Those are announced again when they act
 // again. A receiver's table is never larger than this list, which is what makes the scheme safe: it never reaches its
-// limit.
+// limit. Hence a withdrawal that no receiver heard of is put back into the list, and is tried again (see Unheard).
 //
 // Thread: one at a time. Throws nothing but std::bad_alloc.   Times: on the trace clock.
 class NoticeLedger {
@@ -31,6 +31,8 @@ public:
     static constexpr std::size_t batch = 64;
     // A process that has ended is withdrawn after this: what is reported about it lags behind its end.
     static constexpr Nanoseconds graceAfterExit = std::chrono::seconds{3};
+    // For so long it does not make room before those that are idle longer: a file notification may come as late.
+    static constexpr Nanoseconds leastGrace = std::chrono::milliseconds{100};
 
     // Whether the receivers know a live process `tid` for certain. Notes that it was active at `now`.
     bool IsKnown(int tid, Nanoseconds now);
@@ -45,12 +47,16 @@ public:
     void MarkDead(int tid, Nanoseconds when);
     void Forget(int tid);
 
-    // Nothing is certain any more: a receiver is new, or `lost` messages to receivers were lost. As many withdrawals
-    // may be among the lost, so there may be that many records more than this list has.
-    void Doubt(std::uint64_t lost);
+    // Nothing is certain any more: a receiver is new, or messages to receivers were lost.
+    void Doubt() { ++doubts; }
+
+    // The withdrawals of these were lost, so there are records of them still: to be withdrawn again, whoever bears the
+    // id by now. If there are more records than `limit` then, a receiver's table may have overflowed, and nothing is
+    // certain.
+    void Unheard(const std::vector<int>& tids, Nanoseconds now);
 
     // Whom to withdraw so that `more` ids fit. They are forgotten here already. Empty in most cases.
-    std::vector<int> MakeRoom(std::size_t more);
+    std::vector<int> MakeRoom(std::size_t more, Nanoseconds now);
 
     // Whom to withdraw because they ended long enough ago. They are forgotten here already.
     std::vector<int> TakeExpired(Nanoseconds now);
@@ -67,14 +73,12 @@ private:
         std::uint64_t doubt = 0;  // value of `doubts` when it was last certain; 0: never
     };
 
-    std::size_t Capacity() const { return limit - stray; }
     void TakeDead(std::size_t most, Nanoseconds notAfter, std::vector<int>& taken);
     void TakeIdle(std::size_t most, std::vector<int>& taken);
 
     std::unordered_map<int, Record> records;
     std::deque<std::pair<int, Nanoseconds>> dead;  // in the order of their exits
     std::uint64_t doubts = 1;
-    std::size_t stray = 0;  // records that receivers may have beside this list
 };
 
 }  // namespace Engine

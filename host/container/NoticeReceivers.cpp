@@ -2,9 +2,41 @@
 #include "host/container/NoticeReceivers.h"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 namespace Engine {
+
+// Tells its end apart from its handling, wherever on its way it ends.
+class NoticeReceivers::StopNotice final : public ContainerProcMessage {
+public:
+    StopNotice(std::shared_ptr<ProcInfo> info, std::shared_ptr<UnheardList> unheard)
+        : ContainerProcMessage(false, std::move(info)), unheard(std::move(unheard))
+    {
+    }
+    StopNotice(const StopNotice&) = delete;
+    StopNotice& operator=(const StopNotice&) = delete;
+    ~StopNotice() override
+    {
+        if (missing != 0) {
+            const std::lock_guard lock{unheard->mutex};
+            unheard->tids.push_back(this->info->pid);
+        }
+    }
+
+    void Expect() { ++missing; }
+
+    int MessageHandle(void* target) override
+    {
+        const int result = ContainerProcMessage::MessageHandle(target);
+        --missing;
+        return result;
+    }
+
+private:
+    std::shared_ptr<UnheardList> unheard;
+    std::atomic<int> missing{0};  // receivers that have not handled it
+};
 
 void NoticeReceivers::Add(Framework::Task& task)
 {
@@ -36,13 +68,13 @@ bool NoticeReceivers::TakeArrival()
     return std::exchange(arrival, false) && !receivers.empty();
 }
 
-std::uint64_t NoticeReceivers::TakeLosses()
+bool NoticeReceivers::TakeLoss()
 {
     const std::lock_guard lock{mutex};
-    std::uint64_t lost = 0;
+    bool lost = false;
     for (Receiver& receiver : receivers) {
         const unsigned long before = std::exchange(receiver.lost, receiver.task->LostEvents());
-        lost += receiver.lost - before;
+        lost = lost || receiver.lost != before;
     }
     return lost;
 }
@@ -53,6 +85,22 @@ void NoticeReceivers::Send(TraceSequencer& sequencer, const std::shared_ptr<Fram
     for (Framework::Task* target : targets) {
         sequencer.SendInOrder(*target, message);
     }
+}
+
+void NoticeReceivers::SendStop(TraceSequencer& sequencer, std::shared_ptr<ContainerProcMessage::ProcInfo> info)
+{
+    const auto notice = std::make_shared<StopNotice>(std::move(info), unheard);
+    const Targets chosen{*this};
+    for (Framework::Task* target : targets) {
+        notice->Expect();
+        sequencer.SendInOrder(*target, notice);
+    }
+}
+
+std::vector<int> NoticeReceivers::TakeUnheard()
+{
+    const std::lock_guard lock{unheard->mutex};
+    return std::exchange(unheard->tids, {});
 }
 
 NoticeReceivers::Targets::Targets(NoticeReceivers& owner) : owner(owner)

@@ -3,13 +3,13 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 #include "framework/Task.h"
 #include "host/ftrace/TraceObserver.h"
+#include "messages/ContainerMessages.h"
 
 namespace Engine {
 
@@ -25,11 +25,18 @@ public:
     // Whether somebody was added since the last call.
     bool TakeArrival();
 
-    // Events that the receivers' queues have refused since the last call.
-    std::uint64_t TakeLosses();
+    // Whether a receiver's queue has refused events since the last call.
+    bool TakeLoss();
 
     // One message, shared by all receivers: they only read it.
     void Send(TraceSequencer& sequencer, const std::shared_ptr<Framework::Message>& message);
+
+    // Sends everybody a stop notice.
+    void SendStop(TraceSequencer& sequencer, std::shared_ptr<ContainerProcMessage::ProcInfo> info);
+
+    // The processes whose stop notices ceased to be before every receiver had handled them, since the last call: a
+    // queue was full, or its task ended.
+    std::vector<int> TakeUnheard();
 
 private:
     struct Receiver {
@@ -49,11 +56,18 @@ private:
         NoticeReceivers& owner;
     };
 
+    class StopNotice;
+    struct UnheardList {
+        std::mutex mutex;
+        std::vector<int> tids;
+    };
+
     mutable std::mutex mutex;  // not held while a message is sent: the queue's side has locks of its own
     std::condition_variable sent;
     std::vector<Receiver> receivers;
     std::vector<Framework::Task*> targets;  // of the message that is being sent
     bool arrival = false;
+    std::shared_ptr<UnheardList> unheard = std::make_shared<UnheardList>();  // with the notices that are under way
 };
 
 }  // namespace Engine

@@ -83,16 +83,17 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
     if (mustResync && (!registry.IsSynced() || now - lastResync >= resyncPause)) {
         Resync(now, sequencer);
     }
+    ledger.Unheard(receivers.TakeUnheard(), now);
     if (receivers.TakeArrival()) {
-        ledger.Doubt(0);
+        ledger.Doubt();
         settled = now + settling;
         AnnounceProcesses(now, sequencer);
     }
-    if (const std::uint64_t lost = receivers.TakeLosses(); lost != 0) {
-        ledger.Doubt(lost);
+    if (receivers.TakeLoss()) {
+        ledger.Doubt();
     }
     AnnounceThose(registry.PromoteOverdue(now), now, sequencer);
-    AnnounceThose(registry.TakeAsked(), now, sequencer);
+    AnnounceAsked(now, sequencer);
     if (!receivers.IsEmpty()) {
         Withdraw(ledger.TakeExpired(now), sequencer);
     }
@@ -123,7 +124,7 @@ void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequen
     }
     // The event itself would make receivers know the parent, but neither its program nor its own parent.
     AnnounceIfUnknown(parent, *from, event.When(), sequencer);
-    MakeRoom(1, sequencer);
+    MakeRoom(1, event.When(), sequencer);
     ledger.Insert(child, event.When(), event.When() >= settled);
 }
 
@@ -215,6 +216,26 @@ void RegistryObserver::AnnounceThose(const std::vector<int>& tids, Nanoseconds n
     }
 }
 
+// A file notification may come when the process that it is about has ended, and was withdrawn for others already.
+void RegistryObserver::AnnounceAsked(Nanoseconds now, TraceSequencer& sequencer)
+{
+    for (const int tid : registry.TakeAsked()) {
+        const ContainerRegistry::Entry* entry = registry.Find(tid);
+        if (entry == nullptr || entry->state != ContainerRegistry::State::Inside || receivers.IsEmpty()) {
+            continue;
+        }
+        if (entry->exit == ContainerRegistry::alive) {
+            AnnounceIfUnknown(tid, *entry, now, sequencer);
+            continue;
+        }
+        if (!ledger.MayHold(tid)) {
+            Announce(tid, *entry, now, sequencer);
+        }
+        ledger.Insert(tid, now, false);
+        ledger.MarkDead(tid, now);
+    }
+}
+
 void RegistryObserver::AnnounceIfUnknown(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now,
                                          TraceSequencer& sequencer)
 {
@@ -230,14 +251,14 @@ void RegistryObserver::Announce(int tid, const ContainerRegistry::Entry& entry, 
     if (ledger.HoldsDead(tid)) {
         WithdrawIfHeld(tid, now, sequencer);
     }
-    MakeRoom(ledger.MayHold(tid) ? 0 : 1, sequencer);
+    MakeRoom(ledger.MayHold(tid) ? 0 : 1, now, sequencer);
     receivers.Send(sequencer, StartNotice(tid, entry));
     ledger.Insert(tid, now, true);
 }
 
-void RegistryObserver::MakeRoom(std::size_t more, TraceSequencer& sequencer)
+void RegistryObserver::MakeRoom(std::size_t more, Nanoseconds now, TraceSequencer& sequencer)
 {
-    Withdraw(ledger.MakeRoom(more), sequencer);
+    Withdraw(ledger.MakeRoom(more, now), sequencer);
 }
 
 void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer)
@@ -249,7 +270,7 @@ void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& se
         if (entry != nullptr && entry->container != nullptr) {
             info->containerId = *entry->container;
         }
-        receivers.Send(sequencer, std::make_shared<ContainerProcMessage>(false, std::move(info)));
+        receivers.SendStop(sequencer, std::move(info));
     }
 }
 

@@ -55,9 +55,10 @@ private:
     void Resync(Nanoseconds now, TraceSequencer& sequencer);
     void AnnounceProcesses(Nanoseconds now, TraceSequencer& sequencer);
     void AnnounceThose(const std::vector<int>& tids, Nanoseconds now, TraceSequencer& sequencer);
+    void AnnounceAsked(Nanoseconds now, TraceSequencer& sequencer);
     void Announce(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now, TraceSequencer& sequencer);
     void AnnounceIfUnknown(int tid, const ContainerRegistry::Entry& entry, Nanoseconds now, TraceSequencer& sequencer);
-    void MakeRoom(std::size_t more, TraceSequencer& sequencer);
+    void MakeRoom(std::size_t more, Nanoseconds now, TraceSequencer& sequencer);
     void Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer);
     void WithdrawIfHeld(int tid, Nanoseconds when, TraceSequencer& sequencer);
     void LeaveOutHost(int process, SyscallFilter* filter);

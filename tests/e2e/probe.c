@@ -5,7 +5,8 @@
 //
 //   probe WHO WHAT [ARG]    one deed; "made NS PID" on the standard output before it, NS by CLOCK_MONOTONIC
 //   probe serve             the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
-//   probe spawn N           forks N children that make no call and wait for the end of the standard input
+//   probe spawn N [DEED..]  forks N children that wait for orders: to each, the first real-time signal means the first
+//                           DEED ("WHO WHAT [ARG]" in one word), the second the second; ends with the standard input
 //
 // WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
 //       runtime (a child that looks like a container runtime which executes a copy of itself)
@@ -335,36 +336,57 @@ static void DoAs(const char* who, const struct Deed* deed)
     }
 }
 
+// Takes the line apart in place.
+static void Obey(char* line)
+{
+    char* rest = line;
+    char* words[4] = {NULL, NULL, NULL, NULL};
+    for (int i = 0; i < 4; ++i) {
+        words[i] = strtok_r(rest, " \n", &rest);
+    }
+    if (words[1] != NULL) {
+        DoAs(words[0], &(struct Deed){words[1], words[2], words[3]});
+    }
+}
+
 static void Serve(void)
 {
     char line[4096];
     while (fgets(line, sizeof line, stdin) != NULL) {
-        char* rest = line;
-        char* words[4] = {NULL, NULL, NULL, NULL};
-        for (int i = 0; i < 4; ++i) {
-            words[i] = strtok_r(rest, " \n", &rest);
-        }
-        if (words[1] != NULL) {
-            DoAs(words[0], &(struct Deed){words[1], words[2], words[3]});
-        }
+        Obey(line);
         printf("done\n");
         fflush(stdout);
     }
 }
 
-static void Spawn(long count)
+static void AwaitSignals(const sigset_t* orders, char** deeds, int count)
 {
-    char nothing;
-    for (long i = 0; i < count; ++i) {
-        if (fork() == 0) {
-            while (read(STDIN_FILENO, &nothing, 1) > 0) {
-            }
-            _exit(0);
+    char line[4096];
+    for (;;) {
+        const int deed = sigwaitinfo(orders, NULL) - SIGRTMIN;
+        if (deed >= 0 && deed < count) {
+            snprintf(line, sizeof line, "%s", deeds[deed]);
+            Obey(line);
         }
     }
-    printf("done\n");
-    fflush(stdout);
-    while (wait(NULL) > 0) {
+}
+
+static void Spawn(long children, char** deeds, int count)
+{
+    char nothing;
+    sigset_t orders;
+    sigemptyset(&orders);
+    for (int number = SIGRTMIN; number <= SIGRTMAX; ++number) {
+        sigaddset(&orders, number);
+    }
+    sigprocmask(SIG_BLOCK, &orders, NULL);
+    for (long i = 0; i < children; ++i) {
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            AwaitSignals(&orders, deeds, count);
+        }
+    }
+    while (read(STDIN_FILENO, &nothing, 1) > 0) {
     }
 }
 
@@ -387,15 +409,15 @@ int main(int count, char** arguments)
 {
     if (count == 2 && strcmp(arguments[1], "serve") == 0) {
         Serve();
-    } else if (count == 3 && strcmp(arguments[1], "spawn") == 0) {
-        Spawn(atol(arguments[2]));
     } else if (count == 4 && strcmp(arguments[1], "spread") == 0) {
         Spread(atol(arguments[2]), arguments[3]);
+    } else if (count >= 3 && strcmp(arguments[1], "spawn") == 0) {
+        Spawn(atol(arguments[2]), arguments + 3, count - 3);
     } else if (count >= 3) {
         DoAs(arguments[1],
              &(struct Deed){arguments[2], count > 3 ? arguments[3] : NULL, count > 4 ? arguments[4] : NULL});
     } else {
-        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N | spread N CALL\n");
+        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N [DEED..] | spread N CALL\n");
         return 2;
     }
     return 0;

@@ -149,6 +149,15 @@ TEST_F(RegistryObserverTest, ProcessThatSomebodyAsksAboutIsAnnouncedSoon)
     EXPECT_THAT(sequencer.Take(), IsEmpty());
     Round();
     EXPECT_THAT(sequencer.Take(), ElementsAre("+400"));
+    Exit(400);
+    now += Engine::NoticeLedger::graceAfterExit;
+    Round();
+    ContainerOf(400);
+    Round();
+    EXPECT_THAT(sequencer.Take(), ElementsAre("-400", "+400")) << "the notification comes late";
+    now += Engine::NoticeLedger::graceAfterExit;
+    Round();
+    EXPECT_THAT(sequencer.Take(), ElementsAre("-400"));
 }
 
 TEST_F(RegistryObserverTest, ForkThatANewReceiverMayHaveMissedIsMadeUpFor)
@@ -175,6 +184,24 @@ TEST_F(RegistryObserverTest, AfterALossInTheReceiversQueueEverybodyIsAnnouncedAg
     EXPECT_TRUE(Call(400));
     EXPECT_TRUE(Call(400));
     EXPECT_THAT(sequencer.Take(), ElementsAre("+400"));
+}
+
+// Stop notices that are lost make a receiver's table grow until it forgets everybody, also those it knew for certain.
+TEST_F(RegistryObserverTest, ATableThatOverflowedIsFilledAgainAndStaysBelowItsLimit)
+{
+    Register();
+    StartInA(400);
+    sequencer.isFull = true;
+    for (int child = 1000; child < 2000; ++child) {
+        Fork(400, child);  // forks come through, as they may when the queue is emptied now and then
+    }
+    sequencer.isFull = false;
+    for (int child = 1999; child >= 1000; --child) {
+        Round();
+        Call(child);
+        ASSERT_EQ(sequencer.table.count(child), 1U) << child;
+    }
+    EXPECT_LE(sequencer.table.size(), Engine::NoticeLedger::limit);
 }
 
 // What the scheme is for: with far more live threads than a receiver's table holds, and with many short-lived ones,

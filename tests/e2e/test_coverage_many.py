@@ -1,0 +1,110 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Thousands of live processes, of which the detection task's table holds a third: an attack by any of them is noticed."""
+
+import os
+import pathlib
+import random
+import signal
+import tempfile
+import time
+import unittest
+
+import harness
+from harness import HIGH_RISK, MERGE_SECONDS
+
+CONTAINERS = 4
+PROCESSES = 500  # in each container
+CALLS = ("unshare", "setns", "mount", "umount2", "pivot_root", "chroot", "keyctl", "ptrace")
+
+# What a process can be told to do, by the number of the signal, and the alarm that it must give.
+DEEDS = [(f"{who} {what}", alarm)
+         for what, alarm in [(f"call {call}", HIGH_RISK) for call in CALLS] +
+         [("shocker /etc/hostname", "Shocker attack"), ("brute 301", "Bruteforce syscall attack"),
+          ("write /host/target", "Container file escape attack")]
+         for who in ("self", "fork")]
+
+
+class AmongThousands(unittest.TestCase):
+    def agent(self):
+        running = harness.Agent(harness.policy(CALLS, [self.watched]), socket=self.engine.socket)
+        self.addCleanup(running.close)
+        return running
+
+    def start_crowd(self, name):
+        """A container with many processes that wait for signals. Returns their ids."""
+        container = self.engine.start("-i", "--name", name, "--cap-add", "DAC_READ_SEARCH", "-v", f"{self.watched}:/host",
+                                      command=("probe", "spawn", str(PROCESSES), *(deed for deed, _ in DEEDS)))
+        self.addCleanup(self.engine.remove, container)
+        first = int(self.engine.inspect(name, "{{.State.Pid}}"))
+        deadline = time.monotonic() + harness.PATIENCE
+        while True:
+            children = pathlib.Path(f"/proc/{first}/task/{first}/children").read_text().split()
+            if len(children) == PROCESSES:
+                return [int(child) for child in children]
+            self.assertLess(time.monotonic(), deadline, f"{len(children)} processes in {name}")
+            time.sleep(0.1)
+
+    def attack(self, agent, attackers, deeds):
+        """One process each does each of the deeds, all at once. Returns what was not noticed."""
+        expected = set()
+        for pid, number in zip(attackers, deeds):
+            deed, alarm = DEEDS[number]
+            expected.add((alarm, pid if deed.startswith("self") else None))
+            os.kill(pid, signal.SIGRTMIN + number)
+        deadline = time.monotonic() + 5
+        while expected and time.monotonic() < deadline:
+            try:
+                _, alarm = agent.alarm(patience=deadline - time.monotonic())
+            except AssertionError:
+                break
+            for pid in (alarm["process_info"][0]["process_pid"], None):
+                expected.discard((alarm["event_name"], pid))
+        return expected
+
+    def campaign(self, agent, crowd, what):
+        """In each merge window one attack of each kind, each by a process that has done nothing so far."""
+        missed, tries = [], 0
+        attackers = iter(random.sample(crowd, 4 * len(CALLS)))
+        for window in range(len(CALLS)):
+            who = window % 2  # by itself, or by a child that it forks for the purpose
+            deeds = [2 * kind + who for kind in (window, len(CALLS), len(CALLS) + 1, len(CALLS) + 2)]
+            chosen = [next(attackers) for _ in deeds]
+            missed += self.attack(agent, chosen, deeds)
+            tries += len(deeds)
+            time.sleep(MERGE_SECONDS)
+        agent.stop()
+        self.assertLessEqual(len(agent.alarms()), tries, "more alarms than attacks")
+        print(f"\n  {what}: {tries - len(missed)} of {tries} attacks among {len(crowd)} processes noticed")
+        return missed
+
+    def test_every_attack_is_noticed(self):
+        self.engine = harness.Engine()
+        self.addCleanup(self.engine.close)
+        self.engine.make_image("probe:1")
+        folder = tempfile.TemporaryDirectory(prefix="ce-watched.")
+        self.addCleanup(folder.cleanup)
+        self.watched = folder.name
+        crowd = [pid for number in range(CONTAINERS // 2) for pid in self.start_crowd(f"early{number}")]
+        agent = self.agent()
+        crowd += [pid for number in range(CONTAINERS // 2) for pid in self.start_crowd(f"late{number}")]
+        missed = self.campaign(agent, crowd, "at rest")
+
+        agent = self.agent()  # each call may be alarmed again, and nearly all have to be announced
+        self.engine.start("--name", "churn", command=("sh", "-c", "while :; do /bin/true; done"))
+        self.addCleanup(self.engine.remove, "churn")
+        forks, began = self.forks(), time.monotonic()
+        missed += self.campaign(agent, crowd, "in churn")
+        rate = (self.forks() - forks) / (time.monotonic() - began)
+        print(f"  {rate:.0f} forks a second")
+        self.assertGreater(rate, 200)
+        self.assertEqual(missed, [])
+
+    @staticmethod
+    def forks():
+        """Processes forked on this machine since it was started."""
+        lines = pathlib.Path("/proc/stat").read_text().splitlines()
+        return next(int(line.split()[1]) for line in lines if line.startswith("processes "))
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
