@@ -191,10 +191,24 @@ int ContainerRegistry::ContainerOf(int pid, std::string& id)
     return 0;
 }
 
-std::vector<int> ContainerRegistry::TakeAsked()
+std::vector<int> ContainerRegistry::TakeAsked(const std::shared_ptr<const void>& way)
 {
     const std::lock_guard lock{mutex};
+    if (!asked.empty()) {
+        std::erase_if(announced, [](const auto& item) { return item.second.expired(); });
+    }
+    for (const int pid : asked) {
+        announced.insert_or_assign(pid, way);
+    }
     return std::exchange(asked, {});
+}
+
+bool ContainerRegistry::IsBeingAnnounced(int pid)
+{
+    const std::lock_guard lock{mutex};
+    const auto found = announced.find(pid);
+    return (found != announced.end() && !found->second.expired()) ||
+           std::find(asked.begin(), asked.end(), pid) != asked.end();
 }
 
 // Whether it is the first since TakeAsked. The mutex is held.

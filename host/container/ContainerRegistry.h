@@ -106,10 +106,11 @@ public:
     // thread.
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override;
+    bool IsBeingAnnounced(int pid) override;
 
     // The processes Inside that somebody has asked about beside a trace event since the last call, at most maxAsked:
-    // something else than a system call has shown them to be active.
-    std::vector<int> TakeAsked();
+    // something else than a system call has shown them to be active. They are being announced while `way` exists.
+    std::vector<int> TakeAsked(const std::shared_ptr<const void>& way);
     static constexpr std::size_t maxAsked = 64;
 
     // `wake` is called, on the asking thread, when TakeAsked has something again. Set once, before anybody asks.
@@ -148,9 +149,10 @@ private:
     ProcReader& reader;
     std::mutex mutex;  // held for each write to `entries`, and for each read by other threads
     std::unordered_map<int, Entry> entries;
-    std::deque<std::pair<int, Nanoseconds>> dead;          // in the order of their exits
-    std::vector<std::pair<int, Nanoseconds>> provisional;  // who is believed to be in set-up, and until when
-    std::vector<int> asked;                                // guarded by the mutex
+    std::deque<std::pair<int, Nanoseconds>> dead;                  // in the order of their exits
+    std::vector<std::pair<int, Nanoseconds>> provisional;          // who is believed to be in set-up, and until when
+    std::vector<int> asked;                                        // guarded by the mutex
+    std::unordered_map<int, std::weak_ptr<const void>> announced;  // likewise; on their way, or were lately
     std::function<void()> onAsked;
     std::atomic<bool> synced{false};
 };

@@ -110,7 +110,8 @@ void Notifier::Release(TimePoint now)
             continue;
         }
         const Origin origin = Settled(*notification);
-        if (origin == Origin::Entering && notification->patience-- > 0) {
+        const bool isAhead = origin == Origin::Entering || IsAheadOfNotices(origin, notification->pid);
+        if (isAhead && notification->patience-- > 0) {
             held.Push(std::move(*notification), now);
             continue;
         }
@@ -141,6 +142,12 @@ Notifier::Origin Notifier::Settled(const Notification& notification)
     SDK::TraceTime::Scope time;
     time.MoveTo(notification.readAt.time_since_epoch());
     return OriginOf(notification.pid);
+}
+
+// A subscriber drops, or keeps for later, what is about a process that it has not been told of.
+bool Notifier::IsAheadOfNotices(Origin origin, int pid)
+{
+    return origin == Origin::Container && SDK::SystemView::Current().IsBeingAnnounced(pid);
 }
 
 Notifier::Origin Notifier::OriginOf(int pid)

@@ -87,6 +87,7 @@ private:
     bool Hold(const FanotifyEvent& event, Origin origin, const std::string& directory, TimePoint now);
     void Send(const std::string& task, const Notification& notification);
     static Origin OriginOf(int pid);
+    static bool IsAheadOfNotices(Origin origin, int pid);
     void Lost(TimePoint now, const char* why);
 
     WatchTable& watches;

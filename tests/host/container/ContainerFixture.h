@@ -25,10 +25,14 @@ public:
             return;
         }
         message->MessageHandle(&target);
-        const auto& notice = dynamic_cast<const Engine::ContainerProcMessage&>(*message);
-        last = *notice.info;
-        notices.push_back((notice.started ? "+" : "-") + std::to_string(last.pid));
-        if (notice.started) {
+        const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(message.get());
+        if (notice == nullptr) {
+            queued.push_back(message);
+            return;
+        }
+        last = *notice->info;
+        notices.push_back((notice->started ? "+" : "-") + std::to_string(last.pid));
+        if (notice->started) {
             Know(last.pid);
         } else {
             table.erase(last.pid);
@@ -49,7 +53,8 @@ public:
     std::vector<std::string> notices;
     Engine::ContainerProcMessage::ProcInfo last;
     Engine::SyscallFilter* filter = nullptr;
-    bool isFull = false;  // notices do not reach the receiver
+    std::vector<std::shared_ptr<Framework::Message>> queued;  // other messages, which the receiver has not reached yet
+    bool isFull = false;                                      // notices do not reach the receiver
 };
 
 class ContainerFixture : public testing::Test {

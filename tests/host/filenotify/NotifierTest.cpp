@@ -110,6 +110,23 @@ TEST_F(NotifierTest, AProcessThatNobodyKnowsIsJudgedAgainBeforeSending)
     EXPECT_EQ(Counted("notify.not_container"), 1U);
 }
 
+TEST_F(NotifierTest, AnAccessWaitsForTheNoticeOfItsProcessButNotForEver)
+{
+    system.announced = shell;
+    Write(shell, "f");
+    EXPECT_THAT(SentAfter(hold), IsEmpty());
+    system.announced = 0;
+    EXPECT_THAT(SentAfter(hold), ElementsAre("detector:50:/watched/f"));
+
+    system.announced = shell;
+    Write(shell, "g");
+    std::vector<std::string> all;
+    for (int holds = 0; holds < 30 && all.empty(); ++holds) {
+        all = SentAfter(hold);
+    }
+    EXPECT_THAT(all, ElementsAre("detector:50:/watched/g"));
+}
+
 TEST_F(NotifierTest, CountsEveryKindOfLoss)
 {
     Handle(Support::EventBuffer{}.Event(FAN_Q_OVERFLOW, 0));
