@@ -5,6 +5,7 @@ Everything started here is ended here, by pid. Times are CLOCK_MONOTONIC nanosec
 """
 
 import contextlib
+import fcntl
 import json
 import os
 import pathlib
@@ -39,6 +40,14 @@ def run(*command, **options):
     if done.returncode != 0:
         raise RuntimeError(f"{command} exited with {done.returncode}: {done.stderr.strip()}")
     return done.stdout.rstrip("\n")
+
+
+@contextlib.contextmanager
+def alone_on_this_machine():
+    """Waits until nobody else runs an agent: it would see the containers of all. The lock goes with this process."""
+    with open("/run/lock/containerescape-e2e.lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        yield
 
 
 class Lines:

@@ -1,11 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the end-to-end tests, all of them or those whose names hold one of the arguments, and prints the counts."""
 
-import fcntl
 import os
 import pathlib
 import sys
 import unittest
+
+sys.dont_write_bytecode = True
+import harness  # noqa: E402
 
 HERE = pathlib.Path(__file__).resolve().parent
 
@@ -21,28 +23,22 @@ def why_not():
     return None
 
 
-def wait_for_others():
-    """One run at a time on a machine: an agent sees the containers of all. The lock goes with this process."""
-    lock = open("/run/lock/containerescape-e2e.lock", "w", encoding="ascii")
-    fcntl.flock(lock, fcntl.LOCK_EX)
-    return lock
-
-
 def main():
-    sys.path.insert(0, str(HERE))
-    sys.dont_write_bytecode = True
     reason = why_not()
     if reason and not os.environ.get("CE_TESTS_MUST_RUN"):
         print(f"skipped: {reason}")
         print("end-to-end: 0 passed, 0 failed, 1 skipped")
         return 0
-    lock = wait_for_others()
+    with harness.alone_on_this_machine():
+        return run_tests()
+
+
+def run_tests():
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in sys.argv[1:]] or None
     suite = loader.discover(str(HERE))
     result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
     failed = len({test.id() for test, _ in result.failures + result.errors})
-    lock.close()
     print(f"end-to-end: {result.testsRun - failed - len(result.skipped)} passed, {failed} failed, "
           f"{len(result.skipped)} skipped")
     return 0 if result.wasSuccessful() and result.testsRun else 1

@@ -1,0 +1,43 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the measurements of the running agent share: the agent with its CPU time and its counters, and the load."""
+
+import contextlib
+import ctypes
+import json
+import os
+import pathlib
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(ROOT / "tests/e2e"))
+
+import harness  # noqa: E402
+
+LOAD = harness.BUILD / "bench/load"
+
+libc = ctypes.CDLL(None)
+
+
+def cpu_seconds(pid):
+    """User and system time of all the process's threads: the figure behind /proc/PID/stat, to the nanosecond."""
+    clock = ctypes.c_int()
+    error = libc.clock_getcpuclockid(pid, ctypes.byref(clock))
+    if error != 0:
+        raise OSError(error, os.strerror(error))
+    return time.clock_gettime(clock.value)
+
+
+@contextlib.contextmanager
+def counted_agent(policy, *options):
+    """An agent whose alarms nobody wants. After the block its attribute `counts` holds its counters."""
+    with tempfile.TemporaryDirectory() as folder:
+        statistics = pathlib.Path(folder) / "statistics"
+        agent = harness.Agent(policy, "--alarms", "/dev/null", "--stats", str(statistics), *options)
+        try:
+            yield agent
+        finally:
+            agent.close()
+        agent.counts = json.loads(statistics.read_text())
