@@ -7,11 +7,20 @@
 
 namespace Engine {
 
+int MessageGroup::MessageHandle(void* target)
+{
+    int result = 0;
+    for (const auto& message : messages) {
+        result = message->MessageHandle(target);
+    }
+    return result;
+}
+
 // Tells its end apart from its handling, wherever on its way it ends.
 class NoticeReceivers::StopNotice final : public ContainerProcMessage {
 public:
-    StopNotice(std::shared_ptr<ProcInfo> info, std::shared_ptr<UnheardList> unheard)
-        : ContainerProcMessage(false, std::move(info)), unheard(std::move(unheard))
+    StopNotice(std::shared_ptr<ProcInfo> info, std::shared_ptr<UnheardList> unheard, int receivers)
+        : ContainerProcMessage(false, std::move(info)), unheard(std::move(unheard)), missing(receivers)
     {
     }
     StopNotice(const StopNotice&) = delete;
@@ -24,8 +33,6 @@ public:
         }
     }
 
-    void Expect() { ++missing; }
-
     int MessageHandle(void* target) override
     {
         const int result = ContainerProcMessage::MessageHandle(target);
@@ -35,7 +42,7 @@ public:
 
 private:
     std::shared_ptr<UnheardList> unheard;
-    std::atomic<int> missing{0};  // receivers that have not handled it
+    std::atomic<int> missing;  // receivers that have not handled it
 };
 
 void NoticeReceivers::Add(Framework::Task& task)
@@ -87,13 +94,19 @@ void NoticeReceivers::Send(TraceSequencer& sequencer, const std::shared_ptr<Fram
     }
 }
 
-void NoticeReceivers::SendStop(TraceSequencer& sequencer, std::shared_ptr<ContainerProcMessage::ProcInfo> info)
+void NoticeReceivers::SendStops(TraceSequencer& sequencer,
+                                const std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>>& infos)
 {
-    const auto notice = std::make_shared<StopNotice>(std::move(info), unheard);
     const Targets chosen{*this};
+    const int receivers = static_cast<int>(targets.size());
+    std::vector<std::shared_ptr<Framework::Message>> notices;
+    notices.reserve(infos.size());
+    for (const auto& info : infos) {
+        notices.push_back(std::make_shared<StopNotice>(info, unheard, receivers));
+    }
+    const auto group = std::make_shared<MessageGroup>(std::move(notices));
     for (Framework::Task* target : targets) {
-        notice->Expect();
-        sequencer.SendInOrder(*target, notice);
+        sequencer.SendInOrder(*target, group);
     }
 }
 

@@ -276,6 +276,8 @@ void RegistryObserver::MakeRoom(std::size_t more, Nanoseconds now, TraceSequence
 
 void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer)
 {
+    std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>> infos;
+    infos.reserve(tids.size());
     for (const int tid : tids) {
         auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
         info->pid = tid;
@@ -283,7 +285,10 @@ void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& se
         if (entry != nullptr && entry->container != nullptr) {
             info->containerId = *entry->container;
         }
-        receivers.SendStop(sequencer, std::move(info));
+        infos.push_back(std::move(info));
+    }
+    if (!infos.empty()) {
+        receivers.SendStops(sequencer, infos);
     }
 }
 

@@ -25,14 +25,22 @@ public:
             return;
         }
         message->MessageHandle(&target);
-        const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(message.get());
-        if (notice == nullptr) {
+        if (const auto* group = dynamic_cast<const Engine::MessageGroup*>(message.get()); group != nullptr) {
+            for (const auto& each : group->Messages()) {
+                Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*each));
+            }
+        } else if (const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(message.get());
+                   notice != nullptr) {
+            Keep(*notice);
+        } else {
             queued.push_back(message);
-            return;
         }
-        last = *notice->info;
-        notices.push_back((notice->started ? "+" : "-") + std::to_string(last.pid));
-        if (notice->started) {
+    }
+    void Keep(const Engine::ContainerProcMessage& notice)
+    {
+        last = *notice.info;
+        notices.push_back((notice.started ? "+" : "-") + std::to_string(last.pid));
+        if (notice.started) {
             Know(last.pid);
         } else {
             table.erase(last.pid);
