@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """How much is lost in the kernel's buffers, by their size, while processes that look like a container's storm.
 
-    losses.py [bpf|tracefs [ROUNDS]]    default bpf, 3; needs root and a release build
+    losses.py [bpf|tracefs [ROUNDS [STORM...]]]    default bpf, 3, all; needs root and a release build
 
 System calls fill the rings of the BPF program (with tracefs: the trace buffers), forks and exits the trace buffers;
 --buffer-kb sets both. Each figure is the worst of the rounds.
@@ -93,15 +93,16 @@ def measure(source, size, commands, spinners):
 def main():
     source = sys.argv[1] if len(sys.argv) > 1 else "bpf"
     rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 3
+    storms = sys.argv[3:] or STORMS
     print(f"--syscalls {source}, events lost in the kernel's buffers by KiB for each CPU")
     print(f"{'':34}" + "".join(f"{size:9}" for size in SIZES) + "       made       read       shed")
     for spinners in (0, SPINNERS):
-        for name, commands in STORMS.items():
+        for name in storms:
             results = {size: [] for size in SIZES}
             for _ in range(rounds):
                 with harness.alone_on_this_machine():
                     for size in SIZES:
-                        results[size].append(measure(source, size, commands, spinners))
+                        results[size].append(measure(source, size, STORMS[name], spinners))
             every = [result for of_size in results.values() for result in of_size]
             title = name + (f", {spinners} busy loops beside" if spinners else "")
             lost = "".join(f"{max(result['lost'] for result in of_size):9}" for of_size in results.values())
