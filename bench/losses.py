@@ -19,7 +19,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import agents  # noqa: E402
 from agents import LOAD, harness  # noqa: E402
 
-SIZES = (64, 128, 256, 512, 1024, 2048, 4096, 8192, 32768)
+SIZES = (64, 128, 256, 512, 1024, 2048, 4096, 8192)
 SECONDS = 2
 SETTLE_SECONDS = 0.3
 SPINNERS = 4
