@@ -305,9 +305,13 @@ void HostAgent::WarnAbout(const Policy& policy)
         lines.push_back("policy key " + key + " is unknown and ignored");
     }
     Warn(lines);
-    Warn(UselessCalls(policy, CallEventsDir()));
+    // The kernel has some calls' events under other names: what is recorded needs no look at the names.
+    const std::set<std::string> recorded = RecordedCalls(engine, policy.calls);
+    Policy others = policy;
+    std::erase_if(others.calls, [&recorded](const std::string& call) { return recorded.contains(call); });
+    Warn(UselessCalls(others, CallEventsDir()));
     Warn(UselessDirectories(policy));
-    Warn(UnwatchedCalls(policy, RecordedCalls(engine, policy.calls)));
+    Warn(UnwatchedCalls(others, recorded));
 }
 
 }  // namespace Agent

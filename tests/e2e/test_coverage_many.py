@@ -73,6 +73,7 @@ class AmongThousands(unittest.TestCase):
             tries += len(deeds)
             time.sleep(MERGE_SECONDS)
         agent.stop()
+        self.assertFalse([line for line in agent.log.seen if "not watched" in line])
         self.assertLessEqual(len(agent.alarms()), tries, "more alarms than attacks")
         print(f"\n  {what}: {tries - len(missed)} of {tries} attacks among {len(crowd)} processes noticed")
         return missed
