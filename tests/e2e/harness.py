@@ -25,6 +25,13 @@ PROBE = BUILD / "tests/probe"
 INSTANCES = pathlib.Path("/sys/kernel/tracing/instances")
 DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
 
+
+def use_build(folder):
+    """Takes the agent and the probe from another build folder."""
+    global BUILD, AGENT, PROBE  # pylint: disable=global-statement
+    BUILD, AGENT, PROBE = folder, folder / "bin/containerescape-agent", folder / "tests/probe"
+
+
 # How long a step may take before it is called broken: far beyond what a busy machine needs.
 PATIENCE = 60.0
 
@@ -94,6 +101,7 @@ class Engine:
         self.options = options
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="ce-engine."))
         self.socket = self.dir / "docker.sock"
+        self.options = options
         self.environment = dict(os.environ, DOCKER_HOST=f"unix://{self.socket}")
         run(ROOT / "scripts/engine.sh", "start", self.dir, *options)
 

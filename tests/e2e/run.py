@@ -44,4 +44,5 @@ def run_tests():
     return 0 if result.wasSuccessful() and result.testsRun else 1
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
