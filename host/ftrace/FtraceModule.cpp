@@ -9,6 +9,7 @@
 #include <exception>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "host/ftrace/LiveTrace.h"
 #include "host/ftrace/Log.h"
@@ -31,11 +32,12 @@ std::size_t ConfiguredBufferKb()
     }
 }
 
-std::size_t BufferKb()
+std::size_t BufferKb(bool withSystemCalls)
 {
     const std::size_t configured = ConfiguredBufferKb();
     const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
-    return configured != 0 ? configured : TracefsInstance::DefaultBufferKb(static_cast<std::size_t>(cpus));
+    return configured != 0 ? configured
+                           : TracefsInstance::DefaultBufferKb(static_cast<std::size_t>(cpus), withSystemCalls);
 }
 
 std::string ConfiguredSource()
@@ -83,8 +85,10 @@ int FtraceModule::Init()
         if (const std::size_t removed = TracefsInstance::RemoveLeftovers(); removed != 0) {
             LogInformation("removed %zu trace instances of agents that have gone", removed);
         }
+        std::unique_ptr<SyscallProbe> probe = MakeProbe();
+        const std::size_t bufferKb = BufferKb(probe == nullptr);
         task = std::make_unique<TraceTask>(
-            std::make_unique<LiveTrace>(TracefsInstance::OwnName(), BufferKb(), MakeProbe()));
+            std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe)));
     } catch (const std::exception& error) {
         LogError("no trace events: %s", error.what());
         return -1;

@@ -86,11 +86,13 @@ std::size_t TracefsInstance::RemoveLeftovers()
     }));
 }
 
-std::size_t TracefsInstance::DefaultBufferKb(std::size_t cpus)
+std::size_t TracefsInstance::DefaultBufferKb(std::size_t cpus, bool withSystemCalls)
 {
     constexpr std::size_t perCpuKb = 8192;
     constexpr std::size_t totalKb = 256UL * 1024;
-    return std::min(perCpuKb, totalKb / std::max<std::size_t>(cpus, 1));
+    constexpr std::size_t perCpuKbWithoutCalls = 1024;
+    const std::size_t bound = totalKb / std::max<std::size_t>(cpus, 1);
+    return std::min(withSystemCalls ? perCpuKb : perCpuKbWithoutCalls, bound);
 }
 
 TracefsInstance::TracefsInstance(const std::string& name, std::size_t bufferKb) : name(name)

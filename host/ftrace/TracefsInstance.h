@@ -39,9 +39,10 @@ public:
     // many were removed.
     static std::size_t RemoveLeftovers();
 
-    // KiB for each CPU where nothing is set: enough for 0.1 s of a million system calls per second, but all CPUs
-    // together take no more than `totalKb`, because the kernel's memory for it cannot be swapped out.
-    static std::size_t DefaultBufferKb(std::size_t cpus);
+    // KiB for each CPU where nothing is set. With system calls: enough for 0.1 s of a million of them per second, and
+    // all CPUs together take no more than a bound, because the kernel's memory for it cannot be swapped out. Without
+    // them: forks, execs and exits, of which the kernel cannot make that many; docs/performance.md has the figures.
+    static std::size_t DefaultBufferKb(std::size_t cpus, bool withSystemCalls);
 
     // CPUs that the kernel has buffers for, ascending.
     std::vector<int> Cpus() const;
