@@ -6,7 +6,8 @@ set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
     libconcurrentqueue-dev libbpf-dev libseccomp-dev clang)
-test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io busybox-static python3 clang-format clang-tidy git procps)
+test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun busybox-static python3 clang-format
+    clang-tidy git procps)
 
 packages=("${build[@]}")
 [ "${1:-}" != test ] || packages+=("${test[@]}")

@@ -94,6 +94,23 @@ class Lines:
             self.seen.append(line)
 
 
+def make_root(root):
+    """Fills a folder with the files of the image: busybox and the probe."""
+    for sub in ("bin", "tmp", "proc", "host", "dev", "sys"):
+        (root / sub).mkdir(parents=True)
+    shutil.copy("/bin/busybox", root / "bin/busybox")
+    shutil.copy(PROBE, root / "bin/probe")
+    for applet in ("sh", "ls", "cat", "true", "sleep", "echo", "touch"):
+        (root / "bin" / applet).symlink_to("busybox")
+
+
+def make_archive(folder):
+    """The same in a tar file, for engines that import one."""
+    make_root(folder / "root")
+    run("tar", "-C", folder / "root", "-cf", folder / "image.tar", ".")
+    return folder / "image.tar"
+
+
 class Engine:
     """A Docker Engine of the tests' own."""
 
@@ -117,17 +134,7 @@ class Engine:
     def make_image(self, *names):
         """Imports busybox and the probe, and gives the image every one of the names."""
         with tempfile.TemporaryDirectory() as folder:
-            root = pathlib.Path(folder)
-            for sub in ("bin", "tmp", "proc", "host"):
-                (root / sub).mkdir()
-            shutil.copy("/bin/busybox", root / "bin/busybox")
-            shutil.copy(PROBE, root / "bin/probe")
-            for applet in ("sh", "ls", "cat", "true", "sleep", "echo", "touch"):
-                (root / "bin" / applet).symlink_to("busybox")
-            archive = pathlib.Path(tempfile.mkstemp(suffix=".tar")[1])
-            run("tar", "-C", root, "-cf", archive, ".")
-            self.docker("import", archive, names[0])
-            archive.unlink()
+            self.docker("import", make_archive(pathlib.Path(folder)), names[0])
         for name in names[1:]:
             self.docker("tag", names[0], name)
 
@@ -146,28 +153,69 @@ class Engine:
 class Server:
     """A probe that waits for orders, in a container or on the host."""
 
+    program = ("probe", "serve")
+
     def __init__(self, *prefix, env=None):
-        self.process = subprocess.Popen([*map(str, prefix), "probe" if prefix else str(PROBE), "serve"],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env)
-        self.lines = Lines(self.process.stdout)
+        command = [*prefix, *self.program] if prefix else [PROBE, "serve"]
+        self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                        env=env)
+        self._meet(self.process.stdin, self.process.stdout)
+
+    def _meet(self, orders, answers):
+        self.orders = orders
+        self.lines = Lines(answers)
         self.do("self call getppid")  # it is known to run from here on
 
     def do(self, order):
-        """Carries out one order. Returns when the deed began and the id of the thread that did it, as the probe saw it."""
-        self.process.stdin.write(order + "\n")
-        self.process.stdin.flush()
-        made = None
-        while True:
-            _, line = self.lines.wait_for(lambda text: True)
-            if line == "done":
-                return made
-            if line.startswith("made "):
-                made = tuple(int(word) for word in line.split()[1:])
+        """Carries out one order. Returns when the deed began and the id of the thread that did it, as the probe saw."""
+        self.orders.write(order + "\n")
+        self.orders.flush()
+        answer = []
+        while not answer or answer[-1] != "done":
+            answer.append(self.lines.wait_for(lambda text: True)[1])
+        return made("\n".join(answer))
 
     def close(self):
         self.process.stdin.close()
         self.process.wait(PATIENCE)
         self.process.stdout.close()
+
+
+class Attached(Server):
+    """One whose program the command before it names already."""
+
+    program = ()
+
+
+class Resident(Server):
+    """The first process of a container, reached by named pipes in a folder, which `start` makes the container's /host.
+    It outlives the engine that started it."""
+
+    program = ("sh", "-c", "exec probe serve </host/in >/host/out")
+
+    def __init__(self, folder, start):
+        for name in ("in", "out"):
+            os.mkfifo(folder / name)
+        start()
+        self._meet(open(folder / "in", "w", encoding="ascii"), open(folder / "out", encoding="ascii"))
+
+    def close(self):
+        self.orders.close()
+
+
+class Shell(Server):
+    """A shell of a container that starts probes; an order is what stands behind their name."""
+
+    program = ("sh",)
+
+    def do(self, order):
+        return super().do(f"probe {order}; echo done")
+
+
+def made(text):
+    """From a probe's output: when its last deed began, and the id of the thread that did it. None without a deed."""
+    found = re.findall(r"^made (\d+) (\d+)$", text, re.M)
+    return (int(found[-1][0]), int(found[-1][1])) if found else None
 
 
 class Agent:

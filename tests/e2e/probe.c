@@ -3,14 +3,16 @@
 // for, and does no harm (every call is made with arguments that the kernel refuses, or that change nothing). Linked
 // statically, so that it runs in an image that holds nothing else.
 //
-//   probe WHO WHAT [ARG]    one deed; "made NS PID" on the standard output before it, NS by CLOCK_MONOTONIC
-//   probe serve             the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
+//   probe WHO WHAT [ARG]    one deed; then "made NS PID" on the standard output: when it began, by CLOCK_MONOTONIC
+//   probe serve [WHO WHAT [ARG]]
+//                           the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
 //   probe spawn N [DEED..]  forks N children that wait for orders: to each, the first real-time signal means the first
 //                           DEED ("WHO WHAT [ARG]" in one word), the second the second; ends with the standard input
 //
 // WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
-//       runtime (a child that looks like a container runtime which executes a copy of itself)
-// WHAT: call NAME, shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
+//       runtime (a child that looks like a container runtime which executes a copy of itself), exec (a server only: it
+//       executes this program anew, and serves on)
+// WHAT: call NAME[,NAME...], shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -42,12 +44,18 @@ static void Fail(const char* why)
     exit(1);
 }
 
-static void Say(void)
+static struct timespec Now(void)
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+// After the deed: nothing, not even a write, comes between a process's start and its deed.
+static void Say(struct timespec when)
+{
     char line[80];
-    const int size = snprintf(line, sizeof line, "made %lld %ld\n", now.tv_sec * 1000000000LL + now.tv_nsec,
+    const int size = snprintf(line, sizeof line, "made %lld %ld\n", when.tv_sec * 1000000000LL + when.tv_nsec,
                               (long)syscall(SYS_gettid));
     if (write(STDOUT_FILENO, line, (size_t)size) != size) {
         _exit(3);
@@ -92,6 +100,16 @@ static void MakeCall(const char* name)
     }
     errno = EINVAL;
     Fail(name);
+}
+
+static void MakeCalls(const char* names)
+{
+    char copy[256];
+    char* rest = copy;
+    snprintf(copy, sizeof copy, "%s", names);
+    for (const char* name; (name = strtok_r(rest, ",", &rest)) != NULL;) {
+        MakeCall(name);
+    }
 }
 
 // i386's numbers (arch/x86/entry/syscalls/syscall_32.tbl): this program is a 64-bit one.
@@ -149,11 +167,12 @@ static void Shocker(const char* path)
     const int mount = open(path, O_RDONLY | O_CLOEXEC);
     List("/");
     List("/");
-    Say();
+    const struct timespec when = Now();
     const int opened = open_by_handle_at(mount, &target.handle, O_RDONLY | O_CLOEXEC);
     if (opened < 0 && errno == EPERM) {
         Fail("open_by_handle_at");
     }
+    Say(when);
     close(opened);
     close(mount);
 }
@@ -207,9 +226,9 @@ static void Do(const struct Deed* deed)
         Shocker(first);
         return;
     }
-    Say();
+    const struct timespec when = Now();
     if (strcmp(what, "call") == 0) {
-        MakeCall(first);
+        MakeCalls(first);
     } else if (strcmp(what, "call32") == 0) {
         MakeCall32(first);
     } else if (strcmp(what, "list") == 0) {
@@ -238,6 +257,7 @@ static void Do(const struct Deed* deed)
         errno = EINVAL;
         Fail(what);
     }
+    Say(when);
 }
 
 static void* DoInThread(void* deed)
@@ -323,6 +343,10 @@ static void DoAs(const char* who, const struct Deed* deed)
             BecomeRuntime(arguments);
         }
         AwaitChild(child);
+    } else if (strcmp(who, "exec") == 0) {
+        execv("/proc/self/exe",
+              (char*[]){"probe", "serve", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL});
+        Fail("execv");
     } else if (strcmp(who, "daemon") == 0) {
         DoAsDaemon(deed);
     } else if (strcmp(who, "thread") == 0) {
@@ -350,13 +374,18 @@ static void Obey(char* line)
     }
 }
 
+static void Done(void)
+{
+    printf("done\n");
+    fflush(stdout);
+}
+
 static void Serve(void)
 {
     char line[4096];
     while (fgets(line, sizeof line, stdin) != NULL) {
         Obey(line);
-        printf("done\n");
-        fflush(stdout);
+        Done();
     }
 }
 
@@ -406,19 +435,28 @@ static void Spread(long calls, const char* name)
     }
 }
 
+// "WHO WHAT [ARG [ARG]]", ends with a null pointer.
+static void DoWords(char** words)
+{
+    DoAs(words[0], &(struct Deed){words[1], words[2], words[2] == NULL ? NULL : words[3]});
+}
+
 int main(int count, char** arguments)
 {
-    if (count == 2 && strcmp(arguments[1], "serve") == 0) {
+    if (count >= 2 && strcmp(arguments[1], "serve") == 0) {
+        if (count >= 4) {
+            DoWords(arguments + 2);
+            Done();
+        }
         Serve();
     } else if (count == 4 && strcmp(arguments[1], "spread") == 0) {
         Spread(atol(arguments[2]), arguments[3]);
     } else if (count >= 3 && strcmp(arguments[1], "spawn") == 0) {
         Spawn(atol(arguments[2]), arguments + 3, count - 3);
     } else if (count >= 3) {
-        DoAs(arguments[1],
-             &(struct Deed){arguments[2], count > 3 ? arguments[3] : NULL, count > 4 ? arguments[4] : NULL});
+        DoWords(arguments + 1);
     } else {
-        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve | spawn N [DEED..] | spread N CALL\n");
+        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve [WHO WHAT [ARG]] | spawn N [DEED..] | spread N CALL\n");
         return 2;
     }
     return 0;

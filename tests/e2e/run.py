@@ -3,6 +3,7 @@
 
 import os
 import pathlib
+import shutil
 import sys
 import unittest
 
@@ -10,6 +11,7 @@ sys.dont_write_bytecode = True
 import harness  # noqa: E402
 
 HERE = pathlib.Path(__file__).resolve().parent
+PROGRAMS = {"dockerd": "docker.io", "ctr": "containerd", "runc": "runc", "podman": "podman", "crun": "crun"}
 
 
 def why_not():
@@ -18,8 +20,9 @@ def why_not():
         return "needs root"
     if not os.path.exists("/sys/kernel/tracing/instances"):
         return "needs tracefs at /sys/kernel/tracing"
-    if not any(os.access(f"{folder}/dockerd", os.X_OK) for folder in ("/usr/sbin", "/usr/bin")):
-        return "needs dockerd (apt-get install docker.io)"
+    for program, package in PROGRAMS.items():
+        if shutil.which(program, path="/usr/sbin:/usr/bin") is None:
+            return f"needs {program} (apt-get install {package})"
     return None
 
 
