@@ -249,6 +249,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
             made.container = Shared(found->container);
         }
     }
+    made.seen = when;
     made.parent = parent;
     return made;
 }

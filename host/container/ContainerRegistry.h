@@ -55,6 +55,7 @@ public:
         Text container;               // null for the host
         Nanoseconds since = longAgo;  // when the answer of ContainerOf last changed
         Text before;                  // that answer until then, null for none
+        Nanoseconds seen = longAgo;   // it is known to have started by then
         int parent = -1;              // the thread that forked it
         Nanoseconds exit = alive;
         Text executable;  // as its last exec named it; null when that was not seen
@@ -132,7 +133,9 @@ private:
     std::optional<Found> Look(int tid) const;
     FoundList LookAtAll() const;
     Entry Made(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
-    void Merge(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
+    void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
+    bool IsSince(int tid, const Entry& entry) const;
+    void Adopt(Found& found) const;
     void MarkMissing(const FoundList& found, Nanoseconds when);
     Entry& LoadMoved(int pid, Nanoseconds when);
     Entry* Load(int tid, Nanoseconds when);

@@ -8,7 +8,9 @@
 #include <array>
 #include <charconv>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string_view>
 
@@ -20,6 +22,8 @@ namespace Engine {
 
 namespace {
 
+constexpr long maxStatBytes = 4096;
+constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 constexpr long maxCgroupBytes = 256L * 1024;  // a line for each hierarchy, each at most a path of PATH_MAX
 
 std::string ProcPath(int tid, const char* file)
@@ -41,6 +45,13 @@ bool SameFile(const std::string& left, const std::string& right)
     struct stat b = {};
     return ::stat(left.c_str(), &a) == 0 && ::stat(right.c_str(), &b) == 0 && a.st_dev == b.st_dev &&
            a.st_ino == b.st_ino;
+}
+
+std::chrono::nanoseconds Now(clockid_t clock)
+{
+    timespec now = {};
+    ::clock_gettime(clock, &now);
+    return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
 }
 
 struct CloseDirectory {
@@ -102,6 +113,28 @@ int LiveProcReader::ParentOf(int tid)
 {
     SDK::ProcessUtils::procStatus status;
     return SDK::ProcessUtils::GetProcessStatusInfo(tid, status) == 0 ? status.ppid : -1;
+}
+
+// Field 22 of the line, in clock ticks since the boot (proc(5)): CLOCK_BOOTTIME, which goes on while the machine
+// sleeps. Counted from the end of the name, which may hold anything, a parenthesis included.
+std::optional<std::chrono::nanoseconds> LiveProcReader::StartOf(int tid)
+{
+    constexpr int fieldsBefore = 19;  // after the name
+    std::string text;
+    if (SDK::FileUtils::ReadFile(ProcPath(tid, "/stat"), text, maxStatBytes) != 0) {
+        return std::nullopt;
+    }
+    std::size_t at = text.rfind(") ");
+    for (int i = 0; i <= fieldsBefore && at != std::string::npos; ++i) {
+        at = text.find(' ', at + 1);
+    }
+    std::int64_t ticks = 0;
+    if (at == std::string::npos ||
+        std::from_chars(text.data() + at + 1, text.data() + text.size(), ticks).ec != std::errc{}) {
+        return std::nullopt;
+    }
+    const std::chrono::nanoseconds sinceBoot{ticks * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
+    return sinceBoot - (Now(CLOCK_BOOTTIME) - Now(CLOCK_MONOTONIC));
 }
 
 std::string LiveProcReader::ExecutableOf(int tid)

@@ -14,6 +14,7 @@ public:
     std::optional<bool> InHostMountNamespace(int tid) override;
     bool RunsCopyOfParent(int tid) override;
     int ParentOf(int tid) override;
+    std::optional<std::chrono::nanoseconds> StartOf(int tid) override;
     std::string ExecutableOf(int tid) override;
     std::vector<int> Processes() override;
     std::vector<int> Threads(int pid) override;

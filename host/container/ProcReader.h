@@ -3,6 +3,7 @@
 // without a kernel.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -32,6 +33,9 @@ public:
 
     // The parent's process id, -1 when the thread has gone.
     virtual int ParentOf(int tid) = 0;
+
+    // When it started, on CLOCK_MONOTONIC and rounded down by a scheduler's tick or so. Nothing when it has gone.
+    virtual std::optional<std::chrono::nanoseconds> StartOf(int tid) = 0;
 
     // The target of its exe link, empty when that cannot be read.
     virtual std::string ExecutableOf(int tid) = 0;

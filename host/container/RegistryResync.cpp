@@ -50,6 +50,7 @@ ContainerRegistry::Entry ContainerRegistry::Made(int tid, const Found& found, Na
         entry.container = std::make_shared<const std::string>(found.container);
     }
     entry.since = since;
+    entry.seen = now;
     entry.parent = found.parent;
     if (found.state == State::Entering) {
         provisional.emplace_back(tid, now + believeSetUp);
@@ -62,10 +63,11 @@ ContainerRegistry::Entry* ContainerRegistry::Load(int tid, Nanoseconds when)
     if (const auto known = entries.find(tid); known != entries.end()) {
         return &known->second;
     }
-    const std::optional<Found> found = Look(tid);
+    std::optional<Found> found = Look(tid);
     if (!found) {
         return nullptr;
     }
+    Adopt(*found);
     Entry made = Made(tid, *found, longAgo, when);
     const std::lock_guard lock{mutex};
     return &entries.insert_or_assign(tid, std::move(made)).first->second;
@@ -95,8 +97,27 @@ void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now)
     synced.store(true, std::memory_order_relaxed);
 }
 
-void ContainerRegistry::Merge(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
+// Whether the thread of that id is still the one that the entry is about.
+bool ContainerRegistry::IsSince(int tid, const Entry& entry) const
 {
+    const std::optional<Nanoseconds> start = reader.StartOf(tid);
+    return start && *start <= entry.seen;
+}
+
+// Outside of every container by its groups, but a child of one who is known to be Inside: its parent has left its
+// groups, as a container that can write to them may, and the fork was lost.
+void ContainerRegistry::Adopt(Found& found) const
+{
+    const Entry* parent = found.container.empty() ? Find(found.parent) : nullptr;
+    if (parent != nullptr && parent->state == State::Inside && IsSince(found.parent, *parent)) {
+        found.state = State::Inside;
+        found.container = *parent->container;
+    }
+}
+
+void ContainerRegistry::Merge(int tid, Found found, Nanoseconds since, Nanoseconds now)
+{
+    Adopt(found);
     const auto known = entries.find(tid);
     if (known == entries.end()) {
         Store(tid, Made(tid, found, since, now));
@@ -109,10 +130,15 @@ void ContainerRegistry::Merge(int tid, const Found& found, Nanoseconds since, Na
     if (sameContainer && (entry.state != State::Entering || found.state == State::Entering)) {
         return;
     }
+    // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
+    if (entry.state == State::Inside && IsSince(tid, entry)) {
+        return;
+    }
     Entry made = Made(tid, found, since, now);
     const std::lock_guard lock{mutex};
     entry.exit = alive;
     entry.executable = nullptr;
+    entry.seen = now;
     entry.parent = found.parent;
     Change(entry, made.state, std::move(made.container), since);
 }

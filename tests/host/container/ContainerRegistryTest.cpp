@@ -156,6 +156,23 @@ TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLost)
     EXPECT_EQ(registry.Find(401), nullptr);
 }
 
+TEST_F(ContainerRegistryTest, WhoMovedItselfOutStaysInsideOverALossAndSoDoItsChildren)
+{
+    const auto before = now;
+    StartInA(400);
+    StartInA(410);
+    proc.threads[400] = {.container = "", .parent = shim, .start = before};
+    proc.threads[401] = {.container = "", .parent = 400};   // its fork was lost
+    proc.threads[410] = {.container = "", .parent = shim};  // another process has the id now
+    proc.threads[411] = {.container = "", .parent = 410};
+    EXPECT_NE(registry.FindOrLoad(411, Next())->state, State::Inside);
+    registry.Resync(Next(), Next());
+    EXPECT_EQ(ContainerOf(400), idA);
+    EXPECT_EQ(ContainerOf(401), idA);
+    EXPECT_EQ(ContainerOf(410), "");
+    EXPECT_EQ(ContainerOf(411), "");
+}
+
 TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
 {
     proc.threads[400] = {idA, runtime, false, true};  // a copy of its parent, which is the host's

@@ -2,6 +2,7 @@
 // A /proc of the test's own making.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@ public:
         bool runsCopy = false;
         std::vector<int> others = {};  // further threads of this process
         bool isZombie = false;         // its control group can still be read, its namespaces cannot
+        std::chrono::nanoseconds start = std::chrono::seconds{5000};  // after all that the tests tell
     };
 
     std::map<int, Thread> threads;  // processes, and those of their threads that answer differently
@@ -35,6 +37,10 @@ public:
     }
     bool RunsCopyOfParent(int tid) override { return IsThere(tid) && threads[tid].runsCopy; }
     int ParentOf(int tid) override { return IsThere(tid) ? threads[tid].parent : -1; }
+    std::optional<std::chrono::nanoseconds> StartOf(int tid) override
+    {
+        return IsThere(tid) ? std::optional{threads[tid].start} : std::nullopt;
+    }
     std::string ExecutableOf(int /*tid*/) override { return "/proc-knows/sh"; }
     std::vector<int> Processes() override
     {
