@@ -80,6 +80,7 @@ class Lines:
             except queue.Empty:
                 raise AssertionError("no such line in time; the last ones: %s" % self.seen[-12:]) from None
             if line is None:
+                self.queue.put((when, None))  # for whoever asks next
                 raise AssertionError("the pipe ended; its last lines: %s" % self.seen[-12:])
             self.seen.append(line)
             if wanted(line):
