@@ -98,7 +98,8 @@ void NoticeReceivers::SendStops(TraceSequencer& sequencer,
                                 const std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>>& infos)
 {
     const Targets chosen{*this};
-    const int receivers = static_cast<int>(targets.size());
+    // With nobody there it is not heard either: the one who has just gone may come back, and has the records still.
+    const int receivers = std::max(static_cast<int>(targets.size()), 1);
     std::vector<std::shared_ptr<Framework::Message>> notices;
     notices.reserve(infos.size());
     for (const auto& info : infos) {

@@ -135,6 +135,14 @@ TEST_F(RegistryObserverTest, WhatDiedWhileNobodyListenedIsWithdrawnFromTheOneWho
     EXPECT_THAT(sequencer.Take(), ElementsAre("-400"));
 }
 
+TEST_F(RegistryObserverTest, AStopNoticeThatFindsNobodyIsUnheard)
+{
+    auto info = std::make_shared<Engine::ContainerProcMessage::ProcInfo>();
+    info->pid = 400;
+    receivers.SendStops(sequencer, {info});
+    EXPECT_THAT(receivers.TakeUnheard(), ElementsAre(400));
+}
+
 // A file notification names the process, whose own thread may never make a watched call.
 TEST_F(RegistryObserverTest, ProcessThatSomebodyAsksAboutIsAnnouncedSoon)
 {
