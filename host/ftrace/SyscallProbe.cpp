@@ -128,7 +128,7 @@ void SyscallProbe::LinkDeleter::operator()(bpf_link* link) const
 std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
 {
     constexpr std::size_t perCpuKb = 1024;
-    constexpr std::size_t totalKb = 64 * kib;
+    constexpr std::size_t totalKb = 16 * kib;
     return std::bit_floor(std::min(perCpuKb, totalKb / std::max<std::size_t>(cpus, 1)));
 }
 

@@ -40,8 +40,8 @@ public:
         unsigned int group = 4096;
     };
 
-    // Where nothing is set: KiB of each CPU's ring. All rings together take no more than a bound, since the kernel's
-    // memory for them cannot be swapped out.
+    // Where nothing is set: KiB of each CPU's ring. All rings together take no more than 16 MiB of the kernel's memory,
+    // which cannot be swapped out and counts in this process's resident memory.
     static std::size_t DefaultRingKb(std::size_t cpus);
 
     // `ringKb` is rounded up to a power of two of at least a page. Throws std::system_error, the text says why.
