@@ -49,8 +49,9 @@ RingStream::RingStream(SDK::FileDescriptor ring, std::size_t bytes)
 {
     consumed = static_cast<std::uint64_t*>(Map(map.Get(), pageBytes, PROT_READ | PROT_WRITE, 0));
     try {
-        // The records follow twice, so that one at the end can be read in one piece.
-        produced = static_cast<const std::uint64_t*>(Map(map.Get(), pageBytes + 2 * bytes, PROT_READ, pageBytes));
+        // The records follow twice. One page of the second time is enough to read a record at the end in one piece; all
+        // that is mapped counts as this process's memory.
+        produced = static_cast<const std::uint64_t*>(Map(map.Get(), MappedBytes(), PROT_READ, pageBytes));
     } catch (...) {
         ::munmap(consumed, pageBytes);
         throw;
@@ -60,7 +61,12 @@ RingStream::RingStream(SDK::FileDescriptor ring, std::size_t bytes)
 RingStream::~RingStream()
 {
     ::munmap(consumed, pageBytes);
-    ::munmap(const_cast<std::uint64_t*>(produced), pageBytes + 2 * bytes);
+    ::munmap(const_cast<std::uint64_t*>(produced), MappedBytes());
+}
+
+std::size_t RingStream::MappedBytes() const
+{
+    return pageBytes + bytes + pageBytes;
 }
 
 const std::byte* RingStream::At(std::uint64_t where) const

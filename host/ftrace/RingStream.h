@@ -29,6 +29,7 @@ public:
     std::uint64_t TakeLostPages() override { return 0; }
 
 private:
+    std::size_t MappedBytes() const;  // of `produced`, and what follows it
     const std::byte* At(std::uint64_t where) const;
     void LoadHead();
     void GiveBack();
