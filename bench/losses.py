@@ -71,14 +71,18 @@ def start_in(group, cpu, words):
 
 def storm(commands, spinners):
     """Returns how many calls or forks were made."""
-    idle = [subprocess.Popen([str(LOAD), "spin", str(SECONDS + 1)]) for _ in range(spinners)]
-    with control_group() as group:
+    with control_group() as group, contextlib.ExitStack() as processes:
+        for _ in range(spinners):
+            processes.callback(end, subprocess.Popen([str(LOAD), "spin", str(SECONDS + 1)]))
         running = [start_in(group, cpu, words) for cpu in sorted(os.sched_getaffinity(0)) for words in commands]
-        made = sum(int(process.communicate(timeout=harness.PATIENCE)[0]) for process in running)
-    for process in idle:
-        process.kill()
-        process.wait()
-    return made
+        for process in running:
+            processes.callback(end, process)
+        return sum(int(process.communicate(timeout=harness.PATIENCE)[0]) for process in running)
+
+
+def end(process):
+    process.kill()
+    process.wait()
 
 
 def measure(source, size, commands, spinners):
