@@ -29,9 +29,9 @@ ContainerRegistry::ContainerRegistry(ProcReader& reader) : reader(reader)
 {
 }
 
-void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when)
+void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, const BirthGroup& birthGroup)
 {
-    Entry made = ChildOf(parent, child, when);
+    Entry made = ChildOf(parent, child, when, birthGroup);
     if (const Entry* old = Find(child); old != nullptr) {
         made.before = Visible(*old);
         made.exit = old->exit != alive && old->exit >= when ? old->exit : alive;
@@ -231,7 +231,8 @@ bool ContainerRegistry::MayBeEntering(int pid)
     return entry != nullptr && (entry->state == State::Entering || (entry->state == State::Host && entry->inSetUp));
 }
 
-ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when)
+ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when,
+                                                    const BirthGroup& birthGroup)
 {
     Entry made;
     const Entry* from = Load(parent, when);
@@ -242,8 +243,13 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
         made.container = from->container;
         made.executable = from->executable;
     }
+    const bool isOfHost = from != nullptr && from->state == State::Host;
+    if (const auto group = isOfHost ? birthGroup(child) : std::nullopt; group) {
+        made.container = Shared(reader.ContainerOfGroup(*group));
+        made.state = made.container == nullptr ? State::Host : State::Entering;
+    }
     // A runtime creates its child inside the container's group, or the parent has gone before it was ever seen.
-    if (from == nullptr || (from->state == State::Host && from->inSetUp)) {
+    if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
         if (const std::optional<Found> found = Look(child); found && found->state != State::Host) {
             made.state = from == nullptr ? found->state : State::Entering;
             made.container = Shared(found->container);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
@@ -63,8 +64,12 @@ public:
 
     explicit ContainerRegistry(ProcReader& reader);
 
-    // sched:sched_process_fork. The child inherits everything and replaces whoever had its id before.
-    void ApplyFork(int parent, int child, Nanoseconds when);
+    // sched:sched_process_fork. The child inherits everything and replaces whoever had its id before. `birthGroup` is
+    // asked, about a child of the host's, for the control group it was made in (SyscallFilter::TakeBirthGroup): what a
+    // runtime makes in a container's group may be gone, with the program that it executed, when /proc is read.
+    using BirthGroup = std::function<std::optional<std::uint64_t>(int child)>;
+    void ApplyFork(
+        int parent, int child, Nanoseconds when, const BirthGroup& birthGroup = [](int) { return std::nullopt; });
 
     // cgroup:cgroup_attach_task. `mover`: who wrote the id into the group (common_pid). Comes once for each hierarchy,
     // and for a whole process names the leader only (cgroup_attach_task() in kernel/cgroup/cgroup.c). What a container
@@ -139,7 +144,7 @@ private:
     void MarkMissing(const FoundList& found, Nanoseconds when);
     Entry& LoadMoved(int pid, Nanoseconds when);
     Entry* Load(int tid, Nanoseconds when);
-    Entry ChildOf(int parent, int child, Nanoseconds when);
+    Entry ChildOf(int parent, int child, Nanoseconds when, const BirthGroup& birthGroup);
     void MoveOthers(int leader, const Entry& like, Nanoseconds when);
     bool IsStillSetUp(int pid, const Entry& entry, bool isSelfExecution) const;
     static const Text& Visible(const Entry& entry);

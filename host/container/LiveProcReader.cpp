@@ -2,7 +2,10 @@
 #include "host/container/LiveProcReader.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,6 +18,7 @@
 #include <string_view>
 
 #include "host/sdk/CgroupPath.h"
+#include "host/sdk/FileDescriptor.h"
 #include "host/sdk/SystemView.h"
 #include "sdk/FileUtils.h"
 
@@ -54,6 +58,19 @@ std::chrono::nanoseconds Now(clockid_t clock)
     return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
 }
 
+// Where control groups of version 2 are mounted: alone, or beside those of version 1. Invalid when they are nowhere.
+SDK::FileDescriptor OpenGroups()
+{
+    for (const char* path : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+        SDK::FileDescriptor groups{::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+        struct statfs kind = {};
+        if (groups && ::fstatfs(groups.Get(), &kind) == 0 && kind.f_type == CGROUP2_SUPER_MAGIC) {
+            return groups;
+        }
+    }
+    return {};
+}
+
 struct CloseDirectory {
     void operator()(DIR* directory) const { ::closedir(directory); }
 };
@@ -86,6 +103,21 @@ std::optional<std::string> LiveProcReader::ContainerOf(int tid)
         return std::nullopt;
     }
     return std::string{SDK::CgroupPath::ContainerIdOfFile(text)};
+}
+
+// A group's file handle is its id (kernfs_encode_fh() in fs/kernfs/mount.c).
+std::string LiveProcReader::ContainerOfGroup(std::uint64_t group)
+{
+    constexpr int kernfsHandle = 0xfe;  // FILEID_KERNFS (include/linux/exportfs.h)
+    alignas(file_handle) std::array<std::byte, sizeof(file_handle) + sizeof group> space{};
+    auto* handle = reinterpret_cast<file_handle*>(space.data());
+    handle->handle_bytes = sizeof group;
+    handle->handle_type = kernfsHandle;
+    std::memcpy(space.data() + offsetof(file_handle, f_handle), &group, sizeof group);
+    const SDK::FileDescriptor groups = OpenGroups();
+    const SDK::FileDescriptor found{::open_by_handle_at(groups.Get(), handle, O_PATH | O_CLOEXEC)};
+    const std::string path = found ? ReadLink("/proc/self/fd/" + std::to_string(found.Get())) : std::string{};
+    return std::string{SDK::CgroupPath::ContainerId(path)};
 }
 
 // Process 1 has the host's mount namespace even where the agent runs in one of its own. Where its link cannot be read

@@ -11,6 +11,7 @@ namespace Engine {
 class LiveProcReader : public ProcReader {
 public:
     std::optional<std::string> ContainerOf(int tid) override;
+    std::string ContainerOfGroup(std::uint64_t group) override;
     std::optional<bool> InHostMountNamespace(int tid) override;
     bool RunsCopyOfParent(int tid) override;
     int ParentOf(int tid) override;

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,9 @@ public:
 
     // The id of the container that its control groups belong to, empty for none. Nothing when the thread has gone.
     virtual std::optional<std::string> ContainerOf(int tid) = 0;
+
+    // The same for a control group of version 2, by its id (cgroup_id() in the kernel). Empty when that has gone, too.
+    virtual std::string ContainerOfGroup(std::uint64_t group) = 0;
 
     // Whether it has the mount namespace of the host. Nothing when the thread has gone.
     virtual std::optional<bool> InHostMountNamespace(int tid) = 0;

@@ -118,7 +118,12 @@ void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequen
 {
     const int parent = Number(event, "parent_pid");
     const int child = Number(event, "child_pid");
-    registry.ApplyFork(parent, child, event.When());
+    const auto birthGroup = [&](int process) -> std::optional<std::uint64_t> {
+        SyscallFilter* filter = sequencer.Filter();
+        // Children that are left out already were made in their parents' groups.
+        return filter == nullptr || !filter->TicketOf(process) ? std::nullopt : filter->TakeBirthGroup(process);
+    };
+    registry.ApplyFork(parent, child, event.When(), birthGroup);
     const ContainerRegistry::Entry* from = registry.Find(parent);
     if (from == nullptr || from->state != ContainerRegistry::State::Inside) {
         WithdrawIfHeld(child, event.When(), sequencer);

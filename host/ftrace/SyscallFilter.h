@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whose system calls the kernel leaves out.
+// Whose system calls the kernel leaves out, and what it has found out for that.
 #pragma once
 
 #include <cstdint>
@@ -20,6 +20,10 @@ public:
 
     // `process` is the host's. Its later children are left out, too, as long as they stay in its control groups.
     virtual void LeaveOut(int process, Ticket ticket) = 0;
+
+    // Where a process was made in other control groups than its parent's (clone3(2) with CLONE_INTO_CGROUP; no trace
+    // event tells): the id of its group of version 2. Takes it: the next question has no answer.
+    virtual std::optional<std::uint64_t> TakeBirthGroup(int process) = 0;
 
 protected:
     ~SyscallFilter() = default;

@@ -18,7 +18,15 @@
 struct thread_info {
     __u32 status;
 };
-struct css_set;
+struct kernfs_node {
+    __u64 id;
+};
+struct cgroup {
+    struct kernfs_node* kn;
+};
+struct css_set {
+    struct cgroup* dfl_cgrp;
+};
 struct task_struct {
     struct thread_info thread_info;
     int pid;
@@ -54,6 +62,14 @@ struct {
             __uint(max_entries, 4096);
         });
 } rings SEC(".maps");
+
+/* The control group (of version 2) of a process that was made in another one than its parent's, by its id. */
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, 1024);
+    __type(key, __u32);
+    __type(value, __u64);
+} birthGroups SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
@@ -207,7 +223,14 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
     if (process == (__u32)parent->tgid) {
         return 0;
     }
-    if (!IsHost(parent->tgid) || parent->cgroups != child->cgroups) {
+    const int isMadeElsewhere = parent->cgroups != child->cgroups;
+    if (isMadeElsewhere) {
+        const __u64 group = child->cgroups->dfl_cgrp->kn->id;
+        bpf_map_update_elem(&birthGroups, &process, &group, BPF_ANY);
+    } else {
+        bpf_map_delete_elem(&birthGroups, &process); /* of an earlier process with that id */
+    }
+    if (isMadeElsewhere || !IsHost(parent->tgid)) {
         MayBeInContainer(process);
         return 0;
     }

@@ -171,6 +171,7 @@ void SyscallProbe::Load(std::size_t cpus, const Budgets& budgets)
     processMemory = std::make_unique<Mapping>(processes, Elements(processLimit) * sizeof(CeProcesses));
     states = static_cast<std::uint16_t*>(processMemory->Memory());
     countsFd = bpf_map__fd(&FindMap(object.get(), "counts"));
+    birthGroupsFd = bpf_map__fd(&FindMap(object.get(), "birthGroups"));
     perCpu.resize(cpus);
 }
 
@@ -261,6 +262,16 @@ void SyscallProbe::LeaveOut(int process, Ticket ticket)
     if (std::uint16_t* const state = StateOf(process); state != nullptr) {
         std::atomic_ref<std::uint16_t>(*state).compare_exchange_strong(ticket, 1);
     }
+}
+
+std::optional<std::uint64_t> SyscallProbe::TakeBirthGroup(int process)
+{
+    std::uint64_t group = 0;
+    if (bpf_map_lookup_elem(birthGroupsFd, &process, &group) != 0) {
+        return std::nullopt;
+    }
+    bpf_map_delete_elem(birthGroupsFd, &process);
+    return group;
 }
 
 std::uint64_t SyscallProbe::Sum(unsigned int count)

@@ -66,6 +66,7 @@ public:
 
     std::optional<Ticket> TicketOf(int process) const override;
     void LeaveOut(int process, Ticket ticket) override;
+    std::optional<std::uint64_t> TakeBirthGroup(int process) override;
 
     // Since the last call.
     SyscallLoss TakeLoss();
@@ -95,6 +96,7 @@ private:
     std::vector<std::unique_ptr<RingStream>> streams;
     std::vector<std::unique_ptr<bpf_link, LinkDeleter>> links;
     int countsFd = -1;
+    int birthGroupsFd = -1;
     std::vector<std::uint64_t> perCpu;  // room for one counter of all CPUs
     SyscallLoss seen;
     std::uint64_t seenMisses = 0;

@@ -25,12 +25,14 @@ public:
         std::chrono::nanoseconds start = std::chrono::seconds{5000};  // after all that the tests tell
     };
 
-    std::map<int, Thread> threads;  // processes, and those of their threads that answer differently
+    std::map<std::uint64_t, std::string> groups;  // the containers of those that still exist
+    std::map<int, Thread> threads;                // processes, and those of their threads that answer differently
 
     std::optional<std::string> ContainerOf(int tid) override
     {
         return IsThere(tid) ? std::optional{threads[tid].container} : std::nullopt;
     }
+    std::string ContainerOfGroup(std::uint64_t group) override { return groups.count(group) != 0 ? groups[group] : ""; }
     std::optional<bool> InHostMountNamespace(int tid) override
     {
         return IsThere(tid) && !threads[tid].isZombie ? std::optional{threads[tid].hasHostMounts} : std::nullopt;

@@ -61,7 +61,13 @@ struct ListFilter final : Engine::SyscallFilter {
         EXPECT_EQ(ticket, process);
         in.erase(process);
     }
+    std::optional<std::uint64_t> TakeBirthGroup(int process) override
+    {
+        const auto born = groups.extract(process);
+        return born ? std::optional{born.mapped()} : std::nullopt;
+    }
     std::set<int> in;
+    std::map<int, std::uint64_t> groups;
 };
 
 TEST_F(RegistryObserverTest, TheHostIsLeftOutWithItsForebearsAndNobodyElse)
@@ -94,6 +100,24 @@ TEST_F(RegistryObserverTest, TheHostIsLeftOutWithItsForebearsAndNobodyElse)
     observer.OnLoss(sequencer);
     Round();
     EXPECT_THAT(filter.in, ElementsAre(400, 401, 402)) << "who is seen in /proc needs no call to be left out";
+}
+
+TEST_F(RegistryObserverTest, NoEndIsTooEarlyForAProcessThatWasMadeInAContainersGroup)
+{
+    ListFilter filter;
+    filter.in = {400, 401, 402};
+    filter.groups = {{400, 7}, {402, 8}};
+    proc.groups[7] = idA;
+    sequencer.filter = &filter;
+    Register();
+    Fork(runtime, 400);  // /proc has none of them any more
+    Fork(400, 401);
+    EXPECT_EQ(ContainerOf(401), "") << "it still sets up";
+    EXPECT_TRUE(Exec(401, "/bin/sh"));
+    EXPECT_EQ(sequencer.last.containerId, idA);
+    EXPECT_TRUE(Call(401));
+    Fork(runtime, 402);
+    EXPECT_FALSE(Exec(402, "/bin/sh")) << "a group that is no container's";
 }
 
 TEST_F(RegistryObserverTest, StopNoticesFollowTheDead)

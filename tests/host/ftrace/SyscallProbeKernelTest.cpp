@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/sched.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,7 +58,7 @@ pid_t InChild(const std::function<void()>& deed)
 }
 
 // The same, in a control group of its own from the start.
-void InChildInGroup(const std::filesystem::path& group, const std::function<void()>& deed)
+pid_t InChildInGroup(const std::filesystem::path& group, const std::function<void()>& deed)
 {
     const SDK::FileDescriptor directory{::open(group.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
     clone_args arguments{};
@@ -65,12 +66,20 @@ void InChildInGroup(const std::filesystem::path& group, const std::function<void
     arguments.exit_signal = SIGCHLD;
     arguments.cgroup = static_cast<std::uint64_t>(directory.Get());
     const long child = ::syscall(SYS_clone3, &arguments, sizeof arguments);
-    ASSERT_GE(child, 0) << std::strerror(errno);
+    EXPECT_GE(child, 0) << std::strerror(errno);
     if (child == 0) {
         deed();
         ::_exit(0);
     }
     ::waitpid(static_cast<pid_t>(child), nullptr, 0);
+    return static_cast<pid_t>(child);
+}
+
+// A control group's id is its inode's number.
+std::uint64_t IdOf(const std::filesystem::path& group)
+{
+    struct stat status = {};
+    return ::stat(group.c_str(), &status) == 0 ? status.st_ino : 0;
 }
 
 class Collector final : public RecordSink {
@@ -168,8 +177,11 @@ TEST_F(SyscallProbeTest, LeavesOutTheHostWithItsChildrenUntilOneIsMoved)
     EXPECT_NE(entries[0].process, moved) << "what a moved process forks is recorded, too";
 
     EXPECT_EQ(Read().size(), 0U);
-    InChildInGroup(root, [] { MakeCalls(1); });
+    const pid_t made = InChildInGroup(root, [] { MakeCalls(1); });
     EXPECT_EQ(Read().size(), 1U) << "made in another group at once";
+    EXPECT_EQ(probe->TakeBirthGroup(made), IdOf(root));
+    EXPECT_FALSE(probe->TakeBirthGroup(made)) << "taken";
+    EXPECT_FALSE(probe->TakeBirthGroup(moved)) << "made in its parent's group";
     join(root);
     std::filesystem::remove(group);
 }
