@@ -186,6 +186,21 @@ TEST_F(SyscallProbeTest, LeavesOutTheHostWithItsChildrenUntilOneIsMoved)
     std::filesystem::remove(group);
 }
 
+TEST_F(SyscallProbeTest, ReadsRecordsThatGoRoundTheRing)
+{
+    Start(4, {noLimit, noLimit, noLimit});
+    constexpr std::size_t calls = 40;  // a ring has room for some more
+    for (int time = 0; time < 20; ++time) {
+        InChild([] { MakeCalls(calls); });
+        const std::vector<CeTraceEntry> entries = Read();
+        ASSERT_EQ(entries.size(), calls);
+        for (std::size_t i = 0; i < calls; ++i) {
+            EXPECT_EQ(entries[i].number, callNumber);
+            EXPECT_EQ(entries[i].arguments[0], i);
+        }
+    }
+}
+
 TEST_F(SyscallProbeTest, CountsEveryCallThatItDoesNotRecord)
 {
     constexpr int calls = 50000;
