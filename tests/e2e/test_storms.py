@@ -70,6 +70,8 @@ class Storms(unittest.TestCase):
         # Without BPF nothing bounds a storm in the kernel, and an attack may be overwritten there.
         for source, least in (("bpf", TRIES), ("tracefs", TRIES // 2)):
             for what, words in storms.items():
+                if source == "tracefs" and words[0] == "spread":
+                    continue  # nothing is promised there: the buffers overflow, and a stop may take too long
                 with self.subTest(source=source, storm=what):
                     names = self.loud_containers()
                     other = self.server("other")
