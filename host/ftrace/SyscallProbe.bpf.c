@@ -211,7 +211,6 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
     record->when = bpf_ktime_get_ns();
     Fill(&record->entry, &call, regs, compat);
     bpf_ringbuf_submit(record, 0);
-    Count(CE_RECORDED);
     return 0;
 }
 

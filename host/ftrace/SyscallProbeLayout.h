@@ -10,7 +10,6 @@
 
 /* What a CPU counted since the program was loaded, in events. */
 enum CeCount {
-    CE_RECORDED,
     CE_DROPPED, /* the ring was full */
     CE_SHED,    /* left out: their thread or container makes too many */
     CE_COUNTS

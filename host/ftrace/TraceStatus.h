@@ -13,9 +13,6 @@ public:
     // The events that somebody gets now, "system:event", by the names under which they were asked for.
     virtual std::set<std::string> RecordedEvents() = 0;
 
-    // Whether system calls are filtered in the kernel, and seen through the 32-bit entry as well.
-    virtual bool HasSyscallProbe() = 0;
-
 protected:
     ~TraceStatus() = default;
 };

@@ -42,7 +42,6 @@ public:
     void RequestRound() override;
 
     std::set<std::string> RecordedEvents() override;
-    bool HasSyscallProbe() override { return trace->Filter() != nullptr; }
 
 private:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events

@@ -77,7 +77,6 @@ static const struct Call calls[] = {
     {"chroot", SYS_chroot},
     {"bpf", SYS_bpf},
     {"getppid", SYS_getppid},
-    {"getdents64", SYS_getdents64},
     {"keyctl", SYS_keyctl},
     {"init_module", SYS_init_module},
     {"process_vm_readv", SYS_process_vm_readv},
