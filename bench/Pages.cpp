@@ -250,7 +250,7 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
       })),
       delivery(table, catalog, [&task](const std::string&, std::unique_ptr<Framework::Message> message) {
           std::shared_ptr<Framework::Message> shared = std::move(message);
-          return task.EnqueueMsg(shared) == 0 ? EventDelivery::Sending::Accepted : EventDelivery::Sending::Refused;
+          return task.EnqueueMsg(shared) == 0 ? Sending::Accepted : Sending::Refused;
       })
 {
     // Of each CPU: so few that no round's events are a backlog, however long this process is kept from running.
@@ -275,7 +275,7 @@ void ReplayedTrace::Play()
     }
     do {
         merger->Round(UINT64_MAX, delivery);
-        delivery.Flush();
+        delivery.EndRound({});
         task->BulkConsumeMsg(everything);
     } while (merger->Holding() || merger->IsBehind());
 }

@@ -191,37 +191,16 @@ int ContainerRegistry::ContainerOf(int pid, std::string& id)
     return 0;
 }
 
-std::vector<int> ContainerRegistry::TakeAsked(const std::shared_ptr<const void>& way)
+std::unordered_set<int> ContainerRegistry::TakeAsked()
 {
     const std::lock_guard lock{mutex};
-    if (!asked.empty()) {
-        std::erase_if(announced, [](const auto& item) { return item.second.expired(); });
-    }
-    for (const int pid : asked) {
-        announced.insert_or_assign(pid, way);
-    }
     return std::exchange(asked, {});
-}
-
-bool ContainerRegistry::IsBeingAnnounced(int pid)
-{
-    const std::lock_guard lock{mutex};
-    const auto found = announced.find(pid);
-    return (found != announced.end() && !found->second.expired()) ||
-           std::find(asked.begin(), asked.end(), pid) != asked.end();
 }
 
 // Whether it is the first since TakeAsked. The mutex is held.
 bool ContainerRegistry::NoteAsked(int pid, const Entry& entry)
 {
-    if (entry.state != State::Inside || asked.size() >= maxAsked || onAsked == nullptr) {
-        return false;
-    }
-    if (std::find(asked.begin(), asked.end(), pid) != asked.end()) {
-        return false;
-    }
-    asked.push_back(pid);
-    return asked.size() == 1;
+    return entry.state == State::Inside && asked.insert(pid).second && asked.size() == 1;
 }
 
 bool ContainerRegistry::MayBeEntering(int pid)

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -112,12 +113,10 @@ public:
     // thread.
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override;
-    bool IsBeingAnnounced(int pid) override;
 
-    // The processes Inside that somebody has asked about beside a trace event since the last call, at most maxAsked:
-    // something else than a system call has shown them to be active. They are being announced while `way` exists.
-    std::vector<int> TakeAsked(const std::shared_ptr<const void>& way);
-    static constexpr std::size_t maxAsked = 64;
+    // The processes Inside that somebody has asked about beside a trace event since the last call: something else than
+    // a system call has shown them to be active.
+    std::unordered_set<int> TakeAsked();
 
     // `wake` is called, on the asking thread, when TakeAsked has something again. Set once, before anybody asks.
     void SetWake(std::function<void()> wake) { onAsked = std::move(wake); }
@@ -157,11 +156,11 @@ private:
     ProcReader& reader;
     std::mutex mutex;  // held for each write to `entries`, and for each read by other threads
     std::unordered_map<int, Entry> entries;
-    std::deque<std::pair<int, Nanoseconds>> dead;                  // in the order of their exits
-    std::vector<std::pair<int, Nanoseconds>> provisional;          // who is believed to be in set-up, and until when
-    std::vector<int> asked;                                        // guarded by the mutex
-    std::unordered_map<int, std::weak_ptr<const void>> announced;  // likewise; on their way, or were lately
-    std::function<void()> onAsked;
+    std::deque<std::pair<int, Nanoseconds>> dead;          // in the order of their exits
+    std::vector<std::pair<int, Nanoseconds>> provisional;  // who is believed to be in set-up, and until when
+    std::unordered_set<int> asked;                         // guarded by the mutex
+    std::function<void()> onAsked = [] {
+    };
     std::atomic<bool> synced{false};
 };
 

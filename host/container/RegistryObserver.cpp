@@ -15,12 +15,6 @@ namespace {
 constexpr int maxForebears = 16;
 constexpr std::size_t maxCommandName = 15;  // TASK_COMM_LEN without its zero byte (include/linux/sched.h)
 
-// Tells its receiver nothing.
-class EndOfNotices final : public Framework::Message {
-public:
-    int MessageHandle(void* /*target*/) override { return 0; }
-};
-
 int Number(const FtraceMessage& event, std::string_view field)
 {
     return static_cast<int>(event.get_number(field));
@@ -227,14 +221,10 @@ void RegistryObserver::AnnounceThose(const std::vector<int>& tids, Nanoseconds n
     }
 }
 
-// A file notification may come when the process that it is about has ended, and was withdrawn for others already. And
-// it must not overtake what tells of the process, be it a notice or a fork: the message at the end of these is gone
-// when a receiver has got so far.
+// A file notification may come when the process that it is about has ended, and was withdrawn for others already.
 void RegistryObserver::AnnounceAsked(Nanoseconds now, TraceSequencer& sequencer)
 {
-    const auto end = std::make_shared<EndOfNotices>();
-    const std::vector<int> asked = registry.TakeAsked(end);
-    for (const int tid : asked) {
+    for (const int tid : registry.TakeAsked()) {
         const ContainerRegistry::Entry* entry = registry.Find(tid);
         if (entry == nullptr || entry->state != ContainerRegistry::State::Inside || receivers.IsEmpty()) {
             continue;
@@ -248,9 +238,6 @@ void RegistryObserver::AnnounceAsked(Nanoseconds now, TraceSequencer& sequencer)
         }
         ledger.Insert(tid, now, false);
         ledger.MarkDead(tid, now);
-    }
-    if (!asked.empty()) {
-        receivers.Send(sequencer, end);
     }
 }
 

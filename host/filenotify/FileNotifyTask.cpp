@@ -16,7 +16,7 @@ namespace {
 
 constexpr unsigned int queueCapacity = 1024;
 constexpr std::size_t bufferBytes = std::size_t{128} * 1024;
-constexpr int readsInARow = 32;  // then messages and held notifications have their turn
+constexpr int readsInARow = 32;  // then messages have their turn
 constexpr int messagesInARow = 256;
 
 }  // namespace
@@ -25,10 +25,8 @@ FileNotifyTask::FileNotifyTask(FanotifyGroup opened, const FileNotifyTiming& tim
     : Framework::Task("filenotify_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
       group(std::move(opened)),
       timing(timing),
-      notifier(watches, keeper, getpid(), timing.hold,
-               [this](const std::string& task, std::unique_ptr<FileNotifyMessage> message) {
-                   return SendDirectMsg(task, message.release()) == 0;
-               }),
+      notifier(watches, keeper, getpid(),
+               [this](std::unique_ptr<AccessBatch> batch) { SendDirectMsg("ftrace_task", batch.release()); }),
       buffer(bufferBytes)
 {
 }
@@ -59,7 +57,6 @@ int FileNotifyTask::Run()
         going = ReadEvents();
     }
     const Clock::time_point now = Clock::now();
-    notifier.Release(now);
     if (now >= nextCheck) {
         keeper.Update(watches);
         nextCheck = now + timing.checkPeriod;
@@ -109,10 +106,7 @@ bool FileNotifyTask::ListenAgain()
 
 int FileNotifyTask::TimeoutMs(Clock::time_point now) const
 {
-    Clock::time_point next = std::min(nextCheck, notifier.NextRelease().value_or(nextCheck));
-    if (!listening) {
-        next = std::min(next, nextRead);
-    }
+    const Clock::time_point next = listening ? nextCheck : std::min(nextCheck, nextRead);
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(next - now);
     return static_cast<int>(std::max(wait, std::chrono::milliseconds{0}).count());
 }

@@ -22,7 +22,6 @@
 namespace Engine {
 
 struct FileNotifyTiming {
-    std::chrono::milliseconds hold{50};           // how long a notification is held back; see Notifier
     std::chrono::milliseconds readPause{5};       // between two reads while events keep coming; see FileNotifyTask::Run
     std::chrono::milliseconds checkPeriod{1000};  // between two looks at where the watched paths are
 };

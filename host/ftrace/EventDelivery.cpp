@@ -27,7 +27,7 @@ private:
 
 }  // namespace
 
-EventDelivery::EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender,
+EventDelivery::EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, MessageSender sender,
                              SyscallFilter* filter)
     : table(&table), kinds(std::move(kinds)), sender(std::move(sender)), filter(filter)
 {
@@ -120,18 +120,27 @@ void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framewo
     sender(target.name(), std::make_unique<SharedMessage>(std::move(message)));
 }
 
+void EventDelivery::EndRound(std::chrono::nanoseconds observed)
+{
+    std::size_t due = 0;
+    for (; due < followers.size() && followers[due]->When() <= observed; ++due) {
+        followers[due]->OnObserved();
+    }
+    if (observer != nullptr) {
+        Guarded([&] { observer->OnRound(observed, *this); });
+    }
+    Flush();
+    for (; due > 0; --due) {
+        followers.front()->OnFlushed(sender);
+        followers.pop_front();
+    }
+}
+
 void EventDelivery::Flush()
 {
     for (const auto& target : table->Targets()) {
         Send(*target);
         target->guard.Update(*target->backlog);  // it may have caught up without a new batch
-    }
-}
-
-void EventDelivery::ReportRound(std::chrono::nanoseconds now)
-{
-    if (observer != nullptr) {
-        Guarded([&] { observer->OnRound(now, *this); });
     }
 }
 

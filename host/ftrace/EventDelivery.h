@@ -2,12 +2,16 @@
 // What becomes of an event once it is its turn: the observer sees it, then its subscribers' batches take it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
-#include <functional>
+#include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 
+#include "host/ftrace/MessageSender.h"
 #include "host/ftrace/SubscriptionTable.h"
+#include "host/ftrace/TraceFollower.h"
 #include "host/ftrace/TraceMerger.h"
 #include "host/ftrace/TraceObserver.h"
 
@@ -27,15 +31,9 @@ struct DeliverySums {
 // Refers to the table. Thread: one at a time. What an observer throws is logged and ends that call only.
 class EventDelivery final : public RecordSink, public TraceSequencer {
 public:
-    // Refused: the task's queue is full. Gone: there is no such task, or it takes no messages any more.
-    enum class Sending { Accepted, Refused, Gone };
-
-    // Takes a message to the task of that name.
-    using Sender = std::function<Sending(const std::string& task, std::unique_ptr<Framework::Message> message)>;
-
     // `kinds`: owner of the kinds of all events that the table will hold.
     // `filter`: not owned, null for none.
-    EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, Sender sender,
+    EventDelivery(const SubscriptionTable& table, std::shared_ptr<const void> kinds, MessageSender sender,
                   SyscallFilter* filter = nullptr);
     virtual ~EventDelivery() = default;
 
@@ -43,15 +41,19 @@ public:
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override;
     SyscallFilter* Filter() override { return filter; }
 
-    // Sends the batches that have events. After each round.
-    void Flush();
+    // Takes what follows the events until some time. Their times do not decrease.
+    void Follow(std::shared_ptr<TraceFollower> follower) { followers.push_back(std::move(follower)); }
+    bool IsFollowed() const { return !followers.empty(); }
+
+    // Ends a round: everything before `observed` has come by. Tells the observer, sends the batches that have events,
+    // then what follows them.
+    void EndRound(std::chrono::nanoseconds observed);
 
     // Not owned; null: none, and every system call is admitted.
     void SetObserver(TraceObserver* next) { observer = next; }
     TraceObserver* Observer() const { return observer; }
 
-    // Tell the observer, if there is one.
-    void ReportRound(std::chrono::nanoseconds now);
+    // Tells the observer, if there is one.
     void ReportLoss();
 
     DeliverySums TakeSums();
@@ -61,14 +63,16 @@ private:
     TraceObserver::Origin AskObserver(const TraceRoute& route, const RawRecord& record);
     void Append(TraceTarget& target, const TraceRoute& route, const RawRecord& record);
     void Send(TraceTarget& target);
+    void Flush();
     template <class Call>
     void Guarded(Call call);
 
     const SubscriptionTable* table;
     std::shared_ptr<const void> kinds;
-    Sender sender;
+    MessageSender sender;
     SyscallFilter* filter;
     TraceObserver* observer = nullptr;
+    std::deque<std::shared_ptr<TraceFollower>> followers;
     DeliverySums sums;
     EventBatch::Unhandled unhandled = EventBatch::AllUnhandled();  // as far as it is in the sums
     std::uint64_t refused = 0;  // events that were not accepted when they were sent, not in the sums yet

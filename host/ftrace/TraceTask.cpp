@@ -86,8 +86,7 @@ int TraceTask::UnInit()
     const std::lock_guard lock{mutex};
     trace->StopAll();
     trace->Merger().Drain(delivery);
-    delivery.ReportRound(Clock::now().time_since_epoch());
-    delivery.Flush();
+    delivery.EndRound(Clock::now().time_since_epoch());
     LookAfterLosses(Clock::now());
     Publish();
     return FtraceTask::UnInit();
@@ -104,22 +103,20 @@ int TraceTask::Run()
     return 0;
 }
 
-EventDelivery::Sending TraceTask::Send(const std::string& task, std::unique_ptr<Framework::Message> message)
+Sending TraceTask::Send(const std::string& task, std::unique_ptr<Framework::Message> message)
 {
     if (SendDirectMsg(task, message.release()) == 0) {
-        return EventDelivery::Sending::Accepted;
+        return Sending::Accepted;
     }
     const Framework::Task* receiver = FindTask(task);
-    return receiver != nullptr && receiver->IsAccepting() ? EventDelivery::Sending::Refused
-                                                          : EventDelivery::Sending::Gone;
+    return receiver != nullptr && receiver->IsAccepting() ? Sending::Refused : Sending::Gone;
 }
 
 void TraceTask::Round()
 {
     lastRound = Clock::now();
     const std::uint64_t observed = trace->Merger().Round(Nanoseconds(lastRound), delivery);
-    delivery.ReportRound(std::chrono::nanoseconds{observed});
-    delivery.Flush();
+    delivery.EndRound(std::chrono::nanoseconds{observed});
     ForgetTheDead();
     if (lastRound - lastLook >= lookDistance) {
         lastLook = lastRound;
@@ -127,6 +124,15 @@ void TraceTask::Round()
         WatchDescriptors();
     }
     Publish();
+}
+
+int TraceTask::InterceptMsg(std::shared_ptr<Framework::Message>& message)
+{
+    if (auto follower = std::dynamic_pointer_cast<TraceFollower>(message); follower != nullptr) {
+        delivery.Follow(std::move(follower));
+        message.reset();
+    }
+    return 0;
 }
 
 // A subscriber that refused its events because it is no more, or another task of that name took its place.
@@ -164,7 +170,7 @@ void TraceTask::Publish()
 
 int TraceTask::WaitMs() const
 {
-    return trace->Merger().Holding() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
+    return trace->Merger().Holding() || delivery.IsFollowed() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
 }
 
 void TraceTask::Pace()

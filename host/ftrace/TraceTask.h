@@ -37,6 +37,9 @@ public:
     // 0, or an errno: ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal.
     int Receive(const FtraceWatchMessage& message) override;
 
+    // Keeps what follows the trace until the trace has got so far.
+    int InterceptMsg(std::shared_ptr<Framework::Message>& message) override;
+
     bool AddObserver(TraceObserver& observer) override;
     void RemoveObserver(TraceObserver& observer) override;
     void RequestRound() override;
@@ -49,7 +52,7 @@ private:
     int Watch(const FtraceWatchMessage& message, const KnownEvent& event);
     void Unwatch(const FtraceWatchMessage& message, const KnownEvent& event);
     void StopUnused(const std::vector<const KnownEvent*>& events);
-    EventDelivery::Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
+    Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
     void WatchDescriptors();
     void IgnoreDescriptors();
     void OnReady(int fd, std::uint32_t events);

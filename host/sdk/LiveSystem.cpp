@@ -106,12 +106,6 @@ bool LiveSystem::MayBeEntering(int pid)
     return resolver != nullptr && resolver->MayBeEntering(pid);
 }
 
-bool LiveSystem::IsBeingAnnounced(int pid)
-{
-    const std::shared_lock lock(resolverMutex);
-    return resolver != nullptr && resolver->IsBeingAnnounced(pid);
-}
-
 int LiveSystem::ContainerOf(int pid, std::string& id)
 {
     {

@@ -18,7 +18,6 @@ public:
     std::int64_t WallClockSeconds() override;
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override;
-    bool IsBeingAnnounced(int pid) override;
     int ExecutablePath(unsigned int pid, std::string& path) override;
     int Status(int pid, ProcessUtils::procStatus& status) override;
     int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override;

@@ -21,10 +21,6 @@ public:
     // Whether the process may be about to become a container's: as far as is known it is still a container runtime that
     // sets one up, but what is known may lag behind by the time that events take. Any thread.
     virtual bool MayBeEntering(int pid) = 0;
-
-    // Whether somebody has asked about the process whom the receivers of notices about processes may not know yet: what
-    // tells them of it is still on its way. Any thread.
-    virtual bool IsBeingAnnounced(int pid) = 0;
     virtual ~ContainerResolver() = default;
 };
 
@@ -35,9 +31,8 @@ public:
 
     virtual std::int64_t WallClockSeconds() = 0;
     virtual int ContainerOf(int pid, std::string& id) = 0;
-    // Both as with ContainerResolver; false where nobody follows processes.
+    // As with ContainerResolver; false where nobody follows processes.
     virtual bool MayBeEntering(int /*pid*/) { return false; }
-    virtual bool IsBeingAnnounced(int /*pid*/) { return false; }
     virtual int ExecutablePath(unsigned int pid, std::string& path) = 0;
     virtual int Status(int pid, ProcessUtils::procStatus& status) = 0;
     virtual int Namespaces(int pid, std::map<std::string, std::string>& namespaces) = 0;

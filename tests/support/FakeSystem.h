@@ -27,7 +27,6 @@ public:
     FakeSystem& operator=(const FakeSystem&) = delete;
     ~FakeSystem() override { SDK::SystemView::Exchange(before); }
 
-    std::atomic<int> announced{0};  // the process that is being announced; 0: none
     std::atomic<std::int64_t> now{1'700'000'000};
 
     void Put(int pid, Process process)
@@ -42,7 +41,6 @@ public:
     {
         return With(pid, [&](const Process& process) { id = process.container; });
     }
-    bool IsBeingAnnounced(int pid) override { return pid == announced; }
     int ExecutablePath(unsigned int pid, std::string& path) override
     {
         int result = -1;

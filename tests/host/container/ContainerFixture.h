@@ -29,11 +29,8 @@ public:
             for (const auto& each : group->Messages()) {
                 Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*each));
             }
-        } else if (const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(message.get());
-                   notice != nullptr) {
-            Keep(*notice);
         } else {
-            queued.push_back(message);
+            Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*message));
         }
     }
     void Keep(const Engine::ContainerProcMessage& notice)
@@ -61,8 +58,7 @@ public:
     std::vector<std::string> notices;
     Engine::ContainerProcMessage::ProcInfo last;
     Engine::SyscallFilter* filter = nullptr;
-    std::vector<std::shared_ptr<Framework::Message>> queued;  // other messages, which the receiver has not reached yet
-    bool isFull = false;                                      // notices do not reach the receiver
+    bool isFull = false;  // notices do not reach the receiver
 };
 
 class ContainerFixture : public testing::Test {

@@ -72,8 +72,6 @@ protected:
         }
         EXPECT_FALSE(error);
         keeper.CloseMounts();
-        now += std::chrono::seconds{1};
-        notifier.Release(now);
         return std::exchange(sent, {});
     }
 
@@ -109,10 +107,12 @@ protected:
     Engine::WatchTable watches;
     Engine::MarkKeeper keeper{group};
     std::vector<Sent> sent;
-    Engine::Notifier notifier{watches, keeper, getpid(), std::chrono::milliseconds{10},
-                              [this](const std::string&, std::unique_ptr<Engine::FileNotifyMessage> message) {
-                                  sent.emplace_back(message->GetEventFilePath(), message->GetEventMask());
-                                  return true;
+    Engine::Notifier notifier{watches, keeper, getpid(), [this](const std::unique_ptr<Engine::AccessBatch>& batch) {
+                                  batch->OnFlushed([this](auto&, std::unique_ptr<Framework::Message> message) {
+                                      auto& access = dynamic_cast<Engine::FileNotifyMessage&>(*message);
+                                      sent.emplace_back(access.GetEventFilePath(), access.GetEventMask());
+                                      return Engine::Sending::Accepted;
+                                  });
                               }};
     std::vector<std::byte> buffer = std::vector<std::byte>(65536);
     Engine::Notifier::TimePoint now{std::chrono::hours{1}};

@@ -10,7 +10,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 // Handles are the paths themselves.
 struct FakeLookup : Engine::DirectoryLookup {
@@ -44,11 +43,20 @@ protected:
     {
         Handle(Support::EventBuffer{}.Event(FAN_MODIFY, pid, "/watched", name));
     }
-    std::vector<std::string> SentAfter(std::chrono::milliseconds later)
+    // What the subscriber gets once the trace has got as far.
+    std::vector<std::string> Sent()
     {
-        now += later;
-        notifier.Release(now);
-        return std::exchange(sent, {});
+        std::vector<std::string> sent;
+        for (const auto& batch : std::exchange(batches, {})) {
+            batch->OnObserved();
+            batch->OnFlushed([&](const std::string& name, std::unique_ptr<Framework::Message> message) {
+                const auto& access = dynamic_cast<const Engine::FileNotifyMessage&>(*message);
+                sent.push_back(name + ":" + std::to_string(access.GetEventProcessId()) + ":" +
+                               access.GetEventFilePath());
+                return result;
+            });
+        }
+        return sent;
     }
     // How far the counter has moved since the last look.
     std::uint64_t Counted(const std::string& name)
@@ -61,25 +69,21 @@ protected:
     static constexpr int hostShell = 51;
     static constexpr int stranger = 52;
     static constexpr int agent = 53;
-    static constexpr std::chrono::milliseconds hold = 10ms;
 
     Support::FakeSystem system;
     Framework::Task task{"detector", "", Framework::TaskCondition::EventLoop, 1};
     Engine::WatchTable watches;
     FakeLookup lookup;
-    bool refuse = false;
-    std::vector<std::string> sent;
+    Engine::Sending result = Engine::Sending::Accepted;
+    std::vector<std::unique_ptr<Engine::AccessBatch>> batches;
     std::map<std::string, std::uint64_t> seen = SDK::Counters::Snapshot();
     Engine::Notifier::TimePoint now{1h};
-    Engine::Notifier notifier{watches, lookup, agent, hold,
-                              [this](const std::string& name, std::unique_ptr<Engine::FileNotifyMessage> message) {
-                                  sent.push_back(name + ":" + std::to_string(message->GetEventProcessId()) + ":" +
-                                                 message->GetEventFilePath());
-                                  return !refuse;
+    Engine::Notifier notifier{watches, lookup, agent, [this](std::unique_ptr<Engine::AccessBatch> batch) {
+                                  batches.push_back(std::move(batch));
                               }};
 };
 
-TEST_F(NotifierTest, SendsAContainersAccessAfterTheHoldAndLooksNothingUpForOthers)
+TEST_F(NotifierTest, SendsAContainersAccessesBehindTheTraceAndLooksNothingUpForOthers)
 {
     Support::EventBuffer buffer;
     for (const int pid : {hostShell, shell, agent, hostShell, shell}) {
@@ -87,44 +91,24 @@ TEST_F(NotifierTest, SendsAContainersAccessAfterTheHoldAndLooksNothingUpForOther
     }
     Handle(buffer);
     EXPECT_EQ(lookup.asked, 2);
-    EXPECT_THAT(SentAfter(hold - 1ms), IsEmpty());
-    EXPECT_THAT(SentAfter(1ms), ElementsAre("detector:50:/watched/f", "detector:50:/watched/f"));
+    ASSERT_EQ(batches.size(), 1U);
+    EXPECT_EQ(batches.front()->When(), now.time_since_epoch()) << "when the kernel's answer was read";
+    EXPECT_EQ(batches.front()->EventCount(), 2U);
+    EXPECT_THAT(Sent(), ElementsAre("detector:50:/watched/f", "detector:50:/watched/f"));
     EXPECT_EQ(Counted("notify.read"), 5U);
     EXPECT_EQ(Counted("notify.not_container"), 2U);
     EXPECT_EQ(Counted("notify.delivered"), 2U);
-
-    Write(shell, "f");
-    watches.Remove(&task, "/watched");
-    EXPECT_THAT(SentAfter(hold), IsEmpty()) << "the watch was withdrawn meanwhile";
 }
 
-TEST_F(NotifierTest, AProcessThatNobodyKnowsIsJudgedAgainBeforeSending)
+TEST_F(NotifierTest, AProcessIsJudgedByWhatTheTraceHasTold)
 {
     Write(stranger, "still unknown");
     Write(stranger + 100, "of the host");
     Write(stranger + 200, "of a container");
     system.Put(stranger + 100, {{1, "sh"}, "", "", {}});
     system.PutInContainer(stranger + 200, "0123456789ab");
-    EXPECT_THAT(SentAfter(hold),
-                ElementsAre("detector:52:/watched/still unknown", "detector:252:/watched/of a container"));
+    EXPECT_THAT(Sent(), ElementsAre("detector:52:/watched/still unknown", "detector:252:/watched/of a container"));
     EXPECT_EQ(Counted("notify.not_container"), 1U);
-}
-
-TEST_F(NotifierTest, AnAccessWaitsForTheNoticeOfItsProcessButNotForEver)
-{
-    system.announced = shell;
-    Write(shell, "f");
-    EXPECT_THAT(SentAfter(hold), IsEmpty());
-    system.announced = 0;
-    EXPECT_THAT(SentAfter(hold), ElementsAre("detector:50:/watched/f"));
-
-    system.announced = shell;
-    Write(shell, "g");
-    std::vector<std::string> all;
-    for (int holds = 0; holds < 30 && all.empty(); ++holds) {
-        all = SentAfter(hold);
-    }
-    EXPECT_THAT(all, ElementsAre("detector:50:/watched/g"));
 }
 
 TEST_F(NotifierTest, CountsEveryKindOfLoss)
@@ -143,23 +127,18 @@ TEST_F(NotifierTest, CountsEveryKindOfLoss)
     EXPECT_EQ(Counted("notify.unresolved"), 1U);
 
     lookup.answer = Engine::DirectoryLookup::Answer::Done;
-    refuse = true;
     Write(shell, "refused");
-    EXPECT_EQ(SentAfter(hold).size(), 1U);
+    result = Engine::Sending::Refused;
+    EXPECT_EQ(Sent().size(), 1U);
     EXPECT_EQ(Counted("notify.lost_queue"), 1U);
+    Write(shell, "the trace's queue is full");
+    batches.clear();
+    EXPECT_EQ(Counted("notify.lost_queue"), 1U);
+    Write(shell, "the subscriber has stopped");
+    result = Engine::Sending::Gone;
+    EXPECT_EQ(Sent().size(), 1U);
+    EXPECT_EQ(Counted("notify.lost_queue"), 0U);
     EXPECT_EQ(Counted("notify.delivered"), 0U);
-}
-
-TEST_F(NotifierTest, ABurstBeyondTheBoundIsSentEarlyAndNotLost)
-{
-    Support::EventBuffer burst;
-    for (std::size_t i = 0; i < Engine::Notifier::maxHeld + 3; ++i) {
-        burst.Event(FAN_MODIFY, shell, "/watched", std::to_string(i));
-    }
-    Handle(burst);
-    EXPECT_THAT(SentAfter(0ms),
-                ElementsAre("detector:50:/watched/0", "detector:50:/watched/1", "detector:50:/watched/2"));
-    EXPECT_EQ(SentAfter(hold).size(), Engine::Notifier::maxHeld);
 }
 
 }  // namespace

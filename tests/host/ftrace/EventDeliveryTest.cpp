@@ -67,11 +67,12 @@ public:
     {
         return tid == refusedTid ? notAdmitted : static_cast<Origin>(tid);
     }
-    void OnRound(nanoseconds /*now*/, TraceSequencer& /*sequencer*/) override {}
+    void OnRound(nanoseconds now, TraceSequencer& /*sequencer*/) override { rounds.push_back(now); }
     void OnLoss(TraceSequencer& /*sequencer*/) override { seen.push_back(lossMark); }
 
     static constexpr std::int64_t lossMark = -1;
     static constexpr int refusedTid = 7;
+    std::vector<nanoseconds> rounds;
     std::vector<std::int64_t> seen;
 
 private:
@@ -92,7 +93,7 @@ protected:
 
     void Finish()
     {
-        delivery.Flush();
+        delivery.EndRound({});
         for (auto* task : {&first, &second}) {
             task->BulkConsumeMsg(1000);
         }
@@ -105,13 +106,13 @@ protected:
     Receiver second{"second"};
     Observer observer{first};
     SubscriptionTable table;
-    std::vector<unsigned long> batches;  // events of each
+    std::vector<unsigned long> batches;  // events of each; of another message one
     EventDelivery delivery{
         table, nullptr, [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
             batches.push_back(message->EventCount());
             std::shared_ptr<Framework::Message> shared = std::move(message);
-            return (task == first.name() ? first : second).EnqueueMsg(shared) == 0 ? EventDelivery::Sending::Accepted
-                                                                                   : EventDelivery::Sending::Refused;
+            return (task == first.name() ? first : second).EnqueueMsg(shared) == 0 ? Sending::Accepted
+                                                                                   : Sending::Refused;
         }};
     std::uint64_t clock = 0;
 };
@@ -151,11 +152,47 @@ TEST_F(EventDeliveryTest, CountsWhatAFullQueueRefuses)
     for (int round = 0; round < 6; ++round) {  // the queue takes four
         Record(forkId, 1);
         Record(forkId, 2);
-        delivery.Flush();
+        delivery.EndRound({});
     }
     const DeliverySums sums = delivery.TakeSums();
     EXPECT_EQ(sums.unwanted, 0U);
     EXPECT_EQ(sums.lostQueue, 4U);
+}
+
+// Asks when the observer has seen the events and is not done with the round yet, sends behind these events.
+class Follower : public TraceFollower {
+public:
+    Follower(nanoseconds when, const Observer& observer) : TraceFollower(when), observer(observer) {}
+    void OnObserved() override { roundsBefore = observer.rounds.size(); }
+    void OnFlushed(const MessageSender& send) override
+    {
+        EXPECT_EQ(observer.rounds.size(), roundsBefore + 1);
+        send("first", std::make_unique<Framework::CmdMessage>("", ""));
+    }
+
+private:
+    const Observer& observer;
+    std::size_t roundsBefore = 0;
+};
+
+TEST_F(EventDeliveryTest, WhatFollowsTheTraceComesBehindTheEventsUntilItsTime)
+{
+    delivery.SetObserver(&observer);
+    table.Add(first, fork);
+    for (const int when : {2, 4}) {
+        delivery.Follow(std::make_shared<Follower>(nanoseconds{when}, observer));
+    }
+    Record(forkId, 1);
+    delivery.EndRound(nanoseconds{1});
+    EXPECT_THAT(batches, ElementsAre(1U)) << "nothing follows yet";
+    Record(forkId, 1);
+    Record(forkId, 1);
+    delivery.EndRound(nanoseconds{3});
+    EXPECT_THAT(batches, ElementsAre(1U, 2U, 1U));
+    EXPECT_TRUE(delivery.IsFollowed());
+    delivery.EndRound(nanoseconds{4});
+    EXPECT_THAT(batches, ElementsAre(1U, 2U, 1U, 1U));
+    EXPECT_FALSE(delivery.IsFollowed());
 }
 
 TEST_F(EventDeliveryTest, CountsWhatASubscriberLeftInItsQueue)
@@ -163,13 +200,13 @@ TEST_F(EventDeliveryTest, CountsWhatASubscriberLeftInItsQueue)
     std::vector<std::unique_ptr<Framework::Message>> queue;
     EventDelivery toNobody{table, nullptr, [&](const std::string&, std::unique_ptr<Framework::Message> message) {
                                queue.push_back(std::move(message));
-                               return EventDelivery::Sending::Accepted;
+                               return Sending::Accepted;
                            }};
     table.Add(first, fork);
     table.Add(first, call);
     RecordFor(toNobody, forkId, 1);
     RecordFor(toNobody, callId, 1);
-    toNobody.Flush();
+    toNobody.EndRound({});
     EXPECT_EQ(toNobody.TakeSums().unwanted, 0U);
     queue.clear();
     const DeliverySums sums = toNobody.TakeSums();

@@ -76,7 +76,6 @@ class SlowResolver : public SDK::ContainerResolver {
 public:
     explicit SlowResolver(LiveSystem& system) : system(system) { system.SetContainerResolver(this); }
     bool MayBeEntering(int /*pid*/) override { return false; }
-    bool IsBeingAnnounced(int /*pid*/) override { return false; }
     int ContainerOf(int, std::string& container) override
     {
         cleared = std::async(std::launch::async, [this] { system.SetContainerResolver(nullptr); });

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+// Accesses to watched paths, on their way to the subscribers.
+//
+// A notification and the trace events that tell of its process take different ways to the same subscriber: sent at once
+// it would overtake them, and speak of a process that nobody knows yet. Every trace event that came before the access
+// is older than the time at which the notification was read, so it follows the trace up to that time. Who made the
+// access is known for certain then, and if it is a container's process, the subscriber is told of it before.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/ftrace/TraceFollower.h"
+
+namespace Engine {
+
+// Names of counters beside those of the SDK's list.
+namespace NotifyCounterName {
+inline constexpr char delivered[] = "notify.delivered";    // queued for a subscriber
+inline constexpr char unresolved[] = "notify.unresolved";  // not the host's, in a directory without a path
+}  // namespace NotifyCounterName
+
+// Entering: the host's as far as is known, but what is known may lag behind the access.
+enum class AccessOrigin { Host, Container, Unknown, Entering };
+
+// As of that time. Any thread.
+AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when);
+
+// The paths are looked up before: later the directory may be gone. Those of a watch that is withdrawn while they are on
+// their way, a millisecond or two, are still sent. What no subscriber's queue takes is counted as lost, and what a
+// subscriber would get that has stopped is not.
+class AccessBatch final : public TraceFollower {
+public:
+    struct Access {
+        std::string subscriber;
+        int watch;
+        std::uint64_t mask;
+        int pid;
+        std::string path;
+    };
+
+    explicit AccessBatch(std::chrono::steady_clock::time_point readAt) : TraceFollower(readAt.time_since_epoch()) {}
+    AccessBatch(const AccessBatch&) = delete;
+    AccessBatch& operator=(const AccessBatch&) = delete;
+    ~AccessBatch() override;
+
+    void Add(Access access) { accesses.push_back(std::move(access)); }
+
+    // Leaves out those of processes that have turned out to be the host's, and has the others announced.
+    void OnObserved() override;
+    void OnFlushed(const MessageSender& send) override;
+    unsigned long EventCount() const override { return accesses.size(); }
+
+private:
+    std::vector<Access> accesses;
+};
+
+}  // namespace Engine
