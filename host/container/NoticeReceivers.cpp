@@ -7,15 +7,6 @@
 
 namespace Engine {
 
-int MessageGroup::MessageHandle(void* target)
-{
-    int result = 0;
-    for (const auto& message : messages) {
-        result = message->MessageHandle(target);
-    }
-    return result;
-}
-
 // Tells its end apart from its handling, wherever on its way it ends.
 class NoticeReceivers::StopNotice final : public ContainerProcMessage {
 public:
@@ -94,20 +85,14 @@ void NoticeReceivers::Send(TraceSequencer& sequencer, const std::shared_ptr<Fram
     }
 }
 
-void NoticeReceivers::SendStops(TraceSequencer& sequencer,
-                                const std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>>& infos)
+void NoticeReceivers::SendStop(TraceSequencer& sequencer, std::shared_ptr<ContainerProcMessage::ProcInfo> info)
 {
     const Targets chosen{*this};
     // With nobody there it is not heard either: the one who has just gone may come back, and has the records still.
     const int receivers = std::max(static_cast<int>(targets.size()), 1);
-    std::vector<std::shared_ptr<Framework::Message>> notices;
-    notices.reserve(infos.size());
-    for (const auto& info : infos) {
-        notices.push_back(std::make_shared<StopNotice>(info, unheard, receivers));
-    }
-    const auto group = std::make_shared<MessageGroup>(std::move(notices));
+    const auto notice = std::make_shared<StopNotice>(std::move(info), unheard, receivers);
     for (Framework::Task* target : targets) {
-        sequencer.SendInOrder(*target, group);
+        sequencer.SendInOrder(*target, notice);
     }
 }
 

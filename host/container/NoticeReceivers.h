@@ -15,21 +15,6 @@
 
 namespace Engine {
 
-// Several messages to the same receiver, in order, as one item of its queue.
-class MessageGroup final : public Framework::Message {
-public:
-    explicit MessageGroup(std::vector<std::shared_ptr<Framework::Message>> messages) : messages(std::move(messages)) {}
-
-    // The result of the last one.
-    int MessageHandle(void* target) override;
-    unsigned long EventCount() const override { return messages.size(); }
-
-    const std::vector<std::shared_ptr<Framework::Message>>& Messages() const { return messages; }
-
-private:
-    std::vector<std::shared_ptr<Framework::Message>> messages;
-};
-
 // Any thread, but Send from one at a time. When Remove has returned, nothing more is sent to that task.
 class NoticeReceivers {
 public:
@@ -48,11 +33,8 @@ public:
     // One message, shared by all receivers: they only read it.
     void Send(TraceSequencer& sequencer, const std::shared_ptr<Framework::Message>& message);
 
-    // Sends everybody a stop notice of each process, in one piece: a container that forks without end has thousands of
-    // them withdrawn in a second, and a receiver's queue, which counts pieces, would fill up with them when it does not
-    // get the CPU for some milliseconds.
-    void SendStops(TraceSequencer& sequencer,
-                   const std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>>& infos);
+    // A stop notice. The info's process is among the unheard if not every receiver handles it.
+    void SendStop(TraceSequencer& sequencer, std::shared_ptr<ContainerProcMessage::ProcInfo> info);
 
     // The processes whose stop notices ceased to be before every receiver had handled them, since the last call: a
     // queue was full, or its task ended.

@@ -268,8 +268,6 @@ void RegistryObserver::MakeRoom(std::size_t more, Nanoseconds now, TraceSequence
 
 void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& sequencer)
 {
-    std::vector<std::shared_ptr<ContainerProcMessage::ProcInfo>> infos;
-    infos.reserve(tids.size());
     for (const int tid : tids) {
         auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
         info->pid = tid;
@@ -277,10 +275,7 @@ void RegistryObserver::Withdraw(const std::vector<int>& tids, TraceSequencer& se
         if (entry != nullptr && entry->container != nullptr) {
             info->containerId = *entry->container;
         }
-        infos.push_back(std::move(info));
-    }
-    if (!infos.empty()) {
-        receivers.SendStops(sequencer, infos);
+        receivers.SendStop(sequencer, std::move(info));
     }
 }
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <numeric>
 #include <vector>
 
 #include "host/ftrace/Log.h"
@@ -92,6 +93,22 @@ bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32
     return true;
 }
 
+bool EventBatch::Add(std::shared_ptr<Framework::Message> message)
+{
+    if (messages.size() == maxEvents) {
+        return false;
+    }
+    messages.push_back({used, std::move(message)});
+    return true;
+}
+
+unsigned long EventBatch::EventCount() const
+{
+    return std::accumulate(messages.begin(), messages.end(), count, [](unsigned long sum, const Between& between) {
+        return sum + between.message->EventCount();
+    });
+}
+
 EventBatch::~EventBatch()
 {
     if (!sent) {
@@ -128,18 +145,40 @@ int EventBatch::MessageHandle(void* target)
     static SDK::Counters::Counter& callsDelivered = SDK::Counters::Get(SDK::CounterName::callsDelivered);
     const auto begin = std::chrono::steady_clock::now();
     handled = true;
-    HandEach(*receiver);
+    HandEach(target, *receiver);
     delivered.fetch_add(count, std::memory_order_relaxed);
     callsDelivered.fetch_add(calls, std::memory_order_relaxed);
     backlog->Handled(count, std::chrono::steady_clock::now() - begin);
     return 0;
 }
 
-void EventBatch::HandEach(AbstructMessage<FtraceMessage>::Receiver& receiver) const
+void EventBatch::HandEach(void* target, AbstructMessage<FtraceMessage>::Receiver& receiver)
 {
-    unsigned long failures = 0;
+    std::size_t failures = 0;
+    std::size_t from = 0;
+    for (Between& between : messages) {
+        failures += HandEvents(from, between.at, receiver);
+        from = between.at;
+        try {
+            between.message->MessageHandle(target);
+        } catch (...) {
+            ++failures;
+        }
+        between.message.reset();
+    }
+    failures += HandEvents(from, used, receiver);
+    if (failures != 0) {
+        LogWarning("the receiver of a trace batch failed on %zu of %lu events", failures, count);
+    }
+}
+
+// Returns on how many the receiver failed.
+std::size_t EventBatch::HandEvents(std::size_t from, std::size_t to,
+                                   AbstructMessage<FtraceMessage>::Receiver& receiver) const
+{
+    std::size_t failures = 0;
     SDK::TraceTime::Scope time;
-    for (std::size_t at = 0; at < used;) {
+    for (std::size_t at = from; at < to;) {
         Entry entry;
         std::memcpy(&entry, events.data() + at, sizeof entry);
         const std::byte* record = events.data() + at + sizeof entry;
@@ -152,9 +191,7 @@ void EventBatch::HandEach(AbstructMessage<FtraceMessage>::Receiver& receiver) co
         }
         at += Stride(entry.size);
     }
-    if (failures != 0) {
-        LogWarning("the receiver of a trace batch failed on %lu of %lu events", failures, count);
-    }
+    return failures;
 }
 
 }  // namespace Engine

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many trace events as one message.
+// Many trace events, and messages between them, as one message.
 #pragma once
 
 #include <array>
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "framework/Message.h"
 #include "host/ftrace/Backlog.h"
@@ -18,7 +19,7 @@ class EventKind;
 
 // Filled by the trace task, then sent, then read by the receiver: never by two threads at once. Holds copies of its
 // records; of the kinds only pointers, which `kinds` keeps valid. Made with `new`; the memory comes from a store of
-// used batches, so that in steady state nothing is allocated.
+// used batches, so that in steady state nothing is allocated for events.
 class EventBatch final : public Framework::Message {
 public:
     static constexpr unsigned long maxEvents = 512;
@@ -40,14 +41,20 @@ public:
     // Copies an event. False when it does not fit any more. `when`: nanoseconds on the trace clock.
     bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when, bool isCall);
 
+    // Puts a message behind the events added so far. False when there are too many. It ends with its handling, or
+    // unhandled with the batch.
+    bool Add(std::shared_ptr<Framework::Message> message);
+
     // Hands every event to the target's Receiver of FtraceMessage, oldest first, each under its own time
-    // (SDK::TraceTime). What the receiver throws ends that event only; it is logged once for the batch. Returns 0, or
-    // -1 when the target takes no trace events.
+    // (SDK::TraceTime), and has the messages handled, under none. What the receiver throws ends that event or message
+    // only; it is logged once for the batch. Returns 0, or -1 when the target takes no trace events.
     int MessageHandle(void* target) override;
 
-    unsigned long EventCount() const override { return count; }
+    // Of the events and the messages together.
+    unsigned long EventCount() const override;
 
-    // The system calls among them.
+    // The trace events alone, and the system calls among them.
+    unsigned long TraceEventCount() const { return count; }
     unsigned long CallCount() const { return calls; }
 
     // Events of batches that ceased to be without having been handled, since the process began: those that a queue
@@ -75,7 +82,14 @@ private:
         return (sizeof(Entry) + size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
     }
 
-    void HandEach(AbstructMessage<FtraceMessage>::Receiver& receiver) const;
+    // A message, and where the event before it ends.
+    struct Between {
+        std::size_t at;
+        std::shared_ptr<Framework::Message> message;
+    };
+
+    void HandEach(void* target, AbstructMessage<FtraceMessage>::Receiver& receiver);
+    std::size_t HandEvents(std::size_t from, std::size_t to, AbstructMessage<FtraceMessage>::Receiver& receiver) const;
 
     std::shared_ptr<const void> kinds;
     std::shared_ptr<Backlog> backlog;
@@ -84,6 +98,7 @@ private:
     std::size_t used = 0;
     unsigned long count = 0;
     unsigned long calls = 0;
+    std::vector<Between> messages;
     alignas(Entry) std::array<std::byte, maxBytes> events;  // not initialised: 64 KiB of zeros for each batch
 };
 

@@ -87,13 +87,18 @@ void EventDelivery::Append(TraceTarget& target, const TraceRoute& route, const R
     if (target.batch != nullptr && target.batch->Add(kind, record.data, record.size, record.when, route.isSyscall)) {
         return;
     }
-    Send(target);
-    target.batch = std::make_unique<EventBatch>(kinds, target.backlog);
     // An empty batch has room for every record that fits a page of up to 60 KiB; the kernel's have 4.
-    if (!target.batch->Add(kind, record.data, record.size, record.when, route.isSyscall)) {
+    if (!Begin(target).Add(kind, record.data, record.size, record.when, route.isSyscall)) {
         ++sums.lostQueue;
         sums.callsRefused += route.isSyscall ? 1 : 0;
     }
+}
+
+EventBatch& EventDelivery::Begin(TraceTarget& target)
+{
+    Send(target);
+    target.batch = std::make_unique<EventBatch>(kinds, target.backlog);
+    return *target.batch;
 }
 
 void EventDelivery::Send(TraceTarget& target)
@@ -101,7 +106,7 @@ void EventDelivery::Send(TraceTarget& target)
     if (target.batch == nullptr) {
         return;
     }
-    const unsigned long events = target.batch->EventCount();
+    const unsigned long events = target.batch->TraceEventCount();
     target.batch->MarkSent();
     const Sending result = sender(target.name, std::move(target.batch));
     target.refused = result != Sending::Accepted;
@@ -114,10 +119,14 @@ void EventDelivery::Send(TraceTarget& target)
 
 void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message)
 {
-    if (TraceTarget* subscribed = table->Find(&target); subscribed != nullptr) {
-        Send(*subscribed);
+    TraceTarget* subscribed = table->Find(&target);
+    if (subscribed == nullptr) {
+        sender(target.name(), std::make_unique<SharedMessage>(std::move(message)));
+        return;
     }
-    sender(target.name(), std::make_unique<SharedMessage>(std::move(message)));
+    if (subscribed->batch == nullptr || !subscribed->batch->Add(message)) {
+        Begin(*subscribed).Add(std::move(message));
+    }
 }
 
 void EventDelivery::EndRound(std::chrono::nanoseconds observed)

@@ -62,6 +62,7 @@ private:
     void Deliver(const TraceRoute& route, const RawRecord& record);
     TraceObserver::Origin AskObserver(const TraceRoute& route, const RawRecord& record);
     void Append(TraceTarget& target, const TraceRoute& route, const RawRecord& record);
+    EventBatch& Begin(TraceTarget& target);
     void Send(TraceTarget& target);
     void Flush();
     template <class Call>

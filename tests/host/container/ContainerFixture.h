@@ -25,13 +25,7 @@ public:
             return;
         }
         message->MessageHandle(&target);
-        if (const auto* group = dynamic_cast<const Engine::MessageGroup*>(message.get()); group != nullptr) {
-            for (const auto& each : group->Messages()) {
-                Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*each));
-            }
-        } else {
-            Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*message));
-        }
+        Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*message));
     }
     void Keep(const Engine::ContainerProcMessage& notice)
     {

@@ -163,7 +163,7 @@ TEST_F(RegistryObserverTest, AStopNoticeThatFindsNobodyIsUnheard)
 {
     auto info = std::make_shared<Engine::ContainerProcMessage::ProcInfo>();
     info->pid = 400;
-    receivers.SendStops(sequencer, {info});
+    receivers.SendStop(sequencer, info);
     EXPECT_THAT(receivers.TakeUnheard(), ElementsAre(400));
 }
 

@@ -45,6 +45,7 @@ public:
     }
     int HandleMsg(const Framework::Message* /*message*/) override
     {
+        EXPECT_FALSE(SDK::TraceTime::Current());
         seen.emplace_back("notice");
         return 0;
     }
@@ -226,8 +227,18 @@ TEST_F(EventDeliveryTest, PutsAnObserversMessagesBetweenTheEventsAndDropsWhatItD
     Record(callId, 3);
     Finish();
     EXPECT_THAT(first.seen, ElementsAre("notice", "fork 7", "notice", "fork 3", "sys_enter_call 3"));
+    EXPECT_THAT(batches, ElementsAre(5U)) << "many notices must not fill a queue that counts messages";
     EXPECT_THAT(observer.seen, ElementsAre(7, Observer::lossMark, 3)) << "the loss before what followed it";
     EXPECT_EQ(delivery.TakeSums().notContainer, 1U);
+
+    first.seen.clear();
+    for (unsigned long sent = 0; sent <= EventBatch::maxEvents; ++sent) {
+        delivery.SendInOrder(first, std::make_shared<Framework::CmdMessage>("", ""));
+    }
+    delivery.SendInOrder(second, std::make_shared<Framework::CmdMessage>("", ""));  // which gets no events
+    Finish();
+    EXPECT_EQ(first.seen.size(), EventBatch::maxEvents + 1);
+    EXPECT_THAT(second.seen, ElementsAre("notice"));
 }
 
 TEST_F(EventDeliveryTest, TableCountsUsersOfAnEventUnderAllItsNames)
