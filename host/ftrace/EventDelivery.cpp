@@ -39,9 +39,22 @@ void EventDelivery::OnRecord(const RawRecord& record)
     if (record.afterLoss) {
         ReportLoss();
     }
-    for (const TraceRoute& route : table->RoutesOf(record.id)) {
+    const std::vector<TraceRoute>& routes = table->RoutesOf(record.id);
+    for (const TraceRoute& route : routes) {
         Deliver(route, record);
     }
+    if (routes.empty()) {
+        DropUnwanted(record);
+    }
+}
+
+// Recorded before its last subscriber withdrew.
+void EventDelivery::DropUnwanted(const RawRecord& record)
+{
+    const std::uint64_t calls = table->WasSyscall(record.id) ? 1 : 0;
+    ++sums.unwanted;
+    sums.callsRead += calls;
+    sums.callsRefused += calls;
 }
 
 void EventDelivery::Deliver(const TraceRoute& route, const RawRecord& record)

@@ -60,6 +60,7 @@ public:
 
 private:
     void Deliver(const TraceRoute& route, const RawRecord& record);
+    void DropUnwanted(const RawRecord& record);
     TraceObserver::Origin AskObserver(const TraceRoute& route, const RawRecord& record);
     void Append(TraceTarget& target, const TraceRoute& route, const RawRecord& record);
     EventBatch& Begin(TraceTarget& target);

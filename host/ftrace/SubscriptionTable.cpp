@@ -116,7 +116,9 @@ TraceRoute& SubscriptionTable::RouteOf(const KnownEvent& event)
 {
     if (event.id >= routes.size()) {
         routes.resize(event.id + std::size_t{1});
+        syscalls.resize(routes.size());
     }
+    syscalls[event.id] = event.IsSyscall();
     auto& sameId = routes[event.id];
     const auto found =
         std::find_if(sameId.begin(), sameId.end(), [&event](const TraceRoute& each) { return each.event == &event; });

@@ -58,6 +58,9 @@ public:
     // The routes of the kernel's event with that id; usually one, none for an event that nobody uses.
     const std::vector<TraceRoute>& RoutesOf(std::uint16_t id) const { return id < routes.size() ? routes[id] : none; }
 
+    // Whether an event with that id, which may be in use no more, is a system call.
+    bool WasSyscall(std::uint16_t id) const { return id < syscalls.size() && syscalls[id]; }
+
     // One event for each id in use.
     std::vector<const KnownEvent*> InUse() const;
 
@@ -75,6 +78,7 @@ private:
 
     static inline const std::vector<TraceRoute> none;
     std::vector<std::vector<TraceRoute>> routes;  // by the event's id in the kernel
+    std::vector<bool> syscalls;                   // likewise, of every event there ever was a route for
     std::vector<std::unique_ptr<TraceTarget>> targets;
 };
 

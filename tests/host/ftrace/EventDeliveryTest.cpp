@@ -196,7 +196,7 @@ TEST_F(EventDeliveryTest, WhatFollowsTheTraceComesBehindTheEventsUntilItsTime)
     EXPECT_FALSE(delivery.IsFollowed());
 }
 
-TEST_F(EventDeliveryTest, CountsWhatASubscriberLeftInItsQueue)
+TEST_F(EventDeliveryTest, CountsWhatIsOfNoUseToASubscriberThatHasStopped)
 {
     std::vector<std::unique_ptr<Framework::Message>> queue;
     EventDelivery toNobody{table, nullptr, [&](const std::string&, std::unique_ptr<Framework::Message> message) {
@@ -213,6 +213,14 @@ TEST_F(EventDeliveryTest, CountsWhatASubscriberLeftInItsQueue)
     const DeliverySums sums = toNobody.TakeSums();
     EXPECT_EQ(sums.unwanted, 2U);
     EXPECT_EQ(sums.callsRefused, 1U);
+
+    table.Forget(&first);
+    RecordFor(toNobody, forkId, 1);  // was in the kernel's buffer still
+    RecordFor(toNobody, callId, 1);
+    const DeliverySums late = toNobody.TakeSums();
+    EXPECT_EQ(late.unwanted, 2U);
+    EXPECT_EQ(late.callsRead, 1U);
+    EXPECT_EQ(late.callsRefused, 1U);
 }
 
 TEST_F(EventDeliveryTest, PutsAnObserversMessagesBetweenTheEventsAndDropsWhatItDoesNotAdmit)
