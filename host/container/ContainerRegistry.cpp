@@ -37,7 +37,12 @@ void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, const
         made.exit = old->exit != alive && old->exit >= when ? old->exit : alive;
     }
     made.since = when;
+    made.hasForked = IsInside(parent);
     Store(child, std::move(made));
+    if (const auto from = entries.find(parent); IsInside(parent) && !from->second.hasForked) {
+        const std::lock_guard lock{mutex};
+        from->second.hasForked = true;
+    }
 }
 
 void ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, Nanoseconds when)

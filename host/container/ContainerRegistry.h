@@ -54,6 +54,7 @@ public:
         State state = State::Host;
         bool inSetUp = false;         // of the host: runs a runtime that re-executed itself, or is a child of one
         bool bornInSetUp = false;     // its parent was one, so it is what a runtime made for the container's program
+        bool hasForked = false;       // Inside, and has forked there or was forked there
         Text container;               // null for the host
         Nanoseconds since = longAgo;  // when the answer of ContainerOf last changed
         Text before;                  // that answer until then, null for none

@@ -326,7 +326,8 @@ std::shared_ptr<ContainerProcMessage> RegistryObserver::StartNotice(int tid, con
     info->ppid = entry.parent;
     info->executable = entry.executable == nullptr ? reader.ExecutableOf(tid) : *entry.executable;
     info->name = CommandName(info->executable);
-    info->imageName = cache.ImageNameOf(info->containerId);
+    // Receivers refuse whitelisted images' processes, but not their forks: what a fork made known stays so.
+    info->imageName = entry.hasForked ? std::string{} : cache.ImageNameOf(info->containerId);
     return std::make_shared<ContainerProcMessage>(true, std::move(info));
 }
 

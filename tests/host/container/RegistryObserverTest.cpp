@@ -203,6 +203,26 @@ TEST_F(RegistryObserverTest, ForkThatANewReceiverMayHaveMissedIsMadeUpFor)
     EXPECT_THAT(sequencer.Take(), ElementsAre("+401"));
 }
 
+// Its image may be one whose processes a receiver refuses; it did not, as long as the fork was what told of them.
+TEST_F(RegistryObserverTest, WhatAForkMadeKnownIsAnnouncedAgainWithoutItsImage)
+{
+    Engine::ContainerInfo info;
+    info.id = idA;
+    info.imageName = "quiet:1";
+    cache.Put(info);
+    const auto imageTold = [&](int pid) {
+        receivers.Remove(task);
+        Register();  // nobody is known any more
+        EXPECT_TRUE(Call(pid));
+        return sequencer.last.pid == pid ? sequencer.last.imageName : "not announced";
+    };
+    StartInA(400);
+    EXPECT_EQ(imageTold(400), "quiet:1");
+    Fork(400, 401);
+    EXPECT_EQ(imageTold(400), "");
+    EXPECT_EQ(imageTold(401), "");
+}
+
 TEST_F(RegistryObserverTest, AfterALossInTheReceiversQueueEverybodyIsAnnouncedAgain)
 {
     Register();
