@@ -50,9 +50,12 @@ case $action in
     restart) stop_daemon; start_daemon "$@" ;;
     stop)
         if alive; then
-            containers=$("$docker" ps -aq)
-            # shellcheck disable=SC2086  # one word for each container
-            [ -z "$containers" ] || "$docker" rm -f $containers >/dev/null
+            for _ in $(seq 20); do  # somebody else may be removing one of them just now
+                containers=$("$docker" ps -aq)
+                [ -n "$containers" ] || break
+                # shellcheck disable=SC2086  # one word for each container
+                "$docker" rm -f $containers >/dev/null || sleep 0.5
+            done
         fi
         stop_daemon
         awk -v dir="$dir/" 'index($2, dir) == 1 { print $2 }' /proc/mounts | sort -r | xargs -r umount

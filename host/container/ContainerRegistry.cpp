@@ -70,7 +70,7 @@ void ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, N
     }
 }
 
-bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,
+bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when, bool isInItsGroups,
                                   const BeforeEntry& beforeEntry)
 {
     if (oldPid != pid) {
@@ -86,7 +86,7 @@ bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename
     const bool isSelfExecution = IsSelfExecution(filename);
     State next = entry->state;
     Text container = entry->container;
-    if (next == State::Host) {
+    if (next == State::Host && !isInItsGroups) {
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
         container = Shared(reader.ContainerOf(pid).value_or(std::string{}));
     }

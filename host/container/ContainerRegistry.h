@@ -81,9 +81,10 @@ public:
     // sched:sched_process_exec. A thread other than the leader that execs takes over the leader's pid, and `oldPid` is
     // the id it had (de_thread() in fs/exec.c); that id's entry goes. True when the process is Inside from now on and
     // was not before; `beforeEntry` is then called with the container's id before anybody can see the process in it.
+    // `isInItsGroups`: it is known that the process, if it is the host's, has come into no container's control group.
     using BeforeEntry = std::function<void(const std::string& container)>;
     bool ApplyExec(
-        int pid, int oldPid, std::string_view filename, Nanoseconds when,
+        int pid, int oldPid, std::string_view filename, Nanoseconds when, bool isInItsGroups = false,
         const BeforeEntry& beforeEntry = [](const std::string&) {});
 
     // sched:sched_process_exit. An exit that comes before its fork is remembered for it.

@@ -114,8 +114,7 @@ void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequen
     const int child = Number(event, "child_pid");
     const auto birthGroup = [&](int process) -> std::optional<std::uint64_t> {
         SyscallFilter* filter = sequencer.Filter();
-        // Children that are left out already were made in their parents' groups.
-        return filter == nullptr || !filter->TicketOf(process) ? std::nullopt : filter->TakeBirthGroup(process);
+        return filter == nullptr || filter->IsLeftOut(process) ? std::nullopt : filter->TakeBirthGroup(process);
     };
     registry.ApplyFork(parent, child, event.When(), birthGroup);
     const ContainerRegistry::Entry* from = registry.Find(parent);
@@ -144,7 +143,9 @@ void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequen
     const auto beforeEntry = [&](const std::string& container) {
         RecordNamespaces(pid, container);
     };
-    if (!registry.ApplyExec(pid, oldPid, event.get_string("filename"), event.When(), beforeEntry)) {
+    // Most programs that are started are the host's, and /proc need not be asked about these.
+    const bool isInItsGroups = sequencer.Filter() != nullptr && sequencer.Filter()->IsLeftOut(pid);
+    if (!registry.ApplyExec(pid, oldPid, event.get_string("filename"), event.When(), isInItsGroups, beforeEntry)) {
         return;
     }
     if (const ContainerRegistry::Entry* entry = registry.Find(pid); entry != nullptr) {

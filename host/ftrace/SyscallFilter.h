@@ -15,6 +15,10 @@ class SyscallFilter {
 public:
     using Ticket = std::uint16_t;
 
+    // Whether the calls of that process are left out now. Then it has not come into other control groups since it was
+    // taken out, nor was it made in others than its parent's, who was out.
+    virtual bool IsLeftOut(int process) const = 0;
+
     // Empty when the calls of that process are left out already, or cannot be.
     virtual std::optional<Ticket> TicketOf(int process) const = 0;
 

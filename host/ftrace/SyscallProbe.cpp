@@ -250,6 +250,12 @@ std::uint16_t* SyscallProbe::StateOf(int process) const
     return process > 0 && static_cast<std::size_t>(process) < processLimit ? states + process : nullptr;
 }
 
+bool SyscallProbe::IsLeftOut(int process) const
+{
+    std::uint16_t* const state = StateOf(process);
+    return state != nullptr && (std::atomic_ref<std::uint16_t>(*state).load() & 1) != 0;
+}
+
 std::optional<SyscallFilter::Ticket> SyscallProbe::TicketOf(int process) const
 {
     std::uint16_t* const state = StateOf(process);

@@ -64,6 +64,7 @@ public:
     // The thread whose calls are left out: the reader's.
     void LeaveOutThread(int tid);
 
+    bool IsLeftOut(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;
     void LeaveOut(int process, Ticket ticket) override;
     std::optional<std::uint64_t> TakeBirthGroup(int process) override;

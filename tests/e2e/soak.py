@@ -310,9 +310,11 @@ def soak_it(minutes, out, checked):
             try:
                 for thread in (sampler, *churn):
                     thread.start()
-                soak.run(minutes * 60)
-                for thread in (*churn, sampler):
-                    thread.finish()
+                try:
+                    soak.run(minutes * 60)
+                finally:
+                    for thread in (*churn, sampler):
+                        thread.finish()
                 counts = soak.agent.stop() or {}  # none when it did not stop by itself
                 results = list(judge(soak, sampler.rows, counts, churn, checked))
             finally:

@@ -52,6 +52,7 @@ TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAnd
 
 // Takes out whom it is told to, of those that are in.
 struct ListFilter final : Engine::SyscallFilter {
+    bool IsLeftOut(int process) const override { return !in.contains(process); }
     std::optional<Ticket> TicketOf(int process) const override
     {
         return in.count(process) != 0 ? std::optional<Ticket>{static_cast<Ticket>(process)} : std::nullopt;
@@ -100,6 +101,11 @@ TEST_F(RegistryObserverTest, TheHostIsLeftOutWithItsForebearsAndNobodyElse)
     observer.OnLoss(sequencer);
     Round();
     EXPECT_THAT(filter.in, ElementsAre(400, 401, 402)) << "who is seen in /proc needs no call to be left out";
+
+    proc.threads[301].container = idA;
+    EXPECT_FALSE(Exec(301, "/bin/sh")) << "/proc is not read for one who is left out";
+    filter.in.insert(301);
+    EXPECT_TRUE(Exec(301, "/bin/sh"));
 }
 
 TEST_F(RegistryObserverTest, NoEndIsTooEarlyForAProcessThatWasMadeInAContainersGroup)
