@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/AccessBatch.h"
 
+#include <algorithm>
 #include <memory>
 
+#include "host/filenotify/NotifyLog.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/SystemView.h"
 #include "host/sdk/TraceTime.h"
@@ -13,6 +15,42 @@ namespace Engine {
 
 using SDK::Counters;
 namespace CounterName = SDK::CounterName;
+
+namespace {
+
+// One item of the subscriber's queue: a container that writes to one file after another must not fill it up.
+class Accesses final : public Framework::Message {
+public:
+    Accesses(std::vector<AccessBatch::Access>::const_iterator begin,
+             std::vector<AccessBatch::Access>::const_iterator end)
+        : accesses(begin, end)
+    {
+    }
+
+    int MessageHandle(void* target) override
+    {
+        std::size_t failures = 0;
+        for (const AccessBatch::Access& access : accesses) {
+            FileNotifyMessage message{access.watch, access.path, static_cast<unsigned int>(access.mask)};
+            message.SetProcess(static_cast<unsigned int>(access.pid), {});
+            try {
+                message.MessageHandle(target);
+            } catch (...) {
+                ++failures;
+            }
+        }
+        if (failures != 0) {
+            NotifyWarning("the receiver of file notifications failed on %zu of %zu", failures, accesses.size());
+        }
+        return 0;
+    }
+    unsigned long EventCount() const override { return accesses.size(); }
+
+private:
+    std::vector<AccessBatch::Access> accesses;
+};
+
+}  // namespace
 
 AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when)
 {
@@ -50,16 +88,22 @@ void AccessBatch::OnObserved()
 
 void AccessBatch::OnFlushed(const MessageSender& send)
 {
-    std::uint64_t delivered = 0;
-    std::erase_if(accesses, [&](const Access& access) {
-        auto message =
-            std::make_unique<FileNotifyMessage>(access.watch, access.path, static_cast<unsigned int>(access.mask));
-        message->SetProcess(static_cast<unsigned int>(access.pid), {});
-        const Sending result = send(access.subscriber, std::move(message));
-        delivered += result == Sending::Accepted ? 1 : 0;
-        return result != Sending::Refused;
-    });
-    Counters::Get(NotifyCounterName::delivered).fetch_add(delivered, std::memory_order_relaxed);
+    std::stable_sort(accesses.begin(), accesses.end(),
+                     [](const Access& left, const Access& right) { return left.subscriber < right.subscriber; });
+    std::vector<Access> refused;
+    for (auto next = accesses.begin(); next != accesses.end();) {
+        const auto end = std::find_if(next, accesses.end(),
+                                      [&](const Access& access) { return access.subscriber != next->subscriber; });
+        const Sending result = send(next->subscriber, std::make_unique<Accesses>(next, end));
+        if (result == Sending::Accepted) {
+            Counters::Get(NotifyCounterName::delivered).fetch_add(end - next, std::memory_order_relaxed);
+        }
+        if (result == Sending::Refused) {
+            refused.insert(refused.end(), next, end);
+        }
+        next = end;
+    }
+    accesses = std::move(refused);
 }
 
 }  // namespace Engine

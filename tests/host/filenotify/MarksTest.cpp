@@ -14,6 +14,7 @@
 #include "host/filenotify/MarkKeeper.h"
 #include "host/filenotify/Notifier.h"
 #include "tests/host/filenotify/ContainerProcess.h"
+#include "tests/host/filenotify/Subscriber.h"
 #include "tests/support/MustRun.h"
 
 namespace {
@@ -72,7 +73,11 @@ protected:
         }
         EXPECT_FALSE(error);
         keeper.CloseMounts();
-        return std::exchange(sent, {});
+        std::vector<Sent> sent;
+        for (const Engine::FileNotifyMessage& message : subscriber.Take()) {
+            sent.emplace_back(message.GetEventFilePath(), message.GetEventMask());
+        }
+        return sent;
     }
 
     template <class Action>
@@ -106,11 +111,10 @@ protected:
     Engine::FanotifyGroup group;
     Engine::WatchTable watches;
     Engine::MarkKeeper keeper{group};
-    std::vector<Sent> sent;
+    Subscriber subscriber;
     Engine::Notifier notifier{watches, keeper, getpid(), [this](const std::unique_ptr<Engine::AccessBatch>& batch) {
-                                  batch->OnFlushed([this](auto&, std::unique_ptr<Framework::Message> message) {
-                                      auto& access = dynamic_cast<Engine::FileNotifyMessage&>(*message);
-                                      sent.emplace_back(access.GetEventFilePath(), access.GetEventMask());
+                                  batch->OnFlushed([this](auto&, const std::unique_ptr<Framework::Message>& message) {
+                                      subscriber.Handle(*message);
                                       return Engine::Sending::Accepted;
                                   });
                               }};
