@@ -40,7 +40,7 @@ public:
             }
         }
         if (failures != 0) {
-            NotifyWarning("the receiver of file notifications failed on %zu of %zu", failures, accesses.size());
+            NotifyLog::Warning("the receiver of file notifications failed on %z of %z", failures, accesses.size());
         }
         return 0;
     }

@@ -18,12 +18,12 @@ int FileNotifyModule::Init()
 {
     FanotifyGroup group;
     if (const std::error_code error = group.Open()) {
-        NotifyWarning("no file notifications, going on without them: fanotify_init: %s", error.message().c_str());
+        NotifyLog::Warning("no file notifications, going on without them: fanotify_init: %s", error.message());
         return Framework::Module::Init();
     }
     auto task = std::make_unique<FileNotifyTask>(std::move(group));
     if (RegisterTask(task.get(), true) != 0) {
-        NotifyWarning("no file notifications, going on without them: %s", "the name filenotify_task is taken");
+        NotifyLog::Warning("no file notifications, going on without them: %s", "the name filenotify_task is taken");
     } else {
         static_cast<void>(task.release());  // the framework's now
     }
@@ -43,7 +43,7 @@ Framework::Module* CreateModule()
     try {
         return new Engine::FileNotifyModule;
     } catch (const std::exception& failure) {
-        Engine::NotifyWarning("the module cannot be made: %s", failure.what());
+        Engine::NotifyLog::Warning("the module cannot be made: %s", failure.what());
         return nullptr;
     }
 }

@@ -98,7 +98,7 @@ bool FileNotifyTask::ListenAgain()
 {
     listening = listening || Waiter().Add(group.Descriptor(), EPOLLIN, [this](std::uint32_t) { readable = true; });
     if (!listening) {
-        NotifyWarning("cannot wait for file notifications (errno %d), reading them from time to time", errno);
+        NotifyLog::Warning("cannot wait for file notifications (errno %d), reading them from time to time", errno);
         nextRead = Clock::now() + timing.readPause;
     }
     return listening;
@@ -151,7 +151,7 @@ int FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
 int FileNotifyTask::Refuse(const FileNotifyWatchMessage& message, const std::string& why) const
 {
     const char* what = message.watch ? "watch of" : "withdrawal of the watch of";
-    NotifyWarning("%s %s refused: %s", what, message.path.c_str(), why.c_str());
+    NotifyLog::Warning("%s %s refused: %s", what, message.path, why);
     return -1;
 }
 

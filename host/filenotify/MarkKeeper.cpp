@@ -30,11 +30,11 @@ std::vector<MountInfo> HostMounts()
 void ReportPlace(const std::string& path, const WatchPlace* before, const WatchPlace& now)
 {
     if (!now.Exists() && (before == nullptr || before->Exists())) {
-        NotifyWarning("watched path %s is not there, it is watched again when it comes back", path.c_str());
+        NotifyLog::Warning("watched path %s is not there, it is watched again when it comes back", path);
     } else if (before != nullptr && now.Exists() && !before->Exists()) {
-        NotifyNotice("watched path %s is there now", path.c_str());
+        NotifyLog::Notice("watched path %s is there now", path);
     } else if (before != nullptr && now.Exists() && !(now == *before)) {
-        NotifyWarning("watched path %s was replaced, going on with what is there now", path.c_str());
+        NotifyLog::Warning("watched path %s was replaced, going on with what is there now", path);
     }
 }
 
@@ -150,8 +150,7 @@ void MarkKeeper::DropUnwanted(const Plan& plan)
     group.RemoveAll(Scope::FileSystem);
     for (const auto& [fsid, mark] : plan.marks) {
         if (const std::error_code error = group.Add(Scope::FileSystem, mark.directory, mark.events)) {
-            NotifyWarning("%s cannot be watched until the next look: %s", mark.directory.c_str(),
-                          error.message().c_str());
+            NotifyLog::Warning("%s cannot be watched until the next look: %s", mark.directory, error.message());
         }
     }
 }
@@ -164,11 +163,11 @@ void MarkKeeper::Report(const WatchTable& watches, const Plan& plan) const
         const bool isNew = before == current.states.end();
         ReportPlace(watch.entry.path, isNew ? nullptr : &before->second.place, now.place);
         if (now.error && (isNew || before->second.error != now.error)) {
-            NotifyWarning("watched path %s is not covered: %s", watch.entry.path.c_str(), now.error.message().c_str());
+            NotifyLog::Warning("watched path %s is not covered: %s", watch.entry.path, now.error.message());
         }
     }
     if (plan.mountsLeftOut && !current.mountsLeftOut) {
-        NotifyWarning("more than %zu mounts lie below the watched paths, the rest is left out", maxMounts);
+        NotifyLog::Warning("more than %z mounts lie below the watched paths, the rest is left out", maxMounts);
     }
 }
 

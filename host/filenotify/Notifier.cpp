@@ -77,10 +77,10 @@ void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
     } else if (answer == DirectoryLookup::Answer::Gone) {
         unresolved.fetch_add(1, std::memory_order_relaxed);
         if (const auto times = unresolvedReport.Occurred(now); times != 0) {
-            NotifyNotice(
-                "%llu accesses, by containers or unknown processes, were in directories that are gone or too deep; "
+            NotifyLog::Notice(
+                "%?u accesses, by containers or unknown processes, were in directories that are gone or too deep; "
                 "last by pid %d",
-                static_cast<unsigned long long>(times), event.pid);
+                times, event.pid);
         }
     }
 }
@@ -103,8 +103,7 @@ void Notifier::Lost(TimePoint now, const char* why)
 {
     overflow.fetch_add(1, std::memory_order_relaxed);
     if (const auto times = losses.Occurred(now); times != 0) {
-        NotifyWarning("file notifications were lost, %llu times, how many is unknown: %s",
-                      static_cast<unsigned long long>(times), why);
+        NotifyLog::Warning("file notifications were lost, %?u times, how many is unknown: %s", times, why);
     }
 }
 

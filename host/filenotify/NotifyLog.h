@@ -1,17 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
-// One-statement log sites for this folder, through the logger "filenotify_module". The level is checked before anything
-// is formatted; what logging itself throws is swallowed.
+// The log sites of this folder: NotifyLog::Warning("...", ...). See LogSite.h for the texts.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <utility>
 
+#include "LogSite.h"
+
 namespace Engine {
 
-// `format` as for printf(3). Any thread.
-void NotifyWarning(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void NotifyNotice(const char* format, ...) __attribute__((format(printf, 1, 2)));
+struct NotifyLogger {
+    static Poco::Logger* Logger()
+    {
+        static Poco::Logger* const logger =
+            SDK::LoggerUtils::GetInstance()->GetModuleLogger("filenotify_module", false);
+        return logger;
+    }
+};
+
+using NotifyLog = SDK::LogSite<NotifyLogger>;
 
 // What repeats: counts, and says at most once a minute that it is worth a log record.
 class RepeatedReport {

@@ -168,7 +168,7 @@ void EventBatch::HandEach(void* target, AbstructMessage<FtraceMessage>::Receiver
     }
     failures += HandEvents(from, used, receiver);
     if (failures != 0) {
-        LogWarning("the receiver of a trace batch failed on %zu of %lu events", failures, count);
+        TraceLog::Warning("the receiver of a trace batch failed on %z of %?u events", failures, count);
     }
 }
 

@@ -182,8 +182,7 @@ void EventDelivery::Guarded(Call call)
     } catch (...) {
         ++observerFailures;
         if ((observerFailures & (observerFailures - 1)) == 0) {
-            LogWarning("the observer of trace events failed, going on (%llu times so far)",
-                       static_cast<unsigned long long>(observerFailures));
+            TraceLog::Warning("the observer of trace events failed, going on (%?u times so far)", observerFailures);
         }
     }
 }

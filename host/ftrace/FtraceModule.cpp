@@ -27,7 +27,7 @@ std::size_t ConfiguredBufferKb()
         const int kb = Poco::Util::Application::instance().config().getInt(SDK::Config::traceBufferKb, 0);
         return kb > 0 ? static_cast<std::size_t>(kb) : 0;
     } catch (const Poco::Exception& error) {
-        LogWarning("%s is not usable, taking the default: %s", SDK::Config::traceBufferKb, error.displayText().c_str());
+        TraceLog::Warning("%s is not usable, taking the default: %s", SDK::Config::traceBufferKb, error.displayText());
         return 0;
     }
 }
@@ -66,7 +66,7 @@ std::unique_ptr<SyscallProbe> MakeProbe()
         if (source == "bpf") {
             throw;
         }
-        LogWarning("system calls come from the trace, without BPF: %s", error.what());
+        TraceLog::Warning("system calls come from the trace, without BPF: %s", error.what());
         return nullptr;
     }
 }
@@ -83,18 +83,18 @@ int FtraceModule::Init()
 {
     try {
         if (const std::size_t removed = TracefsInstance::RemoveLeftovers(); removed != 0) {
-            LogInformation("removed %zu trace instances of agents that have gone", removed);
+            TraceLog::Information("removed %z trace instances of agents that have gone", removed);
         }
         std::unique_ptr<SyscallProbe> probe = MakeProbe();
         const std::size_t bufferKb = BufferKb(probe == nullptr);
         task = std::make_unique<TraceTask>(
             std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe)));
     } catch (const std::exception& error) {
-        LogError("no trace events: %s", error.what());
+        TraceLog::Error("no trace events: %s", error.what());
         return -1;
     }
     if (RegisterTask(task.get(), false) != 0) {
-        LogError("no trace events: there is a task ftrace_task already");
+        TraceLog::Error("no trace events: there is a task ftrace_task already");
         task.reset();
         return -1;
     }

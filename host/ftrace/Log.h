@@ -1,14 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// This module's log lines.
+// The log sites of this folder: TraceLog::Warning("...", ...). See LogSite.h for the texts.
 #pragma once
+
+#include "LogSite.h"
 
 namespace Engine {
 
-// One line each, formatted as printf(3) does, to the logger "ftrace_module"; dropped when its level does not admit it.
-// Failures to log are swallowed. Any thread.
-[[gnu::format(printf, 1, 2)]] void LogError(const char* format, ...);
-[[gnu::format(printf, 1, 2)]] void LogWarning(const char* format, ...);
-[[gnu::format(printf, 1, 2)]] void LogInformation(const char* format, ...);
-[[gnu::format(printf, 1, 2)]] void LogDebug(const char* format, ...);
+struct TraceLogger {
+    static Poco::Logger* Logger()
+    {
+        static Poco::Logger* const logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("ftrace_module", false);
+        return logger;
+    }
+};
+
+using TraceLog = SDK::LogSite<TraceLogger>;
 
 }  // namespace Engine

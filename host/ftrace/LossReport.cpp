@@ -9,7 +9,6 @@ namespace Engine {
 namespace {
 
 using SDK::Counters;
-using Count = unsigned long long;
 
 void Increase(Counters::Counter& counter, std::uint64_t by)
 {
@@ -77,22 +76,22 @@ bool LossReport::Report(Clock::time_point now)
         return false;
     }
     if (inKernel != 0) {
-        LogWarning(
-            "%llu events were lost in the kernel's buffers, detection may have missed something: make them larger "
+        TraceLog::Warning(
+            "%?u events were lost in the kernel's buffers, detection may have missed something: make them larger "
             "(--buffer-kb)",
-            static_cast<Count>(inKernel));
+            inKernel);
     }
     if (inQueues != 0) {
-        LogWarning(
-            "%llu trace events were refused by a subscriber whose queue was full, detection may have missed something: "
+        TraceLog::Warning(
+            "%?u trace events were refused by a subscriber whose queue was full, detection may have missed something: "
             "watch fewer system calls or give it more of the CPU (%s)",
-            static_cast<Count>(inQueues), SDK::Config::cpuShare);
+            inQueues, SDK::Config::cpuShare);
     }
     if (inStorms != 0) {
-        LogWarning(
-            "%llu system calls were left out so that containers that storm do not hide the others: find out which "
+        TraceLog::Warning(
+            "%?u system calls were left out so that containers that storm do not hide the others: find out which "
             "container makes so many of the watched calls, or watch fewer",
-            static_cast<Count>(inStorms));
+            inStorms);
     }
     inKernel = 0;
     inStorms = 0;

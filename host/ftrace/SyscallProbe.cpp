@@ -48,7 +48,7 @@ int Print(libbpf_print_level level, const char* format, va_list arguments)
     }
     std::array<char, 512> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
-    LogDebug("%s", text.data());
+    TraceLog::Debug("%s", text.data());
     return 0;
 }
 
@@ -77,7 +77,10 @@ std::size_t Elements(std::size_t processes)
 bpf_map& FindMap(bpf_object* object, const char* name)
 {
     bpf_map* map = bpf_object__find_map_by_name(object, name);
-    return map != nullptr ? *map : (Fail(std::string{"no map "} + name + " in the program", ENOENT), *map);
+    if (map == nullptr) {
+        Fail(std::string{"no map "} + name + " in the program", ENOENT);
+    }
+    return *map;
 }
 
 // The program's variables are maps, too, named after their sections.

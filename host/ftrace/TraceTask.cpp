@@ -250,8 +250,8 @@ void TraceTask::StopUnused(const std::vector<const KnownEvent*>& events)
 {
     for (const KnownEvent* event : events) {
         if (const int error = trace->Stop(*event); error != 0) {
-            LogWarning("the kernel goes on recording %s, which nobody wants any more: errno %d",
-                       event->kind.Name().c_str(), error);
+            TraceLog::Warning("the kernel goes on recording %s, which nobody wants any more: errno %d",
+                              event->kind.Name(), error);
         }
     }
 }
@@ -266,7 +266,7 @@ bool TraceTask::AddObserver(TraceObserver& observer)
     for (const auto& [system, name] : wanted) {
         const KnownEvent* event = trace->Catalog()->Find(system, name);
         if (event == nullptr || (table.Observe(*event) && trace->Record(*event) != 0)) {
-            LogWarning("the kernel does not trace %s:%s, going on without it", system.c_str(), name.c_str());
+            TraceLog::Warning("the kernel does not trace %s:%s, going on without it", system, name);
         }
     }
     delivery.SetObserver(&observer);

@@ -129,6 +129,12 @@ public:
     }
 
     template <class... Args>
+    static void Notice(LogText text, const Args&... args)
+    {
+        Write(Poco::Message::PRIO_NOTICE, text.at, text.text, args...);
+    }
+
+    template <class... Args>
     static void Information(LogText text, const Args&... args)
     {
         Write(Poco::Message::PRIO_INFORMATION, text.at, text.text, args...);
