@@ -96,6 +96,20 @@ std::optional<Inspected> ParseInspected(const std::string& text)
     return inspected;
 }
 
+bool IsImageName(std::string_view text)
+{
+    static constexpr std::string_view others = "_.-/:@";
+    return !text.empty() && text.size() <= maxTextBytes && text.find("..") == std::string_view::npos &&
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return IsAlphanumeric(c) || others.find(c) != std::string_view::npos; });
+}
+
+std::string ParseImageId(const std::string& text)
+{
+    const std::optional<Json::Value> root = Parse(text);
+    return root ? Text(*root, "Id") : std::string{};
+}
+
 std::optional<std::vector<std::string>> ParseList(const std::string& text)
 {
     const std::optional<Json::Value> root = Parse(text);

@@ -30,6 +30,12 @@ struct Inspected {
 // Nothing when the text is no such document or names no container.
 std::optional<Inspected> ParseInspected(const std::string& text);
 
+// Whether a text may stand for an image in a request: letters, digits, '_', '.', '-', '/', ':' and '@', without "..".
+bool IsImageName(std::string_view text);
+
+// "/images/<name>/json": the id, empty when there is none.
+std::string ParseImageId(const std::string& text);
+
 // "/containers/json": the ids. Nothing when the text is no array; what in it is no container is left out.
 std::optional<std::vector<std::string>> ParseList(const std::string& text);
 

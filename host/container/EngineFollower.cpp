@@ -18,6 +18,11 @@ constexpr int maxUnanswered = 3;
 constexpr char eventsTarget[] = "/events?filters=%7B%22type%22%3A%5B%22container%22%5D%7D";  // {"type":["container"]}
 constexpr char listTarget[] = "/containers/json?all=1";
 
+bool HasAnswer(const SDK::DockerClient::Reply& reply)
+{
+    return reply.status != 0 && reply.error.empty();
+}
+
 }  // namespace
 
 EngineFollower::EngineFollower(const std::string& socketPath, MetadataCache& cache, std::function<bool()> isCancelled)
@@ -80,9 +85,8 @@ bool EngineFollower::ReadAll(Clock::time_point now)
 
 bool EngineFollower::ReadOne(const std::string& id)
 {
-    const SDK::DockerClient::Reply reply = client.Get("/containers/" + id + "/json");
-    if (reply.status == 0 || !reply.error.empty()) {
-        ++SDK::Counters::Get(SDK::CounterName::engineFailures);
+    const SDK::DockerClient::Reply reply = Ask("/containers/" + id + "/json");
+    if (!HasAnswer(reply)) {
         return false;
     }
     std::optional<EngineDocuments::Inspected> inspected;
@@ -93,6 +97,32 @@ bool EngineFollower::ReadOne(const std::string& id)
         TakeInspected(std::move(*inspected));
     }
     return true;
+}
+
+// The engine answers about a container that it is starting only when that is done, and its program may attack by then.
+// About an image it answers at once.
+bool EngineFollower::ReadImageOf(const std::string& id)
+{
+    const std::shared_ptr<ContainerInfo> known = cache.Find(id);
+    if (known == nullptr || !known->imageId.empty() || !EngineDocuments::IsImageName(known->imageName)) {
+        return true;
+    }
+    const SDK::DockerClient::Reply reply = Ask("/images/" + known->imageName + "/json");
+    if (reply.status == httpOk && HasAnswer(reply)) {
+        ContainerInfo info = *known;
+        info.imageId = EngineDocuments::ParseImageId(reply.body);
+        cache.Put(std::move(info));
+    }
+    return HasAnswer(reply);
+}
+
+SDK::DockerClient::Reply EngineFollower::Ask(const std::string& target)
+{
+    SDK::DockerClient::Reply reply = client.Get(target);
+    if (!HasAnswer(reply)) {
+        ++SDK::Counters::Get(SDK::CounterName::engineFailures);
+    }
+    return reply;
 }
 
 void EngineFollower::TakeInspected(EngineDocuments::Inspected inspected)
@@ -143,7 +173,9 @@ void EngineFollower::InspectChanged()
     while (!changed.empty() && !isCancelled()) {
         const std::string id = *changed.begin();
         changed.erase(changed.begin());
-        ReadOne(id);
+        if (ReadImageOf(id)) {
+            ReadOne(id);
+        }
     }
 }
 

@@ -47,7 +47,10 @@ public:
 private:
     void Connect(Clock::time_point now);
     bool ReadAll(Clock::time_point now);
-    bool ReadOne(const std::string& id);  // false: no answer
+    // Both: false when there was no answer.
+    bool ReadOne(const std::string& id);
+    bool ReadImageOf(const std::string& id);
+    SDK::DockerClient::Reply Ask(const std::string& target);
     void TakeInspected(EngineDocuments::Inspected inspected);
     void FollowEvents(Clock::time_point now);
     void Apply(const EngineDocuments::Event& event, Clock::time_point now);

@@ -45,9 +45,8 @@ OPEN = ("--network", "none", "--security-opt", "seccomp=unconfined")
 
 
 def identity_in(alarm):
-    """Whose an alarm says it is. (The image's id needs an answer by the engine, which may come too late.)"""
-    return {"container_id": alarm["resource_info"].get("container_id"),
-            **{key: alarm[key] for key in ("container_name", "image_name") if key in alarm}}
+    """Whose an alarm says it is."""
+    return alarm["resource_info"] | {key: alarm[key] for key in ("container_name", "image_name") if key in alarm}
 
 
 def found(line):
@@ -155,11 +154,12 @@ class InDocker(Watched):
         cls.addClassCleanup(cls.engine.close)
         cls.socket = cls.engine.socket
         cls.engine.make_image("probe:1")
+        cls.image_id = cls.engine.docker("image", "inspect", "--format", "{{.Id}}", "probe:1")
 
     def known(self, name, container=None):
         """What an alarm has to say about a container."""
         return {"container_id": container or self.engine.inspect(name, "{{.Id}}"), "container_name": name,
-                "image_name": "probe:1"}
+                "image_name": "probe:1", "image_id": self.image_id}
 
     def docker(self, *words):
         return harness.made(self.engine.docker(*words))

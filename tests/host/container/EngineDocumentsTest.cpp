@@ -37,6 +37,10 @@ TEST(EngineDocumentsTest, OddTypesCountAsAbsent)
         EXPECT_EQ(ParseList(odd).has_value(), odd.front() == '[') << odd;
         EXPECT_THAT(*ParseList(Filled(R"([@,{"Id":@},{"Id":"ok"}])", odd)), ElementsAre("ok")) << odd;
     }
+    EXPECT_TRUE(IsImageName("registry:5000/a/b:1.0@sha256:0f"));
+    for (const std::string name : {"", "../containers", "a?all=1", "a b", "a\r\nX: y"}) {
+        EXPECT_FALSE(IsImageName(name)) << name;
+    }
     EXPECT_FALSE(ParseInspected(std::string(100000, '[')));
     const std::string longText(1000000, 'x');
     EXPECT_EQ(ParseInspected(R"({"Id":"a","Name":")" + longText + "\"}")->info.name.size(), maxTextBytes);

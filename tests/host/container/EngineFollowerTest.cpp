@@ -127,8 +127,10 @@ TEST_F(EngineFollowerTest, FollowsTheEvents)
     follower.Step(now);
     EXPECT_TRUE(follower.HasReadAll());
     EXPECT_EQ(cache.ImageNameOf(idA), "bb:1");
+    server.Answer("/images/from-the-event/json", R"({"Id":"sha256:1"})");
     SendEvent("create", idB);
     EXPECT_EQ(cache.ImageNameOf(idB), "from-the-event") << "it cannot be inspected";
+    EXPECT_EQ(cache.Find(idB)->imageId, "sha256:1") << "but the image can";
     Container(idB, "bb:2", idB);
     SendEvent("start", idB);
     EXPECT_EQ(cache.ImageNameOf(idB), "bb:2");
