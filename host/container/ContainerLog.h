@@ -2,15 +2,9 @@
 #pragma once
 
 #include "LogSite.h"
-#include "messages/ContainerMessages.h"
 
 namespace Engine {
 
-struct ContainerLogger {
-    static Poco::Logger* Logger() { return DockerUtil::GetLoggerPtr(); }
-};
-
-// The log sites of this folder: ContainerLog::Warning("...", ...).
-using ContainerLog = SDK::LogSite<ContainerLogger>;
+using ContainerLog = SDK::LogSite<SDK::NamedLogger<"container_module">>;  // ContainerLog::Warning("...", ...)
 
 }  // namespace Engine

@@ -6,6 +6,8 @@
 #include <memory>
 #include <utility>
 
+#include "host/filenotify/NotifyLog.h"
+
 namespace Engine {
 
 using SDK::Counters;

@@ -21,9 +21,9 @@
 #include "host/filenotify/AccessBatch.h"
 #include "host/filenotify/DirectoryLookup.h"
 #include "host/filenotify/FanotifyEvents.h"
-#include "host/filenotify/NotifyLog.h"
 #include "host/filenotify/WatchTable.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/RepeatedReport.h"
 
 namespace Engine {
 
@@ -59,8 +59,8 @@ private:
     int lastPid = -1;  // the process that lastIsHosts is about; -1: none. Good for one buffer only
     bool lastIsHosts = false;
 
-    RepeatedReport losses;
-    RepeatedReport unresolvedReport;
+    SDK::RepeatedReport losses;
+    SDK::RepeatedReport unresolvedReport;
     SDK::Counters::Counter& read;
     SDK::Counters::Counter& overflow;
     SDK::Counters::Counter& notContainer;

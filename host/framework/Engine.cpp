@@ -5,8 +5,9 @@
 
 #include <algorithm>
 
+#include "LogSite.h"
 #include "host/framework/EngineImpl.h"
-#include "host/framework/Log.h"
+#include "host/framework/ExceptionText.h"
 
 namespace Framework {
 
@@ -20,12 +21,11 @@ int Call(Module& module, int (Module::*operation)(), const char* what)
     try {
         const int result = (module.*operation)();
         if (result != 0) {
-            LogAt(Poco::Message::PRIO_ERROR, "module %s: %s returned %d", module.name().c_str(), what, result);
+            SDK::RootLog::Error("module %s: %s returned %d", module.name(), what, result);
         }
         return result;
     } catch (...) {
-        LogAt(Poco::Message::PRIO_ERROR, "module %s: %s failed: %s", module.name().c_str(), what,
-              CurrentExceptionText().c_str());
+        SDK::RootLog::Error("module %s: %s failed: %s", module.name(), what, CurrentExceptionText());
         return -1;
     }
 }
@@ -105,8 +105,7 @@ bool Engine::ApplyPolicy(const std::string& policyId, const std::string& feature
             return true;
         }
     }
-    LogAt(Poco::Message::PRIO_WARNING, "no module takes the policy %s of the feature %s, the old one stays",
-          policyId.c_str(), featureName.c_str());
+    SDK::RootLog::Warning("no module takes the policy %s of the feature %s, the old one stays", policyId, featureName);
     return false;
 }
 

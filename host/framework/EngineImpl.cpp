@@ -4,7 +4,8 @@
 #include <algorithm>
 #include <atomic>
 
-#include "host/framework/Log.h"
+#include "LogSite.h"
+#include "host/framework/ExceptionText.h"
 #include "host/framework/TaskImpl.h"
 
 namespace Framework {
@@ -145,8 +146,7 @@ bool Engine::Impl::Invoke(const Callback& callback, const std::string& feature, 
     try {
         result = callback.callback->invoke(feature, content, slot);
     } catch (...) {
-        LogAt(Poco::Message::PRIO_ERROR, "the policy of the feature %s was not taken: %s", feature.c_str(),
-              CurrentExceptionText().c_str());
+        SDK::RootLog::Error("the policy of the feature %s was not taken: %s", feature, CurrentExceptionText());
         result = nullptr;
     }
     if (result == nullptr && inForce != nullptr) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "framework/Module.h"
 
+#include "LogSite.h"
 #include "host/framework/EngineImpl.h"
-#include "host/framework/Log.h"
 
 namespace Framework {
 
@@ -36,8 +36,7 @@ void Module::RegisterPolicyCallback(const std::string& policyId, AbstractPolicyC
     std::unique_ptr<AbstractPolicyCallback> owned(callback);
     Engine* engine = Engine::Impl::Current();
     if (engine == nullptr || owned == nullptr) {
-        LogAt(Poco::Message::PRIO_ERROR, "module %s: no engine takes its callback for policy %s", name().c_str(),
-              policyId.c_str());
+        SDK::RootLog::Error("module %s: no engine takes its callback for policy %s", name(), policyId);
         return;
     }
     engine->impl->callbacks.push_back({policyId, this, std::move(owned)});

@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <typeinfo>
 
+#include "LogSite.h"
 #include "host/framework/EngineImpl.h"
-#include "host/framework/Log.h"
+#include "host/framework/ExceptionText.h"
 #include "host/framework/TaskImpl.h"
 #include "host/sdk/Counters.h"
 
@@ -43,7 +44,7 @@ Task::~Task()
     }
     if (impl->thread.joinable()) {
         // Too late to be safe, the derived part is gone; better than to leave a thread on freed memory.
-        LogAt(Poco::Message::PRIO_CRITICAL, "task %s is deleted while its thread runs", name().c_str());
+        SDK::RootLog::Error("task %s is deleted while its thread runs", name());
         impl->cancelled = true;
         impl->waiter.Wake();
         impl->Join(*this);
@@ -146,9 +147,9 @@ int Task::Impl::Deliver(Task& task, Queued& message)
         }
         return message->MessageHandle(&task);
     } catch (...) {
-        if (failedMessages.WorthALine()) {
-            LogAt(Poco::Message::PRIO_ERROR, "task %s: a message failed, going on without it: %s (%lu so far)",
-                  task.name().c_str(), CurrentExceptionText().c_str(), failedMessages.Count());
+        if (const auto times = failedMessages.Occurred(SDK::RepeatedReport::Clock::now()); times != 0) {
+            SDK::RootLog::Error("task %s: %?u messages failed, going on without them: %s", task.name(), times,
+                                CurrentExceptionText());
         }
         return -1;
     }

@@ -2,10 +2,7 @@
 // What a task keeps: its queue, its waiter and its thread.
 #pragma once
 
-#include <Poco/Message.h>
-
 #include <atomic>
-#include <bit>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,19 +14,10 @@
 #include "framework/Task.h"
 #include "host/framework/RunState.h"
 #include "host/framework/SyncMessage.h"
+#include "host/sdk/RepeatedReport.h"
 #include "sdk/LocklessQueue.h"
 
 namespace Framework {
-
-// Counts what happens again and again, and says when it is worth a log line: at the 1st, 2nd, 4th, 8th... time.
-class RepeatCount {
-public:
-    bool WorthALine() { return std::has_single_bit(++count); }
-    unsigned long Count() const { return count; }
-
-private:
-    unsigned long count = 0;
-};
 
 struct Task::Impl {
     using Queued = std::shared_ptr<Message>;
@@ -79,8 +67,8 @@ struct Task::Impl {
 
     std::thread thread;
     std::atomic<std::thread::id> loopThread{};  // who is in runTask, nobody: the default value
-    RepeatCount failedRuns;
-    RepeatCount failedMessages;
+    SDK::RepeatedReport failedRuns;
+    SDK::RepeatedReport failedMessages;
 
     std::mutex waitMutex;
     std::shared_ptr<Rendezvous> waitingFor;  // the task's thread waits for this one now

@@ -7,7 +7,8 @@
 #include <limits>
 #include <system_error>
 
-#include "host/framework/Log.h"
+#include "LogSite.h"
+#include "host/framework/ExceptionText.h"
 #include "host/framework/PeriodicSchedule.h"
 #include "host/framework/TaskImpl.h"
 
@@ -60,8 +61,7 @@ int Guarded(const Task& task, const char* what, Operation operation)
     try {
         return operation();
     } catch (...) {
-        LogAt(Poco::Message::PRIO_ERROR, "task %s: %s failed: %s", task.name().c_str(), what,
-              CurrentExceptionText().c_str());
+        SDK::RootLog::Error("task %s: %s failed: %s", task.name(), what, CurrentExceptionText());
         return -1;
     }
 }
@@ -84,7 +84,7 @@ bool Task::Impl::Start(Task& task)
         const SignalsBlocked blocked;
         thread = std::thread([&task] { task.runTask(); });
     } catch (const std::system_error& error) {
-        LogAt(Poco::Message::PRIO_ERROR, "task %s: no thread: %s", task.name().c_str(), error.what());
+        SDK::RootLog::Error("task %s: no thread: %s", task.name(), error.what());
         accepting = false;
         DropQueued();
         state->Set(Phase::Failed);
@@ -99,7 +99,7 @@ void Task::Impl::Join(const Task& task)
         return;
     }
     if (!RunState::IsOver(state->WaitOver(patience))) {
-        LogAt(Poco::Message::PRIO_WARNING, "task %s takes long to stop, waiting on", task.name().c_str());
+        SDK::RootLog::Warning("task %s takes long to stop, waiting on", task.name());
     }
     thread.join();
 }
@@ -124,7 +124,7 @@ void Task::runTask()
         impl->Loop(*this);
         impl->state->Set(Phase::Stopping);
     } else {  // stays Starting until UnInit is done
-        LogAt(Poco::Message::PRIO_ERROR, "task %s does not run: Init returned %d", name().c_str(), initResult);
+        SDK::RootLog::Error("task %s does not run: Init returned %d", name(), initResult);
     }
     impl->interruptible = false;
     if (initResult == 0) {
@@ -184,9 +184,8 @@ void Task::Impl::RunOnce(Task& task)
     } catch (...) {
         failure = CurrentExceptionText();
     }
-    if (failedRuns.WorthALine()) {
-        LogAt(Poco::Message::PRIO_ERROR, "task %s: Run failed, going on: %s (%lu so far)", task.name().c_str(),
-              failure.c_str(), failedRuns.Count());
+    if (const auto times = failedRuns.Occurred(SDK::RepeatedReport::Clock::now()); times != 0) {
+        SDK::RootLog::Error("task %s: Run failed %?u times, going on: %s", task.name(), times, failure);
     }
     task.sleep(pauseAfterFailedRun.count());
 }

@@ -173,16 +173,14 @@ void EventDelivery::ReportLoss()
     }
 }
 
-// Logged at the 1st, 2nd, 4th, 8th... time: it may happen for each event.
 template <class Call>
 void EventDelivery::Guarded(Call call)
 {
     try {
         call();
     } catch (...) {
-        ++observerFailures;
-        if ((observerFailures & (observerFailures - 1)) == 0) {
-            TraceLog::Warning("the observer of trace events failed, going on (%?u times so far)", observerFailures);
+        if (const auto times = observerFailures.Occurred(SDK::RepeatedReport::Clock::now()); times != 0) {
+            TraceLog::Warning("the observer of trace events failed, going on (%?u times)", times);
         }
     }
 }

@@ -14,6 +14,7 @@
 #include "host/ftrace/TraceFollower.h"
 #include "host/ftrace/TraceMerger.h"
 #include "host/ftrace/TraceObserver.h"
+#include "host/sdk/RepeatedReport.h"
 
 namespace Engine {
 
@@ -78,7 +79,7 @@ private:
     DeliverySums sums;
     EventBatch::Unhandled unhandled = EventBatch::AllUnhandled();  // as far as it is in the sums
     std::uint64_t refused = 0;  // events that were not accepted when they were sent, not in the sums yet
-    std::uint64_t observerFailures = 0;
+    SDK::RepeatedReport observerFailures;
 };
 
 }  // namespace Engine

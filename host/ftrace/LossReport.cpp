@@ -35,8 +35,8 @@ void LossReport::Add(const DeliverySums& sums)
     Increase(lostQueue, sums.lostQueue);
     Increase(shed, sums.shed);
     Increase(unwanted, sums.unwanted);
-    inQueues += sums.lostQueue;
-    inStorms += sums.shed;
+    inQueues.Add(sums.lostQueue);
+    inStorms.Add(sums.shed);
 }
 
 void LossReport::Add(const KernelLoss& loss)
@@ -45,7 +45,7 @@ void LossReport::Add(const KernelLoss& loss)
     static Counters::Counter& dropped = Counters::Get(SDK::CounterName::traceLostDropped);
     Increase(overrun, loss.overrun);
     Increase(dropped, loss.dropped);
-    inKernel += loss.overrun + loss.dropped;
+    inKernel.Add(loss.overrun + loss.dropped);
 }
 
 void LossReport::Add(const SyscallLoss& loss)
@@ -54,8 +54,8 @@ void LossReport::Add(const SyscallLoss& loss)
     static Counters::Counter& shed = Counters::Get(SDK::CounterName::traceShedKernel);
     Increase(dropped, loss.dropped);
     Increase(shed, loss.shed);
-    inKernel += loss.dropped;
-    inStorms += loss.shed;
+    inKernel.Add(loss.dropped);
+    inStorms.Add(loss.shed);
 }
 
 void LossReport::AddLate(std::uint64_t events)
@@ -70,34 +70,26 @@ void LossReport::AddLostPages(std::uint64_t pages)
     Increase(lostPages, pages);
 }
 
-bool LossReport::Report(Clock::time_point now)
+void LossReport::Report(Clock::time_point now)
 {
-    if (now < quietUntil || (inKernel == 0 && inQueues == 0 && inStorms == 0)) {
-        return false;
-    }
-    if (inKernel != 0) {
+    if (const auto events = inKernel.TakeDue(now); events != 0) {
         TraceLog::Warning(
             "%?u events were lost in the kernel's buffers, detection may have missed something: make them larger "
             "(--buffer-kb)",
-            inKernel);
+            events);
     }
-    if (inQueues != 0) {
+    if (const auto events = inQueues.TakeDue(now); events != 0) {
         TraceLog::Warning(
             "%?u trace events were refused by a subscriber whose queue was full, detection may have missed something: "
             "watch fewer system calls or give it more of the CPU (%s)",
-            inQueues, SDK::Config::cpuShare);
+            events, SDK::Config::cpuShare);
     }
-    if (inStorms != 0) {
+    if (const auto calls = inStorms.TakeDue(now); calls != 0) {
         TraceLog::Warning(
             "%?u system calls were left out so that containers that storm do not hide the others: find out which "
             "container makes so many of the watched calls, or watch fewer",
-            inStorms);
+            calls);
     }
-    inKernel = 0;
-    inStorms = 0;
-    inQueues = 0;
-    quietUntil = now + pause;
-    return true;
 }
 
 }  // namespace Engine

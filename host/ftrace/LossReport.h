@@ -8,6 +8,7 @@
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/RawPipe.h"
 #include "host/ftrace/SyscallProbe.h"
+#include "host/sdk/RepeatedReport.h"
 
 namespace Engine {
 
@@ -16,22 +17,19 @@ class LossReport {
 public:
     using Clock = std::chrono::steady_clock;
 
-    static constexpr std::chrono::minutes pause{1};  // from one line to the next
-
     void Add(const DeliverySums& sums);
     void Add(const KernelLoss& loss);
     void Add(const SyscallLoss& loss);
     void AddLate(std::uint64_t events);
     void AddLostPages(std::uint64_t pages);
 
-    // Logs what was lost since the last line, if anything was and the last line is a while ago. Returns whether it did.
-    bool Report(Clock::time_point now);
+    // Logs what was lost since the last line about that place, at most once a minute.
+    void Report(Clock::time_point now);
 
 private:
-    std::uint64_t inKernel = 0;  // since the last line
-    std::uint64_t inQueues = 0;
-    std::uint64_t inStorms = 0;
-    Clock::time_point quietUntil = Clock::time_point::min();
+    SDK::RepeatedReport inKernel;
+    SDK::RepeatedReport inQueues;
+    SDK::RepeatedReport inStorms;
 };
 
 }  // namespace Engine

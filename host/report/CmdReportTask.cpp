@@ -27,7 +27,7 @@ int CmdReportTask::HandleMsg(const Framework::Message* message)
         return -1;
     }
     // Foreign bytes in both texts: the log's channel escapes them.
-    poco_notice(ReportLog(), "command " + Shortened(command->Id()) + ": " + Shortened(command->Content()));
+    ReportLog::Notice("command %s: %s", Shortened(command->Id()), Shortened(command->Content()));
     return 0;
 }
 

@@ -3,7 +3,6 @@
 
 #include "host/report/AlarmDocument.h"
 #include "host/report/ReportLog.h"
-#include "sdk/StrUtils.h"
 
 namespace Engine {
 
@@ -46,8 +45,7 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
     if (IsAlarm(data)) {
         return Report(*data);
     }
-    poco_notice(ReportLog(), SDK::StrUtils::Format("report of type %s, %zu bytes, has no receiver",
-                                                   data->Type().c_str(), data->Content().size()));
+    ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
 }
 
@@ -55,8 +53,7 @@ int DataReportTask::Report(const Framework::DataMessage& alarm)
 {
     const std::shared_ptr<AlarmDocument> document = AlarmDocument::Make(alarm.Content(), sinks.size());
     if (document == nullptr) {
-        poco_error(ReportLog(),
-                   SDK::StrUtils::Format("alarm of %zu bytes is not a JSON object, dropped", alarm.Content().size()));
+        ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.Content().size());
         return -1;
     }
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {

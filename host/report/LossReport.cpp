@@ -2,7 +2,6 @@
 #include "host/report/LossReport.h"
 
 #include "host/report/ReportLog.h"
-#include "sdk/StrUtils.h"
 
 namespace Engine {
 
@@ -33,8 +32,7 @@ void LossReport::Flush()
 
 void LossReport::Tell()
 {
-    poco_warning(ReportLog(), SDK::StrUtils::Format("sink %s lost %lu alarms (%s), going on", sink.c_str(), untold,
-                                                    lastReason.c_str()));
+    ReportLog::Warning("sink %s lost %?u alarms (%s), going on", sink, untold, lastReason);
     untold = 0;
 }
 

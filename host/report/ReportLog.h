@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <Poco/Logger.h>
+#include "LogSite.h"
 
 namespace Engine {
 
-// The logger of this component. Any thread.
-Poco::Logger& ReportLog();
+using ReportLog = SDK::LogSite<SDK::NamedLogger<"report_module">>;  // ReportLog::Warning("...", ...)
 
 }  // namespace Engine

@@ -9,15 +9,8 @@
 #include "host/report/DataReportTask.h"
 #include "host/report/ReportLog.h"
 #include "host/report/Sinks.h"
-#include "sdk/LoggerUtils.h"
 
 namespace Engine {
-
-Poco::Logger& ReportLog()
-{
-    static Poco::Logger& logger = *SDK::LoggerUtils::GetInstance()->GetModuleLogger("report_module", false);
-    return logger;
-}
 
 namespace {
 
@@ -30,7 +23,7 @@ public:
         commands = std::make_unique<CmdReportTask>();
         data = std::make_unique<DataReportTask>(MakeSinks(Poco::Util::Application::instance().config()));
         if (RegisterTask(commands.get(), false) != 0 || RegisterTask(data.get(), false) != 0) {
-            poco_error(ReportLog(), "report tasks refused: another module has their names");
+            ReportLog::Error("report tasks refused: another module has their names");
             return -1;
         }
         return Framework::Module::Init();

@@ -14,6 +14,8 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -93,9 +95,26 @@ void LogTo(Poco::Logger* logger, Poco::Message::Priority priority, At at, const 
     }
 }
 
-// The priorities of one logger. Source::Logger() names it: a Poco::Logger*, null for none.
+// The log sites of one logger: using TraceLog = SDK::LogSite<SDK::NamedLogger<"ftrace_module">>. Source::Logger() gives
+// the logger: a Poco::Logger*, null for none.
 template <class Source>
 class LogSite {
+    template <Poco::Message::Priority priority>
+    struct Writer {
+        template <class... Args>
+        void operator()(LogText text, const Args&... args) const
+        {
+            if (Admits(priority)) {
+                LogTo(Source::Logger(), priority, text.at, text.text, args...);
+            }
+        }
+        template <class... Args>
+        void operator()(At at, const char* text, const Args&... args) const
+        {
+            (*this)(LogText{at, text}, args...);
+        }
+    };
+
 public:
     static bool Admits(Poco::Message::Priority priority) noexcept
     {
@@ -106,75 +125,12 @@ public:
         }
     }
 
-    template <class... Args>
-    static void Error(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_ERROR, text.at, text.text, args...);
-    }
-    template <class... Args>
-    static void Error(At at, const char* text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_ERROR, at, text, args...);
-    }
-
-    template <class... Args>
-    static void Warning(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_WARNING, text.at, text.text, args...);
-    }
-    template <class... Args>
-    static void Warning(At at, const char* text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_WARNING, at, text, args...);
-    }
-
-    template <class... Args>
-    static void Notice(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_NOTICE, text.at, text.text, args...);
-    }
-
-    template <class... Args>
-    static void Information(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_INFORMATION, text.at, text.text, args...);
-    }
-    template <class... Args>
-    static void Information(At at, const char* text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_INFORMATION, at, text, args...);
-    }
-
-    template <class... Args>
-    static void Debug(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_DEBUG, text.at, text.text, args...);
-    }
-    template <class... Args>
-    static void Debug(At at, const char* text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_DEBUG, at, text, args...);
-    }
-
-    template <class... Args>
-    static void Trace(LogText text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_TRACE, text.at, text.text, args...);
-    }
-    template <class... Args>
-    static void Trace(At at, const char* text, const Args&... args)
-    {
-        Write(Poco::Message::PRIO_TRACE, at, text, args...);
-    }
-
-private:
-    template <class... Args>
-    static void Write(Poco::Message::Priority priority, At at, const char* text, const Args&... args)
-    {
-        if (Admits(priority)) {
-            LogTo(Source::Logger(), priority, at, text, args...);
-        }
-    }
+    static constexpr Writer<Poco::Message::PRIO_ERROR> Error{};
+    static constexpr Writer<Poco::Message::PRIO_WARNING> Warning{};
+    static constexpr Writer<Poco::Message::PRIO_NOTICE> Notice{};
+    static constexpr Writer<Poco::Message::PRIO_INFORMATION> Information{};
+    static constexpr Writer<Poco::Message::PRIO_DEBUG> Debug{};
+    static constexpr Writer<Poco::Message::PRIO_TRACE> Trace{};
 };
 
 struct RootLogger {
@@ -182,5 +138,23 @@ struct RootLogger {
 };
 
 using RootLog = LogSite<RootLogger>;
+
+// A text as a template argument.
+template <std::size_t size>
+struct LoggerName {
+    constexpr LoggerName(const char (&name)[size]) { std::copy_n(name, size, text); }  // implicit, as a text is given
+
+    char text[size];
+};
+
+// The logger of a component by its name, looked up once.
+template <LoggerName name>
+struct NamedLogger {
+    static Poco::Logger* Logger()
+    {
+        static Poco::Logger* const logger = LoggerUtils::GetInstance()->GetModuleLogger(name.text, false);
+        return logger;
+    }
+};
 
 }  // namespace SDK

@@ -13,18 +13,5 @@ TEST(KernelLossTest, ReadsTheCountsOfAStatsFile)
     EXPECT_EQ(loss.dropped, 43U);
 }
 
-TEST(LossReportTest, SpeaksOncePerMinuteAndOnlyOfNewLosses)
-{
-    LossReport report;
-    LossReport::Clock::time_point now{};
-    EXPECT_FALSE(report.Report(now));
-    report.Add(KernelLoss{1, 0});
-    EXPECT_TRUE(report.Report(now));
-    EXPECT_FALSE(report.Report(now + LossReport::pause)) << "nothing new";
-    report.Add(KernelLoss{0, 1});
-    EXPECT_FALSE(report.Report(now + LossReport::pause / 2));
-    EXPECT_TRUE(report.Report(now + LossReport::pause));
-}
-
 }  // namespace
 }  // namespace Engine

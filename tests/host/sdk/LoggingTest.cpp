@@ -8,6 +8,7 @@
 #include "host/sdk/Counters.h"
 #include "host/sdk/FileDescriptor.h"
 #include "host/sdk/LineChannel.h"
+#include "host/sdk/RepeatedReport.h"
 #include "sdk/LoggerUtils.h"
 
 namespace {
@@ -63,6 +64,18 @@ TEST(LoggerUtilsTest, ALevelIsForAllButThoseWithTheirOwnAndLoggersOutliveTheLibr
     Poco::Logger::shutdown();  // as the application object does when it ends
     EXPECT_EQ(loggers->GetModuleLogger("shared", false), shared);
     EXPECT_FALSE(shared->getChannel().isNull());
+}
+
+TEST(RepeatedReportTest, ReportsTheFirstAtOnceAndLaterOnesAsOneSumAMinute)
+{
+    SDK::RepeatedReport report;
+    const SDK::RepeatedReport::Clock::time_point now{};
+    EXPECT_EQ(report.TakeDue(now), 0U);
+    EXPECT_EQ(report.Occurred(now), 1U);
+    report.Add(2);
+    EXPECT_EQ(report.Occurred(now + SDK::RepeatedReport::pause / 2), 0U);
+    EXPECT_EQ(report.TakeDue(now + SDK::RepeatedReport::pause), 3U);
+    EXPECT_EQ(report.TakeDue(now + 2 * SDK::RepeatedReport::pause), 0U) << "nothing new";
 }
 
 }  // namespace
