@@ -23,4 +23,29 @@ struct AlertInfo {
     std::string classId;  // the alarm class, "containerescape_0001" and so on
 };
 
+// The constant part of one detector's alarms.
+struct AlarmClass {
+    const char* classId;
+    const char* eventName;
+    std::int32_t attackPhase;
+    std::int32_t attackTag;
+    std::int32_t severity;
+    std::int32_t eventCategory;
+    std::int32_t eventType;
+    std::uint16_t confidence;
+
+    // Leaves the process alone.
+    void CopyTo(AlertInfo& info) const
+    {
+        info.classId = classId;
+        info.eventName = eventName;
+        info.attackPhase = attackPhase;
+        info.attackTag = attackTag;
+        info.severity = severity;
+        info.eventCategory = eventCategory;
+        info.eventType = eventType;
+        info.confidence = confidence;
+    }
+};
+
 }  // namespace Engine

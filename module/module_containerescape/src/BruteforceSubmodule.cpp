@@ -8,6 +8,8 @@
 namespace Engine {
 namespace {
 
+constexpr AlarmClass alarmClass{"containerescape_0005", "Bruteforce syscall attack", 4, 4, 3, 2000, 2042, 60};
+
 constexpr char openByHandle[] = "open_by_handle_at";
 
 // At least so many calls lie between two rounds over all counters.
@@ -101,14 +103,7 @@ void BruteforceSubmodule::ReleaseIdle(std::chrono::steady_clock::time_point now)
 
 void BruteforceSubmodule::setBruteForceAlertInfo(AlertInfo& info)
 {
-    info.classId = "containerescape_0005";
-    info.eventName = "Bruteforce syscall attack";
-    info.attackPhase = 4;
-    info.attackTag = 4;
-    info.severity = 3;
-    info.eventCategory = 2000;
-    info.eventType = 2042;
-    info.confidence = 60;
+    alarmClass.CopyTo(info);
 }
 
 }  // namespace Engine

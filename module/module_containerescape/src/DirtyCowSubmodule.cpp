@@ -14,6 +14,8 @@ namespace {
 
 using State = DirtyCowSubmodule::State;
 
+constexpr AlarmClass alarmClass{"containerescape_0003", "DirtyCow attack", 4, 4, 3, 2000, 2042, 60};
+
 // By x86-64 system-call number.
 constexpr std::array<Step<State, std::int64_t>, 4> steps{{
     {State::Initial, 49, State::Bound},    // bind
@@ -83,14 +85,7 @@ void DirtyCowSubmodule::RaiseAlarm(const FtraceMessage& message, int pid)
 
 void DirtyCowSubmodule::setDirtyCowAlertInfo(AlertInfo& info)
 {
-    info.classId = "containerescape_0003";
-    info.eventName = "DirtyCow attack";
-    info.attackPhase = 4;
-    info.attackTag = 4;
-    info.severity = 3;
-    info.eventCategory = 2000;
-    info.eventType = 2042;
-    info.confidence = 60;
+    alarmClass.CopyTo(info);
 }
 
 }  // namespace Engine

@@ -5,6 +5,12 @@
 
 namespace Engine {
 
+namespace {
+
+constexpr AlarmClass alarmClass{"containerescape_0004", "Container file escape attack", 4, 2, 3, 2000, 2044, 80};
+
+}  // namespace
+
 EscapeFileAccessSubmodule::EscapeFileAccessSubmodule(ContainerEscapeDetectTask& task, ContainerMetaInfo* metaInfo)
     : BaseSubmodule(task, "EscapeFileAccess", metaInfo)
 {
@@ -52,14 +58,7 @@ void EscapeFileAccessSubmodule::SendAlarm(int pid, int ppid, const std::string& 
 
 void EscapeFileAccessSubmodule::setEscapeAccessFileAlertInfo(AlertInfo& info)
 {
-    info.classId = "containerescape_0004";
-    info.eventName = "Container file escape attack";
-    info.attackPhase = 4;
-    info.attackTag = 2;
-    info.severity = 3;
-    info.eventCategory = 2000;
-    info.eventType = 2044;
-    info.confidence = 80;
+    alarmClass.CopyTo(info);
 }
 
 }  // namespace Engine

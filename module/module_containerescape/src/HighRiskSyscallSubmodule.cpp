@@ -11,6 +11,8 @@
 namespace Engine {
 namespace {
 
+constexpr AlarmClass alarmClass{"containerescape_0001", "High-Risk System Invocation", 6, 4, 3, 3000, 3016, 80};
+
 constexpr std::size_t initialBuckets = 10;
 constexpr std::chrono::seconds alarmGap{3600};
 
@@ -86,14 +88,7 @@ bool HighRiskSyscallSubmodule::IsNeedToAggregateAlarm(const std::string& name)
 
 void HighRiskSyscallSubmodule::setHighRiskSyscallAlertInfo(AlertInfo& info)
 {
-    info.classId = "containerescape_0001";
-    info.eventName = "High-Risk System Invocation";
-    info.attackPhase = 6;
-    info.attackTag = 4;
-    info.severity = 3;
-    info.eventCategory = 3000;
-    info.eventType = 3016;
-    info.confidence = 80;
+    alarmClass.CopyTo(info);
 }
 
 }  // namespace Engine

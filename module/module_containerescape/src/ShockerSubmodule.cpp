@@ -16,6 +16,8 @@ namespace {
 
 using State = ShockerSubmodule::State;
 
+constexpr AlarmClass alarmClass{"containerescape_0002", "Shocker attack", 4, 4, 3, 2000, 2042, 60};
+
 constexpr char openByHandle[] = "open_by_handle_at";
 
 // The first traced call only makes the process known, whatever it is, so a listing must follow it to count.
@@ -79,14 +81,7 @@ ShockerSubmodule::State ShockerSubmodule::ProcEventGetDents(const FtraceMessage&
 
 void ShockerSubmodule::setShockerAlertInfo(AlertInfo& info)
 {
-    info.classId = "containerescape_0002";
-    info.eventName = "Shocker attack";
-    info.attackPhase = 4;
-    info.attackTag = 4;
-    info.severity = 3;
-    info.eventCategory = 2000;
-    info.eventType = 2042;
-    info.confidence = 60;
+    alarmClass.CopyTo(info);
 }
 
 std::string ShockerSubmodule::GetContainerId(int pid)
