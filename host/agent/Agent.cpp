@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <exception>
-#include <iterator>
 #include <set>
+#include <stdexcept>
 
 #include "host/agent/Machine.h"
 #include "host/agent/StatusReport.h"
@@ -50,27 +50,11 @@ void Warn(const std::vector<std::string>& lines)
     }
 }
 
-// Of `calls`, those whose entry detection has asked for, and which the kernel records.
-std::set<std::string> RecordedCalls(Framework::Engine& engine, const std::set<std::string>& calls)
+// The events that the kernel records for detection.
+std::set<std::string> RecordedEvents(Framework::Engine& engine)
 {
     auto* status = dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
-    const std::set<std::string> events = status != nullptr ? status->RecordedEvents() : std::set<std::string>{};
-    std::set<std::string> recorded;
-    std::copy_if(calls.begin(), calls.end(), std::inserter(recorded, recorded.end()),
-                 [&events](const std::string& call) { return events.contains("syscalls:sys_enter_" + call); });
-    return recorded;
-}
-
-// Calls that have a trace event which the detection task has not asked for: the module knows no such call.
-std::vector<std::string> UnwatchedCalls(const Policy& policy, const std::set<std::string>& enabled)
-{
-    std::vector<std::string> lines;
-    for (const std::string& call : TraceableCalls(policy, CallEventsDir())) {
-        if (!enabled.contains(call)) {
-            lines.push_back("call \"" + call + "\": the detection module does not know it, it is not watched");
-        }
-    }
-    return lines;
+    return status != nullptr ? status->RecordedEvents() : std::set<std::string>{};
 }
 
 }  // namespace
@@ -102,7 +86,6 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
     SDK::LoggerUtils::GetInstance()->SetLevel(options.logLevel);
     auto& settings = engine.config();
     settings.setString(SDK::Config::dockerSocket, options.dockerSocket);
-    settings.setString(SDK::Config::logLevel, options.logLevel);
     if (!options.alarmsFile.empty()) {
         settings.setString(SDK::Config::alarmsFile, options.alarmsFile);
     }
@@ -116,76 +99,67 @@ ExitCode HostAgent::Run()
 {
     ExitCode code = failed;
     try {
-        const Outcome outcome = Start();
-        code = outcome == Outcome::Started ? Watch() : outcome == Outcome::StopAsked ? cleanStop : failed;
+        if (Start()) {
+            Watch();
+        }
+        code = cleanStop;
     } catch (const std::exception& problem) {
         Say(std::string("failed: ") + problem.what());
     }
     return Stop(code);
 }
 
-HostAgent::Outcome HostAgent::Start()
+bool HostAgent::Start()
 {
     if (!EngineAnswers(plan.options.dockerSocket)) {
         Say("warning: no container engine at " + plan.options.dockerSocket +
             ", alarms go without names of containers and images until there is one");
     }
-    if (!LoadModules()) {
-        return Outcome::Failed;
+    for (const std::string& path : plan.modules) {
+        std::string error;
+        if (!engine.LoadModule(path, error)) {
+            throw std::runtime_error("cannot load a module: " + error);
+        }
     }
     // Containers that run already are announced when detection starts: their images must be known by then, or one that
     // is whitelisted would be watched.
     engine.WaitStarted(collectorTask, collectorBound);
-    const Outcome outcome = Apply(plan.policy);
-    if (outcome == Outcome::Started) {
-        Announce("ready");
-    }
-    return outcome;
+    return Apply("ready");
 }
 
-bool HostAgent::LoadModules()
+bool HostAgent::Apply(const char* occasion)
 {
-    for (const std::string& path : plan.modules) {
-        std::string error;
-        if (!engine.LoadModule(path, error)) {
-            Say("cannot load a module: " + error);
-            return false;
-        }
+    if (!engine.ApplyPolicy(policyId, featureName, plan.policy.text)) {
+        throw std::runtime_error("no module took the policy");
     }
+    if (!WaitForDetection()) {
+        return false;
+    }
+    AwaitFileWatches();
+    expectedTasks = engine.RunningTasks();
+    const PolicyCoverage coverage = Examine(plan.policy, RecordedEvents(engine), CallEventsDir());
+    Warn(coverage.warnings);
+    Announce(occasion, coverage);
     return true;
 }
 
-HostAgent::Outcome HostAgent::Apply(const Policy& policy)
-{
-    if (!engine.ApplyPolicy(policyId, featureName, policy.text)) {
-        Say("no module took the policy");
-        return Outcome::Failed;
-    }
-    const Outcome outcome = WaitForDetection();
-    if (outcome == Outcome::Started) {
-        AwaitFileWatches();
-        expectedTasks = engine.RunningTasks();
-        WarnAbout(policy);
-    }
-    return outcome;
-}
-
-HostAgent::Outcome HostAgent::WaitForDetection()
+bool HostAgent::WaitForDetection()
 {
     using StartResult = Framework::Engine::StartResult;
     const auto deadline = Clock::now() + startBound;
     while (true) {
         const StartResult result = engine.WaitStarted(detectionTask, signalCheck);
         if (result == StartResult::Running) {
-            return Outcome::Started;
+            return true;
         }
-        if (result != StartResult::Starting || Clock::now() >= deadline) {
-            Say(result == StartResult::Starting ? "detection does not start in time"
-                                                : "detection does not start, the log says why");
-            return Outcome::Failed;
+        if (result != StartResult::Starting) {
+            throw std::runtime_error("detection does not start, the log says why");
+        }
+        if (Clock::now() >= deadline) {
+            throw std::runtime_error("detection does not start in time");
         }
         if (signals.Wait(0ms) == Signals::Event::Stop) {  // a reload is pointless now: the policy has just been read
-            return Outcome::StopAsked;
+            return false;
         }
     }
 }
@@ -200,47 +174,34 @@ void HostAgent::AwaitFileWatches()
     }
 }
 
-ExitCode HostAgent::Watch()
+void HostAgent::Watch()
 {
     const std::chrono::milliseconds interval = plan.options.statusInterval;
     auto nextStatus = Clock::now() + interval;
     while (true) {
         const Signals::Event event = signals.Wait(checkInterval);
-        if (event == Signals::Event::Stop) {
-            return cleanStop;
+        if (event == Signals::Event::Stop || (event == Signals::Event::Reload && !Reload())) {
+            return;
         }
-        if (event == Signals::Event::Reload) {
-            const Outcome outcome = Reload();
-            if (outcome != Outcome::Started) {
-                return outcome == Outcome::StopAsked ? cleanStop : failed;
-            }
-        }
-        if (!TasksStillRun()) {
-            return failed;
-        }
+        CheckTasks();
         if (interval > 0ms && Clock::now() >= nextStatus) {
             nextStatus = Clock::now() + interval;
-            ReportStatus();
+            ReportCounters("status: ");
         }
     }
 }
 
-// Started: also when the new policy is refused, the running one stays.
-HostAgent::Outcome HostAgent::Reload()
+bool HostAgent::Reload()
 {
     Policy next;
     try {
         next = ParsePolicy(ReadPolicyFile(plan.options.policyFile));
     } catch (const BadInput& problem) {
         Say("policy " + plan.options.policyFile + " refused, the running one stays: " + problem.what());
-        return Outcome::Started;
+        return true;
     }
-    const Outcome outcome = Apply(next);
-    if (outcome == Outcome::Started) {
-        plan.policy = std::move(next);
-        Announce("policy replaced");
-    }
-    return outcome;
+    plan.policy = std::move(next);
+    return Apply("policy replaced");
 }
 
 ExitCode HostAgent::Stop(ExitCode code)
@@ -248,13 +209,7 @@ ExitCode HostAgent::Stop(ExitCode code)
     const Watchdog watchdog(stopBound, "the stop");
     try {
         engine.Stop();
-        const auto counters = SDK::Counters::Snapshot();
-        if (!plan.options.statsFile.empty()) {
-            if (const std::error_code error = WriteStatistics(plan.options.statsFile, counters)) {
-                Say("statistics file " + plan.options.statsFile + ": " + error.message());
-            }
-        }
-        Say((code == cleanStop ? "stopped: " : "stopped after a failure: ") + StatusLine(counters));
+        ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
     } catch (const std::exception& problem) {
         Say(std::string("stop failed: ") + problem.what());
         code = failed;
@@ -263,55 +218,36 @@ ExitCode HostAgent::Stop(ExitCode code)
 }
 
 // A task whose thread ended by itself leaves the agent blind or mute: better to end, and be started anew.
-bool HostAgent::TasksStillRun() const
+void HostAgent::CheckTasks() const
 {
     const std::vector<std::string> running = engine.RunningTasks();
     for (const std::string& task : expectedTasks) {
         if (std::find(running.begin(), running.end(), task) == running.end()) {
-            Say("task " + task + " ended by itself");
-            return false;
+            throw std::runtime_error("task " + task + " ended by itself");
         }
     }
-    return true;
 }
 
-void HostAgent::Announce(const char* what)
+void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage) const
 {
     const Policy& policy = plan.policy;
     const std::string engineText =
         EngineAnswers(plan.options.dockerSocket) ? "engine " + plan.options.dockerSocket : "no engine";
     Say(SDK::StrUtils::Format("%s: watching %zu of %zu listed calls, %zu of %zu listed directories, %s, %zu containers",
-                              what, RecordedCalls(engine, policy.calls).size(), policy.calls.size(),
-                              policy.directories.size() - UselessDirectories(policy).size(), policy.directories.size(),
-                              engineText.c_str(), CountContainers()));
+                              occasion, coverage.calls, policy.calls.size(), coverage.directories,
+                              policy.directories.size(), engineText.c_str(), CountContainers()));
 }
 
-void HostAgent::ReportStatus() const
+void HostAgent::ReportCounters(const char* occasion) const
 {
     const auto counters = SDK::Counters::Snapshot();
-    Say("status: " + StatusLine(counters));
+    Say(occasion + StatusLine(counters));
     if (plan.options.statsFile.empty()) {
         return;
     }
     if (const std::error_code error = WriteStatistics(plan.options.statsFile, counters)) {
         Say("warning: statistics file " + plan.options.statsFile + ": " + error.message());
     }
-}
-
-void HostAgent::WarnAbout(const Policy& policy)
-{
-    std::vector<std::string> lines;
-    for (const std::string& key : policy.unknownKeys) {
-        lines.push_back("policy key " + key + " is unknown and ignored");
-    }
-    Warn(lines);
-    // The kernel has some calls' events under other names: what is recorded needs no look at the names.
-    const std::set<std::string> recorded = RecordedCalls(engine, policy.calls);
-    Policy others = policy;
-    std::erase_if(others.calls, [&recorded](const std::string& call) { return recorded.contains(call); });
-    Warn(UselessCalls(others, CallEventsDir()));
-    Warn(UselessDirectories(policy));
-    Warn(UnwatchedCalls(others, recorded));
 }
 
 }  // namespace Agent

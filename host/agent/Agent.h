@@ -33,21 +33,19 @@ public:
     ExitCode Run();
 
 private:
-    enum class Outcome { Started, StopAsked, Failed };
-
-    bool LoadModules();
-    Outcome Start();
-    Outcome Apply(const Policy& policy);
-    Outcome WaitForDetection();
+    // All throw std::runtime_error when the agent cannot go on. Those that return bool: false when a stop was asked for
+    // meanwhile. `occasion` begins the line that says what is watched now.
+    bool Start();
+    bool Apply(const char* occasion);
+    bool WaitForDetection();
+    bool Reload();  // a policy that is refused changes nothing
     void AwaitFileWatches();
-    ExitCode Watch();
-    Outcome Reload();
+    void Watch();
     ExitCode Stop(ExitCode code);
 
-    bool TasksStillRun() const;
-    void Announce(const char* what);
-    void ReportStatus() const;
-    void WarnAbout(const Policy& policy);
+    void CheckTasks() const;
+    void Announce(const char* occasion, const PolicyCoverage& coverage) const;
+    void ReportCounters(const char* occasion) const;
 
     StartPlan plan;
     Signals signals;

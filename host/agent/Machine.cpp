@@ -89,7 +89,7 @@ void CheckAlarmsFile(const std::string& path)
 {
     const SDK::FileDescriptor file(
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
-    // A named pipe that nobody reads yet (ENXIO, fifo(7)) may get its reader later.
+    // A named pipe without a reader (ENXIO, fifo(7)) may get one later.
     if (!file && errno != ENXIO) {
         throw BadInput("alarms file " + path + ": " + std::strerror(errno));
     }

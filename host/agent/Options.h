@@ -11,9 +11,7 @@
 namespace Agent {
 
 struct Options {
-    enum class Action { Run, Help, Version };
-
-    Action action = Action::Run;
+    std::string answer;  // to a question for help or the version: to be printed, nothing is run; else empty
     std::string policyFile;
     std::string alarmsFile;  // empty: standard output
     std::string dockerSocket = SDK::Config::defaultDockerSocket;
@@ -27,9 +25,6 @@ struct Options {
 };
 
 // `words`: the command line without the program's name. Throws BadInput.
-Options ParseOptions(const std::vector<std::string>& words);
-
-// What --help prints.
-std::string UsageText();
+Options ParseOptions(std::vector<std::string> words);
 
 }  // namespace Agent

@@ -17,7 +17,6 @@
 #include "host/agent/Console.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
-#include "sdk/StrUtils.h"
 
 namespace Agent {
 
@@ -122,6 +121,12 @@ std::string WhyUseless(const std::string& directory)
     return resolved == nullptr ? std::strerror(errno) : std::string{};
 }
 
+// The name is looked at first: it must not lead the look-up elsewhere.
+bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
+{
+    return IsIdentifier(call) && ::access((callEventsDir + "/sys_enter_" + call).c_str(), F_OK) == 0;
+}
+
 }  // namespace
 
 std::string ReadPolicyFile(const std::string& path)
@@ -156,8 +161,9 @@ Policy ParsePolicy(std::string text)
     const Section content = document.Object("content");
     const Section detection = content.Object("container_escape_detect_task");
 
+    content.Texts("image_white_namelist");
+
     Policy policy;
-    policy.images = content.Texts("image_white_namelist");
     policy.calls = detection.Texts("highrisk_calls");
     policy.directories = detection.Texts("host_directorys");
     document.NoteUnknownKeys({"content"}, policy.unknownKeys);
@@ -167,43 +173,32 @@ Policy ParsePolicy(std::string text)
     return policy;
 }
 
-std::set<std::string> TraceableCalls(const Policy& policy, const std::string& callEventsDir)
+PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& recordedEvents,
+                       const std::string& callEventsDir)
 {
-    std::set<std::string> traceable;
-    const std::string prefix = callEventsDir + "/sys_enter_";
+    PolicyCoverage coverage;
+    for (const std::string& key : policy.unknownKeys) {
+        coverage.warnings.push_back("policy key " + key + " is unknown and ignored");
+    }
     for (const std::string& call : policy.calls) {
-        const std::string event = prefix + call;
-        // The name first: it must not lead the look-up elsewhere.
-        if (IsIdentifier(call) && ::access(event.c_str(), F_OK) == 0) {
-            traceable.insert(call);
+        // The kernel has some calls' events under other names: what is recorded needs no look at the names.
+        if (recordedEvents.contains("syscalls:sys_enter_" + call)) {
+            ++coverage.calls;
+        } else {
+            coverage.warnings.push_back("call \"" + call + "\": " +
+                                        (HasEntryEvent(call, callEventsDir)
+                                             ? "the detection module does not know it, it is not watched"
+                                             : "the kernel has no trace event for it, it is not watched"));
         }
     }
-    return traceable;
-}
-
-std::vector<std::string> UselessCalls(const Policy& policy, const std::string& callEventsDir)
-{
-    const std::set<std::string> traceable = TraceableCalls(policy, callEventsDir);
-    std::vector<std::string> lines;
-    for (const std::string& call : policy.calls) {
-        if (!traceable.contains(call)) {
-            lines.push_back("call \"" + call + "\": the kernel has no trace event for it, it is not watched");
-        }
-    }
-    return lines;
-}
-
-std::vector<std::string> UselessDirectories(const Policy& policy)
-{
-    std::vector<std::string> lines;
     for (const std::string& directory : policy.directories) {
-        const std::string reason = WhyUseless(directory);
-        if (!reason.empty()) {
-            lines.push_back(
-                SDK::StrUtils::Format("directory \"%s\": %s, it is not watched", directory.c_str(), reason.c_str()));
+        if (const std::string reason = WhyUseless(directory); reason.empty()) {
+            ++coverage.directories;
+        } else {
+            coverage.warnings.push_back("directory \"" + directory + "\": " + reason + ", it is not watched");
         }
     }
-    return lines;
+    return coverage;
 }
 
 }  // namespace Agent

@@ -11,12 +11,12 @@
 
 namespace Agent {
 
+// A document that has the form above. The modules parse the text for themselves.
 struct Policy {
-    std::string text;  // the document, as it is delivered
-    std::set<std::string> images;
+    std::string text;  // as it is delivered
     std::set<std::string> calls;
     std::set<std::string> directories;
-    std::vector<std::string> unknownKeys;  // their paths; nobody reads them
+    std::vector<std::string> unknownKeys;  // their paths; no module reads them
 };
 
 constexpr std::size_t maxPolicyBytes = 1U << 20U;
@@ -28,12 +28,17 @@ std::string ReadPolicyFile(const std::string& path);
 // reason.
 Policy ParsePolicy(std::string text);
 
-// The listed calls for which `callEventsDir` (tracefs's events/syscalls) has an entry event.
-std::set<std::string> TraceableCalls(const Policy& policy, const std::string& callEventsDir);
+// What becomes of a policy's entries.
+struct PolicyCoverage {
+    std::size_t calls = 0;              // that are watched
+    std::size_t directories = 0;        // that are watched
+    std::vector<std::string> warnings;  // a line for each entry that is not watched and for each unknown key
+};
 
-// What the modules would leave out without a word, one line for each entry: calls that are not traceable, directories
-// that do not exist or whose permission letters are malformed.
-std::vector<std::string> UselessCalls(const Policy& policy, const std::string& callEventsDir);
-std::vector<std::string> UselessDirectories(const Policy& policy);
+// `recordedEvents`: what the kernel records now, as "system:event". `callEventsDir`: tracefs's events/syscalls; it
+// tells a call that the kernel does not know from one that the detection module did not ask for. A directory that does
+// not exist, or has bad permission letters, is not watched.
+PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& recordedEvents,
+                       const std::string& callEventsDir);
 
 }  // namespace Agent

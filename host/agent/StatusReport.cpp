@@ -35,35 +35,6 @@ std::uint64_t Sum(const CounterValues& counters, std::initializer_list<const cha
     return sum;
 }
 
-std::error_code LastError()
-{
-    return std::error_code{errno, std::generic_category()};
-}
-
-std::error_code WriteAll(int fd, const std::string& text)
-{
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-        if (written > 0) {
-            done += static_cast<std::size_t>(written);
-        } else if (written == 0 || errno != EINTR) {
-            return written == 0 ? std::make_error_code(std::errc::io_error) : LastError();
-        }
-    }
-    return {};
-}
-
-std::error_code Publish(const SDK::FileDescriptor& file, const std::string& draft, const std::string& path,
-                        const std::string& text)
-{
-    if (const std::error_code error = WriteAll(file.Get(), text)) {
-        return error;
-    }
-    return ::fchmod(file.Get(), statisticsMode) == 0 && std::rename(draft.c_str(), path.c_str()) == 0
-               ? std::error_code{}
-               : LastError();
-}
-
 }  // namespace
 
 std::string StatusLine(const CounterValues& counters)
@@ -93,13 +64,22 @@ std::error_code WriteStatistics(const std::string& path, const CounterValues& co
     for (const auto& [name, value] : counters) {
         root[name] = Json::UInt64{value};
     }
-    // A name that nobody can guess and an exclusive open: the directory may be one that others write to.
+    const std::string text = SDK::JsonUtils::JsonToString(root) + "\n";
+    // A name that cannot be guessed and an exclusive open: the directory may be one that others write to.
     std::string draft = path + ".XXXXXX";
     const SDK::FileDescriptor file(::mkostemp(draft.data(), O_CLOEXEC));
     if (!file) {
-        return LastError();
+        return {errno, std::generic_category()};
     }
-    const std::error_code error = Publish(file, draft, path, SDK::JsonUtils::JsonToString(root) + "\n");
+    // A file takes less than the whole only when there is no room for more (write(2)).
+    const ssize_t written = ::write(file.Get(), text.data(), text.size());
+    std::error_code error;
+    if (written >= 0 && static_cast<std::size_t>(written) < text.size()) {
+        error = std::make_error_code(std::errc::no_space_on_device);
+    } else if (written < 0 || ::fchmod(file.Get(), statisticsMode) != 0 ||
+               std::rename(draft.c_str(), path.c_str()) != 0) {
+        error.assign(errno, std::generic_category());
+    }
     if (error) {
         ::unlink(draft.c_str());
     }

@@ -21,11 +21,8 @@ ExitCode Print(const std::string& text)
 ExitCode Main(const std::vector<std::string>& words)
 {
     const Options options = ParseOptions(words);
-    if (options.action == Options::Action::Help) {
-        return Print(UsageText());
-    }
-    if (options.action == Options::Action::Version) {
-        return Print("containerescape-agent " CE_VERSION "\n");
+    if (!options.answer.empty()) {
+        return Print(options.answer);
     }
     const StartPlan plan = MakePlan(options);
     if (const std::string reason = WhyNotHere(); !reason.empty()) {

@@ -9,9 +9,8 @@
 namespace {
 
 using namespace Agent;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 template <class Action>
 std::string WhyRefused(Action action)
@@ -41,17 +40,6 @@ TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
     }
 }
 
-TEST(PolicyFileTest, AGoodDocumentIsTakenAsItStandsAndUnknownKeysAreNamed)
-{
-    const std::string text = R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
-        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount"], "host_directorys": [], "x": 3}}})";
-    const Policy policy = ParsePolicy(text);
-    EXPECT_EQ(policy.text, text);
-    EXPECT_THAT(policy.images, ElementsAre("i"));
-    EXPECT_THAT(policy.calls, ElementsAre("mount"));
-    EXPECT_THAT(policy.unknownKeys, ElementsAre("version", "content.other", "content.container_escape_detect_task.x"));
-}
-
 TEST(PolicyFileTest, OnlyARegularReadableFileOfBoundedSizeIsRead)
 {
     const TemporaryDirectory directory;
@@ -62,21 +50,29 @@ TEST(PolicyFileTest, OnlyARegularReadableFileOfBoundedSizeIsRead)
     EXPECT_EQ(ReadPolicyFile(full).size(), maxPolicyBytes);
 }
 
-TEST(PolicyFileTest, EntriesThatTheModulesWouldDropAreNamed)
+TEST(PolicyFileTest, EveryEntryIsWatchedOrNamedWithItsReason)
 {
     const TemporaryDirectory directory;
     directory.Write("sys_enter_mount", "");
+    directory.Write("sys_enter_bpf", "");
     directory.Write("outside", "");
-    Policy policy;
-    policy.calls = {"mount", "nosuchcall", "/../outside", ""};
-    EXPECT_THAT(TraceableCalls(policy, directory.Path()), ElementsAre("mount"));
-    EXPECT_EQ(UselessCalls(policy, directory.Path()).size(), 3U);
-
     const std::string& good = directory.Path();
-    policy.directories = {good, good + "*/*rwxa", good + "*/*rrrr"};
-    EXPECT_THAT(UselessDirectories(policy), IsEmpty());
-    policy.directories = {good + "*/*", good + "*/*rwxar", good + "*/*q", good + "/none", good + "/none*/*r", ""};
-    EXPECT_EQ(UselessDirectories(policy).size(), policy.directories.size());
+    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
+        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "umount2", "bpf", "none", "/../outside"],
+        "host_directorys": [], "x": 3}}})");
+    policy.directories = {
+        good, good + "*/*rwxa", good + "*/*rrrr", good + "*/*", good + "*/*rwxar", good + "*/*q", good + "/none*/*r",
+        ""};
+    const PolicyCoverage coverage =
+        Examine(policy, {"syscalls:sys_enter_mount", "syscalls:sys_enter_umount2", "sched:sched_switch"}, good);
+    EXPECT_EQ(coverage.calls, 2U);
+    EXPECT_EQ(coverage.directories, 3U);
+    EXPECT_THAT(coverage.warnings,
+                UnorderedElementsAre(
+                    HasSubstr("key version"), HasSubstr("key content.other"),
+                    HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
+                    HasSubstr("\"none\": the kernel"), HasSubstr("\"/../outside\": the kernel"), HasSubstr("*/*\""),
+                    HasSubstr("*/*rwxar\""), HasSubstr("*/*q\""), HasSubstr("No such file"), HasSubstr("\"\"")));
 }
 
 }  // namespace

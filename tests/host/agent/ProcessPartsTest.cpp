@@ -17,17 +17,6 @@ namespace {
 using namespace Agent;
 using namespace std::chrono_literals;
 
-TEST(StatusReportTest, TheLineAddsUpThePlaces)
-{
-    const CounterValues counters{{"trace.read", 10},         {"notify.read", 5},       {"trace.lost_overrun", 1},
-                                 {"trace.lost_dropped", 2},  {"trace.lost_pages", 3},  {"notify.overflow", 4},
-                                 {"queue.lost", 7},          {"trace.lost_queue", 6},  {"trace.shed", 5},
-                                 {"trace.not_container", 8}, {"trace.shed_kernel", 9}, {"alarms.lost", 1}};
-    EXPECT_EQ(StatusLine(counters),
-              "events_read=15 lost_kernel=3 shed_kernel=9 shed=5 lost_queues=7 notify_overflows=4 not_container=8 "
-              "alarms_sent=0 alarms_lost=1");
-}
-
 TEST(StatusReportTest, StatisticsReplaceTheFileAndLeaveNoDraft)
 {
     const TemporaryDirectory directory;

@@ -1,0 +1,53 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What an operator does with the agent: mistakes, a new policy, a stop at any time."""
+
+import json
+import pathlib
+import signal
+import subprocess
+import tempfile
+import unittest
+
+import harness
+
+
+class Operator(unittest.TestCase):
+    def test_bad_input_ends_with_two_before_anything_starts(self):
+        with tempfile.TemporaryDirectory() as folder:
+            broken = pathlib.Path(folder) / "broken"
+            broken.write_text("{")
+            for words, reason in ((("run", "--policy", broken, "--color"), "--color"),
+                                  (("run", "--policy", broken), "broken: not JSON: line 1, column")):
+                done = subprocess.run([harness.AGENT, *words], stderr=subprocess.PIPE, text=True, check=False)
+                self.assertEqual(done.returncode, 2)
+                self.assertIn(reason, done.stderr)
+
+    def test_a_policy_is_read_again_and_a_bad_one_refused(self):
+        with harness.agent(harness.policy(("mount", "nosuchcall", "bpf"))) as agent:
+            self.assertIn("watching 1 of 3 listed calls", agent.ready_line)
+            log = "\n".join(agent.log.seen)
+            self.assertIn('call "nosuchcall": the kernel has no trace event', log)
+            self.assertIn('call "bpf": the detection module does not know it', log)
+            agent.policy.write_text("{")
+            agent.process.send_signal(signal.SIGHUP)
+            agent.log.wait_for(lambda line: "refused, the running one stays: not JSON: line 1" in line)
+            agent.policy.write_text(json.dumps(harness.policy(("mount", "setns"))))
+            agent.reload()
+            self.assertIn("watching 2 of 2 listed calls", agent.log.seen[-1])
+            self.assertIsNotNone(agent.stop())
+            self.assertEqual(agent.exit_code, 0)
+
+    def test_a_stop_during_the_start_is_clean(self):
+        with tempfile.NamedTemporaryFile("w", suffix=".json") as policy:
+            policy.write(json.dumps(harness.policy()))
+            policy.flush()
+            command = [harness.AGENT, "run", "--policy", policy.name, "--docker-socket", policy.name]
+            with subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as agent:
+                self.assertIn("no container engine at", agent.stderr.readline())  # before the first module is loaded
+                agent.send_signal(signal.SIGINT)
+                self.assertIn("stopped: events_read=", agent.stderr.read())
+            self.assertEqual(agent.returncode, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
