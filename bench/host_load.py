@@ -35,7 +35,7 @@ def a_call(name):
 
 
 def compiling(folder):
-    source = ROOT / "tests/e2e/probe.c"
+    source = ROOT / "tools/probe.c"
     return ["sh", "-ec", f"for i in $(seq {COMPILES}); do cc -O1 -pthread -o '{folder}/out' '{source}'; done"]
 
 

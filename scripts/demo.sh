@@ -44,7 +44,7 @@ trap clean_up EXIT
 if [ ! -d "$parent" ]; then mkdir "$parent"; made_parent=1; fi
 mkdir "$parent/$id"
 mkdir "$work/host"
-cc -O1 -pthread -o "$work/probe" tests/e2e/probe.c
+cc -O1 -pthread -o "$work/probe" tools/probe.c
 
 # Without open_by_handle_at, which two detectors of their own watch.
 cat >"$work/policy.json" <<POLICY

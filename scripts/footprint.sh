@@ -23,7 +23,7 @@ clean_up() {
 trap clean_up EXIT
 
 mkdir -p "$group"
-cc -O1 -pthread -o "$work/probe" tests/e2e/probe.c
+cc -O1 -pthread -o "$work/probe" tools/probe.c
 mkfifo "$work/log"
 "$build/bin/containerescape-agent" run --policy packaging/policy.json --docker-socket "$work/no-engine.sock" \
     >"$work/alarms" 2>"$work/log" &

@@ -22,7 +22,7 @@ dpkg-deb -x "$kernel" "$work/package"
 root=$work/root
 mkdir -p "$root"/{bin,dev,proc,sys,tmp}
 cp "$(command -v busybox)" "$root/bin/busybox"
-files=("$build"/bin/containerescape-agent "$build"/lib/*/*.so "$build/tests/probe" "${tests[@]/#/$build/tests/}")
+files=("$build"/bin/containerescape-agent "$build"/lib/*/*.so "$build/tools/probe" "${tests[@]/#/$build/tests/}")
 { printf '%s\n' "${files[@]}"; ldd "${files[@]}" 2>/dev/null | grep -oE '/[^ :]+( |$)' || true; } |
     xargs realpath -s | sort -u | xargs cp -L --parents -t "$root"
 overlay=$(find "$work/package" -name 'overlay.ko*')
@@ -59,7 +59,7 @@ awaits() {
 # expect CALL DEED...: a process of the container makes the call; the alarm is to come
 expect() {
     call=$1; shift
-    sh -c 'echo $$ >"$0/cgroup.procs"; exec "$@"' "$group" "$build/tests/probe" "$@"
+    sh -c 'echo $$ >"$0/cgroup.procs"; exec "$@"' "$group" "$build/tools/probe" "$@"
     check "--syscalls $source: $*" awaits "High-Risk.*\"sys_call\":\"$call\".*$id" /tmp/alarms
     sleep 4 # alarms of one name are merged for less
 }

@@ -11,7 +11,7 @@ if [ "${1:-}" = --demo-only ]; then demo_only=1; shift; fi
 [ "$(id -u)" = 0 ] || { echo "Run this as root: it reads the kernel's trace events." >&2; exit 77; }
 scripts/install-packages.sh
 # Its own build tree without tests and benchmarks: the first alarm is worth more than they are.
-cmake -S . -B build/start -G Ninja -DCMAKE_BUILD_TYPE=Release -DCE_BUILD_TESTS=OFF -DCE_BUILD_BENCH=OFF \
+cmake -S . -B build/start -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF -DCE_BUILD_BENCH=OFF \
     -DCE_PRECOMPILE=ON >/dev/null
 cmake --build build/start -- --quiet
 if [ ! -e /sys/kernel/tracing/instances ]; then mount -t tracefs tracefs /sys/kernel/tracing; fi

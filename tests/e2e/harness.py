@@ -21,7 +21,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("CE_BUILD_DIR", ROOT / "build/release"))
 AGENT = BUILD / "bin/containerescape-agent"
-PROBE = BUILD / "tests/probe"
+PROBE = BUILD / "tools/probe"
 INSTANCES = pathlib.Path("/sys/kernel/tracing/instances")
 DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
 
@@ -29,7 +29,7 @@ DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
 def use_build(folder):
     """Takes the agent and the probe from another build folder."""
     global BUILD, AGENT, PROBE  # pylint: disable=global-statement
-    BUILD, AGENT, PROBE = folder, folder / "bin/containerescape-agent", folder / "tests/probe"
+    BUILD, AGENT, PROBE = folder, folder / "bin/containerescape-agent", folder / "tools/probe"
 
 
 # How long a step may take before it is called broken: far beyond what a busy machine needs.

@@ -38,7 +38,7 @@ KINDS = {"shocker /etc/hostname": "Shocker attack", "brute 301": "Bruteforce sys
          "write /host/target": "Container file escape attack"}
 HIGH_RISK = "High-Risk System Invocation"
 NAMESPACE = "Namespace switch attack"
-DEEDS = ([(f"{who} {what}", name) for what, name in KINDS.items() for who in ("self", "fork")] +
+DEEDS = ([(f"{how} {what}", name) for what, name in KINDS.items() for how in ("self", "fork")] +
          [(f"self call {call}", HIGH_RISK) for call in CALLS])
 
 # What may fluctuate, and no more: a reload ends the detection task's thread and starts it again; /proc files, sockets of
@@ -227,7 +227,7 @@ def quarter(rows, number, key):
 
 
 def steady(rows, key, slack):
-    """After the first quarter: the same median in the second and the last, and nobody further away than the slack."""
+    """After the first quarter: the same median in the second and the last, and no value further away than the slack."""
     first, last = harness.median(quarter(rows, 1, key)), harness.median(quarter(rows, 3, key))
     rest = [row[key] for row in rows[len(rows) // 4:]]
     text = f"median {first:g} in the second quarter, {last:g} in the last, {min(rest)} to {max(rest)} in between"
@@ -252,7 +252,7 @@ def judge(soak, rows, counts, churn, checked):
     yield "the switched namespace is told on and on", switched >= 2, f"{switched} times"
     extra = [alarm for alarm in alarms
              if alarm.get("container_name") not in (("switcher",) if alarm["event_name"] == NAMESPACE else ("crowd",))]
-    yield "nobody else is accused", not extra, f"{len(extra)} other alarms, the first: {extra[:1]}"
+    yield "no other container is accused", not extra, f"{len(extra)} other alarms, the first: {extra[:1]}"
 
     yield "threads", *steady(rows, "threads", THREAD_SLACK)
     if not checked:
@@ -360,6 +360,7 @@ def main():
 
 if __name__ == "__main__":
     sys.dont_write_bytecode = True
+    sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
     import chart
     import harness
     import run

@@ -318,15 +318,15 @@ static void DoAsDaemon(const struct Deed* deed)
     close(ends[0]);
 }
 
-static void DoAs(const char* who, const struct Deed* deed)
+static void DoAs(const char* how, const struct Deed* deed)
 {
-    if (strcmp(who, "self") == 0) {
+    if (strcmp(how, "self") == 0) {
         Do(deed);
-    } else if (strcmp(who, "fork") == 0) {
+    } else if (strcmp(how, "fork") == 0) {
         DoInChild(deed, 0);
-    } else if (strcmp(who, "namespaces") == 0) {
+    } else if (strcmp(how, "namespaces") == 0) {
         DoInChild(deed, CLONE_NEWUTS | CLONE_NEWNET);
-    } else if (strcmp(who, "vfork") == 0) {
+    } else if (strcmp(how, "vfork") == 0) {
         // A child of vfork may only exec: it becomes this program again, by its open image.
         char* const arguments[] = {"probe", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL};
         const pid_t child = vfork();
@@ -335,20 +335,20 @@ static void DoAs(const char* who, const struct Deed* deed)
             _exit(1);
         }
         AwaitChild(child);
-    } else if (strcmp(who, "runtime") == 0) {
+    } else if (strcmp(how, "runtime") == 0) {
         char* const arguments[] = {"runc", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL};
         const pid_t child = fork();
         if (child == 0) {
             BecomeRuntime(arguments);
         }
         AwaitChild(child);
-    } else if (strcmp(who, "exec") == 0) {
+    } else if (strcmp(how, "exec") == 0) {
         execv("/proc/self/exe",
               (char*[]){"probe", "serve", "self", (char*)deed->what, (char*)deed->first, (char*)deed->second, NULL});
         Fail("execv");
-    } else if (strcmp(who, "daemon") == 0) {
+    } else if (strcmp(how, "daemon") == 0) {
         DoAsDaemon(deed);
-    } else if (strcmp(who, "thread") == 0) {
+    } else if (strcmp(how, "thread") == 0) {
         pthread_t thread;
         if (pthread_create(&thread, NULL, DoInThread, (void*)deed) != 0) {
             Fail("pthread_create");
@@ -356,7 +356,7 @@ static void DoAs(const char* who, const struct Deed* deed)
         pthread_join(thread, NULL);
     } else {
         errno = EINVAL;
-        Fail(who);
+        Fail(how);
     }
 }
 
