@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
-    libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev clang)
+    libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev clang bpftool)
 test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun busybox-static python3 clang-format
     clang-tidy git procps)
 

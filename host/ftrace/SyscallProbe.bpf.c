@@ -69,7 +69,7 @@ struct {
     __uint(max_entries, 1024);
     __type(key, __u32);
     __type(value, __u64);
-} birthGroups SEC(".maps");
+} initialCgroups SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
@@ -147,7 +147,7 @@ static __always_inline int IsWithinBudgets(const struct task_struct* task, __u64
 {
     const __u64 window = bpf_jiffies64() >> settings.windowShift;
     const __u64 ofThread = Used((__u32)task->pid, event, window);
-    return ofThread < settings.assured ||
+    return ofThread < settings.guaranteed ||
            (ofThread < settings.threadBudget && Used((__u64)task->cgroups, event, window) < settings.groupBudget);
 }
 
@@ -225,9 +225,9 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
     const int isMadeElsewhere = parent->cgroups != child->cgroups;
     if (isMadeElsewhere) {
         const __u64 group = child->cgroups->dfl_cgrp->kn->id;
-        bpf_map_update_elem(&birthGroups, &process, &group, BPF_ANY);
+        bpf_map_update_elem(&initialCgroups, &process, &group, BPF_ANY);
     } else {
-        bpf_map_delete_elem(&birthGroups, &process); /* of an earlier process with that id */
+        bpf_map_delete_elem(&initialCgroups, &process); /* of an earlier process with that id */
     }
     if (isMadeElsewhere || !IsHost(parent->tgid)) {
         MayBeInContainer(process);

@@ -22,8 +22,10 @@
 #include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallNumbers.h"
 #include "host/ftrace/SyscallProbeLayout.h"
-#include "host/ftrace/SyscallProbeProgram.h"
 #include "sdk/FileUtils.h"
+
+// Generated from the compiled program; its variables are of the types above.
+#include "SyscallProbe.skel.h"
 
 namespace Engine {
 namespace {
@@ -40,7 +42,7 @@ constexpr std::size_t mostProcesses = std::size_t{1} << 22;
     throw std::system_error{std::abs(error), std::generic_category(), what};
 }
 
-// What the library says of a failure is a text of hundreds of lines, the verifier's; it is for those who look for it.
+// What the library says of a failure are hundreds of lines, the verifier's: shown only at the level debug.
 int Print(libbpf_print_level level, const char* format, va_list arguments)
 {
     if (level == LIBBPF_DEBUG) {
@@ -74,58 +76,16 @@ std::size_t Elements(std::size_t processes)
     return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
 }
 
-bpf_map& FindMap(bpf_object* object, const char* name)
-{
-    bpf_map* map = bpf_object__find_map_by_name(object, name);
-    if (map == nullptr) {
-        Fail(std::string{"no map "} + name + " in the program", ENOENT);
-    }
-    return *map;
-}
-
-// The program's variables are maps, too, named after their sections.
-bpf_map& FindSection(bpf_object* object, std::string_view section)
-{
-    bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, object)
-    {
-        if (std::string_view{bpf_map__name(map)}.ends_with(section)) {
-            return *map;
-        }
-    }
-    Fail("no section " + std::string{section} + " in the program", ENOENT);
-}
-
 }  // namespace
 
-class SyscallProbe::Mapping {
-public:
-    explicit Mapping(const bpf_map& map, std::size_t bytes) : bytes(bytes)
-    {
-        memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(&map), 0);
-        if (memory == MAP_FAILED) {
-            Fail(std::string{"cannot map "} + bpf_map__name(&map), errno);
-        }
-    }
-    Mapping(const Mapping&) = delete;
-    Mapping& operator=(const Mapping&) = delete;
-    ~Mapping() { ::munmap(memory, bytes); }
-
-    void* Memory() const { return memory; }
-
-private:
-    std::size_t bytes;
-    void* memory;
-};
-
-void SyscallProbe::ObjectDeleter::operator()(bpf_object* object) const
+void SyscallProbe::ProgramDeleter::operator()(SyscallProbeProgram* loaded) const
 {
-    bpf_object__close(object);
+    SyscallProbeProgram::destroy(loaded);
 }
 
-void SyscallProbe::LinkDeleter::operator()(bpf_link* link) const
+void SyscallProbe::StatesDeleter::operator()(std::uint16_t* memory) const
 {
-    bpf_link__destroy(link);
+    ::munmap(memory, bytes);
 }
 
 std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
@@ -141,47 +101,46 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : process
     if (cpus <= 0) {
         Fail("cannot count the CPUs", cpus);
     }
-    Load(static_cast<std::size_t>(cpus), budgets);
-    MakeRings(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))),
-              static_cast<std::size_t>(cpus));
-    Attach();
+    perCpu.resize(static_cast<std::size_t>(cpus));
+    Load(budgets);
+    MapStates();
+    MakeRings(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))));
+    if (const int error = SyscallProbeProgram::attach(program.get()); error != 0) {
+        Fail("cannot attach the BPF program", error);
+    }
 }
 
 SyscallProbe::~SyscallProbe() = default;
 
-void SyscallProbe::Load(std::size_t cpus, const Budgets& budgets)
+void SyscallProbe::Load(const Budgets& budgets)
 {
     libbpf_set_print(Print);
-    object.reset(
-        bpf_object__open_mem(CeProbeProgram, static_cast<std::size_t>(CeProbeProgramEnd - CeProbeProgram), nullptr));
-    if (object == nullptr) {
+    program.reset(SyscallProbeProgram::open());
+    if (program == nullptr) {
         Fail("cannot read the BPF program", errno);
     }
-    const CeProbeSettings settings{static_cast<unsigned int>(processLimit), WindowShift(), budgets.assured,
-                                   budgets.thread, budgets.group};
-    bpf_map& processes = FindMap(object.get(), "processes");
-    bpf_map& rings = FindMap(object.get(), "rings");
-    if (bpf_map__set_initial_value(&FindSection(object.get(), ".rodata"), &settings, sizeof settings) != 0 ||
-        bpf_map__set_max_entries(&processes, static_cast<unsigned int>(Elements(processLimit))) != 0 ||
-        bpf_map__set_max_entries(&rings, static_cast<unsigned int>(cpus)) != 0) {
-        Fail("the BPF program is not laid out as expected", errno);
-    }
-    if (const int error = bpf_object__load(object.get()); error != 0) {
+    program->rodata->settings = {static_cast<unsigned int>(processLimit), WindowShift(), budgets.guaranteed,
+                                 budgets.thread, budgets.group};
+    bpf_map__set_max_entries(program->maps.processes, static_cast<unsigned int>(Elements(processLimit)));
+    bpf_map__set_max_entries(program->maps.rings, static_cast<unsigned int>(perCpu.size()));
+    if (const int error = SyscallProbeProgram::load(program.get()); error != 0) {
         Fail("the kernel does not take the BPF program", error);
     }
-    tableMemory = std::make_unique<Mapping>(FindSection(object.get(), ".bss"), sizeof(CeProbeTables));
-    tables = static_cast<CeProbeTables*>(tableMemory->Memory());
-    processMemory = std::make_unique<Mapping>(processes, Elements(processLimit) * sizeof(CeProcesses));
-    states = static_cast<std::uint16_t*>(processMemory->Memory());
-    countsFd = bpf_map__fd(&FindMap(object.get(), "counts"));
-    birthGroupsFd = bpf_map__fd(&FindMap(object.get(), "birthGroups"));
-    perCpu.resize(cpus);
 }
 
-void SyscallProbe::MakeRings(std::size_t bytes, std::size_t cpus)
+void SyscallProbe::MapStates()
 {
-    const int rings = bpf_map__fd(&FindMap(object.get(), "rings"));
-    for (unsigned int cpu = 0; cpu < cpus; ++cpu) {
+    const std::size_t bytes = Elements(processLimit) * sizeof(CeProcesses);
+    void* memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(program->maps.processes), 0);
+    if (memory == MAP_FAILED) {
+        Fail("cannot map the table of processes", errno);
+    }
+    states = {static_cast<std::uint16_t*>(memory), StatesDeleter{bytes}};
+}
+
+void SyscallProbe::MakeRings(std::size_t bytes)
+{
+    for (unsigned int cpu = 0; cpu < perCpu.size(); ++cpu) {
         SDK::FileDescriptor ring{
             bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ring", 0, 0, static_cast<unsigned int>(bytes), nullptr)};
         const int fd = ring.Get();
@@ -189,20 +148,8 @@ void SyscallProbe::MakeRings(std::size_t bytes, std::size_t cpus)
             Fail("cannot make a ring of " + std::to_string(bytes / kib) + " KiB", errno);
         }
         streams.push_back(std::make_unique<RingStream>(std::move(ring), bytes));
-        if (bpf_map_update_elem(rings, &cpu, &fd, BPF_ANY) != 0) {
+        if (bpf_map_update_elem(bpf_map__fd(program->maps.rings), &cpu, &fd, BPF_ANY) != 0) {
             Fail("cannot give a CPU its ring", errno);
-        }
-    }
-}
-
-void SyscallProbe::Attach()
-{
-    bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, object.get())
-    {
-        links.emplace_back(bpf_program__attach(program));
-        if (links.back() == nullptr) {
-            Fail(std::string{"cannot attach the BPF program "} + bpf_program__name(program), errno);
         }
     }
 }
@@ -219,9 +166,9 @@ bool SyscallProbe::Watch(const KnownEvent& event)
         return false;
     }
     const auto number = static_cast<unsigned short>(numbers.native);
-    tables->watched[number][0] = {event.id, number};
+    program->bss->tables.watched[number][0] = {event.id, number};
     if (numbers.compat >= 0 && numbers.compat < CE_CALLS) {
-        tables->watched[numbers.compat][1] = {event.id, number};
+        program->bss->tables.watched[numbers.compat][1] = {event.id, number};
     }
     return true;
 }
@@ -229,7 +176,7 @@ bool SyscallProbe::Watch(const KnownEvent& event)
 bool SyscallProbe::Unwatch(const KnownEvent& event)
 {
     bool was = false;
-    for (auto& entries : tables->watched) {
+    for (auto& entries : program->bss->tables.watched) {
         for (CeWatchedCall& call : entries) {
             was |= call.event == event.id;
             call = call.event == event.id ? CeWatchedCall{} : call;
@@ -240,17 +187,17 @@ bool SyscallProbe::Unwatch(const KnownEvent& event)
 
 void SyscallProbe::UnwatchAll()
 {
-    std::memset(tables->watched, 0, sizeof tables->watched);
+    std::memset(program->bss->tables.watched, 0, sizeof program->bss->tables.watched);
 }
 
 void SyscallProbe::LeaveOutThread(int tid)
 {
-    tables->ownThread = tid;
+    program->bss->tables.ownThread = tid;
 }
 
 std::uint16_t* SyscallProbe::StateOf(int process) const
 {
-    return process > 0 && static_cast<std::size_t>(process) < processLimit ? states + process : nullptr;
+    return process > 0 && static_cast<std::size_t>(process) < processLimit ? states.get() + process : nullptr;
 }
 
 bool SyscallProbe::IsLeftOut(int process) const
@@ -275,17 +222,18 @@ void SyscallProbe::LeaveOut(int process, Ticket ticket)
 
 std::optional<std::uint64_t> SyscallProbe::TakeBirthGroup(int process)
 {
+    const int groups = bpf_map__fd(program->maps.initialCgroups);
     std::uint64_t group = 0;
-    if (bpf_map_lookup_elem(birthGroupsFd, &process, &group) != 0) {
+    if (bpf_map_lookup_elem(groups, &process, &group) != 0) {
         return std::nullopt;
     }
-    bpf_map_delete_elem(birthGroupsFd, &process);
+    bpf_map_delete_elem(groups, &process);
     return group;
 }
 
 std::uint64_t SyscallProbe::Sum(unsigned int count)
 {
-    const bool isRead = bpf_map_lookup_elem(countsFd, &count, perCpu.data()) == 0;
+    const bool isRead = bpf_map_lookup_elem(bpf_map__fd(program->maps.counts), &count, perCpu.data()) == 0;
     return isRead ? std::accumulate(perCpu.begin(), perCpu.end(), std::uint64_t{0}) : 0;
 }
 
@@ -294,12 +242,12 @@ std::uint64_t SyscallProbe::Sum(unsigned int count)
 std::uint64_t SyscallProbe::Misses() const
 {
     std::uint64_t misses = 0;
-    bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, object.get())
+    bpf_program* each = nullptr;
+    bpf_object__for_each_program(each, program->obj)
     {
         bpf_prog_info info{};
         unsigned int size = sizeof info;
-        if (bpf_obj_get_info_by_fd(bpf_program__fd(program), &info, &size) == 0) {
+        if (bpf_obj_get_info_by_fd(bpf_program__fd(each), &info, &size) == 0) {
             misses += info.recursion_misses;
         }
     }
@@ -312,7 +260,7 @@ SyscallLoss SyscallProbe::TakeLoss()
     if (misses != seenMisses) {
         // What was missed may have been a process's way into a container: all may be in one again.
         seenMisses = misses;
-        std::memset(states, 0, processLimit * sizeof *states);
+        std::fill_n(states.get(), processLimit, std::uint16_t{0});
     }
     const SyscallLoss now{Sum(CE_DROPPED) + misses, Sum(CE_SHED)};
     const SyscallLoss fresh{now.dropped - seen.dropped, now.shed - seen.shed};

@@ -10,11 +10,8 @@
 #include "host/ftrace/EventCatalog.h"
 #include "host/ftrace/RingStream.h"
 #include "host/ftrace/SyscallFilter.h"
-#include "host/sdk/FileDescriptor.h"
 
-struct bpf_link;
-struct bpf_object;
-struct CeProbeTables;
+struct SyscallProbeProgram;
 
 namespace Engine {
 
@@ -35,7 +32,7 @@ public:
     // a thread while its control groups have not used up theirs; and of all threads in the same groups. The second is
     // beyond every detector's limit, the third is what detection handles beside all else.
     struct Budgets {
-        unsigned int assured = 8;
+        unsigned int guaranteed = 8;
         unsigned int thread = 512;
         unsigned int group = 4096;
     };
@@ -73,31 +70,25 @@ public:
     SyscallLoss TakeLoss();
 
 private:
-    struct ObjectDeleter {
-        void operator()(bpf_object* object) const;
+    struct ProgramDeleter {
+        void operator()(SyscallProbeProgram* loaded) const;
     };
-    struct LinkDeleter {
-        void operator()(bpf_link* link) const;
+    struct StatesDeleter {
+        std::size_t bytes;
+        void operator()(std::uint16_t* memory) const;
     };
-    class Mapping;
 
-    void Load(std::size_t cpus, const Budgets& budgets);
-    void MakeRings(std::size_t bytes, std::size_t cpus);
-    void Attach();
+    void Load(const Budgets& budgets);
+    void MapStates();
+    void MakeRings(std::size_t bytes);
     std::uint64_t Sum(unsigned int count);
     std::uint64_t Misses() const;
     std::uint16_t* StateOf(int process) const;
 
-    std::unique_ptr<bpf_object, ObjectDeleter> object;
-    std::unique_ptr<Mapping> tableMemory;
-    std::unique_ptr<Mapping> processMemory;
-    CeProbeTables* tables = nullptr;
-    std::uint16_t* states = nullptr;
+    std::unique_ptr<SyscallProbeProgram, ProgramDeleter> program;
+    std::unique_ptr<std::uint16_t[], StatesDeleter> states;  // of all processes, CeProcesses::state
     std::size_t processLimit;
     std::vector<std::unique_ptr<RingStream>> streams;
-    std::vector<std::unique_ptr<bpf_link, LinkDeleter>> links;
-    int countsFd = -1;
-    int birthGroupsFd = -1;
     std::vector<std::uint64_t> perCpu;  // room for one counter of all CPUs
     SyscallLoss seen;
     std::uint64_t seenMisses = 0;

@@ -25,7 +25,7 @@ struct CeWatchedCall {
 struct CeProbeSettings {
     unsigned int processLimit; /* calls of processes with ids from here on are always recorded */
     unsigned int windowShift;  /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int assured;      /* calls of one kind that every thread may make in a window on each CPU, come what may */
+    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window on each CPU, come what may */
     unsigned int threadBudget; /* that it may make while its control groups have not used up theirs */
     unsigned int groupBudget;  /* that all threads in the same control groups may make, the assured ones not counted */
 };
