@@ -21,7 +21,7 @@ extern "C" {
 namespace Engine::Bench {
 namespace {
 
-using Testing::Bytes;
+using Support::Bytes;
 
 constexpr std::size_t cpus = 2;
 constexpr int callsOfThread = 12'000;
@@ -46,10 +46,10 @@ void MakeCalls(std::size_t cpu)
     }
 }
 
-std::vector<Bytes> ReadPages(RawPipe& pipe)
+std::deque<Bytes> ReadPages(RawPipe& pipe)
 {
-    std::vector<Bytes> pages;
-    for (Bytes page(Testing::pageBytes);; page.resize(Testing::pageBytes)) {
+    std::deque<Bytes> pages;
+    for (Bytes page(Support::pageBytes);; page.resize(Support::pageBytes)) {
         const std::size_t bytes = pipe.ReadPage(page);
         if (bytes == 0) {
             return pages;
@@ -124,10 +124,10 @@ Recording Made()
         std::uint64_t when = 1 + cpu * 3 * distance;
         std::size_t event = 0;
         while (recording.pages[cpu].size() < pagesOfCpu) {
-            Testing::PageBuilder page{when};
+            Support::PageBuilder page{when};
             for (;; when += ++event % 4 == 0 ? 4 * distance : distance) {
                 const auto id = static_cast<std::uint16_t>(firstId + event % kinds);
-                if (!page.Add(when, Testing::Record(id, static_cast<int>(1'000'000 + cpu), Bytes(argumentBytes)))) {
+                if (!page.Add(when, Support::Record(id, static_cast<int>(1'000'000 + cpu), Bytes(argumentBytes)))) {
                     break;
                 }
             }
@@ -169,7 +169,7 @@ struct BareDecoder::State {
     std::unique_ptr<tep_handle, decltype(&tep_free)> tep{tep_alloc(), tep_free};
     std::unique_ptr<kbuffer, decltype(&kbuffer_free)> buffer{
         kbuffer_alloc(KBUFFER_LSIZE_8, KBUFFER_ENDIAN_SAME_AS_HOST), kbuffer_free};
-    std::array<std::byte, Testing::pageBytes + 16> page{};  // the decoder may look past a page's end
+    std::array<std::byte, Support::pageBytes + 16> page{};  // the decoder may look past a page's end
     tep_record record{};
 
     bool Take(void* data, unsigned long long when)
@@ -216,27 +216,6 @@ int BareDecoder::Pid() const
     return static_cast<int>(pid);
 }
 
-// Gives one CPU's pages once, then nothing until it is wound back.
-class ReplayedTrace::Source final : public PageSource {
-public:
-    explicit Source(const std::vector<Bytes>& pages) : pages(&pages) {}
-
-    std::size_t ReadPage(std::span<std::byte> page) override
-    {
-        if (next == pages->size()) {
-            return 0;
-        }
-        const Bytes& from = (*pages)[next++];
-        std::memcpy(page.data(), from.data(), from.size());
-        return from.size();
-    }
-    void WindBack() { next = 0; }
-
-private:
-    const std::vector<Bytes>* pages;
-    std::size_t next = 0;
-};
-
 ReplayedTrace::ReplayedTrace(Framework::Task& task)
     : task(&task),
       catalog(std::make_shared<EventCatalog>([](const std::string&, const std::string& event) {
@@ -248,10 +227,14 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
           }
           return found;
       })),
-      delivery(table, catalog, [&task](const std::string&, std::unique_ptr<Framework::Message> message) {
-          std::shared_ptr<Framework::Message> shared = std::move(message);
-          return task.EnqueueMsg(shared) == 0 ? Sending::Accepted : Sending::Refused;
-      })
+      outlet{catalog,
+             [&task](const std::string&, std::unique_ptr<Framework::Message> message) {
+                 std::shared_ptr<Framework::Message> shared = std::move(message);
+                 return task.EnqueueMsg(shared) == 0 ? Sending::Accepted : Sending::Refused;
+             },
+             &counts},
+      table(outlet),
+      delivery(table, outlet)
 {
     // Of each CPU: so few that no round's events are a backlog, however long this process is kept from running.
     constexpr std::size_t pagesOfRound = 8;
@@ -260,9 +243,9 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
     }
     std::vector<std::unique_ptr<Engine::RecordStream>> streams;
     for (const auto& pages : TheRecording().pages) {
-        auto source = std::make_unique<Source>(pages);
+        auto source = std::make_unique<Support::MemoryPages>(pages);
         sources.push_back(source.get());
-        streams.push_back(std::make_unique<CpuStream>(std::move(source), Testing::pageBytes, pagesOfRound));
+        streams.push_back(std::make_unique<CpuStream>(std::move(source), Support::pageBytes, pagesOfRound));
     }
     merger = std::make_unique<TraceMerger>(std::move(streams));
 }
@@ -270,7 +253,7 @@ ReplayedTrace::ReplayedTrace(Framework::Task& task)
 void ReplayedTrace::Play()
 {
     constexpr int everything = 1024;
-    for (Source* source : sources) {
+    for (Support::MemoryPages* source : sources) {
         source->WindBack();
     }
     do {

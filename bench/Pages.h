@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -16,7 +17,7 @@
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/SubscriptionTable.h"
 #include "host/ftrace/TraceMerger.h"
-#include "tests/host/ftrace/PageBuilder.h"
+#include "tests/support/PageBuilder.h"
 
 namespace Engine::Bench {
 
@@ -25,8 +26,8 @@ inline constexpr const char* recordedCalls[] = {"getdents64", "ptrace", "setns"}
 
 // Never changed after it was made.
 struct Recording {
-    std::vector<std::vector<Testing::Bytes>> pages;  // of each CPU, in order
-    std::vector<std::string> formats;                // the text of each event's format file, as recordedCalls
+    std::vector<std::deque<Support::Bytes>> pages;  // of each CPU, in order
+    std::vector<std::string> formats;               // the text of each event's format file, as recordedCalls
     std::size_t events = 0;
     std::set<int> threads;  // that made the calls
     std::string origin;     // for the report
@@ -48,11 +49,11 @@ public:
     BareDecoder& operator=(const BareDecoder&) = delete;
 
     template <class Add>
-    std::size_t Decode(const std::vector<std::vector<Testing::Bytes>>& pages, Add add)
+    std::size_t Decode(const std::vector<std::deque<Support::Bytes>>& pages, Add add)
     {
         std::size_t seen = 0;
         for (const auto& cpu : pages) {
-            for (const Testing::Bytes& page : cpu) {
+            for (const Support::Bytes& page : cpu) {
                 for (bool more = Load(page); more; more = Next(), ++seen) {
                     add(Pid());
                 }
@@ -63,7 +64,7 @@ public:
 
 private:
     struct State;
-    bool Load(const Testing::Bytes& page);
+    bool Load(const Support::Bytes& page);
     bool Next();
     int Pid() const;
 
@@ -80,13 +81,13 @@ public:
     void Play();
 
 private:
-    class Source;
-
     Framework::Task* task;
     std::shared_ptr<EventCatalog> catalog;
+    TraceCounts counts;
+    TraceOutlet outlet;
     SubscriptionTable table;
     EventDelivery delivery;
-    std::vector<Source*> sources;
+    std::vector<Support::MemoryPages*> sources;
     std::unique_ptr<TraceMerger> merger;
 };
 

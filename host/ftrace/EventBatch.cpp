@@ -1,92 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/EventBatch.h"
 
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <mutex>
-#include <new>
 #include <numeric>
-#include <vector>
 
 #include "host/ftrace/Log.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
 
 namespace Engine {
-namespace {
 
-// Batches go from the trace task to a subscriber's thread, and their memory comes back from there.
-class Store {
+// What the subscriber's queue holds of a batch.
+class EventBatch::Loan final : public Framework::Message {
 public:
-    // Never destroyed: batches may wait in queues until the process ends.
-    static Store& Instance()
-    {
-        static Store& store = *new Store;
-        return store;
-    }
+    explicit Loan(std::shared_ptr<EventBatch> lent) : batch(std::move(lent)) { batch->lent = true; }
+    Loan(const Loan&) = delete;
+    Loan& operator=(const Loan&) = delete;
+    ~Loan() override { batch->lent.store(false, std::memory_order_release); }
 
-    void* Take(std::size_t size)
-    {
-        {
-            const std::lock_guard lock{mutex};
-            if (!spare.empty()) {
-                void* memory = spare.back();
-                spare.pop_back();
-                return memory;
-            }
-        }
-        return ::operator new(size);
-    }
+    int MessageHandle(void* target) override { return batch->Handle(target); }
 
-    void Return(void* memory) noexcept
+    // Of the events and the messages together.
+    unsigned long EventCount() const override
     {
-        {
-            const std::lock_guard lock{mutex};
-            if (spare.size() < maxSpare) {
-                spare.push_back(memory);
-                return;
-            }
-        }
-        ::operator delete(memory);
+        return std::accumulate(
+            batch->messages.begin(), batch->messages.end(), batch->count,
+            [](unsigned long sum, const Between& between) { return sum + between.message->EventCount(); });
     }
 
 private:
-    // 4 MiB stay after a storm.
-    static constexpr std::size_t maxSpare = 64;
-
-    Store() { spare.reserve(maxSpare); }
-
-    std::mutex mutex;
-    std::vector<void*> spare;
+    std::shared_ptr<EventBatch> batch;
 };
 
-std::atomic<std::uint64_t> unhandledEvents{0};
-std::atomic<std::uint64_t> unhandledCalls{0};
-
-}  // namespace
-
-void* EventBatch::operator new(std::size_t size)
+std::unique_ptr<Framework::Message> EventBatch::Lend(std::shared_ptr<EventBatch> batch)
 {
-    return Store::Instance().Take(size);
+    return std::make_unique<Loan>(std::move(batch));
 }
 
-void EventBatch::operator delete(void* memory) noexcept
+bool EventBatch::Add(const EventKind& kind, const RawRecord& record, bool isCall)
 {
-    Store::Instance().Return(memory);
-}
-
-bool EventBatch::Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when,
-                     bool isCall)
-{
-    const std::size_t stride = Stride(size);
+    const std::size_t stride = Stride(record.size);
     if (count == maxEvents || stride > events.size() - used) {
         return false;
     }
-    const Entry entry{&kind, when, size};
+    const Entry entry{&kind, record.when, record.size};
     std::byte* to = events.data() + used;
     std::memcpy(to, &entry, sizeof entry);
-    std::memcpy(to + sizeof entry, record, size);
+    std::memcpy(to + sizeof entry, record.data, record.size);
     used += stride;
     ++count;
     calls += isCall ? 1 : 0;
@@ -102,56 +62,36 @@ bool EventBatch::Add(std::shared_ptr<Framework::Message> message)
     return true;
 }
 
-unsigned long EventBatch::EventCount() const
+void EventBatch::Clear()
 {
-    return std::accumulate(messages.begin(), messages.end(), count, [](unsigned long sum, const Between& between) {
-        return sum + between.message->EventCount();
-    });
+    used = 0;
+    count = 0;
+    calls = 0;
+    messages.clear();
+    handled = false;
 }
 
-EventBatch::~EventBatch()
-{
-    if (!sent) {
-        return;
-    }
-    backlog->Gone(count);
-    if (!handled) {
-        unhandledEvents.fetch_add(count, std::memory_order_relaxed);
-        unhandledCalls.fetch_add(calls, std::memory_order_relaxed);
-    }
-}
-
-EventBatch::Unhandled EventBatch::AllUnhandled()
-{
-    return {unhandledEvents.load(std::memory_order_relaxed), unhandledCalls.load(std::memory_order_relaxed)};
-}
-
-void EventBatch::MarkSent()
-{
-    sent = true;
-    backlog->Sent(count);
-}
-
-int EventBatch::MessageHandle(void* target)
+int EventBatch::Handle(void* target)
 {
     auto* receiver =
         target == nullptr
             ? nullptr
-            : dynamic_cast<AbstractMessage<FtraceMessage>::Receiver*>(static_cast<Framework::Task*>(target));
+            : dynamic_cast<AbstructMessage<FtraceMessage>::Receiver*>(static_cast<Framework::Task*>(target));
     if (receiver == nullptr) {
         return -1;
     }
     static SDK::Counters::Counter& delivered = SDK::Counters::Get(SDK::CounterName::traceDelivered);
     static SDK::Counters::Counter& callsDelivered = SDK::Counters::Get(SDK::CounterName::callsDelivered);
     const auto begin = std::chrono::steady_clock::now();
-    handled = true;
     HandEach(target, *receiver);
+    handled = true;
+    handlingTime = std::chrono::steady_clock::now() - begin;
     delivered.fetch_add(count, std::memory_order_relaxed);
     callsDelivered.fetch_add(calls, std::memory_order_relaxed);
-    backlog->Handled(count, std::chrono::steady_clock::now() - begin);
     return 0;
 }
 
+// What the receiver throws ends that event or message only; it is logged once for the batch.
 void EventBatch::HandEach(void* target, AbstructMessage<FtraceMessage>::Receiver& receiver)
 {
     std::size_t failures = 0;

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many trace events, and messages between them, as one message.
+// Many trace events, and messages between them, that travel as one item of a subscriber's queue.
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -10,70 +12,59 @@
 #include <vector>
 
 #include "framework/Message.h"
-#include "host/ftrace/Backlog.h"
+#include "host/ftrace/RecordStream.h"
 #include "messages/FtraceMessages.h"
 
 namespace Engine {
 
 class EventKind;
 
-// Filled by the trace task, then sent, then read by the receiver: never by two threads at once. Holds copies of its
-// records; of the kinds only pointers, which `kinds` keeps valid. Made with `new`; the memory comes from a store of
-// used batches, so that in steady state nothing is allocated for events.
-class EventBatch final : public Framework::Message {
+// Holds copies of its records; of the kinds only pointers, which `kinds` keeps valid. Filled by the trace task, then
+// lent to the subscriber, then filled again: in steady state nothing is allocated for events.
+// Thread: the trace task's; while it is lent, only IsBack may be called there.
+class EventBatch {
 public:
     static constexpr unsigned long maxEvents = 512;
     static constexpr std::size_t maxBytes = 64 * 1024UL;  // records, and 24 bytes for each
 
     // `kinds`: owner of the kinds of all events that will be added.
-    // `backlog`: told of what becomes of the batch once it is sent.
-    EventBatch(std::shared_ptr<const void> kinds, std::shared_ptr<Backlog> backlog)
-        : kinds(std::move(kinds)), backlog(std::move(backlog))
-    {
-    }
-    EventBatch(const EventBatch&) = delete;
-    EventBatch& operator=(const EventBatch&) = delete;
-    ~EventBatch() override;
+    explicit EventBatch(std::shared_ptr<const void> kinds) : kinds(std::move(kinds)) {}
 
-    // Once, when it is full or its round is over; before it goes to the subscriber's queue.
-    void MarkSent();
+    // Copies an event. False when it does not fit any more. An empty batch has room for every record that fits a page
+    // of up to 60 KiB; the kernel's have 4.
+    bool Add(const EventKind& kind, const RawRecord& record, bool isCall);
 
-    // Copies an event. False when it does not fit any more. `when`: nanoseconds on the trace clock.
-    bool Add(const EventKind& kind, const std::byte* record, std::uint32_t size, std::uint64_t when, bool isCall);
-
-    // Puts a message behind the events added so far. False when there are too many. It ends with its handling, or
-    // unhandled with the batch.
+    // Puts a message behind the events added so far. False when there are too many.
     bool Add(std::shared_ptr<Framework::Message> message);
 
-    // Hands every event to the target's Receiver of FtraceMessage, oldest first, each under its own time
-    // (SDK::TraceTime), and has the messages handled, under none. What the receiver throws ends that event or message
-    // only; it is logged once for the batch. Returns 0, or -1 when the target takes no trace events.
-    int MessageHandle(void* target) override;
+    // A message that hands the batch's content to the task that handles it: every event to the task's Receiver of
+    // FtraceMessage, oldest first, each under its own time (SDK::TraceTime), and the messages between them, under none.
+    // Its result is -1 when the task takes no trace events. The batch is back when the message has ended, handled or
+    // not.
+    static std::unique_ptr<Framework::Message> Lend(std::shared_ptr<EventBatch> batch);
+    bool IsBack() const { return !lent.load(std::memory_order_acquire); }
 
-    // Of the events and the messages together.
-    unsigned long EventCount() const override;
+    // Whether a receiver got the events, and how long it took for all of them. Of a batch that is back.
+    bool WasHandled() const { return handled; }
+    std::chrono::nanoseconds HandlingTime() const { return handlingTime; }
 
-    // The trace events alone, and the system calls among them.
-    unsigned long TraceEventCount() const { return count; }
-    unsigned long CallCount() const { return calls; }
+    // The trace events, and the system calls among them.
+    unsigned long Events() const { return count; }
+    unsigned long Calls() const { return calls; }
 
-    // Events of batches that ceased to be without having been handled, since the process began: those that a queue
-    // refused, and those whose receiver ended. Any thread.
-    struct Unhandled {
-        std::uint64_t events;
-        std::uint64_t calls;
-    };
-    static Unhandled AllUnhandled();
-
-    // Any thread.
-    static void* operator new(std::size_t size);
-    static void operator delete(void* memory) noexcept;
+    // As new.
+    void Clear();
 
 private:
+    class Loan;
     struct Entry {
         const EventKind* kind;
         std::uint64_t when;
         std::uint32_t size;  // of the record, which follows
+    };
+    struct Between {
+        std::size_t at;  // where the event before the message ends
+        std::shared_ptr<Framework::Message> message;
     };
 
     // From one entry to the next: the record is padded so that the entry after it is aligned.
@@ -82,23 +73,18 @@ private:
         return (sizeof(Entry) + size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
     }
 
-    // A message, and where the event before it ends.
-    struct Between {
-        std::size_t at;
-        std::shared_ptr<Framework::Message> message;
-    };
-
+    int Handle(void* target);
     void HandEach(void* target, AbstructMessage<FtraceMessage>::Receiver& receiver);
     std::size_t HandEvents(std::size_t from, std::size_t to, AbstructMessage<FtraceMessage>::Receiver& receiver) const;
 
     std::shared_ptr<const void> kinds;
-    std::shared_ptr<Backlog> backlog;
-    bool sent = false;
-    bool handled = false;
     std::size_t used = 0;
     unsigned long count = 0;
     unsigned long calls = 0;
     std::vector<Between> messages;
+    std::atomic<bool> lent{false};
+    bool handled = false;
+    std::chrono::nanoseconds handlingTime{0};
     alignas(Entry) std::array<std::byte, maxBytes> events;  // not initialised: 64 KiB of zeros for each batch
 };
 

@@ -6,10 +6,10 @@
 namespace Engine {
 namespace {
 
-auto FindSubscriber(TraceRoute& route, const TraceTarget* target)
+auto FindSubscriber(TraceRoute& route, const TraceSubscriberQueue* queue)
 {
     return std::find_if(route.subscribers.begin(), route.subscribers.end(),
-                        [target](const TraceRoute::Subscriber& each) { return each.target == target; });
+                        [queue](const TraceRoute::Subscriber& each) { return each.queue == queue; });
 }
 
 bool IsUnused(const TraceRoute& route)
@@ -22,29 +22,32 @@ bool IsUnused(const TraceRoute& route)
 bool SubscriptionTable::Add(const Framework::Task& task, const KnownEvent& event)
 {
     const bool isFirst = RoutesOf(event.id).empty();
-    TraceTarget& target = TargetOf(task);
+    TraceSubscriberQueue* queue = Find(&task);
+    if (queue == nullptr) {
+        queue = queues.emplace_back(std::make_unique<TraceSubscriberQueue>(task, *outlet)).get();
+    }
     TraceRoute& route = RouteOf(event);
-    if (const auto found = FindSubscriber(route, &target); found != route.subscribers.end()) {
+    if (const auto found = FindSubscriber(route, queue); found != route.subscribers.end()) {
         ++found->count;
     } else {
-        route.subscribers.push_back({&target, 1});
+        route.subscribers.push_back({queue, 1});
     }
     return isFirst;
 }
 
 bool SubscriptionTable::Remove(const Framework::Task& task, const KnownEvent& event)
 {
-    TraceTarget* target = Find(&task);
-    if (target == nullptr || RoutesOf(event.id).empty()) {
+    const TraceSubscriberQueue* queue = Find(&task);
+    if (queue == nullptr || RoutesOf(event.id).empty()) {
         return false;
     }
     TraceRoute& route = RouteOf(event);
-    if (const auto found = FindSubscriber(route, target); found != route.subscribers.end() && --found->count == 0) {
+    if (const auto found = FindSubscriber(route, queue); found != route.subscribers.end() && --found->count == 0) {
         route.subscribers.erase(found);
     }
-    DropUnused(event);
-    if (!HasRoutes(*target)) {
-        DropTarget(*target);
+    std::erase_if(routes[event.id], IsUnused);
+    if (!HasRoutes(*queue)) {
+        Retire(*queue);
     }
     return RoutesOf(event.id).empty();
 }
@@ -63,15 +66,14 @@ std::vector<const KnownEvent*> SubscriptionTable::StopObserving()
 
 std::vector<const KnownEvent*> SubscriptionTable::Forget(const Framework::Task* task)
 {
-    const TraceTarget* target = Find(task);
-    if (target == nullptr) {
+    const TraceSubscriberQueue* queue = Find(task);
+    if (queue == nullptr) {
         return {};
     }
-    auto unused = ChangeAll([target](TraceRoute& route) {
-        std::erase_if(route.subscribers,
-                      [target](const TraceRoute::Subscriber& each) { return each.target == target; });
+    auto unused = ChangeAll([queue](TraceRoute& route) {
+        std::erase_if(route.subscribers, [queue](const TraceRoute::Subscriber& each) { return each.queue == queue; });
     });
-    DropTarget(*target);
+    Retire(*queue);
     return unused;
 }
 
@@ -105,11 +107,22 @@ std::vector<const KnownEvent*> SubscriptionTable::InUse() const
     return events;
 }
 
-TraceTarget* SubscriptionTable::Find(const Framework::Task* task) const
+TraceSubscriberQueue* SubscriptionTable::Find(const Framework::Task* task) const
 {
     const auto found =
-        std::find_if(targets.begin(), targets.end(), [task](const auto& each) { return each->task == task; });
-    return found != targets.end() ? found->get() : nullptr;
+        std::find_if(queues.begin(), queues.end(), [task](const auto& each) { return each->Task() == task; });
+    return found != queues.end() ? found->get() : nullptr;
+}
+
+void SubscriptionTable::FlushQueues()
+{
+    for (const auto& queue : queues) {
+        queue->Flush();
+    }
+    std::erase_if(retired, [](const auto& queue) {
+        queue->Flush();
+        return queue->Waiting() == 0;
+    });
 }
 
 TraceRoute& SubscriptionTable::RouteOf(const KnownEvent& event)
@@ -122,40 +135,25 @@ TraceRoute& SubscriptionTable::RouteOf(const KnownEvent& event)
     auto& sameId = routes[event.id];
     const auto found =
         std::find_if(sameId.begin(), sameId.end(), [&event](const TraceRoute& each) { return each.event == &event; });
-    if (found != sameId.end()) {
-        return *found;
-    }
-    return sameId.emplace_back(TraceRoute{&event, event.IsSyscall(), false, {}});
+    return found != sameId.end() ? *found : sameId.emplace_back(TraceRoute{&event, event.IsSyscall(), false, {}});
 }
 
-TraceTarget& SubscriptionTable::TargetOf(const Framework::Task& task)
+bool SubscriptionTable::HasRoutes(const TraceSubscriberQueue& queue) const
 {
-    if (TraceTarget* target = Find(&task); target != nullptr) {
-        return *target;
-    }
-    return *targets.emplace_back(std::make_unique<TraceTarget>(task));
-}
-
-void SubscriptionTable::DropUnused(const KnownEvent& event)
-{
-    std::erase_if(routes[event.id], IsUnused);
-}
-
-bool SubscriptionTable::HasRoutes(const TraceTarget& target) const
-{
-    const auto leadsThere = [&target](const TraceRoute::Subscriber& each) {
-        return each.target == &target;
+    const auto leadsThere = [&queue](const TraceRoute& route) {
+        return std::any_of(route.subscribers.begin(), route.subscribers.end(),
+                           [&queue](const TraceRoute::Subscriber& each) { return each.queue == &queue; });
     };
-    return std::any_of(routes.begin(), routes.end(), [&](const auto& sameId) {
-        return std::any_of(sameId.begin(), sameId.end(), [&](const TraceRoute& route) {
-            return std::any_of(route.subscribers.begin(), route.subscribers.end(), leadsThere);
-        });
-    });
+    return std::any_of(routes.begin(), routes.end(),
+                       [&](const auto& sameId) { return std::any_of(sameId.begin(), sameId.end(), leadsThere); });
 }
 
-void SubscriptionTable::DropTarget(const TraceTarget& target)
+void SubscriptionTable::Retire(const TraceSubscriberQueue& queue)
 {
-    std::erase_if(targets, [&target](const auto& each) { return each.get() == &target; });
+    const auto found =
+        std::find_if(queues.begin(), queues.end(), [&queue](const auto& each) { return each.get() == &queue; });
+    retired.push_back(std::move(*found));
+    queues.erase(found);
 }
 
 }  // namespace Engine

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who gets which event, counted.
+// Which task gets which event, counted, and the queue of each.
 #pragma once
 
 #include <cstdint>
@@ -7,29 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "framework/Task.h"
-#include "host/ftrace/EventBatch.h"
 #include "host/ftrace/EventCatalog.h"
-#include "host/ftrace/StormGuard.h"
+#include "host/ftrace/TraceSubscriberQueue.h"
 
 namespace Engine {
-
-// A subscribed task and what is on its way to it.
-struct TraceTarget {
-    explicit TraceTarget(const Framework::Task& subscriber) : task(&subscriber), name(subscriber.name()) {}
-
-    const Framework::Task* task;  // its identity only: it may be gone
-    std::string name;
-    std::unique_ptr<EventBatch> batch;  // null: none begun
-    std::shared_ptr<Backlog> backlog = std::make_shared<Backlog>();
-    StormGuard guard;
-    bool refused = false;  // the last sending failed
-};
 
 // One name of an event with its subscribers.
 struct TraceRoute {
     struct Subscriber {
-        TraceTarget* target;
+        TraceSubscriberQueue* queue;
         unsigned count;  // how often the task subscribed
     };
 
@@ -39,23 +25,26 @@ struct TraceRoute {
     std::vector<Subscriber> subscribers;
 };
 
-// Refers to the catalogue's entries. Thread: one at a time.
+// Refers to the catalogue's entries. Owns the queues. Thread: one at a time.
 class SubscriptionTable {
 public:
-    // Both count. Add returns whether nobody used the kernel's event before, Remove whether nobody uses it any more; a
+    // `outlet`: the queues', not owned.
+    explicit SubscriptionTable(const TraceOutlet& outlet) : outlet(&outlet) {}
+
+    // Both count. Add returns whether the kernel's event was unused before, Remove whether it is unused now; a
     // withdrawal of what the task had not subscribed changes nothing.
     bool Add(const Framework::Task& task, const KnownEvent& event);
     bool Remove(const Framework::Task& task, const KnownEvent& event);
 
     // The observer's interest, which there is once. Observe returns as Add does; StopObserving returns the events that
-    // nobody uses any more.
+    // are unused now.
     bool Observe(const KnownEvent& event);
     std::vector<const KnownEvent*> StopObserving();
 
     // Takes every subscription of the task back and forgets the task. Returns as StopObserving does.
     std::vector<const KnownEvent*> Forget(const Framework::Task* task);
 
-    // The routes of the kernel's event with that id; usually one, none for an event that nobody uses.
+    // The routes of the kernel's event with that id; usually one, none for an event that is not in use.
     const std::vector<TraceRoute>& RoutesOf(std::uint16_t id) const { return id < routes.size() ? routes[id] : none; }
 
     // Whether an event with that id, which may be in use no more, is a system call.
@@ -64,22 +53,26 @@ public:
     // One event for each id in use.
     std::vector<const KnownEvent*> InUse() const;
 
-    const std::vector<std::unique_ptr<TraceTarget>>& Targets() const { return targets; }
-    TraceTarget* Find(const Framework::Task* task) const;
+    // Of tasks that are subscribed. Find: null for others.
+    const std::vector<std::unique_ptr<TraceSubscriberQueue>>& Queues() const { return queues; }
+    TraceSubscriberQueue* Find(const Framework::Task* task) const;
+
+    // Flushes all queues, also those of tasks that are not subscribed any more and have events waiting.
+    void FlushQueues();
 
 private:
     TraceRoute& RouteOf(const KnownEvent& event);
-    TraceTarget& TargetOf(const Framework::Task& task);
-    void DropUnused(const KnownEvent& event);
     template <class Change>
     std::vector<const KnownEvent*> ChangeAll(Change change);
-    void DropTarget(const TraceTarget& target);
-    bool HasRoutes(const TraceTarget& target) const;
+    bool HasRoutes(const TraceSubscriberQueue& queue) const;
+    void Retire(const TraceSubscriberQueue& queue);
 
     static inline const std::vector<TraceRoute> none;
+    const TraceOutlet* outlet;
     std::vector<std::vector<TraceRoute>> routes;  // by the event's id in the kernel
     std::vector<bool> syscalls;                   // likewise, of every event there ever was a route for
-    std::vector<std::unique_ptr<TraceTarget>> targets;
+    std::vector<std::unique_ptr<TraceSubscriberQueue>> queues;
+    std::vector<std::unique_ptr<TraceSubscriberQueue>> retired;  // their tasks withdrew, some of their events wait
 };
 
 }  // namespace Engine

@@ -52,14 +52,15 @@ Framework::Task* FindTask(const std::string& name)
 TraceTask::TraceTask(std::unique_ptr<LiveTrace> liveTrace)
     : FtraceTask("ftrace_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
       trace(std::move(liveTrace)),
-      delivery(
-          table, trace->Catalog(),
-          // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
-          // framework looks a name up and queues the message under one lock.
-          [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
-              return Send(task, std::move(message));
-          },
-          trace->Filter())
+      outlet{trace->Catalog(),
+             // By name, not by pointer: a task may be deleted while its withdrawal still waits in our queue, and the
+             // framework looks a name up and queues the message under one lock.
+             [this](const std::string& task, std::unique_ptr<Framework::Message> message) {
+                 return Send(task, std::move(message));
+             },
+             &counts},
+      table(outlet),
+      delivery(table, outlet, trace->Filter())
 {
 }
 
@@ -88,7 +89,6 @@ int TraceTask::UnInit()
     trace->Merger().Drain(delivery);
     delivery.EndRound(Clock::now().time_since_epoch());
     LookAfterLosses(Clock::now());
-    Publish();
     return FtraceTask::UnInit();
 }
 
@@ -123,7 +123,7 @@ void TraceTask::Round()
         LookAfterLosses(lastRound);
         WatchDescriptors();
     }
-    Publish();
+    counts.Publish();
 }
 
 int TraceTask::InterceptMsg(std::shared_ptr<Framework::Message>& message)
@@ -139,9 +139,9 @@ int TraceTask::InterceptMsg(std::shared_ptr<Framework::Message>& message)
 void TraceTask::ForgetTheDead()
 {
     std::vector<const Framework::Task*> dead;
-    for (const auto& target : table.Targets()) {
-        if (target->refused && FindTask(target->name) != target->task) {
-            dead.push_back(target->task);
+    for (const auto& queue : table.Queues()) {
+        if (queue->IsRefused() && FindTask(queue->Name()) != queue->Task()) {
+            dead.push_back(queue->Task());
         }
     }
     for (const Framework::Task* task : dead) {
@@ -153,19 +153,17 @@ void TraceTask::ForgetTheDead()
 void TraceTask::LookAfterLosses(Clock::time_point now)
 {
     const KernelLoss loss = trace->TakeLoss();
-    losses.Add(loss);
-    losses.Add(trace->TakeSyscallLoss());
+    const SyscallLoss calls = trace->TakeSyscallLoss();
+    counts.lostOverrun += loss.overrun;
+    counts.lostDropped += loss.dropped + calls.dropped;
+    counts.shedKernel += calls.shed;
+    counts.late += trace->Merger().TakeLate();
+    counts.lostPages += trace->Merger().TakeLostPages();
     if (loss.dropped != 0) {
         delivery.ReportLoss();
     }
-    losses.Report(now);
-}
-
-void TraceTask::Publish()
-{
-    losses.Add(delivery.TakeSums());
-    losses.AddLate(trace->Merger().TakeLate());
-    losses.AddLostPages(trace->Merger().TakeLostPages());
+    counts.Publish();
+    counts.Warn(now);
 }
 
 int TraceTask::WaitMs() const
@@ -250,7 +248,7 @@ void TraceTask::StopUnused(const std::vector<const KnownEvent*>& events)
 {
     for (const KnownEvent* event : events) {
         if (const int error = trace->Stop(*event); error != 0) {
-            TraceLog::Warning("the kernel goes on recording %s, which nobody wants any more: errno %d",
+            TraceLog::Warning("the kernel goes on recording %s, which has no subscriber any more: errno %d",
                               event->kind.Name(), error);
         }
     }

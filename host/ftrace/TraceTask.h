@@ -10,8 +10,8 @@
 
 #include "host/ftrace/EventDelivery.h"
 #include "host/ftrace/LiveTrace.h"
-#include "host/ftrace/LossReport.h"
 #include "host/ftrace/SubscriptionTable.h"
+#include "host/ftrace/TraceCounts.h"
 #include "host/ftrace/TraceObserver.h"
 #include "host/ftrace/TraceStatus.h"
 #include "messages/FtraceMessages.h"
@@ -61,13 +61,13 @@ private:
     void Round();
     void ForgetTheDead();
     void LookAfterLosses(Clock::time_point now);
-    void Publish();
 
     std::unique_ptr<LiveTrace> trace;
     std::mutex mutex;
+    TraceCounts counts;
+    TraceOutlet outlet;
     SubscriptionTable table;
     EventDelivery delivery;
-    LossReport losses;
     std::set<int> watched;  // by the waiter; task's thread only
     Clock::time_point lastRound;
     Clock::time_point lastLook;

@@ -8,15 +8,12 @@
 #include <vector>
 
 #include "host/ftrace/CpuStream.h"
-#include "tests/host/ftrace/PageBuilder.h"
+#include "tests/support/PageBuilder.h"
 
 namespace Engine {
 namespace {
 
 using testing::ElementsAre;
-using Testing::MemoryPages;
-using Testing::PageBuilder;
-using Testing::Record;
 
 constexpr std::uint64_t forever = UINT64_MAX;
 
@@ -41,23 +38,23 @@ protected:
     {
         std::vector<std::unique_ptr<RecordStream>> streams;
         for (std::size_t cpu = 0; cpu < cpus; ++cpu) {
-            buffers.push_back(std::make_shared<MemoryPages::Queue>());
-            streams.push_back(std::make_unique<CpuStream>(std::make_unique<MemoryPages>(buffers.back()),
-                                                          Testing::pageBytes, maxPages));
+            buffers.push_back(std::make_unique<std::deque<Support::Bytes>>());
+            streams.push_back(std::make_unique<CpuStream>(std::make_unique<Support::MemoryPages>(*buffers.back()),
+                                                          Support::pageBytes, maxPages));
         }
         return TraceMerger{std::move(streams)};
     }
 
-    Testing::Bytes& Put(std::size_t cpu, const std::vector<std::uint64_t>& times, bool afterLoss = false)
+    Support::Bytes& Put(std::size_t cpu, const std::vector<std::uint64_t>& times, bool afterLoss = false)
     {
-        PageBuilder page{times.front()};
+        Support::PageBuilder page{times.front()};
         for (const std::uint64_t when : times) {
-            page.Add(when, Record(7, 1));
+            page.Add(when, Support::Record(7, 1));
         }
         return buffers[cpu]->emplace_back(afterLoss ? page.AfterLoss().Page() : page.Page());
     }
 
-    std::vector<std::shared_ptr<MemoryPages::Queue>> buffers;
+    std::vector<std::unique_ptr<std::deque<Support::Bytes>>> buffers;
     Times sink;
 };
 
@@ -145,7 +142,7 @@ TEST_F(TraceMergerTest, GivesUpADamagedPageAtThatPlaceOnly)
     };
     for (const Damage& damage : cases) {
         TraceMerger merger = Merger(1);
-        Testing::Put(Put(buffers.size() - 1, {10, 11}), damage.offset, damage.value);
+        Support::Put(Put(buffers.size() - 1, {10, 11}), damage.offset, damage.value);
         Put(buffers.size() - 1, {20});
         merger.Round(forever, sink);
         EXPECT_EQ(sink.Take(), damage.left) << damage.what;

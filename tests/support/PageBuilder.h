@@ -8,14 +8,13 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "host/ftrace/PageSource.h"
 
-namespace Engine::Testing {
+namespace Support {
 
 inline constexpr std::size_t pageBytes = 4096;
 
@@ -73,7 +72,7 @@ public:
         return true;
     }
 
-    // Records before this page are missing, nobody knows how many.
+    // Records before this page are missing, an unknown number.
     PageBuilder& AfterLoss()
     {
         flags = std::uint64_t{1} << 31;
@@ -96,26 +95,26 @@ private:
     std::uint64_t flags = 0;
 };
 
-// One CPU's buffer: pages put in at the back come out at the front.
-class MemoryPages final : public PageSource {
+// One CPU's buffer: gives the pages of `from` one after the other, also those that are added later.
+class MemoryPages final : public Engine::PageSource {
 public:
-    using Queue = std::deque<Bytes>;
-
-    explicit MemoryPages(std::shared_ptr<Queue> pages) : pages(std::move(pages)) {}
+    // Not owned.
+    explicit MemoryPages(const std::deque<Bytes>& from) : pages(&from) {}
 
     std::size_t ReadPage(std::span<std::byte> page) override
     {
-        if (pages->empty()) {
+        if (next == pages->size()) {
             return 0;
         }
-        const std::size_t bytes = std::min(pages->front().size(), page.size());
-        std::memcpy(page.data(), pages->front().data(), bytes);
-        pages->pop_front();
-        return bytes;
+        const Bytes& from = (*pages)[next++];
+        std::memcpy(page.data(), from.data(), std::min(from.size(), page.size()));
+        return from.size();
     }
+    void WindBack() { next = 0; }
 
 private:
-    std::shared_ptr<Queue> pages;
+    const std::deque<Bytes>* pages;
+    std::size_t next = 0;
 };
 
-}  // namespace Engine::Testing
+}  // namespace Support
