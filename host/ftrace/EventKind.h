@@ -11,7 +11,7 @@
 
 namespace Engine {
 
-// Never changed after it was made; shared by any threads. Made from the kernel's format file by TraceDecoder, or from
+// Never changed after it was made; shared by any threads. Made from the kernel's format file by EventCatalog, or from
 // a list of fields where events are recorded or written by a test.
 class EventKind {
 public:
@@ -45,7 +45,6 @@ public:
         }
         return Is(field, syscallNumberName) ? At(syscallNumber) : Search(field);
     }
-    const std::vector<Field>& Fields() const { return fields; }
 
 private:
     static constexpr char commonPidName[] = "common_pid";

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/EventName.h"
 
+#include <seccomp.h>
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -20,10 +22,10 @@ constexpr std::array<Alias, 6> aliases{{
     {"umount2", "umount"},
 }};
 
-bool IsLetter(char c)
-{
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
+constexpr std::string_view entryPrefix = "sys_enter_";
+constexpr std::string_view exitPrefix = "sys_exit_";
+constexpr char plain[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
+
 bool IsDigit(char c)
 {
     return c >= '0' && c <= '9';
@@ -33,24 +35,30 @@ bool IsDigit(char c)
 
 bool IsPlain(std::string_view name)
 {
-    return !name.empty() && IsLetter(name.front()) &&
-           std::all_of(name.begin(), name.end(), [](char c) { return IsLetter(c) || IsDigit(c); });
+    return !name.empty() && !IsDigit(name.front()) && name.find_first_not_of(plain) == std::string_view::npos;
 }
 
 std::string KernelAlias(std::string_view event)
 {
-    for (const std::string_view prefix : {"sys_enter_", "sys_exit_"}) {
-        if (!event.starts_with(prefix)) {
-            continue;
-        }
-        const std::string_view call = event.substr(prefix.size());
-        const auto* found =
-            std::find_if(aliases.begin(), aliases.end(), [call](const Alias& alias) { return alias.first == call; });
-        if (found != aliases.end()) {
-            return std::string{prefix}.append(found->second);
+    for (const std::string_view prefix : {entryPrefix, exitPrefix}) {
+        for (const auto& [call, kernelCall] : aliases) {
+            if (event.starts_with(prefix) && event.substr(prefix.size()) == call) {
+                return std::string{prefix}.append(kernelCall);
+            }
         }
     }
     return {};
+}
+
+SyscallNumbers NumbersOfEntry(const std::string& event)
+{
+    if (!event.starts_with(entryPrefix)) {
+        return {};
+    }
+    const char* const name = event.c_str() + entryPrefix.size();
+    // The library has negative numbers of its own for calls that an architecture lacks.
+    return {std::max(-1, seccomp_syscall_resolve_name_arch(SCMP_ARCH_X86_64, name)),
+            std::max(-1, seccomp_syscall_resolve_name_arch(SCMP_ARCH_X86, name))};
 }
 
 }  // namespace Engine::EventName

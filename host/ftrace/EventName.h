@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Names of trace events: which ones may be asked for, and what the kernel calls them.
+// Names of trace events: which ones may be asked for, what the kernel calls them, and which system calls they are of.
 #pragma once
 
 #include <string>
@@ -15,5 +15,14 @@ bool IsPlain(std::string_view name);
 // names these events after the function that serves the call (SYSCALL_DEFINE, fs/stat.c: newstat). "sys_enter_umount2"
 // gives "sys_enter_umount". Empty when there is no other name.
 std::string KernelAlias(std::string_view event);
+
+// The numbers under which a system call enters the kernel.
+struct SyscallNumbers {
+    int native = -1;  // x86-64's
+    int compat = -1;  // i386's, through int 0x80 and sysenter; -1: it has no such call
+};
+
+// `event`: as subscribers name it ("sys_enter_unshare"). Both are -1 when that is no system call's entry.
+SyscallNumbers NumbersOfEntry(const std::string& event);
 
 }  // namespace Engine::EventName

@@ -15,25 +15,30 @@ struct View {
     std::size_t size;
 
     bool Holds(std::size_t offset, std::size_t length) const { return offset <= size && length <= size - offset; }
+    std::string_view Text(std::size_t offset, std::size_t length) const
+    {
+        return Holds(offset, length) ? std::string_view{reinterpret_cast<const char*>(data) + offset, length}
+                                     : std::string_view{};
+    }
 };
 
 template <class T>
-std::int64_t Load(const std::byte* from)
+T Load(const std::byte* from)
 {
     T value;
     std::memcpy(&value, from, sizeof value);
-    return static_cast<std::int64_t>(value);
+    return value;
 }
 
 std::int64_t Integer(const std::byte* from, std::uint32_t size, bool isSigned)
 {
     switch (size) {
         case 1:
-            return isSigned ? Load<std::int8_t>(from) : Load<std::uint8_t>(from);
+            return isSigned ? Load<std::int8_t>(from) : std::int64_t{Load<std::uint8_t>(from)};
         case 2:
-            return isSigned ? Load<std::int16_t>(from) : Load<std::uint16_t>(from);
+            return isSigned ? Load<std::int16_t>(from) : std::int64_t{Load<std::uint16_t>(from)};
         case 4:
-            return isSigned ? Load<std::int32_t>(from) : Load<std::uint32_t>(from);
+            return isSigned ? Load<std::int32_t>(from) : std::int64_t{Load<std::uint32_t>(from)};
         case 8:
             return Load<std::int64_t>(from);
         default:
@@ -41,41 +46,20 @@ std::int64_t Integer(const std::byte* from, std::uint32_t size, bool isSigned)
     }
 }
 
-// Where the text of a __data_loc or __rel_loc field lies (include/trace/stages/stage1_struct_define.h): 16 bits offset,
-// 16 bits length. Empty when any of it would lie outside the record.
-std::string_view Located(const View& record, const EventKind::Field& field)
-{
-    constexpr unsigned lengthShift = 16;
-    constexpr std::uint32_t offsetMask = 0xffff;
-    if (field.size != sizeof(std::uint32_t) || !record.Holds(field.offset, field.size)) {
-        return {};
-    }
-    std::uint32_t location = 0;
-    std::memcpy(&location, record.data + field.offset, sizeof location);
-    const std::size_t base = field.shape == Shape::RelativeLoc ? std::size_t{field.offset} + field.size : 0;
-    const std::size_t offset = base + (location & offsetMask);
-    const std::size_t length = location >> lengthShift;
-    if (!record.Holds(offset, length)) {
-        return {};
-    }
-    return {reinterpret_cast<const char*>(record.data) + offset, length};
-}
-
+// Empty when any of it would lie outside the record. Where the text of a __data_loc or __rel_loc field lies: 16 bits
+// offset, 16 bits length (include/trace/stages/stage1_struct_define.h).
 std::string_view Text(const View& record, const EventKind::Field& field)
 {
-    switch (field.shape) {
-        case Shape::Number:
-            return {};
-        case Shape::FixedText:
-            if (!record.Holds(field.offset, field.size)) {
-                return {};
-            }
-            return {reinterpret_cast<const char*>(record.data) + field.offset, field.size};
-        case Shape::DataLoc:
-        case Shape::RelativeLoc:
-            return Located(record, field);
+    if (field.shape == Shape::FixedText) {
+        return record.Text(field.offset, field.size);
     }
-    return {};
+    if (field.shape == Shape::Number || field.size != sizeof(std::uint32_t) ||
+        !record.Holds(field.offset, field.size)) {
+        return {};
+    }
+    const auto location = Load<std::uint32_t>(record.data + field.offset);
+    const std::size_t base = field.shape == Shape::RelativeLoc ? std::size_t{field.offset} + field.size : 0;
+    return record.Text(base + (location & 0xffffU), location >> 16U);
 }
 
 // The texts last asked for on this thread. The strings keep their capacity, so what is read again and again is not

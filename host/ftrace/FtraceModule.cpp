@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/ftrace/FtraceModule.h"
-
-#include <Poco/Exception.h>
+// The plug-in: libftrace_module.so, which makes the task "ftrace_task".
 #include <Poco/Util/Application.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <exception>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
 
+#include "framework/Module.h"
 #include "host/ftrace/LiveTrace.h"
 #include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallProbe.h"
@@ -20,48 +20,20 @@
 namespace Engine {
 namespace {
 
-// 0 where nothing is set, or nothing that is a size.
-std::size_t ConfiguredBufferKb()
+std::size_t Cpus(int which)
 {
-    try {
-        const int kb = Poco::Util::Application::instance().config().getInt(SDK::Config::traceBufferKb, 0);
-        return kb > 0 ? static_cast<std::size_t>(kb) : 0;
-    } catch (const Poco::Exception& error) {
-        TraceLog::Warning("%s is not usable, taking the default: %s", SDK::Config::traceBufferKb, error.displayText());
-        return 0;
-    }
+    return static_cast<std::size_t>(::sysconf(which));
 }
 
-std::size_t BufferKb(bool withSystemCalls)
+// Null where the trace alone is wanted, or where this kernel takes no program of ours: then calls of the host's
+// processes are read as well, and those through the 32-bit entry are not seen.
+std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb)
 {
-    const std::size_t configured = ConfiguredBufferKb();
-    const long cpus = ::sysconf(_SC_NPROCESSORS_ONLN);
-    return configured != 0 ? configured
-                           : TracefsInstance::DefaultBufferKb(static_cast<std::size_t>(cpus), withSystemCalls);
-}
-
-std::string ConfiguredSource()
-{
-    try {
-        return Poco::Util::Application::instance().config().getString(SDK::Config::syscallSource, "auto");
-    } catch (const Poco::Exception&) {
-        return "auto";
-    }
-}
-
-// Null where the trace alone is wanted, or where this kernel does not let us: then calls of the host's processes are
-// read as well, and those through the 32-bit entry are not seen.
-std::unique_ptr<SyscallProbe> MakeProbe()
-{
-    const std::string source = ConfiguredSource();
     if (source == "tracefs") {
         return nullptr;
     }
     try {
-        const std::size_t configured = ConfiguredBufferKb();
-        const long cpus = ::sysconf(_SC_NPROCESSORS_CONF);
-        return std::make_unique<SyscallProbe>(
-            configured != 0 ? configured : SyscallProbe::DefaultRingKb(static_cast<std::size_t>(cpus)));
+        return std::make_unique<SyscallProbe>(ringKb);
     } catch (const std::system_error& error) {
         if (source == "bpf") {
             throw;
@@ -71,43 +43,56 @@ std::unique_ptr<SyscallProbe> MakeProbe()
     }
 }
 
-}  // namespace
-
-FtraceModule::FtraceModule() : Module("ftrace_module")
+std::unique_ptr<LiveTrace> MakeTrace()
 {
+    const auto& settings = Poco::Util::Application::instance().config();
+    const std::size_t configuredKb = settings.getUInt(SDK::Config::traceBufferKb, 0);
+    const auto sizeOr = [configuredKb](std::size_t defaultKb) {
+        return configuredKb != 0 ? configuredKb : defaultKb;
+    };
+    auto probe = MakeProbe(settings.getString(SDK::Config::syscallSource, "auto"),
+                           sizeOr(SyscallProbe::DefaultRingKb(Cpus(_SC_NPROCESSORS_CONF))));
+    const std::size_t bufferKb = sizeOr(TracefsInstance::DefaultBufferKb(Cpus(_SC_NPROCESSORS_ONLN), probe == nullptr));
+    return std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe));
 }
 
-FtraceModule::~FtraceModule() = default;
+class FtraceModule final : public Framework::Module {
+public:
+    FtraceModule() : Module("ftrace_module") {}
 
-int FtraceModule::Init()
-{
-    try {
-        if (const std::size_t removed = TracefsInstance::RemoveLeftovers(); removed != 0) {
-            TraceLog::Information("removed %z trace instances of agents that have gone", removed);
+    // Removes what dead agents left, makes the trace instance and registers the task. Non-zero, with a log line that
+    // says what to do, when there are no trace events to be had; then there is no task either.
+    int Init() override
+    {
+        try {
+            if (const std::size_t removed = TracefsInstance::RemoveLeftovers(); removed != 0) {
+                TraceLog::Information("removed %z trace instances of agents that have gone", removed);
+            }
+            task = std::make_unique<TraceTask>(MakeTrace());
+        } catch (const std::exception& error) {
+            TraceLog::Error("no trace events: %s", error.what());
+            return -1;
         }
-        std::unique_ptr<SyscallProbe> probe = MakeProbe();
-        const std::size_t bufferKb = BufferKb(probe == nullptr);
-        task = std::make_unique<TraceTask>(
-            std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe)));
-    } catch (const std::exception& error) {
-        TraceLog::Error("no trace events: %s", error.what());
-        return -1;
+        if (RegisterTask(task.get(), false) != 0) {
+            TraceLog::Error("no trace events: there is a task ftrace_task already");
+            task.reset();
+            return -1;
+        }
+        return Module::Init();
     }
-    if (RegisterTask(task.get(), false) != 0) {
-        TraceLog::Error("no trace events: there is a task ftrace_task already");
+
+    int UnInit() override
+    {
+        UnRegisterTask("ftrace_task");
         task.reset();
-        return -1;
+        return Module::UnInit();
     }
-    return Module::Init();
-}
 
-int FtraceModule::UnInit()
-{
-    UnRegisterTask("ftrace_task");
-    task.reset();
-    return Module::UnInit();
-}
+private:
+    std::unique_ptr<TraceTask> task;
+};
 
+}  // namespace
 }  // namespace Engine
 
 extern "C" Framework::Module* CreateModule()

@@ -70,11 +70,11 @@ int LiveTrace::Stop(const KnownEvent& event)
     return instance.SetEvent(event.kind.System(), event.kernelEvent, false) ? 0 : errno;
 }
 
-void LiveTrace::LeaveOutThread(int tid)
+void LiveTrace::ExcludeThread(int tid)
 {
     ownThread = tid;
     if (probe != nullptr) {
-        probe->LeaveOutThread(tid);
+        probe->ExcludeThread(tid);
     }
 }
 

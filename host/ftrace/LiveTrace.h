@@ -31,7 +31,7 @@ public:
     // Owned by the merger; one for each CPU that the kernel has a buffer for.
     const std::vector<RawPipe*>& Pipes() const { return pipes; }
 
-    // Null when the kernel leaves out nobody.
+    // Null when the kernel leaves out no process.
     SyscallFilter* Filter() { return probe.get(); }
 
     // Shared with the batches that are on their way.
@@ -41,19 +41,16 @@ public:
     int Record(const KnownEvent& event);
     int Stop(const KnownEvent& event);
 
-    // The thread whose system calls are left out from the next Record on: the reader's. With them each round would
-    // cause the next one, for ever, where somebody subscribes to a call that reading makes (read, epoll_wait).
-    void LeaveOutThread(int tid);
+    // The reader's thread, which is excluded from the next Record on: each round would cause the next one, for ever,
+    // where a task subscribes to a call that reading makes (read, epoll_wait).
+    void ExcludeThread(int tid);
 
     // Stops the recording of all events; what is in the buffers stays.
     void StopAll();
 
-    // What the kernel lost since the last call, of all CPUs: of the trace's events, and of the system calls that come
-    // from the probe.
+    // What the kernel lost since the last call, of all CPUs: events of the trace, and system calls from the probe.
     KernelLoss TakeLoss();
     SyscallLoss TakeSyscallLoss();
-
-    const std::string& Name() const { return instance.Name(); }
 
 private:
     TracefsInstance instance;  // first: what is open in it must be closed before it goes

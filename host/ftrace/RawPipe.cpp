@@ -13,19 +13,15 @@
 namespace Engine {
 namespace {
 
-// The number after `key` at the start of a line ("overrun: 12"); 0 when there is no such line.
-std::uint64_t NumberAfter(std::string_view text, std::string_view key)
+// The number after `key` at the start of a line ("overrun: 12") other than the first; 0 when there is no such line.
+std::uint64_t NumberAfter(std::string_view text, const std::string& key)
 {
-    for (std::size_t at = text.find(key); at != std::string_view::npos; at = text.find(key, at + 1)) {
-        if (at != 0 && text[at - 1] != '\n') {
-            continue;
-        }
-        const std::string_view value = text.substr(at + key.size());
-        std::uint64_t number = 0;
-        std::from_chars(value.data(), value.data() + value.size(), number);
-        return number;
+    const std::size_t line = text.find("\n" + key);
+    std::uint64_t number = 0;
+    if (line != std::string_view::npos) {
+        std::from_chars(text.data() + line + 1 + key.size(), text.data() + text.size(), number);
     }
-    return 0;
+    return number;
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ struct RawRecord {
     std::uint16_t id = 0;      // the event's id, as its format file gives it
     bool afterLoss = false;    // records of this stream were lost before this one
     std::uint64_t when = 0;    // nanoseconds on the trace clock
-    std::int32_t process = 0;  // whose thread made it; 0: not known
+    std::int32_t process = 0;  // of the thread that made it; 0: not known
 };
 
 // Thread: one at a time.

@@ -2,22 +2,10 @@
 #include "host/ftrace/SubscriptionTable.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 namespace Engine {
-namespace {
-
-auto FindSubscriber(TraceRoute& route, const TraceSubscriberQueue* queue)
-{
-    return std::find_if(route.subscribers.begin(), route.subscribers.end(),
-                        [queue](const TraceRoute::Subscriber& each) { return each.queue == queue; });
-}
-
-bool IsUnused(const TraceRoute& route)
-{
-    return !route.isObserved && route.subscribers.empty();
-}
-
-}  // namespace
 
 bool SubscriptionTable::Add(const Framework::Task& task, const KnownEvent& event)
 {
@@ -26,30 +14,39 @@ bool SubscriptionTable::Add(const Framework::Task& task, const KnownEvent& event
     if (queue == nullptr) {
         queue = queues.emplace_back(std::make_unique<TraceSubscriberQueue>(task, *outlet)).get();
     }
-    TraceRoute& route = RouteOf(event);
-    if (const auto found = FindSubscriber(route, queue); found != route.subscribers.end()) {
+    auto& subscribers = RouteOf(event).subscribers;
+    const auto found =
+        std::find_if(subscribers.begin(), subscribers.end(), [queue](const auto& each) { return each.queue == queue; });
+    if (found != subscribers.end()) {
         ++found->count;
     } else {
-        route.subscribers.push_back({queue, 1});
+        subscribers.push_back({queue, 1});
     }
     return isFirst;
 }
 
-bool SubscriptionTable::Remove(const Framework::Task& task, const KnownEvent& event)
+std::vector<const KnownEvent*> SubscriptionTable::Remove(const Framework::Task* task, const KnownEvent* event)
 {
-    const TraceSubscriberQueue* queue = Find(&task);
-    if (queue == nullptr || RoutesOf(event.id).empty()) {
-        return false;
+    const TraceSubscriberQueue* queue = Find(task);
+    if (queue == nullptr) {
+        return {};
     }
-    TraceRoute& route = RouteOf(event);
-    if (const auto found = FindSubscriber(route, queue); found != route.subscribers.end() && --found->count == 0) {
-        route.subscribers.erase(found);
+    bool isSubscribed = false;
+    auto unused = ChangeAll([&](TraceRoute& route) {
+        std::erase_if(route.subscribers, [&](TraceRoute::Subscriber& each) {
+            const bool isOurs = each.queue == queue;
+            const bool ends = isOurs && (event == nullptr || (event == route.event && --each.count == 0));
+            isSubscribed = isSubscribed || (isOurs && !ends);
+            return ends;
+        });
+    });
+    if (!isSubscribed) {
+        const auto found =
+            std::find_if(queues.begin(), queues.end(), [=](const auto& each) { return each.get() == queue; });
+        retired.push_back(std::move(*found));
+        queues.erase(found);
     }
-    std::erase_if(routes[event.id], IsUnused);
-    if (!HasRoutes(*queue)) {
-        Retire(*queue);
-    }
-    return RoutesOf(event.id).empty();
+    return unused;
 }
 
 bool SubscriptionTable::Observe(const KnownEvent& event)
@@ -64,19 +61,6 @@ std::vector<const KnownEvent*> SubscriptionTable::StopObserving()
     return ChangeAll([](TraceRoute& route) { route.isObserved = false; });
 }
 
-std::vector<const KnownEvent*> SubscriptionTable::Forget(const Framework::Task* task)
-{
-    const TraceSubscriberQueue* queue = Find(task);
-    if (queue == nullptr) {
-        return {};
-    }
-    auto unused = ChangeAll([queue](TraceRoute& route) {
-        std::erase_if(route.subscribers, [queue](const TraceRoute::Subscriber& each) { return each.queue == queue; });
-    });
-    Retire(*queue);
-    return unused;
-}
-
 // Applies `change` to every route, drops those that are unused then, and returns an event for each id that has none.
 template <class Change>
 std::vector<const KnownEvent*> SubscriptionTable::ChangeAll(Change change)
@@ -88,7 +72,7 @@ std::vector<const KnownEvent*> SubscriptionTable::ChangeAll(Change change)
         }
         const KnownEvent* event = sameId.front().event;
         std::for_each(sameId.begin(), sameId.end(), change);
-        std::erase_if(sameId, IsUnused);
+        std::erase_if(sameId, [](const TraceRoute& route) { return !route.isObserved && route.subscribers.empty(); });
         if (sameId.empty()) {
             unused.push_back(event);
         }
@@ -96,13 +80,12 @@ std::vector<const KnownEvent*> SubscriptionTable::ChangeAll(Change change)
     return unused;
 }
 
-std::vector<const KnownEvent*> SubscriptionTable::InUse() const
+std::vector<const KnownEvent*> SubscriptionTable::Events() const
 {
     std::vector<const KnownEvent*> events;
     for (const auto& sameId : routes) {
-        if (!sameId.empty()) {
-            events.push_back(sameId.front().event);
-        }
+        std::transform(sameId.begin(), sameId.end(), std::back_inserter(events),
+                       [](const TraceRoute& route) { return route.event; });
     }
     return events;
 }
@@ -136,24 +119,6 @@ TraceRoute& SubscriptionTable::RouteOf(const KnownEvent& event)
     const auto found =
         std::find_if(sameId.begin(), sameId.end(), [&event](const TraceRoute& each) { return each.event == &event; });
     return found != sameId.end() ? *found : sameId.emplace_back(TraceRoute{&event, event.IsSyscall(), false, {}});
-}
-
-bool SubscriptionTable::HasRoutes(const TraceSubscriberQueue& queue) const
-{
-    const auto leadsThere = [&queue](const TraceRoute& route) {
-        return std::any_of(route.subscribers.begin(), route.subscribers.end(),
-                           [&queue](const TraceRoute::Subscriber& each) { return each.queue == &queue; });
-    };
-    return std::any_of(routes.begin(), routes.end(),
-                       [&](const auto& sameId) { return std::any_of(sameId.begin(), sameId.end(), leadsThere); });
-}
-
-void SubscriptionTable::Retire(const TraceSubscriberQueue& queue)
-{
-    const auto found =
-        std::find_if(queues.begin(), queues.end(), [&queue](const auto& each) { return each.get() == &queue; });
-    retired.push_back(std::move(*found));
-    queues.erase(found);
 }
 
 }  // namespace Engine

@@ -31,18 +31,16 @@ public:
     // `outlet`: the queues', not owned.
     explicit SubscriptionTable(const TraceOutlet& outlet) : outlet(&outlet) {}
 
-    // Both count. Add returns whether the kernel's event was unused before, Remove whether it is unused now; a
-    // withdrawal of what the task had not subscribed changes nothing.
+    // Returns whether the kernel's event was unused before.
     bool Add(const Framework::Task& task, const KnownEvent& event);
-    bool Remove(const Framework::Task& task, const KnownEvent& event);
 
-    // The observer's interest, which there is once. Observe returns as Add does; StopObserving returns the events that
-    // are unused now.
+    // Takes one subscription back, or without an event all of the task's. Returns the kernel's events that are unused
+    // now. Where there is no such subscription, nothing changes.
+    std::vector<const KnownEvent*> Remove(const Framework::Task* task, const KnownEvent* event = nullptr);
+
+    // The observer's interest, which there is once. Observe returns as Add does, StopObserving as Remove does.
     bool Observe(const KnownEvent& event);
     std::vector<const KnownEvent*> StopObserving();
-
-    // Takes every subscription of the task back and forgets the task. Returns as StopObserving does.
-    std::vector<const KnownEvent*> Forget(const Framework::Task* task);
 
     // The routes of the kernel's event with that id; usually one, none for an event that is not in use.
     const std::vector<TraceRoute>& RoutesOf(std::uint16_t id) const { return id < routes.size() ? routes[id] : none; }
@@ -50,8 +48,8 @@ public:
     // Whether an event with that id, which may be in use no more, is a system call.
     bool WasSyscall(std::uint16_t id) const { return id < syscalls.size() && syscalls[id]; }
 
-    // One event for each id in use.
-    std::vector<const KnownEvent*> InUse() const;
+    // What is in use, under every name.
+    std::vector<const KnownEvent*> Events() const;
 
     // Of tasks that are subscribed. Find: null for others.
     const std::vector<std::unique_ptr<TraceSubscriberQueue>>& Queues() const { return queues; }
@@ -64,8 +62,6 @@ private:
     TraceRoute& RouteOf(const KnownEvent& event);
     template <class Change>
     std::vector<const KnownEvent*> ChangeAll(Change change);
-    bool HasRoutes(const TraceSubscriberQueue& queue) const;
-    void Retire(const TraceSubscriberQueue& queue);
 
     static inline const std::vector<TraceRoute> none;
     const TraceOutlet* outlet;

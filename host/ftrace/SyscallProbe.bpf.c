@@ -78,9 +78,9 @@ struct {
     __type(value, __u64);
 } counts SEC(".maps");
 
-/* Who made how many calls of a kind in the present window. */
+/* How many calls of a kind a thread, or all in the same control groups, made in the present window. */
 struct BudgetKey {
-    __u64 who;
+    __u64 caller;
     __u64 event;
 };
 struct Budget {
@@ -124,11 +124,11 @@ static __always_inline void Count(enum CeCount what)
     }
 }
 
-/* How many calls were counted in this window before this one. Whoever cannot be remembered is let through: the ring's
- * own bound is left. */
-static __always_inline __u64 Used(__u64 who, __u64 event, __u64 window)
+/* How many calls were counted in this window before this one. A caller that cannot be remembered is let through: the
+ * ring's own bound is left. */
+static __always_inline __u64 Used(__u64 caller, __u64 event, __u64 window)
 {
-    const struct BudgetKey key = {who, event};
+    const struct BudgetKey key = {caller, event};
     struct Budget* budget = bpf_map_lookup_elem(&budgets, &key);
     if (budget == NULL) {
         const struct Budget first = {window, 1};

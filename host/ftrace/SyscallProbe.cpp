@@ -19,8 +19,8 @@
 #include <string>
 #include <system_error>
 
+#include "host/ftrace/EventName.h"
 #include "host/ftrace/Log.h"
-#include "host/ftrace/SyscallNumbers.h"
 #include "host/ftrace/SyscallProbeLayout.h"
 #include "sdk/FileUtils.h"
 
@@ -161,7 +161,7 @@ std::vector<std::unique_ptr<RingStream>> SyscallProbe::TakeStreams()
 
 bool SyscallProbe::Watch(const KnownEvent& event)
 {
-    const SyscallNumbers numbers = SyscallNumbers::OfEntry(event.kind.Event());
+    const EventName::SyscallNumbers numbers = EventName::NumbersOfEntry(event.kind.Event());
     if (!event.IsSyscall() || numbers.native < 0 || numbers.native >= CE_CALLS) {
         return false;
     }
@@ -190,7 +190,7 @@ void SyscallProbe::UnwatchAll()
     std::memset(program->bss->tables.watched, 0, sizeof program->bss->tables.watched);
 }
 
-void SyscallProbe::LeaveOutThread(int tid)
+void SyscallProbe::ExcludeThread(int tid)
 {
     program->bss->tables.ownThread = tid;
 }

@@ -21,20 +21,18 @@ struct SyscallLoss {
     std::uint64_t shed = 0;     // their thread or container made too many
 };
 
-// Beside the trace events of system calls it leaves out the host's processes in the kernel, sees calls through the
+// More than the trace events of system calls it excludes the host's processes in the kernel, sees calls through the
 // 32-bit entry, and bounds what one process and one container may record. Its records are those of the trace events.
 // The programs and all memory of them go with this process, however it ends.
 //
 // Thread: one at a time. Needs CAP_BPF and CAP_PERFMON, or CAP_SYS_ADMIN, and the kernel's BTF (Linux 5.12 or later).
 class SyscallProbe final : public SyscallFilter {
 public:
-    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU: always, of each thread; of
-    // a thread while its control groups have not used up theirs; and of all threads in the same groups. The second is
-    // beyond every detector's limit, the third is what detection handles beside all else.
+    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU.
     struct Budgets {
-        unsigned int guaranteed = 8;
-        unsigned int thread = 512;
-        unsigned int group = 4096;
+        unsigned int guaranteed = 8;  // of each thread, always
+        unsigned int thread = 512;    // of a thread, while its control groups have quota left; beyond detectors' limits
+        unsigned int group = 4096;  // of all threads in the same control groups; what detection handles beside all else
     };
 
     // Where nothing is set: KiB of each CPU's ring. All rings together take no more than 16 MiB of the kernel's memory,
@@ -58,8 +56,8 @@ public:
     bool Unwatch(const KnownEvent& event);
     void UnwatchAll();
 
-    // The thread whose calls are left out: the reader's.
-    void LeaveOutThread(int tid);
+    // The thread that reads, which is excluded.
+    void ExcludeThread(int tid);
 
     bool IsLeftOut(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;

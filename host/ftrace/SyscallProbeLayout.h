@@ -11,7 +11,7 @@
 /* What a CPU counted since the program was loaded, in events. */
 enum CeCount {
     CE_DROPPED, /* the ring was full */
-    CE_SHED,    /* left out: their thread or container makes too many */
+    CE_SHED,    /* excluded: their thread or container makes too many */
     CE_COUNTS
 };
 
@@ -25,15 +25,16 @@ struct CeWatchedCall {
 struct CeProbeSettings {
     unsigned int processLimit; /* calls of processes with ids from here on are always recorded */
     unsigned int windowShift;  /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window on each CPU, come what may */
+    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window on each CPU, always */
     unsigned int threadBudget; /* that it may make while its control groups have not used up theirs */
-    unsigned int groupBudget;  /* that all threads in the same control groups may make, the assured ones not counted */
+    unsigned int
+        groupBudget; /* that all threads in the same control groups may make, the guaranteed ones not counted */
 };
 
 /* Shared memory while the program runs. */
 struct CeProbeTables {
     struct CeWatchedCall watched[CE_CALLS][2]; /* by number and entry (0: 64-bit, 1: 32-bit); the agent writes it */
-    int ownThread;                             /* whose calls are never recorded: the reader's; the agent writes it */
+    int ownThread;                             /* the reader, which is never recorded; the agent writes it */
     unsigned int changes;                      /* the last value given to a process that may be in a container */
 };
 

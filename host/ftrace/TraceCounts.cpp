@@ -55,7 +55,7 @@ void TraceCounts::Warn(std::chrono::steady_clock::time_point now)
          "%?u events were lost in the kernel's buffers, detection may have missed something: make them larger "
          "(--buffer-kb)"},
         {inQueues,
-         "%?u trace events were refused by a subscriber whose queue was full, detection may have missed something: "
+         "%?u trace events were refused by a subscriber's full queue, detection may have missed something: "
          "watch fewer system calls"},
         {inStorms,
          "%?u system calls were excluded so that containers that storm do not hide the others: find out which "

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the trace task records, for those who tell the operator.
+// What the trace task records, for what tells the operator.
 #pragma once
 
 #include <set>
@@ -10,7 +10,8 @@ namespace Engine {
 // Found by a dynamic cast from the task "ftrace_task". Any thread.
 class TraceStatus {
 public:
-    // The events that somebody gets now, "system:event", by the names under which they were asked for.
+    // The events that have a subscriber or the observer now, "system:event", by the names under which they were asked
+    // for.
     virtual std::set<std::string> RecordedEvents() = 0;
 
 protected:

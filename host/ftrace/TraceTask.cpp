@@ -70,8 +70,8 @@ int TraceTask::Init()
 {
     {
         const std::lock_guard lock{mutex};
-        trace->LeaveOutThread(::gettid());
-        for (const KnownEvent* event : table.InUse()) {
+        trace->ExcludeThread(::gettid());
+        for (const KnownEvent* event : table.Events()) {
             trace->Record(*event);
         }
     }
@@ -145,7 +145,7 @@ void TraceTask::ForgetTheDead()
         }
     }
     for (const Framework::Task* task : dead) {
-        StopUnused(table.Forget(task));
+        StopUnused(table.Remove(task));
     }
 }
 
@@ -219,29 +219,14 @@ int TraceTask::Receive(const FtraceWatchMessage& message)
         return ENOENT;
     }
     if (message.unwatch) {
-        Unwatch(message, *event);
+        StopUnused(table.Remove(message.requester, event));
         return 0;
     }
-    return Watch(message, *event);
-}
-
-int TraceTask::Watch(const FtraceWatchMessage& message, const KnownEvent& event)
-{
-    if (!table.Add(*message.requester, event)) {
-        return 0;
-    }
-    const int error = trace->Record(event);
+    const int error = table.Add(*message.requester, *event) ? trace->Record(*event) : 0;
     if (error != 0) {
-        table.Remove(*message.requester, event);
+        table.Remove(message.requester, event);
     }
     return error;
-}
-
-void TraceTask::Unwatch(const FtraceWatchMessage& message, const KnownEvent& event)
-{
-    if (table.Remove(*message.requester, event)) {
-        StopUnused({&event});
-    }
 }
 
 void TraceTask::StopUnused(const std::vector<const KnownEvent*>& events)
@@ -284,10 +269,8 @@ std::set<std::string> TraceTask::RecordedEvents()
 {
     const std::lock_guard lock{mutex};
     std::set<std::string> names;
-    for (const KnownEvent* event : table.InUse()) {
-        for (const TraceRoute& route : table.RoutesOf(event->id)) {
-            names.insert(route.event->kind.Name());
-        }
+    for (const KnownEvent* event : table.Events()) {
+        names.insert(event->kind.Name());
     }
     return names;
 }

@@ -49,8 +49,6 @@ public:
 private:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events
 
-    int Watch(const FtraceWatchMessage& message, const KnownEvent& event);
-    void Unwatch(const FtraceWatchMessage& message, const KnownEvent& event);
     void StopUnused(const std::vector<const KnownEvent*>& events);
     Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
     void WatchDescriptors();

@@ -23,7 +23,7 @@ void CeTracefsWalk(int (*visit)(const char* name, void* context), void* context)
 // Makes an instance. Null, errno EEXIST, when there is one of that name.
 struct tracefs_instance* CeTracefsCreate(const char* name);
 
-// Removes an instance that this or another program made. Fails with EBUSY while somebody holds one of its files open.
+// Removes an instance that this or another program made. Fails with EBUSY while one of its files is open.
 int CeTracefsRemove(const char* name);
 
 // Frees the handle; the instance itself stays.

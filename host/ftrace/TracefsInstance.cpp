@@ -9,12 +9,12 @@
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string_view>
 #include <system_error>
 
 #include "host/ftrace/TracefsCalls.h"
+#include "sdk/FileUtils.h"
 
 namespace Engine {
 namespace {
@@ -29,42 +29,23 @@ struct FreeDeleter {
 };
 using LibraryText = std::unique_ptr<char, FreeDeleter>;
 
-std::string CommOf(const std::string& pid)
+std::string CommOf(std::string_view pid)
 {
-    std::ifstream file{"/proc/" + pid + "/comm"};
     std::string comm;
-    std::getline(file, comm);
+    SDK::FileUtils::ReadFile("/proc/" + std::string{pid} + "/comm", comm, 32);
     return comm;
 }
 
-// The pid in the name of an agent's instance; 0 for other names.
-int PidOf(std::string_view instanceName)
+// An agent's instance, of this process or of one that has gone.
+bool IsLeftover(std::string_view instance)
 {
-    const std::string_view prefix = TracefsInstance::namePrefix;
-    if (!instanceName.starts_with(prefix)) {
-        return 0;
+    constexpr std::string_view prefix = TracefsInstance::namePrefix;
+    if (!instance.starts_with(prefix)) {
+        return false;
     }
-    const std::string_view digits = instanceName.substr(prefix.size());
-    int pid = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), pid);
-    return error == std::errc{} && end == digits.data() + digits.size() && pid > 0 ? pid : 0;
-}
-
-bool IsLeftover(int pid)
-{
-    return pid == ::getpid() || CommOf(std::to_string(pid)) != CommOf("self");
-}
-
-std::vector<std::string> InstanceNames()
-{
-    std::vector<std::string> names;
-    CeTracefsWalk(
-        [](const char* name, void* context) {
-            static_cast<std::vector<std::string>*>(context)->emplace_back(name);
-            return 0;
-        },
-        &names);
-    return names;
+    const std::string_view pid = instance.substr(prefix.size());
+    return !pid.empty() && pid.find_first_not_of("0123456789") == std::string_view::npos &&
+           (pid == std::to_string(::getpid()) || CommOf(pid) != CommOf("self"));
 }
 
 }  // namespace
@@ -79,10 +60,15 @@ std::size_t TracefsInstance::RemoveLeftovers()
     if (CeTracefsDirectory() == nullptr) {
         return 0;
     }
-    const std::vector<std::string> names = InstanceNames();
+    std::vector<std::string> names;  // not removed while the library walks through them
+    CeTracefsWalk(
+        [](const char* name, void* context) {
+            static_cast<std::vector<std::string>*>(context)->emplace_back(name);
+            return 0;
+        },
+        &names);
     return static_cast<std::size_t>(std::count_if(names.begin(), names.end(), [](const std::string& name) {
-        const int pid = PidOf(name);
-        return pid != 0 && IsLeftover(pid) && CeTracefsRemove(name.c_str()) == 0;
+        return IsLeftover(name) && CeTracefsRemove(name.c_str()) == 0;
     }));
 }
 
@@ -131,7 +117,9 @@ void TracefsInstance::Configure(std::size_t bufferKb)
     // Event times are compared with clock_gettime(CLOCK_MONOTONIC).
     Write("trace_clock", "mono");
     Write("buffer_size_kb", std::to_string(bufferKb));
-    Write("options/overwrite", fullMode);
+    // When the buffer is full, the oldest records are lost. The kernel then says in the pages at which place of the
+    // stream records are missing, and what is read is recent: a flood cannot keep the events of what it covers out.
+    Write("options/overwrite", "1");
     // Otherwise the kernel wakes the reader when half of the buffer is full, not at the first event.
     Write("buffer_percent", "0");
     // The kernel stops recording and frees the buffer when the last descriptor of free_buffer is closed, as it is
@@ -191,10 +179,7 @@ void TracefsInstance::StopEvents() const
 std::optional<std::string> TracefsInstance::Format(const std::string& system, const std::string& event) const
 {
     const LibraryText text{CeTracefsReadEvent(handle, system.c_str(), event.c_str(), "format")};
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    return std::string{text.get()};
+    return text == nullptr ? std::nullopt : std::optional<std::string>{text.get()};
 }
 
 std::size_t TracefsInstance::PageBytes() const

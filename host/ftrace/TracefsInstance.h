@@ -19,11 +19,6 @@ class TracefsInstance {
 public:
     static constexpr const char* namePrefix = "containerescape-agent-";
 
-    // Where records go when the buffer is full. Overwrite: the oldest are lost. The kernel then says in the pages at
-    // which place of the stream records are missing, and what is read is recent, so a flood cannot keep the events of
-    // what it covers out of the buffer.
-    static constexpr const char* fullMode = "1";
-
     // `name`: usually OwnName(). `bufferKb`: KiB for each CPU. Throws std::system_error, the text says what to do.
     TracefsInstance(const std::string& name, std::size_t bufferKb);
     TracefsInstance(const TracefsInstance&) = delete;
@@ -33,10 +28,10 @@ public:
     // The prefix and this process's id.
     static std::string OwnName();
 
-    // Removes the instances of agents that have gone: named after a process that is none, or another program's by now
-    // (/proc/<pid>/comm differs from our own), or after this one. A live agent holds files of its instance open, so
-    // the kernel keeps it even if this check is wrong, as it is for an agent of another pid namespace. Returns how
-    // many were removed.
+    // Removes the instances of agents that have gone: named after this process, after one that is gone, or after one
+    // that runs another program by now (/proc/<pid>/comm differs from our own). A live agent holds files of its
+    // instance open, so the kernel keeps it even where this check is wrong, as it is for an agent of another pid
+    // namespace. Returns how many were removed.
     static std::size_t RemoveLeftovers();
 
     // KiB for each CPU where nothing is set. With system calls: enough for 0.1 s of a million of them per second, and

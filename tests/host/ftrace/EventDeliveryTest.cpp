@@ -233,7 +233,7 @@ TEST_F(EventDeliveryTest, CountsEveryEventOnce)
                 break;
             case 1:
                 if (random() % 4 == 0) {
-                    table.Forget(&first);
+                    table.Remove(&first);
                 }
                 break;
             case 2:
@@ -272,11 +272,13 @@ TEST_F(EventDeliveryTest, TableCountsUsersOfAnEventUnderAllItsNames)
     EXPECT_FALSE(table.Add(first, call));
     EXPECT_FALSE(table.Add(second, alias));
     EXPECT_FALSE(table.Observe(call));
-    EXPECT_FALSE(table.Remove(second, call)) << "never subscribed under that name";
-    EXPECT_FALSE(table.Remove(first, call));
-    EXPECT_FALSE(table.Remove(first, call));
+    EXPECT_THAT(table.Remove(&second, &call), IsEmpty()) << "never subscribed under that name";
+    EXPECT_THAT(table.Remove(&first, &call), IsEmpty());
+    EXPECT_EQ(table.Queues().size(), 2U) << "subscribed twice, withdrawn once";
+    EXPECT_THAT(table.Remove(&first, &call), IsEmpty());
+    EXPECT_EQ(table.Queues().size(), 1U);
     EXPECT_THAT(table.StopObserving(), IsEmpty()) << "there is the other name";
-    EXPECT_THAT(table.Forget(&second), ElementsAre(&alias));
+    EXPECT_THAT(table.Remove(&second), ElementsAre(&alias));
 }
 
 }  // namespace

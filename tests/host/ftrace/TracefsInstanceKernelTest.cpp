@@ -81,7 +81,7 @@ TEST_F(TracefsInstanceTest, EveryEventThatWasWrittenIsReadOrCountedAsLostAndNone
     for (const bool leaveOut : {false, true}) {
         LiveTrace trace{name, bufferKb};
         if (leaveOut) {
-            trace.LeaveOutThread(::gettid());
+            trace.ExcludeThread(::gettid());
         }
         ASSERT_EQ(trace.Record(*trace.Catalog()->Find("syscalls", "sys_enter_sched_get_priority_min")), 0);
         for (std::uint64_t i = 0; i < written; ++i) {  // a call that nothing else on the system makes meanwhile
