@@ -26,29 +26,34 @@ std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std:
         CountLost();
         return nullptr;
     }
-    // Only what would break a line is written anew: otherwise the sender's text goes out byte for byte.
+    // Only what would break a line is written anew: otherwise the text goes out byte for byte.
     const bool isPlain = std::all_of(text.begin(), text.end(), IsPlain);
     std::string line = isPlain ? text : SDK::JsonUtils::JsonToString(root);
-    // Whoever writes JSON ends its text as he likes; the line has its one newline from here.
-    line.erase(std::find_if(line.rbegin(), line.rend(), [](char c) { return c != '\n'; }).base(), line.end());
+    line.erase(line.find_last_not_of('\n') + 1);
     line += '\n';
     return std::make_shared<AlarmDocument>(std::move(line), sinks);
 }
 
-AlarmDocument::~AlarmDocument()
+void AlarmDocument::Finish(bool written)
 {
     static SDK::Counters::Counter& sent = SDK::Counters::Get(SDK::CounterName::alarmsSent);
-    if (written.load() == sinks && sinks != 0) {
-        sent.fetch_add(1);
-    } else {
+    if (!written) {
+        isLost = true;
+    }
+    if (--pending != 0) {
+        return;
+    }
+    if (isLost) {
         CountLost();
+    } else {
+        ++sent;
     }
 }
 
 void AlarmDocument::CountLost()
 {
     static SDK::Counters::Counter& lost = SDK::Counters::Get(SDK::CounterName::alarmsLost);
-    lost.fetch_add(1);
+    ++lost;
 }
 
 }  // namespace Engine

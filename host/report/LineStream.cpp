@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -14,9 +15,9 @@ namespace Engine {
 
 namespace {
 
-// Alarms name processes and files of other people's containers: not for everybody's eyes.
+// Alarms name processes and files of containers: not for every user of the host.
 constexpr mode_t newFileMode = 0640;
-constexpr int firstOwnDescriptor = 3;  // never in place of a standard descriptor that somebody closed
+constexpr int firstOwnDescriptor = 3;  // never in place of a standard descriptor that is closed
 
 bool MayBlock(mode_t mode)
 {
@@ -26,6 +27,24 @@ bool MayBlock(mode_t mode)
 std::error_code LastError()
 {
     return std::error_code{errno, std::generic_category()};
+}
+
+// Waits until `fd` takes bytes, or has an error that the next write will tell. False: the deadline has passed and it
+// took none.
+bool WaitWritable(int fd, const StopDeadline& deadline)
+{
+    constexpr int lookMs = 20;  // how often to look at the deadline
+    pollfd watched{fd, POLLOUT, 0};
+    while (true) {
+        const bool isLast = deadline.HasPassed();
+        const int ready = ::poll(&watched, 1, isLast ? 0 : lookMs);
+        if (ready > 0) {
+            return true;
+        }
+        if (isLast || (ready < 0 && errno != EINTR)) {
+            return false;
+        }
+    }
 }
 
 }  // namespace
@@ -76,26 +95,26 @@ LineStream LineStream::Duplicate(int fd, std::error_code& error)
     return LineStream(std::move(copy));
 }
 
-std::error_code LineStream::Write(std::string_view line, WritePatience& patience)
+std::error_code LineStream::Write(std::string_view line, const StopDeadline& deadline)
 {
     if (!fd) {
         return std::make_error_code(std::errc::bad_file_descriptor);
     }
     if (midLine) {
-        if (const std::error_code error = WriteAll("\n", patience)) {
+        if (const std::error_code error = WriteAll("\n", deadline)) {
             midLine = true;
             return error;
         }
     }
-    return WriteAll(line, patience);
+    return WriteAll(line, deadline);
 }
 
 // Leaves in midLine whether it stopped inside the text.
-std::error_code LineStream::WriteAll(std::string_view text, WritePatience& patience)
+std::error_code LineStream::WriteAll(std::string_view text, const StopDeadline& deadline)
 {
     midLine = false;
     while (!text.empty()) {
-        if (!patience.WaitWritable(fd.Get())) {
+        if (!WaitWritable(fd.Get(), deadline)) {
             return std::make_error_code(std::errc::timed_out);
         }
         const long written = WriteSome(text.substr(0, maxPiece));

@@ -6,13 +6,13 @@
 #include <string_view>
 #include <system_error>
 
-#include "host/report/WritePatience.h"
+#include "host/report/AlarmSink.h"
 #include "host/sdk/FileDescriptor.h"
 
 namespace Engine {
 
-// Thread: one writer. Never blocks beyond the patience it is given, except inside a regular file's write(2), which
-// nothing bounds. Raises no SIGPIPE where the writing thread blocks that signal, as SinkQueue's does.
+// Thread: one writer. Never blocks beyond the deadline it is given, except inside a regular file's write(2), which
+// nothing bounds. Raises no SIGPIPE where the writing thread blocks that signal, as that of SinkQueue does.
 class LineStream {
 public:
     LineStream() = default;
@@ -22,18 +22,18 @@ public:
     // pipe without a reader fails (ENXIO, fifo(7)) instead of waiting for one.
     static LineStream Append(const char* path, std::error_code& error);
 
-    // A stream of its own onto what `fd` is open on. `fd` stays the caller's, and its flags stay as they are: they are
-    // shared with the other programs on the terminal or the pipe. Failure: an empty stream, `error` says why.
+    // A stream of its own onto what `fd` is open on. `fd` stays with the caller, and its flags stay as they are: they
+    // are shared with the other programs on the terminal or the pipe. Failure: an empty stream, `error` says why.
     static LineStream Duplicate(int fd, std::error_code& error);
 
     explicit operator bool() const { return static_cast<bool>(fd); }
 
     // Writes the whole line, in one write(2) where the descriptor takes it so. After an error a part of the line may be
-    // out; the next line then starts on a new one. std::errc::timed_out: the patience was over.
-    std::error_code Write(std::string_view line, WritePatience& patience);
+    // out; the next line then starts on a new one. std::errc::timed_out: the deadline has passed.
+    std::error_code Write(std::string_view line, const StopDeadline& deadline);
 
 private:
-    std::error_code WriteAll(std::string_view text, WritePatience& patience);
+    std::error_code WriteAll(std::string_view text, const StopDeadline& deadline);
     long WriteSome(std::string_view text) const;
 
     SDK::FileDescriptor fd;

@@ -5,9 +5,8 @@
 #include <memory>
 
 #include "framework/Module.h"
-#include "host/report/CmdReportTask.h"
-#include "host/report/DataReportTask.h"
 #include "host/report/ReportLog.h"
+#include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
 
 namespace Engine {

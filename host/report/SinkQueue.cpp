@@ -7,6 +7,8 @@
 #include <exception>
 #include <utility>
 
+#include "host/report/ReportLog.h"
+
 namespace Engine {
 
 namespace {
@@ -23,7 +25,10 @@ void BlockSignals()
 }  // namespace
 
 SinkQueue::SinkQueue(std::unique_ptr<AlarmSink> sinkToServe, std::size_t capacity)
-    : sink(std::move(sinkToServe)), capacity(capacity), losses(sink->Name()), thread([this] { Work(); })
+    : sink(std::move(sinkToServe)),
+      capacity(capacity),
+      lost(SDK::Counters::Get("alarms.lost_" + sink->Name())),
+      thread([this] { Work(); })
 {
 }
 
@@ -43,12 +48,12 @@ void SinkQueue::Push(std::shared_ptr<AlarmDocument> document)
             return;
         }
     }
-    losses.Add("its queue is full");
+    Lose(*document, "its queue is full");
 }
 
 void SinkQueue::End(std::chrono::milliseconds bound)
 {
-    patience.End(bound);
+    deadline.Set(bound);
     const std::lock_guard lock(mutex);
     isEnding = true;
     changed.notify_one();
@@ -59,9 +64,16 @@ void SinkQueue::Work()
     BlockSignals();
     ::pthread_setname_np(::pthread_self(), "alarm_sink");
     while (const auto document = Next()) {
-        Deliver(**document);
+        if (const std::string failure = Deliver(**document); failure.empty()) {
+            (*document)->Finish(true);
+        } else {
+            Lose(**document, failure);
+        }
     }
-    losses.Flush();
+    const std::lock_guard lock(mutex);
+    if (const auto unreported = losses.TakeAll(); unreported != 0) {
+        ReportLog::Warning("sink %s lost %?u more alarms", sink->Name(), unreported);
+    }
 }
 
 // Empty: the end has come and nothing is left.
@@ -77,21 +89,30 @@ std::optional<std::shared_ptr<AlarmDocument>> SinkQueue::Next()
     return next;
 }
 
-void SinkQueue::Deliver(AlarmDocument& document)
+// Why the sink did not take it; empty when it did.
+std::string SinkQueue::Deliver(const AlarmDocument& document)
 {
     constexpr char outOfTime[] = "no time left at the stop";
-    if (patience.IsOver()) {
-        losses.Add(outOfTime);
-        return;
+    if (deadline.HasPassed()) {
+        return outOfTime;
     }
     try {
-        if (const std::error_code error = sink->Write(document.Line(), patience)) {
-            losses.Add(error == std::errc::timed_out ? outOfTime : error.message());
-        } else {
-            document.MarkWritten();
-        }
+        const std::error_code error = sink->Write(document.Line(), deadline);
+        return error == std::errc::timed_out ? outOfTime : error ? error.message() : "";
     } catch (const std::exception& problem) {
-        losses.Add(problem.what());
+        return std::string("failed: ") + problem.what();
+    }
+}
+
+void SinkQueue::Lose(AlarmDocument& document, const std::string& reason)
+{
+    ++lost;
+    document.Finish(false);
+    std::unique_lock lock(mutex);
+    const auto times = losses.Occurred(SDK::RepeatedReport::Clock::now());
+    lock.unlock();
+    if (times != 0) {
+        ReportLog::Warning("sink %s lost %?u alarms (%s), going on", sink->Name(), times, reason);
     }
 }
 

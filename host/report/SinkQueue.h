@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // One sink with a bounded queue and a thread of its own: a sink that is slow or dead delays neither another sink nor
-// whoever raises alarms.
+// detection.
 #pragma once
 
 #include <chrono>
@@ -14,8 +14,8 @@
 
 #include "host/report/AlarmDocument.h"
 #include "host/report/AlarmSink.h"
-#include "host/report/LossReport.h"
-#include "host/report/WritePatience.h"
+#include "host/sdk/Counters.h"
+#include "host/sdk/RepeatedReport.h"
 
 namespace Engine {
 
@@ -42,15 +42,17 @@ public:
 private:
     void Work();
     std::optional<std::shared_ptr<AlarmDocument>> Next();
-    void Deliver(AlarmDocument& document);
+    std::string Deliver(const AlarmDocument& document);
+    void Lose(AlarmDocument& document, const std::string& reason);
 
     std::unique_ptr<AlarmSink> sink;
     std::size_t capacity;
-    LossReport losses;
-    WritePatience patience;
-    std::mutex mutex;  // of the two members below; never held while the sink writes
+    SDK::Counters::Counter& lost;
+    StopDeadline deadline;
+    std::mutex mutex;  // of the members below; never held while the sink writes
     std::deque<std::shared_ptr<AlarmDocument>> documents;
     bool isEnding = false;
+    SDK::RepeatedReport losses;
     std::condition_variable changed;
     std::thread thread;  // last: it uses all of the above
 };

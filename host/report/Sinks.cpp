@@ -1,29 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/report/Sinks.h"
 
-#include <array>
+#include <unistd.h>
+
+#include "host/report/LineStream.h"
+#include "host/sdk/Config.h"
 
 namespace Engine {
 
 namespace {
 
-using Maker = std::unique_ptr<AlarmSink> (*)(const Poco::Util::AbstractConfiguration&);
+// Alarms as lines: to the file `path`, or to standard output when it is empty.
+class LineSink : public AlarmSink {
+public:
+    explicit LineSink(std::string path) : path(std::move(path)) {}
 
-constexpr std::array<Maker, 2> makers{{
-    MakeStdoutSink,
-    MakeFileSink,
-}};
+    std::string Name() const override { return path.empty() ? "stdout" : "file"; }
+
+    std::error_code Write(std::string_view line, const StopDeadline& deadline) override
+    {
+        std::error_code error;
+        if (!stream) {  // tried each time: what was in the way may have gone
+            stream =
+                path.empty() ? LineStream::Duplicate(STDOUT_FILENO, error) : LineStream::Append(path.c_str(), error);
+        }
+        return error ? error : stream.Write(line, deadline);
+    }
+
+private:
+    std::string path;
+    LineStream stream;
+};
 
 }  // namespace
 
 std::vector<std::unique_ptr<AlarmSink>> MakeSinks(const Poco::Util::AbstractConfiguration& settings)
 {
     std::vector<std::unique_ptr<AlarmSink>> sinks;
-    for (const Maker make : makers) {
-        if (std::unique_ptr<AlarmSink> sink = make(settings)) {
-            sinks.push_back(std::move(sink));
-        }
-    }
+    sinks.push_back(std::make_unique<LineSink>(settings.getRawString(SDK::Config::alarmsFile, "")));
     return sinks;
 }
 

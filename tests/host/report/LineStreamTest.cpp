@@ -12,78 +12,72 @@
 namespace {
 
 using Engine::LineStream;
-using Engine::WritePatience;
+using Engine::StopDeadline;
 using namespace std::chrono_literals;
 
-class LineStreamTest : public testing::Test {
-protected:
-    LineStream Onto(int fd)
-    {
-        std::error_code error;
-        LineStream stream = LineStream::Duplicate(fd, error);
-        EXPECT_FALSE(error) << error.message();
-        return stream;
-    }
-
-    SmallPipe pipe;
-    WritePatience patience;
-    const std::string longLine = std::string(100000, 'x') + "\n";
-};
-
-TEST_F(LineStreamTest, ALineLargerThanThePipeArrivesWholeAtASlowReader)
+LineStream Onto(int fd)
 {
-    auto read = std::async(std::launch::async, [this] { return pipe.Read(longLine.size()); });
-    EXPECT_FALSE(Onto(pipe.writer.Get()).Write(longLine, patience));
+    std::error_code error;
+    LineStream stream = LineStream::Duplicate(fd, error);
+    EXPECT_FALSE(error) << error.message();
+    return stream;
+}
+
+// One that cannot be made non-blocking.
+LineStream Blocking(int fd)
+{
+    return LineStream{SDK::FileDescriptor(::fcntl(fd, F_DUPFD_CLOEXEC, 3))};
+}
+
+const std::string longLine = std::string(100000, 'x') + "\n";
+
+TEST(LineStreamTest, ALineLargerThanThePipeArrivesWholeAtASlowReader)
+{
+    const SmallPipe pipe;
+    auto read = std::async(std::launch::async, [&] { return pipe.Read(longLine.size()); });
+    EXPECT_FALSE(Onto(pipe.writer.Get()).Write(longLine, StopDeadline{}));
     EXPECT_EQ(read.get(), longLine);
-    EXPECT_EQ(::fcntl(pipe.writer.Get(), F_GETFL) & O_NONBLOCK, 0) << "it belongs to others, too";
+    EXPECT_EQ(::fcntl(pipe.writer.Get(), F_GETFL) & O_NONBLOCK, 0) << "other programs share it";
 }
 
-// Both kinds of descriptor: one that could be made non-blocking and one that could not.
-TEST_F(LineStreamTest, ABlockedReaderHoldsTheWriterOnlyAsLongAsThePatience)
+TEST(LineStreamTest, ABlockedReaderHoldsTheWriterUntilTheDeadlineAndTheNextLineStartsAnew)
 {
-    LineStream duplicate = Onto(pipe.writer.Get());
-    LineStream blocking{SDK::FileDescriptor(::fcntl(pipe.writer.Get(), F_DUPFD_CLOEXEC, 3))};
-    for (LineStream* stream : {&duplicate, &blocking}) {
-        WritePatience ending;
-        auto write = std::async(std::launch::async, [&] { return stream->Write(longLine, ending); });
-        EXPECT_EQ(write.wait_for(50ms), std::future_status::timeout);  // it waits for as long as it may
-        ending.End(10ms);
+    for (LineStream (*make)(int) : {Onto, Blocking}) {
+        SmallPipe pipe;
+        LineStream stream = make(pipe.writer.Get());
+        StopDeadline ending;
+        auto write = std::async(std::launch::async, [&] { return stream.Write(longLine, ending); });
+        EXPECT_EQ(write.wait_for(50ms), std::future_status::timeout);
+        ending.Set(10ms);
         EXPECT_EQ(write.get(), std::errc::timed_out);
+        pipe.Read(static_cast<std::size_t>(pipe.room));
+        EXPECT_FALSE(stream.Write("{}\n", StopDeadline{}));
+        EXPECT_FALSE(stream.Write("{}\n", StopDeadline{}));
+        stream = {};
+        pipe.writer.Reset();
+        EXPECT_EQ(pipe.Read(100), "\n{}\n{}\n");
     }
 }
 
-TEST_F(LineStreamTest, TheLineAfterOneThatWasCutOffStartsAnew)
-{
-    LineStream stream = Onto(pipe.writer.Get());
-    WritePatience over;
-    over.End(0ms);
-    ASSERT_EQ(stream.Write(longLine, over), std::errc::timed_out);
-    const std::string cut = pipe.Read(static_cast<std::size_t>(pipe.room));
-    EXPECT_FALSE(stream.Write("{}\n", patience));
-    EXPECT_FALSE(stream.Write("{}\n", patience));
-    EXPECT_EQ(pipe.Read(7), "\n{}\n{}\n");
-}
-
-TEST_F(LineStreamTest, ASocketIsWrittenWithoutBlockingIt)
+TEST(LineStreamTest, ASocketIsWrittenWithoutBlockingIt)
 {
     std::array<int, 2> ends{};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     const SDK::FileDescriptor near(ends[0]);
     const SDK::FileDescriptor far(ends[1]);
-    LineStream stream = Onto(near.Get());
-    WritePatience over;
-    over.End(0ms);
-    EXPECT_EQ(stream.Write(std::string(10'000'000, 'x'), over), std::errc::timed_out);
+    StopDeadline over;
+    over.Set(0ms);
+    EXPECT_EQ(Onto(near.Get()).Write(std::string(10'000'000, 'x'), over), std::errc::timed_out);
 }
 
-TEST_F(LineStreamTest, AFileIsAppendedToAndAFullDiskIsAnError)
+TEST(LineStreamTest, AFileIsAppendedToAndAFullDiskIsAnError)
 {
     const TemporaryDirectory directory;
     const std::string path = directory.Write("alarms", "before\n");
     std::error_code error;
-    EXPECT_FALSE(LineStream::Append(path.c_str(), error).Write("{}\n", patience));
+    EXPECT_FALSE(LineStream::Append(path.c_str(), error).Write("{}\n", StopDeadline{}));
     EXPECT_EQ(directory.Read("alarms"), "before\n{}\n");
-    EXPECT_EQ(LineStream::Append("/dev/full", error).Write("{}\n", patience), std::errc::no_space_on_device);
+    EXPECT_EQ(LineStream::Append("/dev/full", error).Write("{}\n", StopDeadline{}), std::errc::no_space_on_device);
 }
 
 }  // namespace

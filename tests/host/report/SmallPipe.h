@@ -24,18 +24,15 @@ struct SmallPipe {
         room = ::fcntl(writer.Get(), F_SETPIPE_SZ, 8192);
     }
 
-    // Everything up to the end, which comes when all writers are closed, or `most` bytes.
-    std::string Read(std::size_t most = std::string::npos) const
+    // Waits for so many bytes; fewer at the end of the pipe.
+    std::string Read(std::size_t bytes) const
     {
-        std::string all;
-        std::array<char, 4096> piece{};
-        while (all.size() < most) {
-            const ssize_t got = ::read(reader.Get(), piece.data(), std::min(piece.size(), most - all.size()));
-            if (got <= 0) {
-                break;
-            }
-            all.append(piece.data(), static_cast<std::size_t>(got));
+        std::string all(bytes, '\0');
+        std::size_t done = 0;
+        for (ssize_t got = 1; got > 0 && done < bytes; done += static_cast<std::size_t>(std::max<ssize_t>(got, 0))) {
+            got = ::read(reader.Get(), all.data() + done, bytes - done);
         }
+        all.resize(done);
         return all;
     }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/report/DataReportTask.h"
+#include "host/report/ReportTasks.h"
 
 #include "host/report/AlarmDocument.h"
 #include "host/report/ReportLog.h"
@@ -8,8 +8,12 @@ namespace Engine {
 
 namespace {
 
+using Framework::TaskCondition;
+
+constexpr unsigned int queueCapacity = 4096;
 constexpr char alarmType[] = "2";
 constexpr std::chrono::milliseconds drainBound{500};
+constexpr std::size_t maxLoggedBytes = 1024;
 
 bool IsAlarm(const Framework::Message* message)
 {
@@ -20,7 +24,7 @@ bool IsAlarm(const Framework::Message* message)
 }  // namespace
 
 DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe)
-    : ReportTask("data_comm_report_task")
+    : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity)
 {
     for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
         sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
@@ -29,7 +33,7 @@ DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToSe
 
 int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
 {
-    const int result = ReportTask::EnqueueMsg(message);
+    const int result = Framework::Task::EnqueueMsg(message);
     if (result != 0 && IsAlarm(message.get())) {
         AlarmDocument::CountLost();
     }
@@ -64,12 +68,29 @@ int DataReportTask::Report(const Framework::DataMessage& alarm)
 
 int DataReportTask::UnInit()
 {
-    const int result = ReportTask::UnInit();
+    while (BulkConsumeMsg(queueCapacity) > 0) {
+    }
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->End(drainBound);
     }
     sinks.clear();  // waits for their threads
-    return result;
+    return 0;
+}
+
+CmdReportTask::CmdReportTask() : Framework::Task("cmd_comm_report_task", "", TaskCondition::EventLoop, queueCapacity)
+{
+}
+
+int CmdReportTask::HandleMsg(const Framework::Message* message)
+{
+    const auto* command = dynamic_cast<const Framework::CmdMessage*>(message);
+    if (command == nullptr) {
+        return -1;
+    }
+    // Foreign bytes in both texts: the channel of the log escapes them.
+    ReportLog::Notice("command %s: %s", command->Id().substr(0, maxLoggedBytes),
+                      command->Content().substr(0, maxLoggedBytes));
+    return 0;
 }
 
 }  // namespace Engine

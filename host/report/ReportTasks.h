@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// The two tasks that take what leaves the agent. Both belong to no feature: they start at once and wait for no policy.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "framework/Message.h"
+#include "framework/Task.h"
+#include "host/report/AlarmSink.h"
+#include "host/report/SinkQueue.h"
+
+namespace Engine {
+
+// "data_comm_report_task": hands each alarm document (a DataMessage of type "2") to every sink. Reports of other types
+// have no receiver here and are logged. Its thread never waits for a sink.
+class DataReportTask : public Framework::Task {
+public:
+    // `sinks`: at least one.
+    explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks);
+
+    // Counts an alarm that the queue of the task refuses as lost.
+    int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override;
+    // 0, or -1 for a message that is no report and for an alarm that is not a JSON object.
+    int HandleMsg(const Framework::Message* message) override;
+    // Handles what is still queued, then gives all sinks together half a second to write what they hold.
+    int UnInit() override;
+
+private:
+    int Report(const Framework::DataMessage& alarm);
+
+    std::vector<std::unique_ptr<SinkQueue>> sinks;
+};
+
+// "cmd_comm_report_task": takes the commands meant for a management side. This agent has none, so it logs them.
+class CmdReportTask : public Framework::Task {
+public:
+    CmdReportTask();
+
+    // 0, or -1 for a message that is no command.
+    int HandleMsg(const Framework::Message* message) override;
+};
+
+}  // namespace Engine
