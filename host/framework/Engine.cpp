@@ -65,6 +65,11 @@ Engine::~Engine()
     Impl::SetCurrent(nullptr);
 }
 
+Task* Engine::FindTask(const std::string& name)
+{
+    return impl->registry.Find(name);
+}
+
 bool Engine::AddModule(std::unique_ptr<Module> module)
 {
     Module& added = *module;

@@ -88,7 +88,7 @@ void Engine::Impl::Start(TaskEntry& entry)
     task.impl->Start(task);
 }
 
-// On the task's own thread this only asks for the end, which nobody can wait for there.
+// On the task's own thread this only asks for the end, which cannot be waited for there.
 void Engine::Impl::Stop(TaskEntry& entry)
 {
     Task& task = *entry.task;

@@ -20,7 +20,7 @@ namespace Framework {
 namespace {
 
 // Every registration has a number of its own, so that an event which was fetched before its handler went, and the
-// descriptor's number came into use again, reaches nobody.
+// descriptor's number came into use again, reaches no handler.
 constexpr std::uint64_t wakeUpNumber = 0;
 
 SDK::FileDescriptor Checked(int fd, const char* what)
@@ -43,9 +43,9 @@ bool Register(int epoll, int fd, std::uint32_t events, std::uint64_t number)
 }  // namespace
 
 struct EventWaiter::Impl {
-    // Who has to do what for a wake-up. Awake: the thread looks at its queue before it sleeps, nothing to do. Sleeping:
-    // the one that moves it to Notified writes the eventfd. Notified: the next wait does not sleep.
-    enum class Doze : int { Awake, Sleeping, Notified };
+    // What a wake-up takes. Awake: nothing, the thread looks at its queue before it sleeps. Sleeping: the producer that
+    // moves it to Notified writes the eventfd. Notified: nothing, the next wait does not sleep.
+    enum class WaitState : int { Awake, Sleeping, Notified };
 
     struct Watch {
         int fd;
@@ -54,7 +54,7 @@ struct EventWaiter::Impl {
 
     SDK::FileDescriptor epoll = Checked(::epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
     SDK::FileDescriptor wakeUp = Checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
-    std::atomic<Doze> doze{Doze::Awake};
+    std::atomic<WaitState> state{WaitState::Awake};
     std::function<bool()> hasPending;
     bool queuesTurn = false;
     std::uint64_t lastNumber = wakeUpNumber;
@@ -101,18 +101,18 @@ void EventWaiter::Remove(int fd)
     impl->numbers.erase(found);
 }
 
-// No wake-up is lost: the producer stores its message and then reads `doze`, this thread writes `doze` and then looks
+// No wake-up is lost: the producer stores its message and then reads `state`, this thread writes `state` and then looks
 // at the queue, and all four are sequentially consistent. So either the producer sees Sleeping and writes the eventfd,
 // or this thread sees the message and does not sleep.
 int EventWaiter::Impl::Fetch(int timeoutMs, int batch)
 {
     ready.resize(static_cast<std::size_t>(std::max(batch, 1)));
-    if (doze.exchange(Doze::Sleeping) == Doze::Notified || Pending()) {
-        doze.store(Doze::Awake);
+    if (state.exchange(WaitState::Sleeping) == WaitState::Notified || Pending()) {
+        state.store(WaitState::Awake);
         timeoutMs = 0;
     }
     const int fetched = ::epoll_wait(epoll.Get(), ready.data(), static_cast<int>(ready.size()), timeoutMs);
-    doze.store(Doze::Awake);
+    state.store(WaitState::Awake);
     return std::max(fetched, 0);  // interrupted by a signal: as if the time were up
 }
 
@@ -144,10 +144,10 @@ int EventWaiter::WaitAndHandleEvent(int timeoutMs, int batch)
 
 void EventWaiter::Wake()
 {
-    if (impl->doze.load() == Impl::Doze::Notified) {
+    if (impl->state.load() == Impl::WaitState::Notified) {
         return;
     }
-    if (impl->doze.exchange(Impl::Doze::Notified) == Impl::Doze::Sleeping) {
+    if (impl->state.exchange(Impl::WaitState::Notified) == Impl::WaitState::Sleeping) {
         const std::uint64_t one = 1;
         [[maybe_unused]] const ssize_t written = ::write(impl->wakeUp.Get(), &one, sizeof one);
     }

@@ -77,7 +77,7 @@ int Task::EnqueueMsg(std::shared_ptr<Message>& message)
         return -1;
     }
     if (!impl->accepting.load()) {
-        return -1;  // nobody reads any more: the sender knows, nothing waits that could be lost
+        return -1;  // the queue is read no more: the sender knows, nothing waits that could be lost
     }
     if (impl->queue.Enqueue(message) == 0) {
         impl->CountLost(message->EventCount());
@@ -129,11 +129,11 @@ int Task::Impl::HandleOne(Task& task, Queued& message)
         return Deliver(task, message);
     }
     auto& sync = static_cast<SyncMessage&>(*message);
-    if (!sync.Meeting().Begin()) {
-        return -1;  // its sender has given up
+    if (!sync.Begin()) {
+        return -1;
     }
     const int result = Deliver(task, sync.Inner());
-    sync.Meeting().Finish(result);
+    sync.Finish(result);
     return result;
 }
 

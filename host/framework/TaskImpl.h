@@ -3,9 +3,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -46,9 +49,9 @@ struct Task::Impl {
     void CountLost(unsigned long events);
     void DropQueued();
 
-    // Waits on the meeting and returns its result. On the task's thread a cancel ends the wait while interruptible.
-    int WaitFor(const std::shared_ptr<Rendezvous>& meeting, long timeoutMs);
-    void AbandonWait();
+    // Waits for the result of a synchronous send. Nothing: the time is up, the message was dropped, or the wait was on
+    // the task's own thread and a cancel ended it.
+    std::optional<int> WaitFor(std::future<int>& answer, std::chrono::milliseconds timeout) const;
 
     const std::string featureName;
     const TaskCondition::TaskType type;
@@ -66,12 +69,9 @@ struct Task::Impl {
     bool interruptible = false;
 
     std::thread thread;
-    std::atomic<std::thread::id> loopThread{};  // who is in runTask, nobody: the default value
+    std::atomic<std::thread::id> loopThread{};  // the one in runTask; the default value: none
     SDK::RepeatedReport failedRuns;
     SDK::RepeatedReport failedMessages;
-
-    std::mutex waitMutex;
-    std::shared_ptr<Rendezvous> waitingFor;  // the task's thread waits for this one now
 
     mutable std::mutex consumerMutex;
     std::map<std::pair<unsigned long, std::string>, Task*> consumers;

@@ -23,7 +23,7 @@ class Task;
 // One registered task. The pointers never change; `startNumber` belongs to the thread that starts and stops tasks.
 struct TaskEntry {
     Task* task = nullptr;
-    const Module* module = nullptr;   // who registered it
+    const Module* module = nullptr;   // that registered it
     bool owned = false;               // the framework releases it
     std::uint64_t startNumber = 0;    // grows with each start; 0: never started
     std::atomic<bool> hidden{false};  // unregistered on its own thread, which has not been joined yet; see Hide
@@ -47,7 +47,7 @@ public:
     // What the task's EnqueueMsg returns, -1 when there is no such task.
     int Enqueue(const std::string& name, std::shared_ptr<Message>& message) const;
 
-    // Frees the task's name but keeps the entry for the one who will join its thread.
+    // Frees the name of the task but keeps the entry for the thread that will join it.
     void Hide(const EntryPointer& entry);
     void Remove(const EntryPointer& entry);
     void Forget(const Task& task);  // the same for a task that is being deleted; no entry, no harm

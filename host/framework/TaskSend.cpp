@@ -2,6 +2,7 @@
 // How a task reaches others: by name, by pointer, waiting or not.
 #include <algorithm>
 #include <chrono>
+#include <future>
 
 #include "host/framework/EngineImpl.h"
 #include "host/framework/TaskImpl.h"
@@ -37,16 +38,22 @@ int Task::SyncSendDirectMsg(const std::string& taskName, Message* message, std::
     if (owned == nullptr || engine == nullptr) {
         return -1;
     }
-    const auto meeting = std::make_shared<Rendezvous>();
-    std::shared_ptr<Message> sync = std::make_shared<SyncMessage>(std::move(owned), meeting);
-    int result = -1;
+    const auto claim = std::make_shared<std::atomic<bool>>(false);
+    std::promise<int> promise;
+    std::future<int> answer = promise.get_future();
+    std::shared_ptr<Message> sync = std::make_shared<SyncMessage>(std::move(owned), std::move(promise), claim);
     if (engine->impl->registry.Find(taskName) == this && impl->OnTaskThread()) {
-        result = impl->HandleOne(*this, sync);
-    } else if (engine->impl->registry.Enqueue(taskName, sync) == 0) {
-        sync.reset();  // from here on the message ends with its handling, or with the receiver's queue
-        result = impl->WaitFor(meeting, timeoutMs);
+        impl->HandleOne(*this, sync);
+    } else if (engine->impl->registry.Enqueue(taskName, sync) != 0) {
+        return -1;
     }
-    return mode == wantsResult || !meeting->WasHandled() ? result : 0;
+    sync.reset();  // from here on the message ends with its handling, or with the queue of the receiver
+    const std::optional<int> result = impl->WaitFor(answer, Clamped(timeoutMs));
+    if (!result) {
+        claim->store(true);
+        return -1;
+    }
+    return mode == wantsResult ? *result : 0;
 }
 
 int Task::SendAgileMsg(Task* target, Message* message)
@@ -55,29 +62,23 @@ int Task::SendAgileMsg(Task* target, Message* message)
     return target != nullptr && target->EnqueueMsg(owned) == 0 ? 1 : 0;
 }
 
-int Task::Impl::WaitFor(const std::shared_ptr<Rendezvous>& meeting, long timeoutMs)
+std::optional<int> Task::Impl::WaitFor(std::future<int>& answer, milliseconds timeout) const
 {
-    if (!OnTaskThread() || !interruptible) {
-        return meeting->Wait(Clamped(timeoutMs));
+    using Clock = std::chrono::steady_clock;
+    constexpr Clock::duration look = milliseconds{10};  // how often to look for a cancel
+    const bool endsByCancel = OnTaskThread() && interruptible;
+    const auto deadline = Clock::now() + timeout;
+    Clock::duration left = timeout;
+    while (answer.wait_for(std::min(left, look)) != std::future_status::ready) {
+        left = deadline - Clock::now();
+        if (left <= Clock::duration::zero() || (endsByCancel && cancelled)) {
+            return std::nullopt;
+        }
     }
-    {
-        const std::lock_guard<std::mutex> lock(waitMutex);
-        waitingFor = meeting;
-    }
-    if (cancelled) {  // read after waitingFor is set: a cancel that is missed here finds the meeting
-        meeting->GiveUp();
-    }
-    const int result = meeting->Wait(Clamped(timeoutMs));
-    const std::lock_guard<std::mutex> lock(waitMutex);
-    waitingFor.reset();
-    return result;
-}
-
-void Task::Impl::AbandonWait()
-{
-    const std::lock_guard<std::mutex> lock(waitMutex);
-    if (waitingFor != nullptr) {
-        waitingFor->GiveUp();
+    try {
+        return answer.get();
+    } catch (const std::future_error&) {
+        return std::nullopt;  // dropped unhandled
     }
 }
 

@@ -108,7 +108,6 @@ void Task::cancel()
 {
     impl->cancelled = true;
     Poco::Task::cancel();
-    impl->AbandonWait();
     impl->waiter.Wake();
 }
 

@@ -21,10 +21,10 @@ public:
     ~Engine() override;
 
     // The task registered under `name` anywhere in the agent, null if there is none. Not owned; it stays valid until
-    // its module unregisters it. Any thread. A null engine is allowed and finds nothing.
+    // its module unregisters it. Any thread.
     Task* FindTask(const std::string& name);
 
-    // The rest is the program's side of the framework, called from its main thread only.
+    // The rest is for the program that runs the agent, called from its main thread only.
 
     // Takes over a module, runs its Init and starts those of its tasks that wait for no policy. False, with a log line,
     // when Init fails; the module is kept until Stop all the same, its tasks are forgotten.

@@ -21,7 +21,7 @@ public:
 
     // Watches `fd` for the epoll bits `events`, level triggered. The descriptor stays the caller's and must be removed
     // before it is closed. Returns false, with errno set, when epoll refuses it. Thread: the waiting thread, or any
-    // while nobody waits.
+    // while no thread waits.
     bool Add(int fd, std::uint32_t events, Handler handler);
 
     // No harm for a descriptor that is not watched. Handlers may remove descriptors, their own included.

@@ -56,7 +56,7 @@ protected:
 TEST_F(PolicyDeliveryTest, APolicyStartsTheFeaturesTasksANewOneRestartsThemARefusedOneLeavesThemAlone)
 {
     module.RegisterTask(&stranger, false);
-    EXPECT_EQ(first.SendAgileMsg(&first, Call([] { return 0; })), 0) << "nobody would handle it";
+    EXPECT_EQ(first.SendAgileMsg(&first, Call([] { return 0; })), 0) << "no thread would handle it";
     EXPECT_TRUE(Apply("one"));
     EXPECT_EQ(seen, nullptr);
     journal.WaitFor(1);

@@ -53,17 +53,17 @@ TEST_F(SyncSendTest, ReturnsTheReceiversResultOrDeliveryAsAsked)
     EXPECT_EQ(Send([] { return 17; }), 17);
     EXPECT_EQ(Send([] { return 17; }, forDelivery), 0);
     EXPECT_EQ(Send([]() -> int { throw std::runtime_error("no"); }), -1);
-    EXPECT_EQ(Send([this] { return receiver.SendDirectMsg("nobody", Call([] { return 0; })); }), -1);
+    EXPECT_EQ(Send([this] { return receiver.SendDirectMsg("missing", Call([] { return 0; })); }), -1);
     std::string reply;
-    EXPECT_EQ(sender.SyncSendDirectMsg("nobody", Call([] { return 0; }), reply, foreverMs, forDelivery), -1);
+    EXPECT_EQ(sender.SyncSendDirectMsg("missing", Call([] { return 0; }), reply, foreverMs, forDelivery), -1);
     EXPECT_EQ(sender.SyncSendDirectMsg("receiver", nullptr, reply, foreverMs, forDelivery), -1);
     const auto sendToItself = [&] {
         return receiver.SyncSendDirectMsg("receiver", Call([] { return 23; }), reply, 0, forResult);
     };
-    EXPECT_EQ(Send(sendToItself), 23) << "handled at once, nobody else would";
+    EXPECT_EQ(Send(sendToItself), 23) << "handled at once, no other thread would";
 }
 
-// What was refused to its sender is not done afterwards, and what is under way then harms nobody.
+// What was refused to its sender is not done afterwards, and what is under way then does no harm.
 TEST_F(SyncSendTest, AMessageWhoseSenderGaveUpIsLeftAlone)
 {
     std::promise<void> open;
