@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Registering for trace events on behalf of a task, many at once. Thread: the task's own. Logged to the root logger.
+// Registering for trace events on behalf of a task, many at once. Thread: the task's own thread. Logged to the root
+// logger.
 #pragma once
 
 #include <list>
@@ -15,7 +16,7 @@ namespace Engine::FtraceUtils {
 bool RegisterFtraceEvent(Framework::Task* task, std::list<FtraceWatchHandle>& handles, const std::string& system,
                          const std::string& event);
 
-// Registers for all of the (system, event) pairs in their order. One that fails is logged and left out.
+// Registers for all of the (system, event) pairs in their order. One that fails is logged, and the next one follows.
 void RegisterFtraceEvents(Framework::Task* task, std::list<FtraceWatchHandle>& handles,
                           const std::list<std::pair<std::string, std::string>>& events);
 

@@ -14,7 +14,7 @@ public:
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
 
-    // Runs `leave`. An empty one, or one that throws, ends the process: there is nobody to tell.
+    // Runs `leave`. An empty one, or one that throws, ends the process: a destructor has no caller to tell.
     ~Monitor() { leave(); }
 
 private:

@@ -4,7 +4,7 @@
 //
 // Ownership: a handle refers to the task or module on whose behalf it acts; both must outlive it. Held by value in a
 //            list or as a member, never copied or moved: the subscription is the object.
-// Thread:    the owner's own, for everything. A Watch() of the first three waits for the source's answer.
+// Thread:    the owner's thread, for everything. Watch() of the first three waits for the source's answer.
 // Errors:    a refusal or time-out leaves the handle invalid; it then sends nothing when it goes.
 #pragma once
 
@@ -82,7 +82,7 @@ public:
     MessageConsumerHandle& operator=(const MessageConsumerHandle&) = delete;
     ~MessageConsumerHandle();
 
-    // False when there is no such producer or it refuses. Waits for nobody.
+    // False when there is no such producer or it refuses. Does not wait.
     bool Watch();
     // Looks the producer up again: it may have gone in the meantime, and with it the registration.
     void Reset();

@@ -70,7 +70,7 @@ int BaseSubmodule::Receive(const FtraceMessage& message)
 int BaseSubmodule::Receive(const ContainerProcMessage& message)
 {
     if (!message.info) {
-        return 0;  // a notice about nobody
+        return 0;  // a notice about no process
     }
     const int pid = message.info->pid;
     ModuleLog::Trace(At{"BaseSubmodule", 204}, "received new process state: pid=%d, started=%b", pid, message.started);

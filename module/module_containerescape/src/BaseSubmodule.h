@@ -4,7 +4,7 @@
 //
 // Ownership: refers to the task and the metadata service, which outlive it. Owns its trace subscriptions: they end
 //            with it even without DeInit; its file watches only end in DeInit.
-// Thread:    the detection task's; no lock inside.
+// Thread:    the detection task's thread; no lock inside.
 #pragma once
 
 #include <json/value.h>
@@ -53,14 +53,14 @@ public:
     virtual void HandleProcFork(int pid);
     virtual void HandleProcExit(int pid);
 
-    // The detector's logic for one trace event of a container's process. The result is the detector's own business.
+    // The detector's logic for one trace event of a container's process. No caller uses the result.
     virtual bool HandleEvent(const FtraceMessage& message) = 0;
 
     // Subscribes to the entry of each of the system calls (names without "sys_enter_") and watches each of the files.
-    // A second call adds the new ones without withdrawing the old.
+    // A second call adds the new ones and leaves the old ones subscribed.
     void Init(std::unordered_set<std::string> newSyscalls, std::unordered_set<std::string> newFiles);
 
-    // `remove` false: subscribe; true: withdraw. Results are the sources' to report.
+    // `remove` false: subscribe; true: unsubscribe. The sources report what fails.
     void RegisterFileMonitor(bool remove);
     void RegisterSyscallMonitor(bool remove);
 

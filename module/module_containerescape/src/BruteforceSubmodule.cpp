@@ -87,9 +87,9 @@ void BruteforceSubmodule::RaiseAlarm(int ppid, int pid, const std::string& exePa
     Alert(info, MakeForensicInfo(openByHandle), Json::Value{});
 }
 
-// Counters outlive their processes, so an attacker who starts one process after the other, each calling at full speed,
-// would fill the memory with times that nobody looks at again. A counter without times in the window counts like a new
-// one, so emptying it changes no result. As many calls as there are counters pay for one round.
+// Counters outlive their processes: processes that follow each other, each calling at full speed, would fill the memory
+// with times that are never looked at again. A counter without times in the window counts like a new one, so emptying
+// it changes no result. As many calls as there are counters pay for one round.
 void BruteforceSubmodule::ReleaseIdle(std::chrono::steady_clock::time_point now)
 {
     if (--callsUntilRelease > 0) {

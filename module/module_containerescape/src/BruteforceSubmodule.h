@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A process that guesses file handles: more calls of open_by_handle_at(2) in a sliding window than are allowed. Every
 // call over the limit raises the alarm; the task's filter merges them.
-// Thread: the detection task's; no lock inside.
+// Thread: the detection task's thread; no lock inside.
 #pragma once
 
 #include <chrono>

@@ -209,7 +209,7 @@ int ContainerEscapeDetectTask::Receive(const ContainerProcMessage& message)
 {
     Throttle(lastProcTick, 111, name().c_str());
     if (!message.info) {
-        return 0;  // a notice about nobody
+        return 0;  // a notice about no process
     }
     ModuleLog::Debug("got proc %s from %s, pid = %d", message.info->executable, message.info->imageName,
                      message.info->pid);

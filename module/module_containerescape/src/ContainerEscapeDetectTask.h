@@ -98,15 +98,15 @@ public:
     int GetContainerIDByRecordMap(const int& pid, std::string& containerId);
 
     // As SDK::ProcessUtils::GetContainerID, and shows the process's cgroup file in the log, at error level: a
-    // diagnostic for the cases in which the two disagree. Nobody calls it in normal operation.
+    // diagnostic for the cases in which the two disagree. Not called in normal operation.
     int IsContainerProc(unsigned long pid, std::string& containerId);
 
     void CachedFanotifyMsg(const int& pid, const std::string& filePath);
     // Hands over the kept notifications whose processes are known by now.
     void HandleCacheMsg();
 
-    // Whether containers of that image are left alone. The registry, and with it the tag, is cut off names that have a
-    // slash; names without one are compared with their tag.
+    // Whether containers of that image are excluded from detection. The registry, and with it the tag, is cut off names
+    // that have a slash; names without one are compared with their tag.
     bool IsWhitelisted(const std::string& image) const;
 
     const std::map<std::int32_t, escapeProcRecord>& Procs() const { return procs; }

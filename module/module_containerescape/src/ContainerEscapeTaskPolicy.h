@@ -14,7 +14,7 @@ public:
     ContainerEscapeTaskPolicy();
     ~ContainerEscapeTaskPolicy() override;
 
-    // Entries that are no system call's name, or no well-formed entry of an existing path, are left out. False when
+    // Entries that are no system call's name, or no well-formed entry of an existing path, are skipped. False when
     // the text is no JSON or one of the two lists is missing; a list that was read by then stays replaced.
     bool Parse(const std::string& text) override;
 

@@ -4,7 +4,7 @@
 //
 // It subscribes to no system call of its own and follows those that other detectors subscribed to, since every detector
 // sees every event: in practice the four calls must be in the policy's list.
-// Thread: the detection task's; no lock inside.
+// Thread: the detection task's thread; no lock inside.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // One alarm for every notification of an access to a guarded host path by a container's process. Which accesses are
 // notified is settled by the watches and by the detection task; only the task's filter merges repeats.
-// Thread: the detection task's; no lock inside.
+// Thread: the detection task's thread; no lock inside.
 #pragma once
 
 #include <string>

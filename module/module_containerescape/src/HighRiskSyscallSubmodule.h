@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // One alarm whenever a container's process enters a system call that the policy lists, at most once an hour for each
-// name, whoever makes the call.
-// Thread: the detection task's; no lock inside.
+// name, by whatever process.
+// Thread: the detection task's thread; no lock inside.
 #pragma once
 
 #include <map>

@@ -3,7 +3,7 @@
 // for each process that has left one. Works alone: it shares nothing with the detection task, and nothing merges its
 // alarms, so a process that stays out is reported at every round.
 //
-// The module does not create this task; whoever wants it registers one.
+// The module does not create this task; another module may register one (module_namespace_check does).
 // Thread: its own task thread. Keeps nothing from one round to the next.
 #pragma once
 
@@ -37,7 +37,7 @@ public:
     int Run() override;
 
     // One round over the host's processes. Does nothing where no process list or no container service is registered;
-    // leaves out what cannot be asked (an unknown container, a process that has gone).
+    // skips what cannot be asked (an unknown container, a process that has gone).
     virtual void BatchCheckProcess();
 
 private:

@@ -9,7 +9,7 @@
 
 namespace Engine {
 
-// The texts of a policy's list that `accept` lets in. An element that has no text (an object, a list) is left out like
+// The texts of a policy's list that `accept` lets in. An element that has no text (an object, a list) is skipped like
 // any other bad entry: a policy file must not end its reader with an exception.
 template <class Accept>
 std::unordered_set<std::string> TextsOf(const Json::Value& list, Accept accept)

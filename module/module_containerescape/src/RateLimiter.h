@@ -8,7 +8,7 @@
 // large, so a steady rate allocates nothing.
 //
 // Memory: eight bytes for each call inside the window, twice that at most besides spare capacity.
-// Thread: the owner's. Throws nothing but std::bad_alloc.
+// Thread: the owner's thread. Throws nothing but std::bad_alloc.
 #pragma once
 
 #include <chrono>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The "Shocker" technique: a process lists a directory and then opens a file by its handle, which reaches files of the
 // host from inside a container (open_by_handle_at(2)). One alarm for each process id at most.
-// Thread: the detection task's; no lock inside.
+// Thread: the detection task's thread; no lock inside.
 #pragma once
 
 #include <cstdint>
@@ -40,8 +40,8 @@ public:
     // The container that the process is in, by the metadata service; empty when it does not know.
     std::string GetContainerId(int pid);
 
-    // Whether `path` lies below one of the container's mounts. True for a container that nobody knows: it cannot be
-    // ruled out.
+    // Whether `path` lies below one of the container's mounts. True for a container that the metadata service does not
+    // know: it cannot be ruled out.
     bool IsMounted(const std::string& containerId, const std::string& path);
 
 private:

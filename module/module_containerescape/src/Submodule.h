@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A detector, as the detection task drives it. Thread: the detection task's, for every call.
+// A detector, as the detection task drives it. Thread: the detection task's thread, for every call.
 #pragma once
 
 #include "ContainerEscapeDetectPolicyContent.h"
@@ -13,7 +13,7 @@ public:
     // At the task's start, after Reconfigure: subscribes to what the detector needs. 0 means success.
     virtual int Init() = 0;
 
-    // At the task's end: withdraws the subscriptions. Init may follow again.
+    // At the task's end: ends the subscriptions. Init may follow again.
     virtual void DeInit() = 0;
 
     // After every round of messages. Returns 0.

@@ -2,9 +2,9 @@
 // Names and numbers of Linux system calls in the two numberings that an x86-64 kernel serves. Constant data, part of
 // the library's image: no start-up work, any thread.
 //
-// Source: the kernel's headers asm/unistd_64.h and asm/unistd_32.h of the machine that builds, up to userfaultfd. Numbers
-// never change there. Leading underscores are dropped ("sysctl" for "_sysctl"). Obsolete calls keep their names.
-// Excluded on purpose, so that nothing accepts them:
+// Source: the kernel's headers asm/unistd_64.h and asm/unistd_32.h of the machine that builds, up to userfaultfd.
+// Numbers never change there. Leading underscores are dropped ("sysctl" for "_sysctl"). Obsolete calls keep their
+// names. Excluded on purpose, so that nothing accepts them:
 // - x86-64: seccomp (317), getrandom (318), bpf (321), execveat (322)
 // - i386: renameat2 (353), seccomp (354), getrandom (355), bpf (357), execveat (358) and the direct socket calls
 //   (359 to 373); 222, 223, 251 and 285 are unassigned.

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where a task's thread sleeps: on descriptors that it watches and on its message queue.
+// Where a task's thread sleeps: on descriptors that it watches and on its message queue. See epoll(7).
+//
+// Ownership: owns its epoll set and eventfd; never the descriptors that are watched.
+// Thread:    one thread waits, the task's; any thread may wake it.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +32,7 @@ public:
 
     // Waits until a watched descriptor is ready, the task's queue is fed, or `timeoutMs` milliseconds have passed, and
     // runs the handlers of at most `batch` ready descriptors. Returns how many handlers ran; -1 when there was no
-    // descriptor event of the task's own to report, that is, the time is up or only the queue was fed: the task then
+    // descriptor event to report, that is, the time is up or only the queue was fed: the task then
     // has its queue to look after. After a wait that ran handlers a fed queue has its turn, -1 at once, so that busy
     // descriptors cannot starve it. A negative `timeoutMs` waits without limit. What a handler throws comes out here;
     // the other ready descriptors then have their turn at the next wait.

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // A plug-in of the agent: a shared library that exports `extern "C" Framework::Module* CreateModule()`.
-// The host owns the module that this returns, calls Init once after loading and UnInit once before it deletes it.
+//
+// Ownership: the agent owns the module that CreateModule returns; it calls Init once after loading and UnInit once
+// before
+//            it deletes the module. The library stays loaded until the process ends.
+// Thread:    one thread loads and unloads all modules; FindTask is for any thread.
 #pragma once
 
 #include <memory>
@@ -13,13 +17,14 @@ namespace Framework {
 
 class Module {
 public:
+    // `name`: for the log; nothing looks it up.
     explicit Module(const std::string& name);
     Module(const Module&) = delete;
     Module& operator=(const Module&) = delete;
     virtual ~Module();
 
-    // 0 means success. Overrides do their own work first and return the base's result.
-    // Thread: the one that loads and unloads modules.
+    // 0 means success; after any other result of Init the module's tasks are forgotten. Overrides do their own work
+    // first and return the base's result.
     virtual int Init();
     virtual int UnInit();
 

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Policies: what the agent's operator wants, parsed. A feature policy holds the feature's own settings and, as
-// children, one policy for each of its tasks; the framework hands a task its feature policy and the child that has the
-// task's name. All of them are made by a module's policy callback and owned by the framework afterwards.
+// children, one policy for each of its tasks. The framework gives a task its feature's policy and the child that has
+// the task's name (see PolicySlot in Task.h).
+//
+// Ownership: a module's policy callback makes them with new; the framework owns them afterwards.
+// Thread:    made on the thread that delivers policies, then read by the feature's tasks, which do not run while the
+//            framework replaces a policy; no lock inside.
 #pragma once
 
 #include <memory>
@@ -14,12 +18,14 @@ class Policy {
 public:
     static constexpr int defaultPriority = 6;
 
+    // `name`: the feature's or the task's.
     explicit Policy(const std::string& name, int priority = defaultPriority) : priority(priority), policyName(name) {}
     Policy(const Policy&) = delete;
     Policy& operator=(const Policy&) = delete;
     virtual ~Policy() = default;
 
-    // Fills the policy from its document. False: the document does not fit; what was taken over by then stays.
+    // Fills the policy from its document. False: the document does not fit; what was taken over by then stays. This
+    // default has nothing to fill: true.
     virtual bool Parse(const std::string& text);
 
     const std::string& Name() const { return policyName; }
@@ -34,15 +40,16 @@ private:
     std::string policyName;
 };
 
+// A policy with others inside.
 class CompositePolicy : public Policy {
 public:
     using Policy::Policy;
     ~CompositePolicy() override = default;
 
-    // Takes ownership. Children keep the order in which they were added.
+    // Takes ownership. REQUIRES: not null. Children keep the order in which they were added.
     void Add(std::unique_ptr<Policy> child);
 
-    // The child with that name, null if there is none. Not owned by the caller; lives as long as this policy.
+    // The first child with that name, null if there is none. Not owned by the caller; lives as long as this policy.
     Policy* Find(const std::string& name) const;
 
     const std::vector<std::unique_ptr<Policy>>& Children() const { return children; }
@@ -51,6 +58,7 @@ private:
     std::vector<std::unique_ptr<Policy>> children;
 };
 
+// The settings of one feature. Its name is what the tasks of the feature name in their constructors.
 class FeaturePolicy : public CompositePolicy {
 public:
     using CompositePolicy::CompositePolicy;
@@ -68,12 +76,14 @@ public:
     std::string identityVersion;
 };
 
+// The settings of one task, by its name. Modules derive from it for settings of their own.
 class TaskPolicy : public Policy {
 public:
     using Policy::Policy;
     ~TaskPolicy() override = default;
 
-    // The two settings of a periodic task, in seconds. Tasks of other types ignore them.
+    // The two settings of a periodic task, in seconds. A period of 0 keeps the task from running. Tasks of other types
+    // ignore both.
     int firstDelaySeconds = 0;
     int periodSeconds = 0;
 };

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The untyped receiving side: what a task overrides to take file notifications, process and asset lists, and raw trace
 // events from senders that do not use AbstructMessage<T>::Receiver.
+//
+// Ownership: a message that is passed by pointer stays the sender's and ends after the call.
+// Thread:    the receiving task's thread, one call at a time.
+// Errors:    each receiver chooses its result. The defaults do nothing and return 0.
 #pragma once
 
 #include <map>
@@ -21,9 +25,9 @@ struct AssetMessage {
 class AbstractMessageReceiver {
 public:
     // NOLINTBEGIN(performance-unnecessary-value-param): by value, senders and receivers agree on these signatures.
-    // Each is called on the receiving task's thread and returns its result; the defaults do nothing and return 0.
-    // A message passed by pointer stays the sender's.
+    // An access to a watched path, from "filenotify_task" (FileNotifyMessages.h).
     virtual int FileNotifyMessageAction(FileNotifyMessage* /*message*/) { return 0; }
+    // Processes, assets, raw trace events: no task of this agent sends them so.
     virtual int ProcsMessageAction(int /*event*/, unsigned int /*count*/,
                                    std::shared_ptr<ProcsMessage::procInfo> /*process*/)
     {

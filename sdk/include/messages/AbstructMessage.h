@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Typed delivery on top of Framework::Message: a message of type T finds the receiving task's interface for T.
+//
+//     struct Ping : Engine::AbstractMessage<Ping> { int number = 0; };
+//     class PingTask : public Framework::Task, public Engine::AbstractMessage<Ping>::Receiver { ... };
+//     task.SendDirectMsg("ping_task", new Ping);    // calls Receive on the thread of "ping_task"
 #pragma once
 
 #include "framework/Message.h"
@@ -7,14 +11,16 @@
 
 namespace Engine {
 
-// Base of a message type T (class T : public AbstructMessage<T>). The spelling is part of the contract.
+// Base of a message type T (class T : public AbstructMessage<T>). The spelling is part of the contract; AbstractMessage
+// is the same class.
 template <class T>
 class AbstructMessage : public Framework::Message {
 public:
     // What a task derives from to take messages of type T.
     class Receiver {
     public:
-        // Called on the receiving task's thread. The message is the framework's and ends after the call.
+        // Called on the receiving task's thread. The message is the framework's and ends after the call: copy what is
+        // needed longer. The result goes to a sender that waits for it (Task::SyncSendDirectMsg), 0 meaning success.
         virtual int Receive(const T& message) = 0;
         virtual ~Receiver() = default;
     };

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Containers, as the task "container_collect_task" of libcontainer_module.so knows them.
+// Containers, as the task "container_collect_task" of libcontainer_module.so knows them. A detection task registers
+// there with ContainerRegisterMessage and then gets a ContainerProcMessage for each process that appears in a container
+// other than by a fork inside it.
 #pragma once
 
 #include <Poco/Logger.h>
@@ -47,20 +49,21 @@ public:
 // engine put into it), or one that went away.
 class ContainerProcMessage : public AbstructMessage<ContainerProcMessage> {
 public:
+    // Texts come from the process itself and are hostile input.
     struct ProcInfo {
         std::string containerId;
-        int pid = -1;
-        int ppid = -1;
-        std::string executable;
-        std::string name;
-        std::string cmdline;    // empty unless it was at hand
-        std::string imageName;  // empty when the engine has not told it
+        int pid = -1;            // as the agent's own pid namespace numbers them
+        int ppid = -1;           // -1: not known
+        std::string executable;  // its path; empty when it cannot be read
+        std::string name;        // command name, at most 15 bytes
+        std::string cmdline;     // empty unless it was at hand
+        std::string imageName;   // empty when the engine has not told it
     };
 
     ContainerProcMessage(bool started, std::shared_ptr<ProcInfo> info) : started(started), info(std::move(info)) {}
 
-    bool started;
-    std::shared_ptr<ProcInfo> info;
+    bool started;                    // false: it went away
+    std::shared_ptr<ProcInfo> info;  // never changed once sent; null: a notice about no process
 };
 
 // Asks "container_collect_task" to send a task the notices above, or to stop. A task counts once, however often it

@@ -58,9 +58,9 @@ private:
     std::string name;
 };
 
-// Sets up or withdraws a watch. Watches are counted per (task, path): the last withdrawal ends the watch.
-// The path may carry permission letters after "*/*", which then choose the events: r open and read, w modify and close
-// after write, x execute, a change of attributes. A directory is watched with all that lies below it.
+// Begins or ends a watch. Watches are counted per (task, path): the watch ends when as many ends as beginnings have
+// come. The path may carry permission letters after "*/*", which then choose the events: r open and read, w modify and
+// close after write, x execute, a change of attributes. A directory is watched with all that lies below it.
 class FileNotifyWatchMessage : public AbstructMessage<FileNotifyWatchMessage> {
 public:
     FileNotifyWatchMessage(Framework::Task* requester, const std::string& path, std::vector<unsigned int> eventMasks,
@@ -78,7 +78,7 @@ public:
     std::string path;
     std::vector<unsigned int> eventMasks;  // fanotify event bits; combined
     _FileNotifyOpt options;
-    bool watch;  // false: withdraw
+    bool watch;  // false: end it
 };
 
 }  // namespace Engine

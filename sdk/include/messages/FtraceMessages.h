@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Trace events, as the task "ftrace_task" of libftrace_module.so delivers them.
+//
+// Kernel: the events, and the fields of each, are those of the files events/<system>/<event>/format in tracefs
+// (Documentation/trace/events.rst). "common_pid" is the id of the thread that caused the event.
 #pragma once
 
 #include <chrono>
@@ -52,8 +55,8 @@ private:
 };
 
 // Subscribes a task to a trace event, or ends that. Subscriptions are counted per (task, event): the task gets the
-// event once however often it subscribed, and the last withdrawal ends it. The receiver's result is 0 when it is done,
-// non-zero when the event's name is not a plain identifier or the kernel has no such event.
+// event once however often it subscribed, until it has ended as many subscriptions. The receiver's result is 0 when it
+// is done, non-zero when the event's name is not a plain identifier or the kernel has no such event.
 class FtraceWatchMessage : public AbstructMessage<FtraceWatchMessage> {
 public:
     FtraceWatchMessage(Framework::Task* requester, std::string system, std::string event, bool unwatch)

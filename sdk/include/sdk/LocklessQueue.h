@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // A bounded queue for any number of producers and consumers, none of which ever blocks another. What one thread
 // enqueues comes out in the order in which it went in; between threads there is no order.
+//
+// Ownership: items are copied or moved in and moved out; those still inside end with the queue.
+// Thread:    any, but for the constructor, the destructor and SetCapacity.
+// Errors:    a full queue refuses; the caller decides what that means.
 #pragma once
 
 #include <concurrentqueue/concurrentqueue.h>
@@ -17,7 +21,7 @@ public:
     // A queue of capacity 0 takes nothing until SetCapacity.
     explicit LocklessQueue(std::size_t capacity = 0) : capacity(capacity), items(capacity) {}
 
-    // Not while another thread uses the queue.
+    // In items. What is stored stays. Not while another thread uses the queue.
     void SetCapacity(std::size_t newCapacity) { capacity = newCapacity; }
 
     // Returns how many were stored: 1, or 0 when the queue is full or has no capacity.
@@ -30,7 +34,7 @@ public:
         return 1;
     }
 
-    // Stores all of them or, when they do not fit, none.
+    // Stores all of them and returns how many; 0, and none is stored, when they do not fit.
     std::size_t EnqueueBulk(const std::vector<T>& more)
     {
         if (more.empty()) {
@@ -64,7 +68,7 @@ public:
         return taken;
     }
 
-    // Items stored, or just about to be.
+    // Items stored, or just about to be: above 0 does not promise that the next Dequeue finds one.
     std::size_t Size() const { return count.load(std::memory_order_seq_cst); }
 
 private:

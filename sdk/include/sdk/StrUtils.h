@@ -12,7 +12,7 @@ public:
     // replaced. An empty text gives one empty part; an empty separator gives the whole text.
     static void Split(const std::string& text, const std::string& separator, std::vector<std::string>& parts);
 
-    // printf(3) into a string of whatever length.
+    // printf(3) into a string of whatever length. Empty when printf refuses the format. Any thread.
     static std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 };
 
