@@ -16,17 +16,13 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 
 }  // namespace
 
-ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, ProcReader& reader)
+ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
-      registry(reader),
-      observer(registry, reader, receivers, cache),
+      view(table, system),
+      registry(table, system),
+      observer(registry, system, receivers, cache),
       follower(socketPath, cache, [this] { return isCancelled(); })
 {
-    registry.SetWake([this] {
-        if (TraceObservable* observable = trace; observable != nullptr) {
-            observable->RequestRound();
-        }
-    });
 }
 
 ContainerCollectTask::~ContainerCollectTask()
@@ -119,7 +115,7 @@ bool ContainerCollectTask::GetContainerById(const std::string& containerId, std:
 bool ContainerCollectTask::GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info)
 {
     std::string id;
-    return registry.ContainerOf(pid, id) == 0 && !id.empty() && GetContainerById(id, info);
+    return view.ContainerOf(pid, id) == 0 && !id.empty() && GetContainerById(id, info);
 }
 
 bool ContainerCollectTask::IsAvailable()

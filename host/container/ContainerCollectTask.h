@@ -8,17 +8,17 @@
 
 #include "framework/Task.h"
 #include "host/container/ContainerRegistry.h"
+#include "host/container/ContainerView.h"
 #include "host/container/EngineFollower.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
-#include "host/container/ProcReader.h"
 #include "host/container/RegistryObserver.h"
 #include "host/ftrace/TraceObserver.h"
 #include "messages/ContainerMessages.h"
 
 namespace Engine {
 
-// Ownership: `reader` is not owned and outlives the task; neither is the trace task, which must have been left
+// Ownership: `system` is not owned and outlives the task; neither is the trace task, which must have been left
 //            (Detach) before it goes.
 // Thread:    its own follows the engine; the registry and the notices live on the trace task's.
 class ContainerCollectTask : public Framework::Task,
@@ -27,7 +27,7 @@ class ContainerCollectTask : public Framework::Task,
 public:
     static constexpr char taskName[] = "container_collect_task";
 
-    ContainerCollectTask(const std::string& socketPath, ProcReader& reader);
+    ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system);
     ~ContainerCollectTask() override;
 
     // Begins to follow the trace events. False when they cannot be had: /proc alone tells then which container a
@@ -36,7 +36,7 @@ public:
     // Returns when the trace task will not call any more. Without effect when not attached.
     void Detach();
 
-    SDK::ContainerResolver& Resolver() { return registry; }
+    SDK::ContainerResolver& Resolver() { return view; }
 
     // Reads what the engine knows for the first time, so that whoever waits for this task's start finds names and
     // images in the cache. An engine that hangs delays it by one time-out of the client.
@@ -57,6 +57,8 @@ private:
     void FollowEngine(EngineFollower::Clock::time_point now);
 
     MetadataCache cache;
+    ContainerTable table;
+    ContainerView view;
     ContainerRegistry registry;
     NoticeReceivers receivers;
     RegistryObserver observer;

@@ -8,7 +8,6 @@
 #include "framework/Module.h"
 #include "host/container/ContainerCollectTask.h"
 #include "host/container/ContainerLog.h"
-#include "host/container/LiveProcReader.h"
 #include "host/sdk/Config.h"
 #include "host/sdk/SystemView.h"
 
@@ -29,7 +28,7 @@ public:
 
     int Init() override
     {
-        task = std::make_unique<ContainerCollectTask>(SocketPath(), reader);
+        task = std::make_unique<ContainerCollectTask>(SocketPath(), SDK::SystemView::Current());
         auto* trace = dynamic_cast<TraceObservable*>(FindTask("ftrace_task"));
         if (trace == nullptr || !task->Attach(*trace)) {
             ContainerLog::Warning("no trace events: containers of processes are read from /proc, possibly too late");
@@ -60,7 +59,6 @@ private:
         task.reset();
     }
 
-    LiveProcReader reader;
     std::unique_ptr<ContainerCollectTask> task;
 };
 

@@ -2,224 +2,46 @@
 #include "host/container/ContainerRegistry.h"
 
 #include <algorithm>
+#include <unordered_set>
 
-#include "host/container/RuntimeProgram.h"
 #include "host/sdk/CgroupPath.h"
-#include "host/sdk/TraceTime.h"
 
 namespace Engine {
 
 namespace {
 
-const ContainerRegistry::Text nothing;
-
-bool Same(const ContainerRegistry::Text& text, std::string_view other)
+bool Same(const ContainerTable::Text& text, std::string_view other)
 {
     return (text == nullptr ? std::string_view{} : std::string_view{*text}) == other;
 }
 
-ContainerRegistry::Text Shared(std::string_view text)
+ContainerTable::Text Shared(std::string_view text)
 {
     return text.empty() ? nullptr : std::make_shared<const std::string>(text);
 }
 
 }  // namespace
 
-ContainerRegistry::ContainerRegistry(ProcReader& reader) : reader(reader)
+void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, std::optional<std::uint64_t> initialCgroup)
 {
-}
-
-void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, const BirthGroup& birthGroup)
-{
-    Entry made = ChildOf(parent, child, when, birthGroup);
+    Entry made = ChildOf(parent, child, when, initialCgroup);
     if (const Entry* old = Find(child); old != nullptr) {
-        made.before = Visible(*old);
-        made.exit = old->exit != alive && old->exit >= when ? old->exit : alive;
+        made.before = old->Visible();
+        made.exit = !old->IsAlive() && old->exit >= when ? old->exit : ContainerTable::alive;
     }
     made.since = when;
     made.hasForked = IsInside(parent);
-    Store(child, std::move(made));
-    if (const auto from = entries.find(parent); IsInside(parent) && !from->second.hasForked) {
-        const std::lock_guard lock{mutex};
-        from->second.hasForked = true;
+    table.PutIfRoom(child, std::move(made));
+    if (IsInside(parent) && !Find(parent)->hasForked) {
+        table.Update(parent, [](Entry& entry) { entry.hasForked = true; });
     }
-}
-
-void ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, Nanoseconds when)
-{
-    if (const Entry* by = FindOrLoad(mover, when); by != nullptr && by->state == State::Inside) {
-        return;
-    }
-    const std::string_view id = SDK::CgroupPath::ContainerId(path);
-    Entry* entry = id.empty() ? Load(pid, when) : &LoadMoved(pid, when);
-    if (entry == nullptr || Same(entry->container, id)) {
-        return;
-    }
-    // It may have left the container's group in one hierarchy and be in it still in the others.
-    if (id.empty() && !reader.ContainerOf(pid).value_or(*entry->container).empty()) {
-        return;
-    }
-    const bool wasInside = entry->state == State::Inside;
-    const State now = id.empty() ? State::Host : wasInside ? State::Inside : State::Entering;
-    {
-        const std::lock_guard lock{mutex};
-        Change(*entry, now, Shared(id), when);
-    }
-    if (wasInside) {
-        MoveOthers(pid, *entry, when);
-    }
-}
-
-bool ContainerRegistry::ApplyExec(int pid, int oldPid, std::string_view filename, Nanoseconds when, bool isInItsGroups,
-                                  const BeforeEntry& beforeEntry)
-{
-    if (oldPid != pid) {
-        const std::lock_guard lock{mutex};
-        entries.erase(oldPid);
-    }
-    const bool wasKnown = Find(pid) != nullptr;
-    Entry* entry = Load(pid, when);
-    if (entry == nullptr) {
-        return false;
-    }
-    const bool wasInside = wasKnown && entry->state == State::Inside;
-    const bool isSelfExecution = IsSelfExecution(filename);
-    State next = entry->state;
-    Text container = entry->container;
-    if (next == State::Host && !isInItsGroups) {
-        // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
-        container = Shared(reader.ContainerOf(pid).value_or(std::string{}));
-    }
-    if (next != State::Inside && container != nullptr) {
-        next = IsStillSetUp(pid, *entry, isSelfExecution) ? State::Entering : State::Inside;
-    }
-    const bool enters = next == State::Inside && !wasInside;
-    if (enters) {
-        beforeEntry(*container);
-    }
-    const Text executable = next == State::Host ? nullptr : Shared(filename);
-    const std::lock_guard lock{mutex};
-    entry->exit = alive;  // the leader may have ended before the thread that takes over its id
-    entry->inSetUp = isSelfExecution;
-    entry->executable = executable;
-    if (next != entry->state) {
-        Change(*entry, next, std::move(container), when);
-    }
-    return enters;
-}
-
-void ContainerRegistry::ApplyExit(int pid, Nanoseconds when)
-{
-    const std::lock_guard lock{mutex};
-    SetExit(pid, entries[pid], when);
-}
-
-const ContainerRegistry::Entry* ContainerRegistry::Find(int tid) const
-{
-    const auto found = entries.find(tid);
-    return found == entries.end() ? nullptr : &found->second;
-}
-
-const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when)
-{
-    return Load(tid, when);
-}
-
-bool ContainerRegistry::IsInside(int tid) const
-{
-    const Entry* entry = Find(tid);
-    return entry != nullptr && entry->state == State::Inside;
-}
-
-bool ContainerRegistry::HasOther(const std::string& container, int tid) const
-{
-    return std::any_of(entries.begin(), entries.end(), [&](const auto& item) {
-        const Entry& entry = item.second;
-        return item.first != tid && entry.state == State::Inside && entry.exit == alive &&
-               Same(entry.container, container);
-    });
-}
-
-void ContainerRegistry::Purge(Nanoseconds now)
-{
-    if (dead.empty() || now - dead.front().second <= keepDead) {
-        return;
-    }
-    const std::lock_guard lock{mutex};
-    while (!dead.empty() && now - dead.front().second > keepDead) {
-        const auto [tid, when] = dead.front();
-        dead.pop_front();
-        // Its id may have gone to another thread since.
-        if (const auto found = entries.find(tid); found != entries.end() && found->second.exit == when) {
-            entries.erase(found);
-        }
-    }
-}
-
-std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)
-{
-    std::vector<int> promoted;
-    for (const auto& [tid, until] : provisional) {
-        const auto found = entries.find(tid);
-        if (until > now || found == entries.end() || found->second.state != State::Entering ||
-            found->second.exit != alive) {
-            continue;
-        }
-        const std::lock_guard lock{mutex};
-        Change(found->second, State::Inside, found->second.container, now);
-        promoted.push_back(tid);
-    }
-    std::erase_if(provisional, [now](const auto& item) { return item.second <= now; });
-    return promoted;
-}
-
-int ContainerRegistry::ContainerOf(int pid, std::string& id)
-{
-    const std::optional<Nanoseconds> when = SDK::TraceTime::Current();
-    std::unique_lock lock{mutex};
-    if (const Entry* entry = Find(pid); entry != nullptr) {
-        const Text container = VisibleAt(*entry, when);
-        const bool mustWake = !when && NoteAsked(pid, *entry);
-        lock.unlock();
-        id = container == nullptr ? std::string{} : *container;
-        if (mustWake) {
-            onAsked();
-        }
-        return 0;
-    }
-    lock.unlock();
-    const std::optional<Found> found = Look(pid);
-    if (!found) {
-        return -1;
-    }
-    id = found->state == State::Inside ? found->container : std::string{};
-    return 0;
-}
-
-std::unordered_set<int> ContainerRegistry::TakeAsked()
-{
-    const std::lock_guard lock{mutex};
-    return std::exchange(asked, {});
-}
-
-// Whether it is the first since TakeAsked. The mutex is held.
-bool ContainerRegistry::NoteAsked(int pid, const Entry& entry)
-{
-    return entry.state == State::Inside && asked.insert(pid).second && asked.size() == 1;
-}
-
-bool ContainerRegistry::MayBeEntering(int pid)
-{
-    const std::lock_guard lock{mutex};
-    const Entry* entry = Find(pid);
-    return entry != nullptr && (entry->state == State::Entering || (entry->state == State::Host && entry->inSetUp));
 }
 
 ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when,
-                                                    const BirthGroup& birthGroup)
+                                                    std::optional<std::uint64_t> initialCgroup)
 {
     Entry made;
-    const Entry* from = Load(parent, when);
+    const Entry* from = FindOrLoad(parent, when);
     if (from != nullptr) {
         made.state = from->state;
         made.inSetUp = from->inSetUp;
@@ -227,14 +49,13 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
         made.container = from->container;
         made.executable = from->executable;
     }
-    const bool isOfHost = from != nullptr && from->state == State::Host;
-    if (const auto group = isOfHost ? birthGroup(child) : std::nullopt; group) {
-        made.container = Shared(reader.ContainerOfGroup(*group));
+    if (initialCgroup && from != nullptr && from->state == State::Host) {
+        made.container = Shared(system.ContainerOfCgroup(*initialCgroup));
         made.state = made.container == nullptr ? State::Host : State::Entering;
     }
-    // A runtime creates its child inside the container's group, or the parent has gone before it was ever seen.
+    // A runtime made its child straight in the container's group, or the parent has gone before it was ever seen.
     if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
-        if (const std::optional<Found> found = Look(child); found && found->state != State::Host) {
+        if (const auto found = RuntimeSetUp::Look(system, child); found && found->state != State::Host) {
             made.state = from == nullptr ? found->state : State::Entering;
             made.container = Shared(found->container);
         }
@@ -244,65 +65,237 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
     return made;
 }
 
+bool ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, Nanoseconds when)
+{
+    if (const Entry* by = FindOrLoad(mover, when); by != nullptr && by->IsInside()) {
+        return false;
+    }
+    const std::string_view id = SDK::CgroupPath::ContainerId(path);
+    const Entry* entry = id.empty() ? FindOrLoad(pid, when) : LoadMoved(pid, when);
+    if (entry == nullptr || Same(entry->container, id)) {
+        return false;
+    }
+    // It may have left the container's group in one hierarchy and be in it still in the others.
+    if (id.empty() && !system.CgroupContainer(pid).value_or(*entry->container).empty()) {
+        return false;
+    }
+    const bool wasInside = entry->IsInside();
+    const State next = id.empty() ? State::Host : wasInside ? State::Inside : State::Entering;
+    table.Update(pid, [&](Entry& moved) { moved.MoveTo(next, Shared(id), when); });
+    if (wasInside) {
+        MoveOthers(pid, *entry, when);
+    }
+    return wasInside;
+}
+
+// A thread whose fork was lost and that is moved into a container now. It has just been outside, so /proc, which may
+// show it inside already, is not asked; but it must not count as the runtime for ever if it never execs.
+const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(int pid, Nanoseconds when)
+{
+    if (Find(pid) == nullptr) {
+        Entry made;
+        SDK::ProcessUtils::procStatus status;
+        made.parent = system.Status(pid, status) == 0 ? status.ppid : -1;
+        provisional.emplace_back(pid, when + believeSetUp);
+        table.Put(pid, std::move(made));
+    }
+    return Find(pid);
+}
+
 // The event named the leader only; /proc tells which of the other threads went with it.
 void ContainerRegistry::MoveOthers(int leader, const Entry& like, Nanoseconds when)
 {
     const std::string target = like.container == nullptr ? std::string{} : *like.container;
-    for (const int tid : reader.Threads(leader)) {
-        const auto found = entries.find(tid);
-        if (tid == leader || found == entries.end() || found->second.state != State::Inside ||
-            reader.ContainerOf(tid) != target) {
+    for (const int tid : system.Threads(leader)) {
+        if (tid != leader && IsInside(tid) && system.CgroupContainer(tid) == target) {
+            table.Update(tid, [&](Entry& entry) { entry.MoveTo(like.state, like.container, when); });
+        }
+    }
+}
+
+std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, int oldPid, std::string_view filename,
+                                                                     Nanoseconds when, bool keptItsGroups)
+{
+    if (oldPid != pid) {
+        table.Erase(oldPid);
+    }
+    const bool wasKnown = Find(pid) != nullptr;
+    const Entry* entry = FindOrLoad(pid, when);
+    if (entry == nullptr) {
+        return std::nullopt;
+    }
+    Exec exec{pid, entry->state, entry->container, RuntimeSetUp::IsSelfExecution(filename)};
+    if (exec.state == State::Host && !keptItsGroups) {
+        // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
+        exec.container = Shared(system.CgroupContainer(pid).value_or(std::string{}));
+    }
+    if (exec.state != State::Inside && exec.container != nullptr) {
+        const bool isRuntime = RuntimeSetUp::Continues(system, pid, filename, entry->bornInSetUp);
+        exec.state = isRuntime ? State::Entering : State::Inside;
+    }
+    exec.enters = exec.state == State::Inside && !(wasKnown && entry->IsInside());
+    return exec;
+}
+
+void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, Nanoseconds when)
+{
+    const Text executable = exec.state == State::Host ? nullptr : Shared(filename);
+    table.Update(exec.pid, [&](Entry& entry) {
+        entry.exit = ContainerTable::alive;  // the leader may have ended before the thread that takes over its id
+        entry.inSetUp = exec.isSelfExecution;
+        entry.executable = executable;
+        if (exec.state != entry.state) {
+            entry.MoveTo(exec.state, exec.container, when);
+        }
+    });
+}
+
+const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when)
+{
+    if (const Entry* known = Find(tid); known != nullptr) {
+        return known;
+    }
+    std::optional<Found> found = RuntimeSetUp::Look(system, tid);
+    if (!found) {
+        return nullptr;
+    }
+    Adopt(*found);
+    table.Put(tid, MakeEntry(tid, *found, ContainerTable::longAgo, when));
+    return Find(tid);
+}
+
+bool ContainerRegistry::IsInside(int tid) const
+{
+    const Entry* entry = Find(tid);
+    return entry != nullptr && entry->IsInside();
+}
+
+bool ContainerRegistry::HasOther(const std::string& container, int tid) const
+{
+    return std::any_of(table.Entries().begin(), table.Entries().end(), [&](const auto& item) {
+        const Entry& entry = item.second;
+        return item.first != tid && entry.IsInside() && entry.IsAlive() && Same(entry.container, container);
+    });
+}
+
+std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)
+{
+    std::vector<int> promoted;
+    for (const auto& [tid, until] : provisional) {
+        const Entry* entry = Find(tid);
+        if (until <= now && entry != nullptr && entry->state == State::Entering && entry->IsAlive()) {
+            table.Update(tid, [now](Entry& overdue) { overdue.MoveTo(State::Inside, overdue.container, now); });
+            promoted.push_back(tid);
+        }
+    }
+    std::erase_if(provisional, [now](const auto& item) { return item.second <= now; });
+    return promoted;
+}
+
+ContainerRegistry::Entry ContainerRegistry::MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
+{
+    Entry entry;
+    entry.state = found.state;
+    entry.container = Shared(found.container);
+    entry.since = since;
+    entry.seen = now;
+    entry.parent = found.parent;
+    if (found.state == State::Entering) {
+        provisional.emplace_back(tid, now + believeSetUp);
+    }
+    return entry;
+}
+
+void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now)
+{
+    const FoundList all = LookAtAll();
+    for (const auto& [tid, found] : all) {
+        Merge(tid, found, since, now);
+    }
+    MarkMissing(all, now);
+    synced.store(true, std::memory_order_relaxed);
+}
+
+ContainerRegistry::FoundList ContainerRegistry::LookAtAll() const
+{
+    FoundList all;
+    for (const int pid : system.Processes()) {
+        const std::optional<Found> found = RuntimeSetUp::Look(system, pid);
+        if (!found) {
             continue;
         }
-        const std::lock_guard lock{mutex};
-        Change(found->second, like.state, like.container, when);
+        all.emplace_back(pid, *found);
+        for (const int tid : system.Threads(pid)) {
+            if (tid != pid) {
+                all.emplace_back(tid, Found{found->state, found->container, pid});
+            }
+        }
     }
+    return all;
 }
 
-// The file name alone would let an image whose entry point is called /proc/self/exe pass for the runtime, so the
-// process must also have the host's mount namespace still. One that has gone already cannot be asked. Runtimes do have
-// helpers that live a millisecond, but they execute themselves before they fork, not in the child that becomes the
-// container's program: that would be an attacker's entry point, who has no need to live longer.
-bool ContainerRegistry::IsStillSetUp(int pid, const Entry& entry, bool isSelfExecution) const
+void ContainerRegistry::Merge(int tid, Found found, Nanoseconds since, Nanoseconds now)
 {
-    return isSelfExecution && reader.InHostMountNamespace(pid).value_or(!entry.bornInSetUp);
-}
-
-const ContainerRegistry::Text& ContainerRegistry::Visible(const Entry& entry)
-{
-    return entry.state == State::Inside ? entry.container : nothing;
-}
-
-const ContainerRegistry::Text& ContainerRegistry::VisibleAt(const Entry& entry, std::optional<Nanoseconds> when)
-{
-    return !when || *when >= entry.since ? Visible(entry) : entry.before;
-}
-
-void ContainerRegistry::Change(Entry& entry, State state, Text container, Nanoseconds when)
-{
-    const Text before = Visible(entry);
-    entry.state = state;
-    entry.container = std::move(container);
-    if (before != Visible(entry)) {
-        entry.before = before;
-        entry.since = when;
-    }
-}
-
-void ContainerRegistry::Store(int tid, Entry entry)
-{
-    const std::lock_guard lock{mutex};
-    if (entry.state == State::Host && entries.size() >= maxHostEntries) {
-        entries.erase(tid);
+    Adopt(found);
+    const Entry* known = Find(tid);
+    if (known == nullptr) {
+        table.PutIfRoom(tid, MakeEntry(tid, found, since, now));
         return;
     }
-    entries.insert_or_assign(tid, std::move(entry));
+    // The events knew better: a process that was Inside stays there, one that /proc shows as the runtime still is it,
+    // and a dead process that is still listed is a zombie.
+    if (Same(known->container, found.container) &&
+        (known->state != State::Entering || found.state == State::Entering)) {
+        return;
+    }
+    // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
+    if (known->IsInside() && IsSince(tid, *known)) {
+        return;
+    }
+    Entry made = MakeEntry(tid, found, since, now);
+    table.Update(tid, [&](Entry& entry) {
+        entry.exit = ContainerTable::alive;
+        entry.executable = nullptr;
+        entry.seen = now;
+        entry.parent = found.parent;
+        entry.MoveTo(made.state, std::move(made.container), since);
+    });
 }
 
-void ContainerRegistry::SetExit(int tid, Entry& entry, Nanoseconds when)
+void ContainerRegistry::MarkMissing(const FoundList& found, Nanoseconds when)
 {
-    entry.exit = when;
-    dead.emplace_back(tid, when);
+    std::unordered_set<int> present;
+    present.reserve(found.size());
+    for (const auto& item : found) {
+        present.insert(item.first);
+    }
+    std::vector<int> missing;
+    for (const auto& [tid, entry] : table.Entries()) {
+        if (entry.IsAlive() && present.count(tid) == 0) {
+            missing.push_back(tid);
+        }
+    }
+    for (const int tid : missing) {
+        table.MarkExit(tid, when);
+    }
+}
+
+// Whether the thread of that id is still the one that the entry is about.
+bool ContainerRegistry::IsSince(int tid, const Entry& entry) const
+{
+    const std::optional<Nanoseconds> start = system.StartTime(tid);
+    return start && *start <= entry.seen;
+}
+
+// Outside of every container by its groups, but a child of a process that is known to be Inside: its parent has left
+// its groups, as a container that can write to them may, and the fork was lost.
+void ContainerRegistry::Adopt(Found& found) const
+{
+    const Entry* parent = found.container.empty() ? Find(found.parent) : nullptr;
+    if (parent != nullptr && parent->IsInside() && IsSince(found.parent, *parent)) {
+        found.state = State::Inside;
+        found.container = *parent->container;
+    }
 }
 
 }  // namespace Engine

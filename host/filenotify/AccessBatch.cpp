@@ -72,17 +72,16 @@ AccessBatch::~AccessBatch()
 }
 
 // As of the time of the access: what a runtime did before it became the container's program stays the runtime's.
-void AccessBatch::OnObserved()
+void AccessBatch::OnObserved(const ReportActive& reportActive)
 {
     const std::chrono::steady_clock::time_point readAt{When()};
-    const std::size_t left = std::erase_if(accesses, [&](const Access& access) {
+    const std::size_t dropped = std::erase_if(accesses, [&](const Access& access) {
         const AccessOrigin origin = OriginOf(access.pid, readAt);
         return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
     });
-    Counters::Get(CounterName::notifyNotContainer).fetch_add(left, std::memory_order_relaxed);
-    std::string containerId;
+    Counters::Get(CounterName::notifyNotContainer).fetch_add(dropped, std::memory_order_relaxed);
     for (const Access& access : accesses) {
-        SDK::ProcessUtils::GetContainerID(access.pid, containerId);  // asked now, it has the process announced
+        reportActive(access.pid);
     }
 }
 

@@ -2,9 +2,9 @@
 // Accesses to watched paths, on their way to the subscribers.
 //
 // A notification and the trace events that tell of its process take different ways to the same subscriber: sent at once
-// it would overtake them, and speak of a process that nobody knows yet. Every trace event that came before the access
-// is older than the time at which the notification was read, so it follows the trace up to that time. Who made the
-// access is known for certain then, and if it is a container's process, the subscriber is told of it before.
+// it would overtake them, and speak of a process that is not known yet. Every trace event that came before the access is
+// older than the time at which the notification was read, so the access waits until the trace has been followed up to
+// that time. Which process made it is known for certain then, and the subscriber is told of a container's process first.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "host/ftrace/TraceFollower.h"
+#include "host/ftrace/TraceBarrier.h"
 
 namespace Engine {
 
@@ -31,7 +31,7 @@ AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when);
 // The paths are looked up before: later the directory may be gone. Those of a watch that is withdrawn while they are on
 // their way, a millisecond or two, are still sent. What no subscriber's queue takes is counted as lost, and what a
 // subscriber would get that has stopped is not.
-class AccessBatch final : public TraceFollower {
+class AccessBatch final : public TraceBarrier {
 public:
     struct Access {
         std::string subscriber;
@@ -41,15 +41,15 @@ public:
         std::string path;
     };
 
-    explicit AccessBatch(std::chrono::steady_clock::time_point readAt) : TraceFollower(readAt.time_since_epoch()) {}
+    explicit AccessBatch(std::chrono::steady_clock::time_point readAt) : TraceBarrier(readAt.time_since_epoch()) {}
     AccessBatch(const AccessBatch&) = delete;
     AccessBatch& operator=(const AccessBatch&) = delete;
     ~AccessBatch() override;
 
     void Add(Access access) { accesses.push_back(std::move(access)); }
 
-    // Leaves out those of processes that have turned out to be the host's, and has the others announced.
-    void OnObserved() override;
+    // Drops those of processes that have turned out to be the host's, and reports the other processes.
+    void OnObserved(const ReportActive& reportActive) override;
     void OnFlushed(const MessageSender& send) override;
     unsigned long EventCount() const override { return accesses.size(); }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/EventDelivery.h"
 
+#include <algorithm>
+
 #include "host/ftrace/Log.h"
 
 namespace Engine {
@@ -73,6 +75,7 @@ TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const 
     const FtraceMessage event{route.event->kind, record.data, record.size, std::chrono::nanoseconds{record.when}};
     Guarded([&] {
         if (route.isObserved) {
+            observed = &route;
             observer->OnEvent(event, *this);
         }
         if (route.isSyscall && !route.subscribers.empty()) {
@@ -80,7 +83,15 @@ TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const 
             origin = observer->AdmitSyscall(tid, record.process, event, *this);
         }
     });
+    observed = nullptr;
     return origin;
+}
+
+bool EventDelivery::GetsEvent(const Framework::Task& task) const
+{
+    return observed != nullptr &&
+           std::any_of(observed->subscribers.begin(), observed->subscribers.end(),
+                       [&task](const TraceRoute::Subscriber& each) { return each.queue->Task() == &task; });
 }
 
 void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message)
@@ -92,19 +103,24 @@ void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framewo
     }
 }
 
-void EventDelivery::EndRound(std::chrono::nanoseconds observed)
+void EventDelivery::EndRound(std::chrono::nanoseconds until)
 {
     std::size_t due = 0;
-    for (; due < followers.size() && followers[due]->When() <= observed; ++due) {
-        followers[due]->OnObserved();
+    const auto reportActive = [this](int pid) {
+        if (observer != nullptr) {
+            Guarded([&] { observer->OnActivity(pid, *this); });
+        }
+    };
+    for (; due < barriers.size() && barriers[due]->When() <= until; ++due) {
+        barriers[due]->OnObserved(reportActive);
     }
     if (observer != nullptr) {
-        Guarded([&] { observer->OnRound(observed, *this); });
+        Guarded([&] { observer->OnRound(until, *this); });
     }
     table->FlushQueues();
     for (; due > 0; --due) {
-        followers.front()->OnFlushed(outlet->send);
-        followers.pop_front();
+        barriers.front()->OnFlushed(outlet->send);
+        barriers.pop_front();
     }
 }
 

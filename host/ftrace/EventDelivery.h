@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "host/ftrace/SubscriptionTable.h"
-#include "host/ftrace/TraceFollower.h"
+#include "host/ftrace/TraceBarrier.h"
 #include "host/ftrace/TraceMerger.h"
 #include "host/ftrace/TraceObserver.h"
 #include "host/sdk/RepeatedReport.h"
@@ -27,15 +27,16 @@ public:
 
     void OnRecord(const RawRecord& record) override;
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override;
+    bool GetsEvent(const Framework::Task& task) const override;
     SyscallFilter* Filter() override { return filter; }
 
-    // Takes what follows the events until some time. Their times do not decrease.
-    void Follow(std::shared_ptr<TraceFollower> follower) { followers.push_back(std::move(follower)); }
-    bool IsFollowed() const { return !followers.empty(); }
+    // Takes what goes on behind the events until some time. Their times do not decrease.
+    void Take(std::shared_ptr<TraceBarrier> barrier) { barriers.push_back(std::move(barrier)); }
+    bool HasBarriers() const { return !barriers.empty(); }
 
-    // Ends a round: everything before `observed` has come by. Tells the observer, sends what the queues hold, then what
-    // follows it.
-    void EndRound(std::chrono::nanoseconds observed);
+    // Ends a round: everything before `until` has come by. Tells the observer, sends what the queues hold, then the
+    // barriers that have been reached.
+    void EndRound(std::chrono::nanoseconds until);
 
     // Not owned; null: none, and every system call is admitted.
     void SetObserver(TraceObserver* next) { observer = next; }
@@ -55,7 +56,8 @@ private:
     const TraceOutlet* outlet;
     SyscallFilter* filter;
     TraceObserver* observer = nullptr;
-    std::deque<std::shared_ptr<TraceFollower>> followers;
+    std::deque<std::shared_ptr<TraceBarrier>> barriers;
+    const TraceRoute* observed = nullptr;  // of the event that the observer is looking at
     SDK::RepeatedReport observerFailures;
 };
 

@@ -200,7 +200,7 @@ std::uint16_t* SyscallProbe::StateOf(int process) const
     return process > 0 && static_cast<std::size_t>(process) < processLimit ? states.get() + process : nullptr;
 }
 
-bool SyscallProbe::IsLeftOut(int process) const
+bool SyscallProbe::IsExcluded(int process) const
 {
     std::uint16_t* const state = StateOf(process);
     return state != nullptr && (std::atomic_ref<std::uint16_t>(*state).load() & 1) != 0;
@@ -213,14 +213,14 @@ std::optional<SyscallFilter::Ticket> SyscallProbe::TicketOf(int process) const
     return (ticket & 1) != 0 ? std::nullopt : std::optional{ticket};
 }
 
-void SyscallProbe::LeaveOut(int process, Ticket ticket)
+void SyscallProbe::Exclude(int process, Ticket ticket)
 {
     if (std::uint16_t* const state = StateOf(process); state != nullptr) {
         std::atomic_ref<std::uint16_t>(*state).compare_exchange_strong(ticket, 1);
     }
 }
 
-std::optional<std::uint64_t> SyscallProbe::TakeBirthGroup(int process)
+std::optional<std::uint64_t> SyscallProbe::TakeInitialCgroup(int process)
 {
     const int groups = bpf_map__fd(program->maps.initialCgroups);
     std::uint64_t group = 0;

@@ -59,10 +59,10 @@ public:
     // The thread that reads, which is excluded.
     void ExcludeThread(int tid);
 
-    bool IsLeftOut(int process) const override;
+    bool IsExcluded(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;
-    void LeaveOut(int process, Ticket ticket) override;
-    std::optional<std::uint64_t> TakeBirthGroup(int process) override;
+    void Exclude(int process, Ticket ticket) override;
+    std::optional<std::uint64_t> TakeInitialCgroup(int process) override;
 
     // Since the last call.
     SyscallLoss TakeLoss();

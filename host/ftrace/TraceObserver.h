@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who looks at trace events in their order before any subscriber gets them. The container registry does: it must have
-// taken an event into account before a subscriber asks about it, and what it has to say about a process must reach
-// the subscriber before that process's next event.
+// Looks at trace events in their order before any subscriber gets them. The container registry does: it must have taken
+// an event into account before a subscriber asks about it, and what it has to say about a process must reach the
+// subscriber before that process's next event.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,7 +23,10 @@ public:
     // that one and all later ones. A refusal is counted as the queue's loss.
     virtual void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) = 0;
 
-    // Null when the kernel leaves nobody's system calls out.
+    // Whether the event now being observed goes to that task. False outside of TraceObserver::OnEvent.
+    virtual bool GetsEvent(const Framework::Task& task) const = 0;
+
+    // Null when the kernel excludes no system calls.
     virtual SyscallFilter* Filter() = 0;
 
 protected:
@@ -33,7 +37,7 @@ protected:
 class TraceObserver {
 public:
     // The (system, event) pairs that OnEvent wants to see. Asked once, when the observer is added. They are enabled in
-    // the kernel from then on; one that the kernel lacks is logged and left out.
+    // the kernel from then on; one that the kernel lacks is logged and not observed.
     virtual std::vector<std::pair<std::string, std::string>> ObservedEvents() const = 0;
 
     // One of the observed events, in time order, before its delivery to any subscriber.
@@ -46,9 +50,12 @@ public:
     // Where an event of the system "syscalls" comes from, or notAdmitted when it goes no further. `tid`: the thread
     // that made the call, `process`: its process, 0 when the source does not tell. Called once for each such event,
     // after OnEvent for everything older, so it must be quick: no allocation and no system call for a thread that is
-    // known, but for those that the kernel could leave out. The observer may put messages before the event with
+    // known, but for those that the kernel could exclude. The observer may put messages before the event with
     // `sequencer`.
     virtual Origin AdmitSyscall(int tid, int process, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+
+    // Another source has seen that process act (TraceBarrier), and its subscribers will hear of it after this call.
+    virtual void OnActivity(int pid, TraceSequencer& sequencer) = 0;
 
     // After every round over the CPUs' buffers, and at least ten times a second. `now`: what is older has been
     // observed.
@@ -63,8 +70,8 @@ public:
 // The trace task's side, found by a dynamic cast from the task "ftrace_task".
 class TraceObservable {
 public:
-    // Not owned. False when there is an observer already. Returns after the observer's events are enabled, or after ten
-    // seconds with false. Any thread but the trace task's.
+    // Not owned. False when there is an observer already. Returns after the observer's events are enabled. Any thread
+    // but the trace task's.
     virtual bool AddObserver(TraceObserver& observer) = 0;
 
     // Returns when no call is under way and none will follow.

@@ -128,8 +128,8 @@ void TraceTask::Round()
 
 int TraceTask::InterceptMsg(std::shared_ptr<Framework::Message>& message)
 {
-    if (auto follower = std::dynamic_pointer_cast<TraceFollower>(message); follower != nullptr) {
-        delivery.Follow(std::move(follower));
+    if (auto barrier = std::dynamic_pointer_cast<TraceBarrier>(message); barrier != nullptr) {
+        delivery.Take(std::move(barrier));
         message.reset();
     }
     return 0;
@@ -168,7 +168,7 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
 
 int TraceTask::WaitMs() const
 {
-    return trace->Merger().Holding() || delivery.IsFollowed() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
+    return trace->Merger().Holding() || delivery.HasBarriers() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
 }
 
 void TraceTask::Pace()

@@ -2,12 +2,18 @@
 #include "host/sdk/LiveSystem.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <climits>
+#include <cstddef>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -15,15 +21,19 @@
 #include <string_view>
 
 #include "host/sdk/CgroupPath.h"
+#include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 
 namespace SDK {
 
 namespace {
 
+constexpr long maxStatBytes = 4096;
 constexpr long maxStatusBytes = 64L * 1024;
 constexpr long maxCgroupBytes = 256L * 1024;  // a path of PATH_MAX bytes in each of a few dozen hierarchies
 constexpr long maxCommandLineBytes = 4096;
+constexpr std::size_t maxThreads = 65536;  // of one process that are listed
+constexpr std::int64_t nanosecondsPerSecond = 1000000000;
 constexpr std::size_t maxCommBytes = 15;  // TASK_COMM_LEN in include/linux/sched.h, less the terminator
 constexpr std::array<const char*, 6> namespaceKinds{"ipc", "mnt", "net", "pid", "user", "uts"};
 
@@ -82,6 +92,43 @@ struct CloseDirectory {
     void operator()(DIR* directory) const { ::closedir(directory); }
 };
 
+// The entries of a directory whose names are numbers above 0.
+std::vector<int> NumbersIn(const std::string& path, std::size_t most)
+{
+    std::vector<int> numbers;
+    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
+    while (directory != nullptr && numbers.size() < most) {
+        const dirent* entry = ::readdir(directory.get());
+        if (entry == nullptr) {
+            break;
+        }
+        if (const std::optional<int> number = NumberIn(entry->d_name); number && *number > 0) {
+            numbers.push_back(*number);
+        }
+    }
+    return numbers;
+}
+
+std::chrono::nanoseconds Now(clockid_t clock)
+{
+    timespec now = {};
+    ::clock_gettime(clock, &now);
+    return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
+}
+
+// Where control groups of version 2 are mounted: alone, or beside those of version 1. Invalid when they are nowhere.
+FileDescriptor OpenCgroups()
+{
+    for (const char* path : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified"}) {
+        FileDescriptor cgroups{::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+        struct statfs kind = {};
+        if (cgroups && ::fstatfs(cgroups.Get(), &kind) == 0 && kind.f_type == CGROUP2_SUPER_MAGIC) {
+            return cgroups;
+        }
+    }
+    return {};
+}
+
 }  // namespace
 
 LiveSystem::LiveSystem(std::string procRoot) : procRoot(std::move(procRoot))
@@ -114,12 +161,66 @@ int LiveSystem::ContainerOf(int pid, std::string& id)
             return resolver->ContainerOf(pid, id);
         }
     }
-    std::string groups;
-    if (FileUtils::ReadFile(PathOf(pid, "cgroup"), groups, maxCgroupBytes) != 0) {
+    std::optional<std::string> found = CgroupContainer(pid);
+    if (!found) {
         return -1;
     }
-    id = CgroupPath::ContainerIdOfFile(groups);
+    id = std::move(*found);
     return 0;
+}
+
+std::optional<std::string> LiveSystem::CgroupContainer(int tid)
+{
+    std::string cgroups;
+    if (FileUtils::ReadFile(PathOf(tid, "cgroup"), cgroups, maxCgroupBytes) != 0) {
+        return std::nullopt;
+    }
+    return std::string{CgroupPath::ContainerIdOfFile(cgroups)};
+}
+
+// A control group's file handle is its id (kernfs_encode_fh() in fs/kernfs/mount.c).
+std::string LiveSystem::ContainerOfCgroup(std::uint64_t cgroup)
+{
+    constexpr int kernfsHandle = 0xfe;  // FILEID_KERNFS (include/linux/exportfs.h)
+    alignas(file_handle) std::array<std::byte, sizeof(file_handle) + sizeof cgroup> space{};
+    auto* handle = reinterpret_cast<file_handle*>(space.data());
+    handle->handle_bytes = sizeof cgroup;
+    handle->handle_type = kernfsHandle;
+    std::memcpy(space.data() + offsetof(file_handle, f_handle), &cgroup, sizeof cgroup);
+    const FileDescriptor cgroups = OpenCgroups();
+    const FileDescriptor found{::open_by_handle_at(cgroups.Get(), handle, O_PATH | O_CLOEXEC)};
+    const auto path = found ? LinkTarget(procRoot + "/self/fd/" + std::to_string(found.Get())) : std::nullopt;
+    return std::string{CgroupPath::ContainerId(path.value_or(std::string{}))};
+}
+
+bool LiveSystem::RunSameFile(int tid, int other)
+{
+    struct stat one = {};
+    struct stat two = {};
+    return ::stat(PathOf(tid, "exe").c_str(), &one) == 0 && ::stat(PathOf(other, "exe").c_str(), &two) == 0 &&
+           one.st_dev == two.st_dev && one.st_ino == two.st_ino;
+}
+
+// Field 22 of the line, in clock ticks since the boot (proc(5)): CLOCK_BOOTTIME, which goes on while the machine
+// sleeps. Counted from the end of the name, which may hold anything, a parenthesis included.
+std::optional<std::chrono::nanoseconds> LiveSystem::StartTime(int tid)
+{
+    constexpr int fieldsBefore = 19;  // after the name
+    std::string text;
+    if (FileUtils::ReadFile(PathOf(tid, "stat"), text, maxStatBytes) != 0) {
+        return std::nullopt;
+    }
+    std::size_t at = text.rfind(") ");
+    for (int i = 0; i <= fieldsBefore && at != std::string::npos; ++i) {
+        at = text.find(' ', at + 1);
+    }
+    std::int64_t ticks = 0;
+    if (at == std::string::npos ||
+        std::from_chars(text.data() + at + 1, text.data() + text.size(), ticks).ec != std::errc{}) {
+        return std::nullopt;
+    }
+    const std::chrono::nanoseconds sinceBoot{ticks * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
+    return sinceBoot - (Now(CLOCK_BOOTTIME) - Now(CLOCK_MONOTONIC));
 }
 
 int LiveSystem::ExecutablePath(unsigned int pid, std::string& path)
@@ -165,19 +266,14 @@ int LiveSystem::Namespaces(int pid, std::map<std::string, std::string>& namespac
 
 std::vector<int> LiveSystem::Processes()
 {
-    std::vector<int> pids;
-    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(procRoot.c_str()));
-    if (directory == nullptr) {
-        return pids;
-    }
-    while (const dirent* entry = ::readdir(directory.get())) {
-        const std::optional<int> pid = NumberIn(entry->d_name);
-        if (pid && *pid > 0) {
-            pids.push_back(*pid);
-        }
-    }
+    std::vector<int> pids = NumbersIn(procRoot, static_cast<std::size_t>(-1));
     std::sort(pids.begin(), pids.end());
     return pids;
+}
+
+std::vector<int> LiveSystem::Threads(int pid)
+{
+    return NumbersIn(PathOf(pid, "task"), maxThreads);
 }
 
 int LiveSystem::CommandLine(int pid, std::string& commandLine)

@@ -22,9 +22,14 @@ public:
     int Status(int pid, ProcessUtils::procStatus& status) override;
     int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override;
     std::vector<int> Processes() override;
+    std::vector<int> Threads(int pid) override;
     int CommandLine(int pid, std::string& commandLine) override;
+    std::optional<std::string> CgroupContainer(int tid) override;
+    std::string ContainerOfCgroup(std::uint64_t cgroup) override;
+    bool RunSameFile(int tid, int other) override;
+    std::optional<std::chrono::nanoseconds> StartTime(int tid) override;
 
-    // Returns when no call asks the one before any more. Not from within a resolver's call.
+    // As SystemView's. Not from within a resolver's call.
     void SetContainerResolver(ContainerResolver* next);
 
 private:

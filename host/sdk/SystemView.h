@@ -3,8 +3,10 @@
 // The live system answers in the agent; a recorded one answers in tests and replays.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,7 +14,8 @@
 
 namespace SDK {
 
-// Who knows in which container a process is. Implemented by the container module, asked by the live view.
+// Knows in which container a process is. Implemented by the container module, asked by the live view. Questions change
+// nothing.
 class ContainerResolver {
 public:
     // As ProcessUtils::GetContainerID. Any thread.
@@ -31,7 +34,7 @@ public:
 
     virtual std::int64_t WallClockSeconds() = 0;
     virtual int ContainerOf(int pid, std::string& id) = 0;
-    // As with ContainerResolver; false where nobody follows processes.
+    // As with ContainerResolver; false where processes are not followed.
     virtual bool MayBeEntering(int /*pid*/) { return false; }
     virtual int ExecutablePath(unsigned int pid, std::string& path) = 0;
     virtual int Status(int pid, ProcessUtils::procStatus& status) = 0;
@@ -39,8 +42,22 @@ public:
 
     // Ids of the processes (thread group leaders) that run now, ascending.
     virtual std::vector<int> Processes() = 0;
+    // Ids of a process's threads, the leader's included, at most 65536; empty when the process has gone.
+    virtual std::vector<int> Threads(int /*pid*/) { return {}; }
     // Arguments joined by blanks, at most 4096 bytes. 0, or -1 when the process has gone.
     virtual int CommandLine(int pid, std::string& commandLine) = 0;
+
+    // What the kernel says about a thread at this moment, which may be later than the event that led to the question.
+    // /proc/<tid> exists for every thread, also for those that /proc does not list (proc(5)).
+    //
+    // The id of the container that its control groups belong to, empty for none. Nothing when the thread has gone.
+    virtual std::optional<std::string> CgroupContainer(int /*tid*/) { return std::nullopt; }
+    // The same for a control group of version 2, by its id (cgroup_id() in the kernel). Empty when that has gone, too.
+    virtual std::string ContainerOfCgroup(std::uint64_t /*cgroup*/) { return {}; }
+    // Whether both run the same file. False when either cannot be looked at.
+    virtual bool RunSameFile(int /*tid*/, int /*other*/) { return false; }
+    // When it started, on CLOCK_MONOTONIC, rounded down by up to 20 ms. Nothing when it has gone.
+    virtual std::optional<std::chrono::nanoseconds> StartTime(int /*tid*/) { return std::nullopt; }
 
     // The view in force. Never null: the live system until Exchange puts another in place.
     static SystemView& Current();
@@ -49,8 +66,8 @@ public:
     // its use. Not while other threads ask.
     static SystemView* Exchange(SystemView* next);
 
-    // Tells the live view whom to ask about containers; null: nobody, /proc/<pid>/cgroup decides alone. Not owned.
-    // Any thread; the resolver may be asked for a moment longer by calls that have already begun, Clear waits for them.
+    // Gives the live view its resolver; null: /proc/<pid>/cgroup decides alone. Not owned. Any thread. Returns when no
+    // call asks the resolver before any more.
     static void SetContainerResolver(ContainerResolver* resolver);
 };
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/host/container/FakeProc.h"
+#include "tests/host/container/ContainerFixture.h"
 
 namespace {
 

@@ -4,55 +4,149 @@
 
 #include <gmock/gmock.h>
 
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/container/ContainerView.h"
 #include "host/container/RegistryObserver.h"
-#include "tests/host/container/FakeProc.h"
 #include "tests/support/FakeSystem.h"
 #include "tests/support/TraceEventBuilder.h"
 
-// Keeps what is sent, and whom a receiver has a record of in consequence.
+// 64 digits of one kind each, as engines make them.
+inline const std::string idA(64, 'a');
+inline const std::string idB(64, 'b');
+
+// The /proc of that host.
+class FakeProc : public Support::FakeSystem {
+public:
+    struct Thread {
+        std::string container;
+        int parent = 1;
+        std::string mounts = "container's";  // mount namespace; "host": that of process 1
+        bool runsCopy = false;               // of its parent's program
+        std::vector<int> others = {};        // further threads of this process
+        bool isZombie = false;               // its control group can still be read, its namespaces cannot
+        std::chrono::nanoseconds start = std::chrono::seconds{5000};  // after all that the tests tell
+    };
+
+    std::map<int, Thread> threads;                // processes, and those of their threads that answer differently
+    std::map<std::uint64_t, std::string> groups;  // control groups, with the containers that they are
+
+    std::optional<std::string> CgroupContainer(int tid) override
+    {
+        return IsThere(tid) ? std::optional{threads[tid].container} : std::nullopt;
+    }
+    std::string ContainerOfCgroup(std::uint64_t group) override { return groups.contains(group) ? groups[group] : ""; }
+    bool RunSameFile(int tid, int /*parent*/) override { return IsThere(tid) && threads[tid].runsCopy; }
+    int Status(int tid, SDK::ProcessUtils::procStatus& status) override
+    {
+        status.ppid = IsThere(tid) ? threads[tid].parent : -1;
+        return IsThere(tid) ? 0 : -1;
+    }
+    int Namespaces(int tid, std::map<std::string, std::string>& namespaces) override
+    {
+        namespaces = {{"mnt", tid == 1 ? "host" : IsThere(tid) ? threads[tid].mounts : ""}};
+        return tid == 1 || (IsThere(tid) && !threads[tid].isZombie) ? 0 : -1;
+    }
+    std::optional<std::chrono::nanoseconds> StartTime(int tid) override
+    {
+        return IsThere(tid) ? std::optional{threads[tid].start} : std::nullopt;
+    }
+    int ExecutablePath(unsigned int /*tid*/, std::string& path) override
+    {
+        path = "/proc-knows/sh";
+        return 0;
+    }
+    std::vector<int> Processes() override
+    {
+        std::vector<int> ids;
+        for (const auto& item : threads) {
+            ids.push_back(item.first);
+        }
+        return ids;
+    }
+    std::vector<int> Threads(int pid) override
+    {
+        std::vector<int> ids{threads[pid].others};
+        ids.push_back(pid);
+        return ids;
+    }
+
+private:
+    bool IsThere(int tid) const { return threads.count(tid) != 0; }
+};
+
+// The stream to the receiver, which has a table as the detection task's.
 // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the contract's destructor is protected
 class Sequencer final : public Engine::TraceSequencer {
 public:
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override
     {
-        if (isFull) {
-            return;
+        if (const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(message.get())) {
+            last = *notice->info;
+            notices.push_back((notice->started ? "+" : "-") + std::to_string(last.pid));
         }
-        message->MessageHandle(&target);
-        Keep(dynamic_cast<const Engine::ContainerProcMessage&>(*message));
+        queue.push_back({std::move(message), &target, 0});
+        HandleUnlessStalled();
     }
-    void Keep(const Engine::ContainerProcMessage& notice)
-    {
-        last = *notice.info;
-        notices.push_back((notice.started ? "+" : "-") + std::to_string(last.pid));
-        if (notice.started) {
-            Know(last.pid);
-        } else {
-            table.erase(last.pid);
-        }
-    }
-    // As the detection task does: with too many it forgets all that live.
+    bool GetsEvent(const Framework::Task& /*task*/) const override { return hasSubscribed; }
+    Engine::SyscallFilter* Filter() override { return filter; }
+
+    // An event that makes the receiver know an id: a fork in a container.
     void Know(int pid)
+    {
+        queue.push_back({nullptr, nullptr, pid});
+        HandleUnlessStalled();
+    }
+    void Handle()
+    {
+        for (; !queue.empty(); queue.pop_front()) {
+            const Item& item = queue.front();
+            if (item.message != nullptr) {
+                item.message->MessageHandle(item.target);
+            }
+            const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(item.message.get());
+            if (notice != nullptr && !notice->started) {
+                table.erase(notice->info->pid);
+            } else if (notice != nullptr || item.known != 0) {
+                Insert(notice != nullptr ? notice->info->pid : item.known);
+            }
+        }
+    }
+    std::vector<std::string> Take() { return std::exchange(notices, {}); }
+
+    struct Item {
+        std::shared_ptr<Framework::Message> message;
+        Framework::Task* target;
+        int known;
+    };
+    std::deque<Item> queue;
+    std::set<int> table;
+    std::vector<std::string> notices;
+    Engine::ContainerProcMessage::ProcInfo last;
+    Engine::SyscallFilter* filter = nullptr;
+    bool hasSubscribed = true;
+    bool isStalled = false;  // the receiver handles nothing at present
+
+private:
+    void HandleUnlessStalled()
+    {
+        if (!isStalled) {
+            Handle();
+        }
+    }
+    // With too many records it forgets all processes that live.
+    void Insert(int pid)
     {
         if (table.size() > 640) {
             table.clear();
         }
         table.insert(pid);
     }
-    Engine::SyscallFilter* Filter() override { return filter; }
-    std::vector<std::string> Take() { return std::exchange(notices, {}); }
-
-    std::set<int> table;
-    std::vector<std::string> notices;
-    Engine::ContainerProcMessage::ProcInfo last;
-    Engine::SyscallFilter* filter = nullptr;
-    bool isFull = false;  // notices do not reach the receiver
 };
 
 class ContainerFixture : public testing::Test {
@@ -64,16 +158,28 @@ protected:
 
     struct ReceivingTask : Framework::Task {
         ReceivingTask() : Task("receiver", "", Framework::TaskCondition::EventLoop, 1) {}
+        void LoseOne()
+        {
+            for (const unsigned long before = LostEvents(); LostEvents() == before;) {
+                std::shared_ptr<Framework::Message> message = std::make_shared<Framework::Message>();
+                EnqueueMsg(message);
+            }
+        }
     };
 
     ContainerFixture()
     {
         for (const int pid : {shim, runtime, shell}) {
-            proc.threads[pid].hasHostMounts = true;
+            proc.threads[pid].mounts = "host";
         }
         Round();
     }
 
+    void Register()
+    {
+        receivers.Add(task);
+        Round();
+    }
     std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
     void Round() { observer.OnRound(Next(), sequencer); }
     void Observe(Support::TraceEvent event) { observer.OnEvent(event.At(Next()).Message(), sequencer); }
@@ -82,7 +188,7 @@ protected:
     void Fork(int parent, int child)
     {
         Observe(Support::Fork(parent, "sh", child));
-        if (registry.IsInside(parent)) {
+        if (registry.IsInside(parent) && sequencer.hasSubscribed) {
             sequencer.Know(parent);
             sequencer.Know(child);
         }
@@ -115,13 +221,14 @@ protected:
     std::string ContainerOf(int pid)
     {
         std::string id;
-        return registry.ContainerOf(pid, id) == 0 ? id : "gone";
+        return view.ContainerOf(pid, id) == 0 ? id : "gone";
     }
 
-    Support::FakeSystem world;
     FakeProc proc;
     Engine::MetadataCache cache;
-    Engine::ContainerRegistry registry{proc};
+    Engine::ContainerTable table;
+    Engine::ContainerView view{table, proc};
+    Engine::ContainerRegistry registry{table, proc};
     Engine::NoticeReceivers receivers;
     Engine::RegistryObserver observer{registry, proc, receivers, cache};
     Sequencer sequencer;

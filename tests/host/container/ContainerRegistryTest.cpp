@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/ContainerRegistry.h"
 
-#include "host/container/RuntimeProgram.h"
+#include "host/container/RuntimeSetUp.h"
 #include "host/sdk/TraceTime.h"
 #include "tests/host/container/ContainerFixture.h"
 
@@ -21,14 +21,14 @@ protected:
     }
 };
 
-TEST(RuntimeProgramTest, KnowsTheFormsOfSelfExecution)
+TEST(RuntimeSetUpTest, KnowsTheFormsOfSelfExecution)
 {
     for (const char* name : {"/proc/self/exe", "/proc/thread-self/fd/7", "/dev/fd/5", "/proc/3014/exe"}) {
-        EXPECT_TRUE(Engine::IsSelfExecution(name)) << name;
+        EXPECT_TRUE(Engine::RuntimeSetUp::IsSelfExecution(name)) << name;
     }
     for (const char* name : {"", "/bin/sh", "/proc/self/exec", "/proc/self/fd/", "/proc/self/fd/6x", "/dev/fd/../x",
                              "/proc/x/exe", "/proc//exe", "/memfd:runc_cloned", "memfd:x/y"}) {
-        EXPECT_FALSE(Engine::IsSelfExecution(name)) << name;
+        EXPECT_FALSE(Engine::RuntimeSetUp::IsSelfExecution(name)) << name;
     }
 }
 
@@ -42,7 +42,7 @@ TEST_F(ContainerRegistryTest, SetUpHelperThatEndedBeforeItsExecWasLookedAtIsStil
     Fork(3141, 3142);
     EXPECT_EQ(ContainerOf(3142), "") << "it is the one that unshares";
     EXPECT_TRUE(Exec(3142, "/bin/sleep"));
-    EXPECT_TRUE(Exec(3142, "/proc/self/exe")) << "who is inside stays inside";
+    EXPECT_TRUE(Exec(3142, "/proc/self/exe")) << "what is inside stays inside";
 }
 
 TEST_F(ContainerRegistryTest, EntryPointWithARuntimesNameDoesNotHideByEndingAtOnce)
@@ -59,11 +59,11 @@ TEST_F(ContainerRegistryTest, EntryPointWithARuntimesNameDoesNotHideByEndingAtOn
 TEST_F(ContainerRegistryTest, ChildThatIsBornInsideTheGroupNeedsNoAttachEvent)
 {
     Exec(shell, "/proc/self/exe");
-    proc.threads[400] = {idA, shell, true};
+    proc.threads[400] = {idA, shell, "host"};
     Fork(shell, 400);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_FALSE(Exec(400, "/proc/self/fd/9"));
-    proc.threads[400].hasHostMounts = false;
+    proc.threads[400].mounts = "container's";
     EXPECT_TRUE(Exec(400, "/proc/self/exe")) << "an entry point that is named like the runtime's own";
 
     // A runtime that does not execute itself: seen at the exec.
@@ -84,7 +84,7 @@ TEST_F(ContainerRegistryTest, ContainerCannotMoveItselfOutButTheHostCan)
     Attach(401, 400, idB);
     EXPECT_EQ(ContainerOf(400), idA);
 
-    proc.threads[400] = {idB, shim, false, false, {401}};
+    proc.threads[400] = {.container = idB, .parent = shim, .others = {401}};
     proc.threads[401].container = idB;
     proc.threads[402].container = idA;
     Attach(shell, 400, idB);
@@ -104,13 +104,13 @@ TEST_F(ContainerRegistryTest, ReusedIdIsTheNewProcess)
     EXPECT_EQ(ContainerOf(400), idA) << "what is asked about the dead lags behind";
     Fork(shell, 400);
     EXPECT_EQ(ContainerOf(400), "");
-    registry.Purge(now + ContainerRegistry::keepDead * 2);
+    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
     EXPECT_NE(registry.Find(400), nullptr) << "the new one does not go with the old one's exit";
     Exit(400);
     const auto born = Next();
     Exit(401);
     registry.ApplyFork(shell, 401, born);  // comes after the exit
-    registry.Purge(now + ContainerRegistry::keepDead * 2);
+    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
     EXPECT_EQ(registry.Find(400), nullptr);
     EXPECT_EQ(registry.Find(401), nullptr);
 }
@@ -120,9 +120,9 @@ TEST_F(ContainerRegistryTest, ThreadThatExecsTakesTheLeadersPlace)
     StartInA(400);
     Fork(400, 401);
     Exit(400);  // the leader has ended before its threads
-    registry.ApplyExec(400, 401, "/bin/other", Next());
+    registry.ApplyExec(*registry.DecideExec(400, 401, "/bin/other", Next()), "/bin/other", Next());
     EXPECT_EQ(registry.Find(401), nullptr);
-    registry.Purge(now + ContainerRegistry::keepDead * 2);
+    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
     EXPECT_EQ(ContainerOf(400), idA);
 }
 
@@ -145,18 +145,18 @@ TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLost)
     StartInA(401);
     Fork(runtime, 402);
     Attach(runtime, 402, idA);
-    proc.threads[402] = {idA, shim};                       // its exec was lost
-    proc.threads[403] = {idB, shim, false, false, {404}};  // its fork was lost; 401's exit too
+    proc.threads[402] = {idA, shim};                                          // its exec was lost
+    proc.threads[403] = {.container = idB, .parent = shim, .others = {404}};  // its fork was lost; 401's exit too
     const auto before = now;
     registry.Resync(Next(), Next());
     EXPECT_EQ(ContainerOf(402), idA);
     EXPECT_EQ(ContainerOf(404), idB);
     EXPECT_EQ(ContainerAt(404, before), "");
-    registry.Purge(now + ContainerRegistry::keepDead * 2);
+    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
     EXPECT_EQ(registry.Find(401), nullptr);
 }
 
-TEST_F(ContainerRegistryTest, WhoMovedItselfOutStaysInsideOverALossAndSoDoItsChildren)
+TEST_F(ContainerRegistryTest, WhatMovedItselfOutStaysInsideOverALossAndSoDoItsChildren)
 {
     const auto before = now;
     StartInA(400);
@@ -175,10 +175,12 @@ TEST_F(ContainerRegistryTest, WhoMovedItselfOutStaysInsideOverALossAndSoDoItsChi
 
 TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
 {
-    proc.threads[400] = {idA, runtime, false, true};  // a copy of its parent, which is the host's
-    proc.threads[401] = {idA, 402, false, true};      // a copy of its parent, which is in the container
+    proc.threads[400] = {
+        .container = idA, .parent = runtime, .runsCopy = true};  // a copy of its parent, which is the host's
+    proc.threads[401] = {
+        .container = idA, .parent = 402, .runsCopy = true};  // a copy of its parent, which is in the container
     proc.threads[402] = {idA, shim};
-    registry.Resync(ContainerRegistry::longAgo, now);
+    registry.Resync(Engine::ContainerTable::longAgo, now);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_EQ(registry.Find(401)->state, State::Inside);
     EXPECT_THAT(registry.PromoteOverdue(now + ContainerRegistry::believeSetUp / 2), ElementsAre());

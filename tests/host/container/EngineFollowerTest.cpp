@@ -9,7 +9,7 @@
 
 #include "framework/Engine.h"
 #include "host/sdk/FileDescriptor.h"
-#include "tests/host/container/FakeProc.h"
+#include "tests/host/container/ContainerFixture.h"
 #include "tests/support/FakeSystem.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -49,7 +49,7 @@ protected:
     {
         messages = 0;
         for (const auto& batch : std::exchange(batches, {})) {
-            batch->OnObserved();
+            batch->OnObserved([this](int pid) { reported.push_back(pid); });
             batch->OnFlushed([&](const std::string& name, const std::unique_ptr<Framework::Message>& message) {
                 EXPECT_EQ(name, task.name());
                 ++messages;
@@ -83,7 +83,8 @@ protected:
     FakeLookup lookup;
     Engine::Sending result = Engine::Sending::Accepted;
     std::vector<std::unique_ptr<Engine::AccessBatch>> batches;
-    int messages = 0;  // that the last batches became
+    int messages = 0;           // that the last batches became
+    std::vector<int> reported;  // processes, to the observer of the trace
     std::map<std::string, std::uint64_t> seen = SDK::Counters::Snapshot();
     Engine::Notifier::TimePoint now{1h};
     Engine::Notifier notifier{watches, lookup, agent, [this](std::unique_ptr<Engine::AccessBatch> batch) {
@@ -103,6 +104,7 @@ TEST_F(NotifierTest, SendsAContainersAccessesBehindTheTraceAndLooksNothingUpForO
     EXPECT_EQ(batches.front()->When(), now.time_since_epoch()) << "when the kernel's answer was read";
     EXPECT_EQ(batches.front()->EventCount(), 2U);
     EXPECT_THAT(Sent(), ElementsAre("50:/watched/f", "50:/watched/f"));
+    EXPECT_THAT(reported, ElementsAre(shell, shell));
     EXPECT_EQ(messages, 1) << "many accesses must not fill a queue that counts messages";
     EXPECT_EQ(Counted("notify.read"), 5U);
     EXPECT_EQ(Counted("notify.not_container"), 2U);

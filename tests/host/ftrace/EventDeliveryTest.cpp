@@ -62,6 +62,7 @@ public:
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override { return {}; }
     void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override
     {
+        EXPECT_TRUE(sequencer.GetsEvent(task));
         seen.push_back(event.get_number("common_pid"));
         sequencer.SendInOrder(task, std::make_shared<Framework::CmdMessage>("", ""));
     }
@@ -69,6 +70,12 @@ public:
                         TraceSequencer& /*sequencer*/) override
     {
         return tid == refusedTid ? notAdmitted : static_cast<Origin>(tid);
+    }
+    void OnActivity(int pid, TraceSequencer& sequencer) override
+    {
+        EXPECT_FALSE(sequencer.GetsEvent(task)) << "no event is being observed";
+        seen.push_back(pid);
+        sequencer.SendInOrder(task, std::make_shared<Framework::CmdMessage>("", ""));
     }
     void OnRound(nanoseconds now, TraceSequencer& /*sequencer*/) override { rounds.push_back(now); }
     void OnLoss(TraceSequencer& /*sequencer*/) override { seen.push_back(lossMark); }
@@ -154,40 +161,35 @@ TEST_F(EventDeliveryTest, SendsFullBatchesAndGoesOnAfterAnEventOnWhichTheReceive
     EXPECT_EQ(first.seen.back(), "fork 598");
 }
 
-// Asks when the observer has seen the events and is not done with the round yet, sends behind these events.
-class Follower : public TraceFollower {
+// Reports a process when the observer has seen the events, sends behind these events.
+class Barrier : public TraceBarrier {
 public:
-    Follower(nanoseconds when, const Observer& observer) : TraceFollower(when), observer(observer) {}
-    void OnObserved() override { roundsBefore = observer.rounds.size(); }
+    using TraceBarrier::TraceBarrier;
+    void OnObserved(const ReportActive& reportActive) override { reportActive(4711); }
     void OnFlushed(const MessageSender& send) override
     {
-        EXPECT_EQ(observer.rounds.size(), roundsBefore + 1);
         send("first", std::make_unique<Framework::CmdMessage>("", ""));
     }
-
-private:
-    const Observer& observer;
-    std::size_t roundsBefore = 0;
 };
 
-TEST_F(EventDeliveryTest, WhatFollowsTheTraceComesBehindTheEventsUntilItsTime)
+TEST_F(EventDeliveryTest, ABarrierComesBehindTheEventsUntilItsTimeAndBehindWhatItsReportGaveRiseTo)
 {
     delivery.SetObserver(&observer);
     table.Add(first, fork);
     for (const int when : {2, 4}) {
-        delivery.Follow(std::make_shared<Follower>(nanoseconds{when}, observer));
+        delivery.Take(std::make_shared<Barrier>(nanoseconds{when}));
     }
     Record(forkId, 1);
     delivery.EndRound(nanoseconds{1});
-    EXPECT_THAT(batches, ElementsAre(1U)) << "nothing follows yet";
+    EXPECT_THAT(batches, ElementsAre(1U)) << "no barrier has been reached";
     Record(forkId, 1);
     Record(forkId, 1);
     delivery.EndRound(nanoseconds{3});
-    EXPECT_THAT(batches, ElementsAre(1U, 2U, 1U));
-    EXPECT_TRUE(delivery.IsFollowed());
+    EXPECT_THAT(batches, ElementsAre(1U, 3U, 1U)) << "two events and the observer's message, then the barrier's";
+    EXPECT_TRUE(delivery.HasBarriers());
     delivery.EndRound(nanoseconds{4});
-    EXPECT_THAT(batches, ElementsAre(1U, 2U, 1U, 1U));
-    EXPECT_FALSE(delivery.IsFollowed());
+    EXPECT_THAT(batches, ElementsAre(1U, 3U, 1U, 1U, 1U));
+    EXPECT_FALSE(delivery.HasBarriers());
 }
 
 TEST_F(EventDeliveryTest, PutsAnObserversMessagesBetweenTheEventsAndDropsWhatItDoesNotAdmit)

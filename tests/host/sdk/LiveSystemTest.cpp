@@ -2,7 +2,9 @@
 #include "host/sdk/LiveSystem.h"
 
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -99,6 +101,26 @@ TEST_F(LiveSystemTest, AsksTheResolverAndNeverTakesItAwayUnderACaller)
     resolver.cleared.wait();
     EXPECT_EQ(system.ContainerOf(7, container), 0);  // by the process's groups, now that nobody else is asked
     EXPECT_EQ(container, id);
+}
+
+// The child inherits a name that would shift the fields if these were counted from the line's start.
+TEST(LiveSystemStartTest, StartIsOnTheTraceClockWhateverTheNameHolds)
+{
+    ::prctl(PR_SET_NAME, "a) S 1 (2 3");
+    const auto before = std::chrono::steady_clock::now().time_since_epoch();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::pause();
+    }
+    const auto after = std::chrono::steady_clock::now().time_since_epoch();
+    LiveSystem live;
+    const auto start = live.StartTime(child);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ASSERT_TRUE(start.has_value());
+    EXPECT_GE(*start, before - std::chrono::milliseconds{20});
+    EXPECT_LE(*start, after);
+    EXPECT_FALSE(live.StartTime(child).has_value());
 }
 
 }  // namespace

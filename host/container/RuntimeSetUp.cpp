@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/RuntimeSetUp.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace Engine::RuntimeSetUp {
+
+namespace {
+
+bool Cut(std::string_view& text, std::string_view start)
+{
+    if (!text.starts_with(start)) {
+        return false;
+    }
+    text.remove_prefix(start.size());
+    return true;
+}
+
+bool IsNumber(std::string_view text)
+{
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// "self", "thread-self" or a number, in front of a slash.
+bool CutProcess(std::string_view& text)
+{
+    const std::string_view process = text.substr(0, text.find('/'));
+    if (process != "self" && process != "thread-self" && !IsNumber(process)) {
+        return false;
+    }
+    text.remove_prefix(process.size());
+    return true;
+}
+
+// Empty when the process has gone or may not be looked at.
+std::string MountNamespace(SDK::SystemView& system, int pid)
+{
+    std::map<std::string, std::string> namespaces;
+    return system.Namespaces(pid, namespaces) == 0 ? namespaces["mnt"] : std::string{};
+}
+
+// Nothing when the process has gone. Process 1 has the host's mount namespace even where the agent runs in one of its
+// own. Where its link cannot be read (it needs ptrace access, namespaces(7)) the agent's own stands in.
+std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid)
+{
+    const std::string own = MountNamespace(system, pid);
+    if (own.empty()) {
+        return std::nullopt;
+    }
+    return own == MountNamespace(system, 1) || own == MountNamespace(system, ::getpid());
+}
+
+// The two ways in which a set-up process is a copy of the runtime: it runs a file without a name (memfd_create(2)), or
+// the very file that its parent runs.
+bool RunsCopyOfRuntime(SDK::SystemView& system, int tid, int parent)
+{
+    std::string executable;
+    const bool isKnown = system.ExecutablePath(static_cast<unsigned int>(tid), executable) == 0;
+    return (isKnown && executable.starts_with("/memfd:")) || (parent > 0 && system.RunSameFile(tid, parent));
+}
+
+}  // namespace
+
+bool IsSelfExecution(std::string_view filename)
+{
+    if (Cut(filename, "/dev/fd/")) {
+        return IsNumber(filename);
+    }
+    if (!Cut(filename, "/proc/") || !CutProcess(filename)) {
+        return false;
+    }
+    return filename == "/exe" || (Cut(filename, "/fd/") && IsNumber(filename));
+}
+
+// An image's entry point may be called /proc/self/exe, so the process must also have the host's mount namespace still.
+// One that has gone already cannot be asked. Runtimes do have helpers that live a millisecond, but these execute
+// themselves before they fork, not in the child that becomes the container's program: a child that does so and is gone
+// at once is an attacker's entry point, which has no need to live longer.
+bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp)
+{
+    return IsSelfExecution(filename) && InHostMountNamespace(system, pid).value_or(!bornInSetUp);
+}
+
+std::optional<Found> Look(SDK::SystemView& system, int tid)
+{
+    std::optional<std::string> container = system.CgroupContainer(tid);
+    if (!container) {
+        return std::nullopt;
+    }
+    SDK::ProcessUtils::procStatus status;
+    const int parent = system.Status(tid, status) == 0 ? status.ppid : -1;
+    Found found{ContainerTable::State::Host, std::move(*container), parent};
+    if (!found.container.empty()) {
+        const bool parentIsInside = !system.CgroupContainer(parent).value_or(found.container).empty();
+        const bool isRuntime = !parentIsInside && RunsCopyOfRuntime(system, tid, parent);
+        found.state = isRuntime ? ContainerTable::State::Entering : ContainerTable::State::Inside;
+    }
+    return found;
+}
+
+}  // namespace Engine::RuntimeSetUp

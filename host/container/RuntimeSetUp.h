@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tells a container runtime that is still setting a container up from the container's own processes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "host/container/ContainerTable.h"
+#include "host/sdk/SystemView.h"
+
+namespace Engine {
+
+// A runtime re-executes its own program, from a memfd or from /proc/self/exe, to set a container up; processes that do
+// so inside the container's control group are the runtime's, until one executes the container's program. A container
+// can imitate the names, so no answer depends on a name alone.
+//
+// Pure but for the questions that it asks the system. Errors: throws nothing but std::bad_alloc.
+namespace RuntimeSetUp {
+
+// Whether `filename`, as execve(2) got it, is one of the forms in which a program re-executes itself: "/proc/self/exe",
+// "/proc/self/fd/N", "/proc/thread-self/fd/N", "/proc/N/exe", "/proc/N/fd/M", and "/dev/fd/N", which the kernel makes
+// of fexecve(3) (alloc_bprm() in fs/exec.c). A memfd's own name is never seen here; a file of an image may be called
+// so. Hostile input: an image's entry point may have such a name too.
+bool IsSelfExecution(std::string_view filename);
+
+// Whether a process that is not known to be Inside and executes `filename` in a container's group is the runtime still.
+// `bornInSetUp`: a process in set-up forked it.
+bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp);
+
+// What /proc says about a thread.
+struct Found {
+    ContainerTable::State state = ContainerTable::State::Host;
+    std::string container;  // empty for the host
+    int parent = -1;        // process id
+};
+
+// Nothing when the thread has gone. State Entering is a guess: the process runs a copy of the runtime and its parent is
+// in no container. A container can arrange the first, not the second, except for the process that the runtime itself
+// starts in it; so this is to be believed for a short time only.
+std::optional<Found> Look(SDK::SystemView& system, int tid);
+
+}  // namespace RuntimeSetUp
+
+}  // namespace Engine
