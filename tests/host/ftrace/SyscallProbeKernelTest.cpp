@@ -114,7 +114,7 @@ protected:
         trace->Merger().Drain(collector);
         return collector.Take();
     }
-    void LeaveOut(int process) { probe->LeaveOut(process, probe->TicketOf(process).value_or(0)); }
+    void Exclude(int process) { probe->Exclude(process, probe->TicketOf(process).value_or(0)); }
 
     SyscallProbe* probe = nullptr;
     std::unique_ptr<LiveTrace> trace;
@@ -158,11 +158,11 @@ TEST_F(SyscallProbeTest, LeavesOutTheHostWithItsChildrenUntilOneIsMoved)
     };
     // Moved between the ticket and its use: the ticket is void.
     join(group);
-    probe->LeaveOut(::getpid(), *ticket);
+    probe->Exclude(::getpid(), *ticket);
     MakeCalls(1);
     EXPECT_EQ(Read().size(), 1U);
 
-    LeaveOut(::getpid());
+    Exclude(::getpid());
     MakeCalls(1);
     InChild([] { MakeCalls(1); });
     EXPECT_TRUE(Read().empty());
@@ -179,9 +179,9 @@ TEST_F(SyscallProbeTest, LeavesOutTheHostWithItsChildrenUntilOneIsMoved)
     EXPECT_EQ(Read().size(), 0U);
     const pid_t made = InChildInGroup(root, [] { MakeCalls(1); });
     EXPECT_EQ(Read().size(), 1U) << "made in another group at once";
-    EXPECT_EQ(probe->TakeBirthGroup(made), IdOf(root));
-    EXPECT_FALSE(probe->TakeBirthGroup(made)) << "taken";
-    EXPECT_FALSE(probe->TakeBirthGroup(moved)) << "made in its parent's group";
+    EXPECT_EQ(probe->TakeInitialCgroup(made), IdOf(root));
+    EXPECT_FALSE(probe->TakeInitialCgroup(made)) << "taken";
+    EXPECT_FALSE(probe->TakeInitialCgroup(moved)) << "made in its parent's group";
     join(root);
     std::filesystem::remove(group);
 }
