@@ -11,39 +11,23 @@ constexpr std::size_t idLength = 64;        // Docker, containerd's CRI plug-in,
 constexpr std::size_t buildIdLength = 25;   // BuildKit's identity.NewID(): 17 random bytes in base 36
 constexpr std::size_t maxNameLength = 255;  // NAME_MAX
 
-bool IsLowerHex(char c)
-{
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-}
+constexpr std::string_view hex = "0123456789abcdef";
+constexpr std::string_view base36 = "0123456789abcdefghijklmnopqrstuvwxyz";
+constexpr std::string_view nameCharacters = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ._-";
 
-bool IsBase36(char c)
+bool ConsistsOf(std::string_view text, std::string_view characters)
 {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z');
-}
-
-bool IsNameCharacter(char c)
-{
-    return IsBase36(c) || (c >= 'A' && c <= 'Z') || c == '.' || c == '_' || c == '-';
-}
-
-bool StartsWith(std::string_view text, std::string_view start)
-{
-    return text.substr(0, start.size()) == start;
-}
-
-bool EndsWith(std::string_view text, std::string_view end)
-{
-    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+    return text.find_first_not_of(characters) == std::string_view::npos;
 }
 
 std::string_view WithoutEnd(std::string_view text, std::string_view end)
 {
-    return EndsWith(text, end) ? text.substr(0, text.size() - end.size()) : text;
+    return text.ends_with(end) ? text.substr(0, text.size() - end.size()) : text;
 }
 
 // "<id>", "<prefix>-<id>" (a scope of systemd's, or Podman and CRI-O with plain groups) or "<slice>:<prefix>:<id>" (a
 // systemd-style path given to a runtime that uses plain groups). Any prefix will do: engines and users choose it, and
-// 64 digits are nobody else's habit. conmon is the engine's monitor of a container and belongs to the host.
+// no other program names a group by 64 digits. conmon monitors a container for the engine and belongs to the host.
 std::string_view HexId(std::string_view name)
 {
     if (name.size() < idLength) {
@@ -54,22 +38,22 @@ std::string_view HexId(std::string_view name)
     if (!prefix.empty() && prefix.back() != '-' && prefix.back() != ':') {
         return {};
     }
-    if (EndsWith(prefix, "conmon-") || EndsWith(prefix, "conmon:")) {
+    if (prefix.ends_with("conmon-") || prefix.ends_with("conmon:")) {
         return {};
     }
-    return std::all_of(id.begin(), id.end(), IsLowerHex) ? id : std::string_view{};
+    return ConsistsOf(id, hex) ? id : std::string_view{};
 }
 
 // A build step's container: "buildkit/<id>" or "buildkit-<id>".
 std::string_view BuildId(std::string_view name, std::string_view parent)
 {
     constexpr std::string_view prefix = "buildkit-";
-    if (StartsWith(name, prefix)) {
+    if (name.starts_with(prefix)) {
         name.remove_prefix(prefix.size());
     } else if (parent != "buildkit") {
         return {};
     }
-    const bool isId = name.size() == buildIdLength && std::all_of(name.begin(), name.end(), IsBase36);
+    const bool isId = name.size() == buildIdLength && ConsistsOf(name, base36);
     return isId ? name : std::string_view{};
 }
 
@@ -77,13 +61,13 @@ std::string_view BuildId(std::string_view name, std::string_view parent)
 std::string_view LxcName(std::string_view name, std::string_view parent)
 {
     constexpr std::string_view prefix = "lxc.payload.";
-    if (StartsWith(name, prefix)) {
+    if (name.starts_with(prefix)) {
         name.remove_prefix(prefix.size());
     } else if (parent != "lxc" && parent != "lxc.payload") {
         return {};
     }
-    const bool isName = !name.empty() && name.size() <= maxNameLength && name != ".." &&
-                        std::all_of(name.begin(), name.end(), IsNameCharacter);
+    const bool isName =
+        !name.empty() && name.size() <= maxNameLength && name != ".." && ConsistsOf(name, nameCharacters);
     return isName ? name : std::string_view{};
 }
 

@@ -9,7 +9,6 @@ inline constexpr char dockerSocket[] = "docker.socket";     // path of the engin
 inline constexpr char alarmsFile[] = "alarms.file";         // file that alarms are appended to; absent: standard output
 inline constexpr char traceBufferKb[] = "trace.buffer_kb";  // size of the kernel's buffer for each CPU, in KiB
 inline constexpr char syscallSource[] = "trace.syscalls";   // "auto" (absent: the same), "bpf" or "tracefs"
-inline constexpr char cpuShare[] = "cpu.share";             // percent of one CPU for a throttled thread; 0: no limit
 
 inline constexpr char defaultDockerSocket[] = "/var/run/docker.sock";
 

@@ -15,31 +15,13 @@ namespace {
 
 constexpr std::size_t firstRead = 4096;
 
-int OpenToRead(const std::string& path)
-{
-    int fd = -1;
-    do {
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
-}
-
-ssize_t ReadSome(int fd, char* to, std::size_t length)
-{
-    ssize_t got = -1;
-    do {
-        got = ::read(fd, to, length);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
 // The size that fstat(2) gives is no help: it is 0 for most of /proc and may change meanwhile. Grow and read on.
 int ReadAll(int fd, std::string& content, std::size_t limit)
 {
     std::size_t used = 0;
     for (ssize_t got = 1; got > 0 && used < limit; used += static_cast<std::size_t>(got)) {
         content.resize(std::min(limit, std::max(firstRead, used * 2)));
-        got = ReadSome(fd, content.data() + used, content.size() - used);
+        got = TEMP_FAILURE_RETRY(::read(fd, content.data() + used, content.size() - used));
         if (got < 0) {
             return -1;
         }
@@ -57,7 +39,7 @@ int FileUtils::ReadFile(const std::string& path, std::string& content, long maxB
         errno = EINVAL;
         return -1;
     }
-    FileDescriptor file(OpenToRead(path));
+    FileDescriptor file(TEMP_FAILURE_RETRY(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)));
     if (!file) {
         return -1;
     }

@@ -4,6 +4,8 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <array>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -11,6 +13,7 @@
 #include <string_view>
 
 #include "host/sdk/SafeText.h"
+#include "sdk/StrUtils.h"
 
 namespace SDK {
 
@@ -30,20 +33,15 @@ std::unique_ptr<Json::CharReader> StrictReader()
 }
 
 // The library reports "* Line 3, Column 7\n  text\n", once for each error: the first becomes "line 3, column 7: text".
-std::string FirstError(std::string_view report)
+std::string FirstError(const std::string& report)
 {
-    constexpr std::string_view lead = "* Line ";
-    constexpr std::string_view column = ", Column ";
-    const std::size_t where = report.find(column);
-    const std::size_t lineEnd = report.find("\n  ");
-    if (report.substr(0, lead.size()) != lead || where == std::string_view::npos || lineEnd == std::string_view::npos) {
+    int line = 0;
+    int column = 0;
+    std::array<char, 256> text{};
+    if (std::sscanf(report.c_str(), "* Line %d, Column %d\n  %255[^\n]", &line, &column, text.data()) != 3) {
         return "not JSON";
     }
-    const std::string_view line = report.substr(lead.size(), where - lead.size());
-    const std::string_view place = report.substr(where + column.size(), lineEnd - where - column.size());
-    std::string_view text = report.substr(lineEnd + 3);
-    text = text.substr(0, text.find('\n'));
-    return "line " + std::string(line) + ", column " + std::string(place) + ": " + std::string(text);
+    return StrUtils::Format("line %d, column %d: %s", line, column, text.data());
 }
 
 bool Parse(const char* text, std::size_t length, Json::Value& root, std::string& error)

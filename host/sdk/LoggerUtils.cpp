@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sdk/LoggerUtils.h"
 
+#include <Poco/Exception.h>
 #include <unistd.h>
 
-#include <array>
 #include <map>
 #include <mutex>
 
@@ -12,10 +12,6 @@
 namespace SDK {
 
 namespace {
-
-// By level: the place in this list is the library's number for it (Poco::Message::Priority, 0 for none).
-constexpr std::array<const char*, 9> levelNames{"none",   "fatal",       "critical", "error", "warning",
-                                                "notice", "information", "debug",    "trace"};
 
 struct ModuleLogger {
     Poco::Logger* logger;
@@ -99,13 +95,12 @@ Poco::Logger* LoggerUtils::GetRootLogger()
 
 bool LoggerUtils::SetLevel(const std::string& level)
 {
-    for (std::size_t i = 0; i < levelNames.size(); ++i) {
-        if (level == levelNames[i]) {
-            Loggers().SetLevel(static_cast<int>(i));
-            return true;
-        }
+    try {
+        Loggers().SetLevel(Poco::Logger::parseLevel(level));
+        return true;
+    } catch (const Poco::InvalidArgumentException&) {
+        return false;
     }
-    return false;
 }
 
 }  // namespace SDK

@@ -1,41 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/sdk/SafeText.h"
 
-#include <array>
-#include <cstdio>
+#include <Poco/UTF8Encoding.h>
+
+#include <algorithm>
+
+#include "sdk/StrUtils.h"
 
 namespace SDK::SafeText {
 
 namespace {
-
-// What a lead byte promises: how many bytes, its own bits, and the least code point that needs so many.
-struct Lead {
-    std::size_t length;
-    std::uint32_t bits;
-    std::uint32_t least;
-};
-
-Lead LeadOf(unsigned char byte)
-{
-    if (byte < 0x80U) {
-        return {1, byte, 0};
-    }
-    if (byte >= 0xC0U && byte < 0xE0U) {
-        return {2, byte & 0x1FU, 0x80};
-    }
-    if (byte >= 0xE0U && byte < 0xF0U) {
-        return {3, byte & 0x0FU, 0x800};
-    }
-    if (byte >= 0xF0U && byte < 0xF8U) {
-        return {4, byte & 0x07U, 0x10000};
-    }
-    return {0, 0, 0};
-}
-
-bool IsScalarValue(std::uint32_t value)
-{
-    return value <= 0x10FFFF && (value < 0xD800 || value > 0xDFFF);
-}
 
 bool IsUnfitForLine(std::uint32_t value)
 {
@@ -43,17 +17,6 @@ bool IsUnfitForLine(std::uint32_t value)
            value == 0x2028 || value == 0x2029 ||               // line and paragraph separator
            value == 0x200E || value == 0x200F || value == 0x061C || (value >= 0x202A && value <= 0x202E) ||
            (value >= 0x2066 && value <= 0x2069) || value == 0xFEFF;  // direction marks, byte order mark
-}
-
-void AppendNumber(std::string& out, const char* format, std::uint32_t value)
-{
-    std::array<char, 16> text{};
-    // The formats are the literals below; -Wformat-nonliteral cannot see through the parameter.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    std::snprintf(text.data(), text.size(), format, value);
-#pragma GCC diagnostic pop
-    out += text.data();
 }
 
 void AppendEscape(std::string& out, std::uint32_t value)
@@ -69,7 +32,7 @@ void AppendEscape(std::string& out, std::uint32_t value)
             out += "\\t";
             break;
         default:
-            AppendNumber(out, value < 0x80 ? "\\x%02x" : "\\u{%x}", value);
+            out += value < 0x80 ? StrUtils::Format("\\x%02x", value) : StrUtils::Format("\\u{%x}", value);
     }
 }
 
@@ -77,25 +40,17 @@ void AppendEscape(std::string& out, std::uint32_t value)
 
 CodePoint FirstCodePoint(std::string_view text)
 {
-    if (text.empty()) {
+    constexpr std::size_t longest = 4;  // bytes
+    static const Poco::UTF8Encoding utf8;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    if (!text.empty() && bytes[0] < 0x80) {
+        return {bytes[0], 1};
+    }
+    const int value = text.empty() ? -1 : utf8.queryConvert(bytes, static_cast<int>(std::min(text.size(), longest)));
+    if (value < 0) {  // not well-formed, or cut short
         return {};
     }
-    const Lead lead = LeadOf(static_cast<unsigned char>(text.front()));
-    if (lead.length == 0 || lead.length > text.size()) {
-        return {};
-    }
-    std::uint32_t value = lead.bits;
-    for (std::size_t i = 1; i < lead.length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte & 0xC0U) != 0x80U) {
-            return {};
-        }
-        value = (value << 6U) | (byte & 0x3FU);
-    }
-    if (value < lead.least || !IsScalarValue(value)) {
-        return {};
-    }
-    return {value, lead.length};
+    return {static_cast<std::uint32_t>(value), static_cast<std::size_t>(utf8.sequenceLength(bytes, 1))};
 }
 
 bool IsUtf8(std::string_view text)
@@ -132,7 +87,7 @@ void AppendEscaped(std::string& out, std::string_view text)
     while (!text.empty()) {
         const CodePoint next = FirstCodePoint(text);
         if (next.length == 0) {
-            AppendNumber(out, "\\x%02x", static_cast<unsigned char>(text.front()));
+            out += StrUtils::Format("\\x%02x", static_cast<unsigned char>(text.front()));
             text.remove_prefix(1);
             continue;
         }

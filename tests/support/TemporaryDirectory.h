@@ -8,6 +8,7 @@
 #include <iterator>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 // A directory that is gone with everything in it after the test.
 class TemporaryDirectory {
@@ -25,10 +26,13 @@ public:
     const std::string& Path() const { return path; }
     std::string operator/(const std::string& name) const { return path + "/" + name; }
 
-    std::string Write(const std::string& name, const std::string& text) const
+    // Makes the directories above the file, too. Returns its path.
+    std::string Write(const std::string& name, std::string_view text) const
     {
-        std::ofstream(*this / name, std::ios::binary) << text;
-        return *this / name;
+        const std::filesystem::path file = *this / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << text;
+        return file;
     }
 
     std::string Read(const std::string& name) const

@@ -2,9 +2,7 @@
 #include "sdk/JsonUtils.h"
 
 #include <gmock/gmock.h>
-#include <json/writer.h>
-
-#include <limits>
+#include <json/value.h>
 
 namespace {
 
@@ -47,29 +45,6 @@ TEST(JsonUtilsTest, WritesOneLineOfPlainAsciiWhateverTheTextsHold)
     Json::Value nested;
     nested["k\xff"]["list"].append("\xfe");
     EXPECT_EQ(JsonUtils::JsonToString(nested), R"({"k\ufffd":{"list":["\ufffd"]}})");
-}
-
-TEST(JsonUtilsTest, WritesWhatTheLibraryWrites)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = false;
-    Json::Value document;
-    for (int code = 0; code < 0x7f; ++code) {  // it leaves 0x7f as it is
-        document["texts"].append(std::string{static_cast<char>(code), 'x'});
-        document[std::string{static_cast<char>(code), 'k'}] = code;
-    }
-    for (const double number : {0.0, -1.5, 1e300, 0.1, 3.0, 1e-7, 123456789.125}) {
-        document["reals"].append(number);
-    }
-    document["integers"].append(std::numeric_limits<Json::Int64>::min());
-    document["integers"].append(std::numeric_limits<Json::UInt64>::max());
-    document["texts"].append("\xe2\x80\xa8\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf\xc2\x80\xdf\xbf");
-    document["others"].append(true);
-    document["others"].append(Json::Value());
-    document["others"].append(Json::Value(Json::arrayValue));
-    document["others"].append(Json::Value(Json::objectValue));
-    EXPECT_EQ(JsonUtils::JsonToString(document), Json::writeString(builder, document));
 }
 
 }  // namespace
