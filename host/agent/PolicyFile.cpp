@@ -14,6 +14,7 @@
 #include <memory>
 #include <string_view>
 
+#include "PathEntry.h"
 #include "host/agent/Console.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
@@ -21,8 +22,6 @@
 namespace Agent {
 
 namespace {
-
-constexpr char permissionSeparator[] = "*/*";
 
 const char* KindName(Json::ValueType type)
 {
@@ -109,14 +108,11 @@ bool IsIdentifier(const std::string& name)
 // Empty: nothing is wrong with the entry.
 std::string WhyUseless(const std::string& directory)
 {
-    const std::size_t separator = directory.find(permissionSeparator);
-    if (separator != std::string::npos) {
-        const std::string letters = directory.substr(separator + std::strlen(permissionSeparator));
-        if (letters.empty() || letters.size() > 4 || letters.find_first_not_of("rwxa") != std::string::npos) {
-            return "after */* there must be one to four of the letters r, w, x and a";
-        }
+    const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
+    if (entry.error != nullptr) {
+        return entry.error;
     }
-    const std::string path = directory.substr(0, separator);
+    const std::string path{entry.path};
     const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
     return resolved == nullptr ? std::strerror(errno) : std::string{};
 }

@@ -6,25 +6,12 @@
 #include <array>
 #include <climits>
 #include <cstdlib>
-#include <string_view>
 
+#include "PathEntry.h"
 #include "SyscallTables.h"
 #include "sdk/LoggerUtils.h"
 
 namespace Engine {
-namespace {
-
-constexpr std::string_view permissionSeparator = "*/*";
-constexpr std::string_view permissionLetters = "rwxa";
-constexpr std::size_t maxPermissionLetters = 4;
-
-bool IsPermission(std::string_view text)
-{
-    return !text.empty() && text.size() <= maxPermissionLetters &&
-           text.find_first_not_of(permissionLetters) == std::string_view::npos;
-}
-
-}  // namespace
 
 int ContainerEscapeUtil::GetSyscallNumber(const std::string& name)
 {
@@ -50,17 +37,14 @@ std::string ContainerEscapeUtil::NameOf(int number, const std::string& arch)
 
 bool ContainerEscapeUtil::GetPathAndPerm(const std::string& entry, std::string& path, std::string& perm)
 {
-    const std::size_t separator = entry.find(permissionSeparator);
-    if (separator == std::string::npos) {
-        path = entry;
-        return true;
-    }
-    std::string letters = entry.substr(separator + permissionSeparator.size());
-    if (!IsPermission(letters)) {
+    const SDK::PathEntry parsed = SDK::ParsePathEntry(entry);
+    if (parsed.error != nullptr) {
         return false;
     }
-    path = entry.substr(0, separator);
-    perm = std::move(letters);
+    if (!parsed.letters.empty()) {
+        perm = parsed.letters;
+    }
+    path = parsed.path;
     return true;
 }
 
