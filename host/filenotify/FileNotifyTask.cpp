@@ -6,14 +6,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "host/filenotify/NotifyLog.h"
-#include "host/filenotify/WatchEntry.h"
 
 namespace Engine {
 
 namespace {
 
+constexpr std::chrono::milliseconds readPause{5};       // between two reads while events keep coming; see Run
+constexpr std::chrono::milliseconds checkPeriod{1000};  // between two looks at where the watched paths are
 constexpr unsigned int queueCapacity = 1024;
 constexpr std::size_t bufferBytes = std::size_t{128} * 1024;
 constexpr int readsInARow = 32;  // then messages have their turn
@@ -21,11 +23,10 @@ constexpr int messagesInARow = 256;
 
 }  // namespace
 
-FileNotifyTask::FileNotifyTask(FanotifyGroup opened, const FileNotifyTiming& timing)
+FileNotifyTask::FileNotifyTask(FanotifyGroup opened)
     : Framework::Task("filenotify_task", "", Framework::TaskCondition::EventLoop, queueCapacity),
       group(std::move(opened)),
-      timing(timing),
-      notifier(watches, keeper, getpid(),
+      notifier(watches, marks, getpid(),
                [this](std::unique_ptr<AccessBatch> batch) { SendDirectMsg("ftrace_task", batch.release()); }),
       buffer(bufferBytes)
 {
@@ -33,16 +34,13 @@ FileNotifyTask::FileNotifyTask(FanotifyGroup opened, const FileNotifyTiming& tim
 
 int FileNotifyTask::Init()
 {
-    nextCheck = Clock::now() + timing.checkPeriod;
+    nextCheck = Clock::now() + checkPeriod;
     return ListenAgain() ? 0 : -1;
 }
 
 int FileNotifyTask::UnInit()
 {
-    if (listening) {
-        Waiter().Remove(group.Descriptor());
-        listening = false;
-    }
+    StopListening();
     group.RemoveAll(FanotifyGroup::Scope::FileSystem);
     group.RemoveAll(FanotifyGroup::Scope::Inode);
     return 0;
@@ -58,8 +56,8 @@ int FileNotifyTask::Run()
     }
     const Clock::time_point now = Clock::now();
     if (now >= nextCheck) {
-        keeper.Update(watches);
-        nextCheck = now + timing.checkPeriod;
+        marks.Update(watches);
+        nextCheck = now + checkPeriod;
     }
     return going ? 0 : -1;
 }
@@ -78,7 +76,7 @@ bool FileNotifyTask::ReadEvents()
         total += size;
         notifier.Handle({buffer.data(), size}, Clock::now());
     }
-    keeper.CloseMounts();
+    marks.CloseMounts();
     if (error) {
         notifier.ReadFailed(error, Clock::now());
         return false;
@@ -86,11 +84,8 @@ bool FileNotifyTask::ReadEvents()
     if (total == 0) {
         return ListenAgain();
     }
-    if (listening) {
-        Waiter().Remove(group.Descriptor());
-        listening = false;
-    }
-    nextRead = Clock::now() + timing.readPause;
+    StopListening();
+    nextRead = Clock::now() + readPause;
     return true;
 }
 
@@ -99,9 +94,16 @@ bool FileNotifyTask::ListenAgain()
     listening = listening || Waiter().Add(group.Descriptor(), EPOLLIN, [this](std::uint32_t) { readable = true; });
     if (!listening) {
         NotifyLog::Warning("cannot wait for file notifications (errno %d), reading them from time to time", errno);
-        nextRead = Clock::now() + timing.readPause;
+        nextRead = Clock::now() + readPause;
     }
     return listening;
+}
+
+void FileNotifyTask::StopListening()
+{
+    if (std::exchange(listening, false)) {
+        Waiter().Remove(group.Descriptor());
+    }
 }
 
 int FileNotifyTask::TimeoutMs(Clock::time_point now) const
@@ -113,46 +115,39 @@ int FileNotifyTask::TimeoutMs(Clock::time_point now) const
 
 int FileNotifyTask::Receive(const FileNotifyWatchMessage& message)
 {
-    return message.watch ? AddWatch(message) : RemoveWatch(message);
-}
-
-int FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
-{
-    if (message.requester == nullptr) {
-        return Refuse(message, "nobody to notify");
-    }
-    const WatchEntry entry = ParseWatchEntry(message.path, message.eventMasks);
-    if (!entry.error.empty()) {
-        return Refuse(message, entry.error);
-    }
-    Watch& watch = watches.Add(message.requester, message.path, entry, message.options);
-    watch.subscriberName = message.requester->name();
-    const int number = watch.number;
-    keeper.Update(watches);
-    const std::error_code error = keeper.ErrorOf(number);
-    const bool missing = message.options.existingOnly && !keeper.Exists(number);
-    if (!error && !missing) {
+    const std::string refusal = message.watch ? AddWatch(message) : RemoveWatch(message);
+    if (refusal.empty()) {
         return 0;
     }
-    watches.Remove(message.requester, message.path);
-    keeper.Update(watches);
-    return Refuse(message, missing ? "no such path" : error.message());
+    const char* what = message.watch ? "watch of" : "withdrawal of the watch of";
+    NotifyLog::Warning("%s %s refused: %s", what, message.path, refusal);
+    return -1;
 }
 
-int FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
+// Returns why the watch is refused; empty: it is not.
+std::string FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
+{
+    const WatchEntry entry = ParseWatchEntry(message.path, message.eventMasks);
+    if (message.requester == nullptr || !entry.error.empty()) {
+        return message.requester == nullptr ? "no task to notify" : entry.error;
+    }
+    const int number = watches.Add(message.requester, message.path, entry);
+    marks.Update(watches);
+    const std::error_code error = marks.ErrorOf(number);
+    if (!error) {
+        return {};
+    }
+    RemoveWatch(message);
+    return error.message();
+}
+
+std::string FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
 {
     if (!watches.Remove(message.requester, message.path)) {
-        return Refuse(message, "it is not watched");
+        return "it is not watched";
     }
-    keeper.Update(watches);
-    return 0;
-}
-
-int FileNotifyTask::Refuse(const FileNotifyWatchMessage& message, const std::string& why) const
-{
-    const char* what = message.watch ? "watch of" : "withdrawal of the watch of";
-    NotifyLog::Warning("%s %s refused: %s", what, message.path, why);
-    return -1;
+    marks.Update(watches);
+    return {};
 }
 
 }  // namespace Engine

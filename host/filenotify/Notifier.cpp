@@ -13,9 +13,9 @@ namespace Engine {
 using SDK::Counters;
 namespace CounterName = SDK::CounterName;
 
-Notifier::Notifier(WatchTable& watches, DirectoryLookup& lookup, pid_t self, Sender sender)
+Notifier::Notifier(const WatchTable& watches, Marks& marks, pid_t self, Sender sender)
     : watches(watches),
-      lookup(lookup),
+      marks(marks),
       self(self),
       sender(std::move(sender)),
       read(Counters::Get(CounterName::notifyRead)),
@@ -41,11 +41,6 @@ void Notifier::Handle(std::span<const std::byte> buffer, TimePoint now)
     }
 }
 
-void Notifier::ReadFailed(std::error_code error, TimePoint now)
-{
-    Lost(now, error.message().c_str());
-}
-
 void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
 {
     if ((event.mask & FAN_Q_OVERFLOW) != 0) {
@@ -54,16 +49,16 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
     }
     read.fetch_add(1, std::memory_order_relaxed);
     if ((event.mask & FAN_ONDIR) != 0 && (event.mask & (FAN_CREATE | FAN_DELETE | FAN_MOVE)) != 0) {
-        lookup.DirectoryChanged(event.directory);
+        marks.DirectoryChanged(event.directory);
     }
     if (event.pid == self || !event.HasDirectory()) {
         return;
     }
     if (event.pid != lastPid) {
-        lastIsHosts = OriginOf(event.pid, now) == AccessOrigin::Host;
+        lastIsOfHost = OriginOf(event.pid, now) == AccessOrigin::Host;
         lastPid = event.pid;
     }
-    if (lastIsHosts) {
+    if (lastIsOfHost) {
         notContainer.fetch_add(1, std::memory_order_relaxed);
         return;
     }
@@ -72,11 +67,12 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
 
 void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
 {
-    const auto answer =
-        lookup.PathsOf(event.directory, [&](const std::string& directory) { return Take(event, directory, now); });
-    if (answer == DirectoryLookup::Answer::Failing) {
+    const auto answer = marks.PathsOf(event.directory, [&](const std::string& directory) {
+        return Take(event, JoinPath(directory, event.name), now);
+    });
+    if (answer == Marks::Answer::Failing) {
         Lost(now, "no descriptor or memory to look a directory up");
-    } else if (answer == DirectoryLookup::Answer::Gone) {
+    } else if (answer == Marks::Answer::Gone) {
         unresolved.fetch_add(1, std::memory_order_relaxed);
         if (const auto times = unresolvedReport.Occurred(now); times != 0) {
             NotifyLog::Notice(
@@ -88,10 +84,9 @@ void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
 }
 
 // Returns whether the path belongs to a watch that wants to know.
-bool Notifier::Take(const FanotifyEvent& event, const std::string& directory, TimePoint now)
+bool Notifier::Take(const FanotifyEvent& event, const std::string& path, TimePoint now)
 {
-    const std::string path = JoinPath(directory, event.name);
-    watches.Match(path, event.mask, event.pid, now, matches);
+    watches.Match(path, event.mask, matches);
     for (const WatchMatch& match : matches) {
         if (batch == nullptr) {
             batch = std::make_unique<AccessBatch>(now);
@@ -101,7 +96,7 @@ bool Notifier::Take(const FanotifyEvent& event, const std::string& directory, Ti
     return !matches.empty();
 }
 
-void Notifier::Lost(TimePoint now, const char* why)
+void Notifier::Lost(TimePoint now, const std::string& why)
 {
     overflow.fetch_add(1, std::memory_order_relaxed);
     if (const auto times = losses.Occurred(now); times != 0) {

@@ -24,15 +24,16 @@ std::error_code Error(int number)
     return std::error_code{number, std::generic_category()};
 }
 
-bool SameDevice(const std::string& path, dev_t device)
+// 0: there is nothing.
+dev_t DeviceOf(const std::string& path)
 {
     struct stat status {};
-    return lstat(path.c_str(), &status) == 0 && status.st_dev == device;
+    return lstat(path.c_str(), &status) == 0 ? status.st_dev : 0;
 }
 
 }  // namespace
 
-std::error_code TreeMarks::Set(std::vector<Tree> next)
+std::error_code TreeMarks::Set(const std::vector<Tree>& next)
 {
     if (next == trees && !outdated) {
         return failure;
@@ -40,7 +41,7 @@ std::error_code TreeMarks::Set(std::vector<Tree> next)
     if (next != trees) {
         group.RemoveAll(FanotifyGroup::Scope::Inode);
     }
-    trees = std::move(next);
+    trees = next;
     outdated = false;
     paths.clear();
     failure.clear();
@@ -54,11 +55,8 @@ std::error_code TreeMarks::Set(std::vector<Tree> next)
 std::error_code TreeMarks::Walk(const Tree& tree)
 {
     namespace fs = std::filesystem;
-    struct stat status {};
-    if (lstat(tree.top.c_str(), &status) != 0) {
-        return Error(errno);
-    }
-    std::error_code first = MarkOne(tree.top, tree.events);
+    const dev_t device = DeviceOf(tree.top);
+    const std::error_code first = MarkOne(tree.top, tree.events);
     if (first || !tree.recursive) {
         return first;
     }
@@ -69,13 +67,11 @@ std::error_code TreeMarks::Walk(const Tree& tree)
         if (!fs::is_directory(entry->symlink_status(ignored))) {
             continue;
         }
-        if (!SameDevice(entry->path().string(), status.st_dev)) {
+        const std::string directory = entry->path().string();
+        if (DeviceOf(directory) != device) {
             entry.disable_recursion_pending();
-            continue;
-        }
-        const std::error_code marked = MarkOne(entry->path().string(), tree.events);
-        if (marked == std::errc::no_space_on_device) {
-            return marked;
+        } else if (MarkOne(directory, tree.events) == std::errc::no_space_on_device) {
+            return Error(ENOSPC);
         }
     }
     return {};

@@ -5,6 +5,7 @@
 //
 // Limits: at most `maxDirectories` directories, trees end at mount points, and a directory that is made or moved is
 // covered from the next Set on (within about a second): what happens in it before is not seen.
+// Thread: that of filenotify_task; no lock inside.
 #pragma once
 
 #include <cstddef>
@@ -36,7 +37,7 @@ public:
 
     // Makes `next` the marked trees. Walks them only when they differ from the trees before, or after DirectoryChanged.
     // Returns the last walk's first error; what could be marked is.
-    std::error_code Set(std::vector<Tree> next);
+    std::error_code Set(const std::vector<Tree>& next);
 
     // A directory was made, moved or deleted in `parent`: if that is one of these trees', the next Set walks again.
     void DirectoryChanged(const DirectoryHandle& parent) { outdated = outdated || PathOf(parent) != nullptr; }

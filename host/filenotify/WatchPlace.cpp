@@ -6,6 +6,8 @@
 #include <sys/statfs.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <filesystem>
 
@@ -23,14 +25,6 @@ bool Look(const std::string& path, struct statx& found)
     return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC, wanted, &found) == 0;
 }
 
-std::string Resolved(const std::filesystem::path& path, bool follow)
-{
-    std::error_code error;
-    auto resolved = follow ? std::filesystem::weakly_canonical(path, error)
-                           : std::filesystem::weakly_canonical(path.parent_path(), error) / path.filename();
-    return error ? path.lexically_normal().string() : resolved.string();
-}
-
 std::uint64_t FileSystemId(const std::string& directory)
 {
     struct statfs status {};
@@ -42,12 +36,42 @@ std::uint64_t FileSystemId(const std::string& directory)
     return fsid;
 }
 
+// Cuts the field, and the character that ends it, off the front of `text`.
+std::string_view CutField(std::string_view& text, char end)
+{
+    const std::string_view field = text.substr(0, text.find(end));
+    text.remove_prefix(std::min(text.size(), field.size() + 1));
+    return field;
+}
+
+// A blank, tab, newline or backslash stands there as a backslash and three octal digits (show_mountinfo() in
+// fs/proc_namespace.c).
+std::string Unescaped(std::string_view text)
+{
+    std::string plain;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned int value = 0;
+        const char* digits = text.data() + i + 1;
+        if (text[i] == '\\' && text.size() - i > 3 && std::from_chars(digits, digits + 3, value, 8).ptr == digits + 3) {
+            plain += static_cast<char>(value);
+            i += 3;
+        } else {
+            plain += text[i];
+        }
+    }
+    return plain;
+}
+
 }  // namespace
 
-WatchPlace FindPlace(const std::string& path, bool follow)
+WatchPlace FindPlace(const std::string& path)
 {
     WatchPlace place;
-    place.path = Resolved(path, follow);
+    std::error_code error;
+    place.path = std::filesystem::weakly_canonical(path, error).string();
+    if (error) {
+        place.path = std::filesystem::path{path}.lexically_normal().string();
+    }
     struct statx found {};
     if (Look(place.path, found)) {
         place.device = makedev(found.stx_dev_major, found.stx_dev_minor);
@@ -64,6 +88,27 @@ WatchPlace FindPlace(const std::string& path, bool follow)
     place.fsid = FileSystemId(place.directory);
     place.mount = found.stx_mnt_id;
     return place;
+}
+
+// "36 35 98:0 /root /mountpoint rw,noatime master:1 - ext3 /dev/root rw": the optional fields end at the lone dash.
+std::vector<std::string> DataMounts(std::string_view mountInfo)
+{
+    std::vector<std::string> mounts;
+    while (!mountInfo.empty()) {
+        std::string_view line = CutField(mountInfo, '\n');
+        CutField(line, ' ');
+        CutField(line, ' ');
+        const std::string_view device = CutField(line, ' ');
+        CutField(line, ' ');
+        const std::string_view mountPoint = CutField(line, ' ');
+        line.remove_prefix(std::min(line.find(" - "), line.size()));
+        const bool holdsData =
+            !device.starts_with("0:") || line.starts_with(" - btrfs ") || line.starts_with(" - zfs ");
+        if (!line.empty() && holdsData) {
+            mounts.push_back(Unescaped(mountPoint));
+        }
+    }
+    return mounts;
 }
 
 }  // namespace Engine

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Where a watched path lies at this moment. Asks the kernel; keeps nothing open, so that no look at a path ever keeps
-// its filesystem from being unmounted.
+// its filesystem from being unmounted. Any thread.
 #pragma once
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace Engine {
 
@@ -21,11 +21,17 @@ struct WatchPlace {
     std::uint64_t inode = 0;
 
     bool Exists() const { return inode != 0; }
+    bool IsDirectory() const { return path == directory; }
     bool operator==(const WatchPlace& other) const = default;
 };
 
-// `follow`: whether a symbolic link at the end of the path is followed. An empty directory: not even "/" could be
-// looked at.
-WatchPlace FindPlace(const std::string& path, bool follow);
+// An empty directory in the answer: not even "/" could be looked at.
+WatchPlace FindPlace(const std::string& path);
+
+// The mount points of filesystems that hold data of the host, from the text of /proc/self/mountinfo
+// (proc_pid_mountinfo(5)): those on block devices, and btrfs and zfs, whose device numbers are their own. Excluded are
+// the kernel's pseudo filesystems, overlays (the root of every container is one, and its own files are no business of a
+// watch on the host's files) and tmpfs (a container's /dev/shm and secrets). Pure.
+std::vector<std::string> DataMounts(std::string_view mountInfo);
 
 }  // namespace Engine

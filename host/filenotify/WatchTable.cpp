@@ -1,94 +1,134 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/WatchTable.h"
 
-#include <algorithm>
+#include <sys/fanotify.h>
 
-#include "sdk/ProcessUtils.h"
+#include <algorithm>
+#include <array>
+
+#include "PathEntry.h"
 
 namespace Engine {
 
 namespace {
 
-bool ExcludesPath(const Watch& watch, std::string_view path)
+constexpr std::uint64_t directoryChanges = FAN_CREATE | FAN_DELETE | FAN_MOVED_FROM | FAN_MOVED_TO;
+constexpr std::uint64_t fileEvents = FAN_ACCESS | FAN_MODIFY | FAN_ATTRIB | FAN_CLOSE_WRITE | FAN_CLOSE_NOWRITE |
+                                     FAN_OPEN | FAN_OPEN_EXEC | FAN_DELETE_SELF | FAN_MOVE_SELF | directoryChanges;
+
+struct Letter {
+    char letter;
+    EventMasks masks;
+};
+constexpr std::array<Letter, 4> letterRows{{
+    {'r', {FAN_OPEN | FAN_ACCESS, 0}},
+    {'w', {FAN_MODIFY | FAN_CLOSE_WRITE | directoryChanges, directoryChanges}},
+    {'x', {FAN_OPEN_EXEC, 0}},
+    {'a', {FAN_ATTRIB, FAN_ATTRIB}},
+}};
+
+EventMasks MasksOfLetters(std::string_view letters)
 {
-    const auto& excluded = watch.options.excludedPaths;
-    return std::any_of(excluded.begin(), excluded.end(), [&](const std::string& top) { return LiesWithin(path, top); });
+    EventMasks masks;
+    for (const Letter& row : letterRows) {
+        if (letters.find(row.letter) != std::string_view::npos) {
+            masks |= row.masks;
+        }
+    }
+    return masks;
 }
 
-bool ExcludesProcess(const Watch& watch, int pid)
+EventMasks MasksOfMessage(const std::vector<unsigned int>& masks, std::string& error)
 {
-    const auto& excluded = watch.options.excludedProcesses;
-    SDK::ProcessUtils::procStatus status;
-    if (excluded.empty() || SDK::ProcessUtils::GetProcessStatusInfo(pid, status) != 0) {
-        return false;
+    std::uint64_t combined = 0;
+    for (const unsigned int mask : masks) {
+        combined |= mask;
     }
-    return std::find(excluded.begin(), excluded.end(), status.name) != excluded.end();
-}
-
-bool WithinLimit(Watch& watch, WatchTable::TimePoint now)
-{
-    if (watch.options.limit <= 0) {
-        return true;
+    combined &= ~std::uint64_t{FAN_EVENT_ON_CHILD};  // a watch covers what lies below it anyway
+    if ((combined & ~(fileEvents | FAN_ONDIR)) != 0) {
+        error = (combined & FAN_ALL_PERM_EVENTS) != 0 ? "permission events are never asked for" : "no such file event";
     }
-    if (now - watch.secondBegan >= std::chrono::seconds{1}) {
-        watch.secondBegan = now;
-        watch.sentInSecond = 0;
-    }
-    return watch.sentInSecond++ < watch.options.limit;
-}
-
-// Whether the watch's subscriber is to be notified of an access that the watch covers.
-bool Notifies(Watch& watch, WatchTable::TimePoint now)
-{
-    ++watch.hits;
-    if (watch.options.countOnly || !WithinLimit(watch, now)) {
-        return false;
-    }
-    watch.spent = watch.options.once;
-    return true;
-}
-
-void AddTo(std::vector<WatchMatch>& matches, const Watch& watch, std::uint64_t mask)
-{
-    const auto same = std::find_if(matches.begin(), matches.end(), [&](const WatchMatch& match) {
-        return match.watch->subscriber == watch.subscriber;
-    });
-    if (same != matches.end()) {
-        same->mask |= mask;
-    } else {
-        matches.push_back({&watch, mask});
-    }
+    const std::uint64_t events = combined & fileEvents;
+    return {events, (combined & FAN_ONDIR) != 0 ? events : 0};
 }
 
 }  // namespace
 
-Watch& WatchTable::Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
-                       const _FileNotifyOpt& options)
+std::uint64_t EventMasks::Wanted(std::uint64_t mask) const
 {
-    const auto known = std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) {
-        return watch.subscriber == subscriber && watch.text == text;
-    });
+    const bool onDirectory = (mask & FAN_ONDIR) != 0;
+    const std::uint64_t wanted = mask & (onDirectory ? directories : files);
+    return wanted != 0 && onDirectory ? wanted | FAN_ONDIR : wanted;
+}
+
+std::uint64_t EventMasks::Union() const
+{
+    return files | directories | (directories != 0 ? std::uint64_t{FAN_ONDIR} : 0);
+}
+
+EventMasks& EventMasks::operator|=(const EventMasks& other)
+{
+    files |= other.files;
+    directories |= other.directories;
+    return *this;
+}
+
+WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks)
+{
+    const SDK::PathEntry parsed = SDK::ParsePathEntry(text);
+    WatchEntry entry{std::string{parsed.path}, {}, {}};
+    while (entry.path.size() > 1 && entry.path.back() == '/') {
+        entry.path.pop_back();
+    }
+    entry.masks = parsed.letters.empty() ? MasksOfMessage(masks, entry.error) : MasksOfLetters(parsed.letters);
+    if (entry.error.empty() && entry.masks.Union() == 0) {
+        entry.error = "no event is asked for";
+    }
+    if (parsed.error != nullptr) {
+        entry.error = parsed.error;
+    }
+    if (!entry.path.starts_with('/') || entry.path.find('\0') != std::string::npos) {
+        entry.error = "not an absolute path";
+    }
+    return entry;
+}
+
+bool LiesWithin(std::string_view path, std::string_view top)
+{
+    return path.starts_with(top) && (path.size() == top.size() || top == "/" || path[top.size()] == '/');
+}
+
+std::string JoinPath(std::string_view directory, std::string_view name)
+{
+    std::string path{directory};
+    if (!name.empty()) {
+        path += directory.ends_with('/') ? "" : "/";
+        path += name;
+    }
+    return path;
+}
+
+std::list<Watch>::iterator WatchTable::Find(const Framework::Task* subscriber, const std::string& text)
+{
+    return std::find_if(watches.begin(), watches.end(),
+                        [&](const Watch& watch) { return watch.subscriber == subscriber && watch.text == text; });
+}
+
+int WatchTable::Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry)
+{
+    const auto known = Find(subscriber, text);
     if (known != watches.end()) {
         ++known->count;
         known->entry.masks |= entry.masks;
-        known->spent = false;
-        return *known;
+        return known->number;
     }
-    Watch& watch = watches.emplace_back();
-    watch.number = ++lastNumber;
-    watch.subscriber = subscriber;
-    watch.text = text;
-    watch.entry = entry;
-    watch.options = options;
-    watch.path = entry.path;
-    return watch;
+    watches.push_back({++lastNumber, subscriber, subscriber->name(), text, entry, entry.path});
+    return lastNumber;
 }
 
 bool WatchTable::Remove(const Framework::Task* subscriber, const std::string& text)
 {
-    const auto known = std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) {
-        return watch.subscriber == subscriber && watch.text == text;
-    });
+    const auto known = Find(subscriber, text);
     if (known == watches.end()) {
         return false;
     }
@@ -98,27 +138,23 @@ bool WatchTable::Remove(const Framework::Task* subscriber, const std::string& te
     return true;
 }
 
-void WatchTable::Match(std::string_view path, std::uint64_t mask, int pid, TimePoint now,
-                       std::vector<WatchMatch>& matches)
+void WatchTable::Match(std::string_view path, std::uint64_t mask, std::vector<WatchMatch>& matches) const
 {
     matches.clear();
-    for (Watch& watch : watches) {
+    for (const Watch& watch : watches) {
         const std::uint64_t wanted = watch.entry.masks.Wanted(mask);
-        if (wanted == 0 || watch.spent || !LiesWithin(path, watch.path) || ExcludesPath(watch, path) ||
-            ExcludesProcess(watch, pid)) {
+        if (wanted == 0 || !LiesWithin(path, watch.path)) {
             continue;
         }
-        if (Notifies(watch, now)) {
-            AddTo(matches, watch, wanted);
+        const auto same = std::find_if(matches.begin(), matches.end(), [&](const WatchMatch& match) {
+            return match.watch->subscriber == watch.subscriber;
+        });
+        if (same == matches.end()) {
+            matches.push_back({&watch, wanted});
+        } else {
+            same->mask |= wanted;
         }
     }
-}
-
-const Watch* WatchTable::Find(int number) const
-{
-    const auto known =
-        std::find_if(watches.begin(), watches.end(), [&](const Watch& watch) { return watch.number == number; });
-    return known == watches.end() ? nullptr : &*known;
 }
 
 }  // namespace Engine

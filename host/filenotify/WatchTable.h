@@ -1,67 +1,93 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who watches what. Watches are counted per (subscriber, text): asking twice gives one watch that goes with the second
-// withdrawal; the events asked for are then combined, the options are the first one's.
-// Thread: the task's only.
+// What is watched: the path and the events of each watch, and the task that is to be notified.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <list>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "host/filenotify/WatchEntry.h"
-#include "messages/FileNotifyMessages.h"
+#include "framework/Task.h"
 
 namespace Engine {
 
-struct Watch {
-    int number = 0;                               // from 1; unique in the agent's life
-    const Framework::Task* subscriber = nullptr;  // part of the key, never called: it may be gone
-    std::string subscriberName;                   // where notifications are sent; a name that is gone refuses them
-    std::string text;                             // the path as it was given, letters included: the key
-    WatchEntry entry;
-    _FileNotifyOpt options;
-    unsigned int count = 1;
-    std::string path;        // as the host names it now, symbolic links resolved; kept up by MarkKeeper
-    bool spent = false;      // it was to notify once and has
-    std::uint64_t hits = 0;  // accesses that matched, notified or not
+// fanotify event bits (FAN_*). What happens to a directory itself is kept apart: such an event carries FAN_ONDIR.
+struct EventMasks {
+    std::uint64_t files = 0;
+    std::uint64_t directories = 0;
 
-    // The second that `limit` counts in, and how many notifications it has seen.
-    std::chrono::steady_clock::time_point secondBegan;
-    std::int32_t sentInSecond = 0;
+    // The bits of the event `mask` that are wanted; 0: none. FAN_ONDIR is kept beside them.
+    std::uint64_t Wanted(std::uint64_t mask) const;
+
+    // What the kernel has to be asked for, FAN_ONDIR included where directories matter.
+    std::uint64_t Union() const;
+
+    EventMasks& operator|=(const EventMasks& other);
+    bool operator==(const EventMasks& other) const = default;
 };
 
-// One notification to send: the watch that matched first of the subscriber's, and what all of them wanted.
+struct WatchEntry {
+    std::string path;  // absolute, as given, without a slash at the end
+    EventMasks masks;
+    std::string error;  // why the entry is refused; empty: it is not
+};
+
+// `text`: an absolute path, or one followed by "*/*" and permission letters (PathEntry.h). The letters choose the
+// events, and `masks` is then not looked at:
+//   r  FAN_OPEN, FAN_ACCESS of files. Not the listing of directories, which every walk through a tree does.
+//   w  FAN_MODIFY, FAN_CLOSE_WRITE, and what changes a directory without writing a file: FAN_CREATE, FAN_DELETE,
+//      FAN_MOVED_FROM, FAN_MOVED_TO, of files and directories. A file that is made elsewhere on the filesystem and
+//      renamed or linked into a watched directory is never written there, and that is how a job reaches cron.
+//   x  FAN_OPEN_EXEC.
+//   a  FAN_ATTRIB, of files and directories.
+// Without letters the masks hold as they are, combined, for directories only if FAN_ONDIR is among them.
+// Refused: a path that is not absolute or holds a zero byte, wrong letters, no event at all, a permission event
+// (nothing on the host may ever wait for the agent), and bits that are not file events. Pure.
+WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks);
+
+// Whether `path` is `top` or lies below it. Both absolute, without a slash at the end (except "/" itself).
+bool LiesWithin(std::string_view path, std::string_view top);
+
+// The path of the entry `name` of that directory; of the directory itself when there is no name.
+std::string JoinPath(std::string_view directory, std::string_view name);
+
+struct Watch {
+    int number;                         // from 1; unique in the agent's life
+    const Framework::Task* subscriber;  // part of the key, never called: it may be gone
+    std::string subscriberName;         // where notifications are sent
+    std::string text;                   // the path as it was given, letters included: part of the key
+    WatchEntry entry;
+    std::string path;        // as the host names it now, symbolic links resolved; kept up by Marks
+    unsigned int count = 1;  // Adds that were not taken back
+};
+
+// One notification to send: the first matching watch of a subscriber, and the wanted bits of all its watches.
 struct WatchMatch {
     const Watch* watch;
     std::uint64_t mask;
 };
 
+// Watches are counted per (subscriber, text): asking twice gives one watch, which goes with the second withdrawal and
+// has the events of both. Thread: that of filenotify_task; no lock inside.
 class WatchTable {
 public:
-    using TimePoint = std::chrono::steady_clock::time_point;
-
-    // Returns the new or counted watch; the reference is good until the watch is removed.
-    Watch& Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry,
-               const _FileNotifyOpt& options);
+    // Returns the number of the new or counted watch. `subscriber` is not null.
+    int Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry);
 
     // Takes back one Add. False: there is no such watch.
     bool Remove(const Framework::Task* subscriber, const std::string& text);
 
-    // Fills `matches`, one for each subscriber that is to hear of the access, in the order of their first watch, and
-    // takes note of it for the options once, limit and countOnly. `mask`: the event's bits. `pid` is looked at only for
-    // watches with excluded processes.
-    void Match(std::string_view path, std::uint64_t mask, int pid, TimePoint now, std::vector<WatchMatch>& matches);
+    // Fills `matches` with one for each subscriber to notify of the access, in the order of their first watch.
+    // `mask`: the event's bits.
+    void Match(std::string_view path, std::uint64_t mask, std::vector<WatchMatch>& matches) const;
 
-    // The watch with that number, null if it is gone.
-    const Watch* Find(int number) const;
-    bool Empty() const { return watches.empty(); }
     std::list<Watch>& Watches() { return watches; }
     const std::list<Watch>& Watches() const { return watches; }
 
 private:
+    std::list<Watch>::iterator Find(const Framework::Task* subscriber, const std::string& text);
+
     std::list<Watch> watches;
     int lastNumber = 0;
 };
