@@ -2,12 +2,13 @@
 // What the cases of this folder share. Every wait has a condition; the limit only turns a hang into a failure.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,7 +35,7 @@ class Journal {
 public:
     void Add(const std::string& line)
     {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const std::lock_guard lock(mutex);
         lines.push_back(line);
         changed.notify_all();
     }
@@ -42,12 +43,10 @@ public:
     // The lines once there are `count` of them, or fewer at the limit.
     std::vector<std::string> WaitFor(std::size_t count)
     {
-        std::unique_lock<std::mutex> lock(mutex);
+        std::unique_lock lock(mutex);
         changed.wait_for(lock, limit, [&] { return lines.size() >= count; });
         return lines;
     }
-
-    std::vector<std::string> Lines() { return WaitFor(0); }
 
 private:
     std::mutex mutex;
@@ -55,7 +54,7 @@ private:
     std::vector<std::string> lines;
 };
 
-// Runs a function on the receiving task's thread.
+// Runs a function on the thread of the receiving task.
 class CallMessage : public Framework::Message {
 public:
     explicit CallMessage(std::function<int()> call, unsigned long events = 1) : call(std::move(call)), events(events) {}
@@ -73,10 +72,10 @@ inline Framework::Message* Call(std::function<int()> call)
 }
 
 // Writes what happens to it into a journal. Waits without end: only a wake-up brings it on.
-class JournalTask : public Framework::Task {
+class TestTask : public Framework::Task {
 public:
-    JournalTask(const std::string& name, Journal& journal, const std::string& feature = "")
-        : Task(name, feature, Framework::TaskCondition::EventLoop, 64), journal(journal)
+    TestTask(const std::string& name, Journal& journal, const std::string& feature = "", unsigned int capacity = 64)
+        : Task(name, feature, Framework::TaskCondition::EventLoop, capacity), journal(journal)
     {
     }
 
@@ -95,15 +94,35 @@ public:
     }
     int Run() override
     {
+        if (runFails) {
+            journal.Add("Run");
+            throw std::runtime_error("bad run");
+        }
         Waiter().WaitAndHandleEvent(foreverMs, 16);
         BulkConsumeMsg(1024);
         return 0;
     }
+    bool Send(std::function<int()> call) { return SendAgileMsg(this, Call(std::move(call))) != 0; }
 
     int initResult = 0;
+    bool runFails = false;
 
-protected:
+private:
     Journal& journal;
+};
+
+class FrameworkCase : public testing::Test {
+protected:
+    TestTask* Register(const std::string& name, const std::string& feature = "")
+    {
+        auto* const task = new TestTask(name, journal, feature);
+        EXPECT_EQ(module.RegisterTask(task, true), 0);
+        return task;
+    }
+
+    Journal journal;
+    Framework::Engine engine;
+    Framework::Module module{"module"};  // goes first and ends the tasks, which the framework owns
 };
 
 }  // namespace FrameworkTest

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <future>
-#include <stdexcept>
 #include <thread>
 
-#include "framework/Module.h"
 #include "host/framework/Support.h"
 
 namespace {
@@ -16,49 +12,42 @@ using namespace FrameworkTest;
 constexpr int forResult = 2;
 constexpr int forDelivery = 1;
 
-// A receiver and a sender, each with a thread.
-class SyncSendTest : public testing::Test {
+class SyncSendTest : public FrameworkCase {
 protected:
-    SyncSendTest()
-    {
-        module.RegisterTask(&receiver, false);
-        module.RegisterTask(&sender, false);
-    }
     int Send(std::function<int()> call, int mode = forResult, long timeoutMs = foreverMs)
     {
         std::string reply = "left from before";
-        const int result = sender.SyncSendDirectMsg("receiver", Call(std::move(call)), reply, timeoutMs, mode);
+        const int result = sender->SyncSendDirectMsg("receiver", Call(std::move(call)), reply, timeoutMs, mode);
         EXPECT_EQ(reply, "");
         return result;
     }
     // Keeps the receiver in a message until it is cancelled.
-    int KeepBusy(std::promise<void>& busy)
+    std::function<int()> KeepBusy(std::promise<void>& busy)
     {
-        busy.set_value();
-        while (!receiver.isCancelled()) {
-            std::this_thread::yield();
-        }
-        return 0;
+        return [this, &busy] {
+            busy.set_value();
+            while (!receiver->isCancelled()) {
+                std::this_thread::yield();
+            }
+            return 0;
+        };
     }
 
-    Journal journal;
-    JournalTask receiver{"receiver", journal};
-    JournalTask sender{"sender", journal};
-    Framework::Engine engine;
-    Framework::Module module{"module"};  // goes first and stops the tasks
+    TestTask* const receiver = Register("receiver");
+    TestTask* const sender = Register("sender");
 };
 
-TEST_F(SyncSendTest, ReturnsTheReceiversResultOrDeliveryAsAsked)
+TEST_F(SyncSendTest, ReturnsTheResultOfTheReceiverOrDeliveryAsAsked)
 {
     EXPECT_EQ(Send([] { return 17; }), 17);
     EXPECT_EQ(Send([] { return 17; }, forDelivery), 0);
     EXPECT_EQ(Send([]() -> int { throw std::runtime_error("no"); }), -1);
-    EXPECT_EQ(Send([this] { return receiver.SendDirectMsg("missing", Call([] { return 0; })); }), -1);
+    EXPECT_EQ(Send([this] { return receiver->SendDirectMsg("missing", Call([] { return 0; })); }), -1);
     std::string reply;
-    EXPECT_EQ(sender.SyncSendDirectMsg("missing", Call([] { return 0; }), reply, foreverMs, forDelivery), -1);
-    EXPECT_EQ(sender.SyncSendDirectMsg("receiver", nullptr, reply, foreverMs, forDelivery), -1);
+    EXPECT_EQ(sender->SyncSendDirectMsg("missing", Call([] { return 0; }), reply, foreverMs, forDelivery), -1);
+    EXPECT_EQ(sender->SyncSendDirectMsg("receiver", nullptr, reply, foreverMs, forDelivery), -1);
     const auto sendToItself = [&] {
-        return receiver.SyncSendDirectMsg("receiver", Call([] { return 23; }), reply, 0, forResult);
+        return receiver->SyncSendDirectMsg("receiver", Call([] { return 23; }), reply, 0, forResult);
     };
     EXPECT_EQ(Send(sendToItself), 23) << "handled at once, no other thread would";
 }
@@ -72,7 +61,7 @@ TEST_F(SyncSendTest, AMessageWhoseSenderGaveUpIsLeftAlone)
         return opened.wait(), 0;
     };
     EXPECT_EQ(Send(waitForOpening, forResult, 1), -1) << "handled too late";
-    receiver.SendAgileMsg(&receiver, Call(waitForOpening));  // for a first message that was skipped
+    receiver->Send(waitForOpening);  // for a first message that was skipped
     EXPECT_EQ(Send([&lateOneRan] { return lateOneRan = true; }, forResult, 1), -1) << "never handled";
     open.set_value();
     EXPECT_EQ(Send([] { return 0; }), 0);
@@ -82,7 +71,7 @@ TEST_F(SyncSendTest, AMessageWhoseSenderGaveUpIsLeftAlone)
 TEST_F(SyncSendTest, StoppingTheReceiverEndsTheWait)
 {
     std::promise<void> busy;
-    receiver.SendAgileMsg(&receiver, Call([&] { return KeepBusy(busy); }));
+    receiver->Send(KeepBusy(busy));
     busy.get_future().wait();
     auto answer = std::async(std::launch::async, [this] { return Send([] { return 0; }); });
     module.UnRegisterTask("receiver");
@@ -94,15 +83,12 @@ TEST_F(SyncSendTest, CancellingTheSenderEndsItsWait)
 {
     std::promise<void> busy;
     std::promise<int> answer;
-    sender.SendAgileMsg(&sender, Call([&] {
-        answer.set_value(Send([&] { return KeepBusy(busy); }));
-        return 0;
-    }));
+    sender->Send([&] { return answer.set_value(Send(KeepBusy(busy))), 0; });
     busy.get_future().wait();
-    sender.cancel();
+    sender->cancel();
     auto result = answer.get_future();
     EXPECT_EQ(result.wait_for(limit), std::future_status::ready);
-    receiver.cancel();
+    receiver->cancel();
     EXPECT_EQ(result.get(), -1);
 }
 
