@@ -12,10 +12,12 @@ namespace Engine::EngineDocuments {
 namespace {
 
 constexpr std::size_t maxIdBytes = 128;
+constexpr char alphanumerics[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
-bool IsAlphanumeric(char c)
+// Whether every character is a letter, a digit or one of the others.
+bool IsPlain(std::string_view text, std::string_view others)
 {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    return text.find_first_not_of(std::string{alphanumerics}.append(others)) == std::string_view::npos;
 }
 
 std::optional<Json::Value> Parse(const std::string& text)
@@ -46,35 +48,30 @@ std::string ContainerName(const Json::Value& value, const char* key)
     return name;
 }
 
-int PidOf(const Json::Value& root)
+// The texts at `key` of the array's objects that `isWanted`, at most that many. None when it is no array.
+template <class Predicate>
+std::vector<std::string> Texts(const Json::Value& array, const char* key, std::size_t most, Predicate isWanted)
 {
-    const Json::Value& pid = Member(Member(root, "State"), "Pid");
-    return pid.isInt() ? std::max(0, pid.asInt()) : 0;
-}
-
-std::vector<std::string> MountDestinations(const Json::Value& root)
-{
-    std::vector<std::string> destinations;
-    const Json::Value& mounts = Member(root, "Mounts");
-    if (!mounts.isArray()) {
-        return destinations;
-    }
-    for (const Json::Value& mount : mounts) {
-        std::string destination = Text(mount, "Destination");
-        if (!destination.empty() && destinations.size() < maxMounts) {
-            destinations.push_back(std::move(destination));
+    std::vector<std::string> texts;
+    for (Json::ArrayIndex i = 0; array.isArray() && i < array.size() && texts.size() < most; ++i) {
+        if (std::string text = Text(array[i], key); isWanted(text)) {
+            texts.push_back(std::move(text));
         }
     }
-    return destinations;
+    return texts;
 }
 
 }  // namespace
 
 bool IsContainerId(std::string_view text)
 {
-    return !text.empty() && text.size() <= maxIdBytes && IsAlphanumeric(text.front()) &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) { return IsAlphanumeric(c) || c == '_' || c == '.' || c == '-'; });
+    return !text.empty() && text.size() <= maxIdBytes && IsPlain(text.substr(0, 1), "") && IsPlain(text, "_.-");
+}
+
+bool IsImageName(std::string_view text)
+{
+    return !text.empty() && text.size() <= maxTextBytes && text.find("..") == std::string_view::npos &&
+           IsPlain(text, "_.-/:@");
 }
 
 std::optional<Inspected> ParseInspected(const std::string& text)
@@ -91,17 +88,11 @@ std::optional<Inspected> ParseInspected(const std::string& text)
     inspected.info.name = ContainerName(*root, "Name");
     inspected.info.imageId = Text(*root, "Image");
     inspected.info.imageName = Text(Member(*root, "Config"), "Image");
-    inspected.info.mountDestinations = MountDestinations(*root);
-    inspected.pid = PidOf(*root);
+    inspected.info.mountDestinations =
+        Texts(Member(*root, "Mounts"), "Destination", maxMounts, [](const std::string& text) { return !text.empty(); });
+    const Json::Value& pid = Member(Member(*root, "State"), "Pid");
+    inspected.pid = pid.isInt() ? std::max(0, pid.asInt()) : 0;
     return inspected;
-}
-
-bool IsImageName(std::string_view text)
-{
-    static constexpr std::string_view others = "_.-/:@";
-    return !text.empty() && text.size() <= maxTextBytes && text.find("..") == std::string_view::npos &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) { return IsAlphanumeric(c) || others.find(c) != std::string_view::npos; });
 }
 
 std::string ParseImageId(const std::string& text)
@@ -116,14 +107,7 @@ std::optional<std::vector<std::string>> ParseList(const std::string& text)
     if (!root || !root->isArray()) {
         return std::nullopt;
     }
-    std::vector<std::string> ids;
-    for (const Json::Value& container : *root) {
-        std::string id = Text(container, "Id");
-        if (IsContainerId(id) && ids.size() < maxListed) {
-            ids.push_back(std::move(id));
-        }
-    }
-    return ids;
+    return Texts(*root, "Id", maxListed, IsContainerId);
 }
 
 std::optional<Event> ParseEvent(const std::string& line)

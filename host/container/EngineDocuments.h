@@ -36,7 +36,7 @@ bool IsImageName(std::string_view text);
 // "/images/<name>/json": the id, empty when there is none.
 std::string ParseImageId(const std::string& text);
 
-// "/containers/json": the ids. Nothing when the text is no array; what in it is no container is left out.
+// "/containers/json": the ids. Nothing when the text is no array; what in it is no container is skipped.
 std::optional<std::vector<std::string>> ParseList(const std::string& text);
 
 // A line of "/events".

@@ -41,7 +41,7 @@ void MetadataCache::RecordNamespaces(const std::string& id, const Namespaces& na
     if (recorded.insert_or_assign(id, namespaces).second) {
         recordedOrder.push_back(id);
     }
-    // Containers of an engine that nobody asks about are never reported gone: the oldest recordings make room.
+    // Containers of an engine that is not asked are never reported gone: the oldest recordings make room.
     while (recordedOrder.size() > maxRecords) {
         recorded.erase(recordedOrder.front());
         recordedOrder.pop_front();
@@ -86,12 +86,6 @@ void MetadataCache::Purge(Clock::time_point now)
         const Slot& slot = item.second;
         return slot.gone != Clock::time_point::max() && now - slot.gone > keepGone;
     });
-}
-
-std::size_t MetadataCache::Size() const
-{
-    const std::lock_guard lock{mutex};
-    return records.size();
 }
 
 bool MetadataCache::MakeRoom()

@@ -17,7 +17,7 @@
 namespace Engine {
 
 // Any thread; no call waits for anything but another such call.
-// A record is never changed once it is in: a newer one takes its place, and whoever holds the old one keeps it.
+// A record is never changed once it is in: a newer one takes its place, and a holder of the old one keeps it.
 class MetadataCache {
 public:
     using Clock = std::chrono::steady_clock;
@@ -48,8 +48,6 @@ public:
     void KeepOnly(const std::set<std::string>& ids, Clock::time_point now);
     // Drops what has been gone for long enough.
     void Purge(Clock::time_point now);
-
-    std::size_t Size() const;
 
 private:
     struct Slot {
