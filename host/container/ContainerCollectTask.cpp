@@ -21,7 +21,7 @@ ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::S
       view(table, system),
       registry(table, system),
       observer(registry, system, receivers, cache),
-      follower(socketPath, cache, [this] { return isCancelled(); })
+      engine(socketPath, cache, [this] { return isCancelled(); })
 {
 }
 
@@ -49,33 +49,23 @@ void ContainerCollectTask::Detach()
 
 int ContainerCollectTask::Init()
 {
-    FollowEngine(EngineFollower::Clock::now());
+    engine.Step(ContainerEngineClient::Clock::now());
     return Framework::Task::Init();
 }
 
 int ContainerCollectTask::Run()
 {
-    bool isReadable = false;
-    const int fd = follower.Fd();
-    const bool isWatched = fd >= 0 && Waiter().Add(fd, EPOLLIN, [&isReadable](std::uint32_t) { isReadable = true; });
+    const int fd = engine.Fd();
+    const bool isWatched = fd >= 0 && Waiter().Add(fd, EPOLLIN, [](std::uint32_t) {});  // it need only wake
     Waiter().WaitAndHandleEvent(PauseMilliseconds(), maxHandlers);
     if (isWatched) {
         Waiter().Remove(fd);  // Step may close it
     }
     BulkConsumeMsg(static_cast<int>(queueCapacity));
-    const auto now = EngineFollower::Clock::now();
-    if (!isCancelled() && (isReadable || follower.Fd() < 0)) {
-        FollowEngine(now);
+    if (!isCancelled()) {
+        engine.Step(ContainerEngineClient::Clock::now());
     }
-    cache.Purge(now);
     return 0;
-}
-
-void ContainerCollectTask::FollowEngine(EngineFollower::Clock::time_point now)
-{
-    follower.Step(now);
-    isUnreachable = follower.IsUnreachable();
-    hasReadAll = follower.HasReadAll();
 }
 
 int ContainerCollectTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
@@ -120,15 +110,13 @@ bool ContainerCollectTask::GetContainerByPid(int pid, std::shared_ptr<ContainerI
 
 bool ContainerCollectTask::IsAvailable()
 {
-    return hasReadAll || (isUnreachable && (trace == nullptr || registry.IsSynced()));
+    return engine.HasReadAll() || (engine.IsUnreachable() && (trace == nullptr || registry.IsSynced()));
 }
 
 int ContainerCollectTask::PauseMilliseconds() const
 {
-    if (follower.Fd() >= 0) {
-        return longestWaitMs;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(follower.NextStep() - EngineFollower::Clock::now());
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(engine.NextStep() - ContainerEngineClient::Clock::now());
     return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, longestWaitMs));
 }
 

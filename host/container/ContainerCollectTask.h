@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The task "container_collect_task": answers about containers, and takes in who wants notices of their processes.
+// The task "container_collect_task": answers about containers, and takes registrations for notices of their processes.
 #pragma once
 
 #include <atomic>
@@ -7,9 +7,9 @@
 #include <string>
 
 #include "framework/Task.h"
+#include "host/container/ContainerEngineClient.h"
 #include "host/container/ContainerRegistry.h"
 #include "host/container/ContainerView.h"
-#include "host/container/EngineFollower.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
 #include "host/container/RegistryObserver.h"
@@ -38,8 +38,8 @@ public:
 
     SDK::ContainerResolver& Resolver() { return view; }
 
-    // Reads what the engine knows for the first time, so that whoever waits for this task's start finds names and
-    // images in the cache. An engine that hangs delays it by one time-out of the client.
+    // Reads what the engine knows for the first time: names and images are in the cache when this task has started. An
+    // engine that hangs delays the start by some time-outs of the client, five at most.
     int Init() override;
     int Run() override;
 
@@ -54,7 +54,6 @@ public:
 
 private:
     int PauseMilliseconds() const;
-    void FollowEngine(EngineFollower::Clock::time_point now);
 
     MetadataCache cache;
     ContainerTable table;
@@ -62,10 +61,8 @@ private:
     ContainerRegistry registry;
     NoticeReceivers receivers;
     RegistryObserver observer;
-    EngineFollower follower;
+    ContainerEngineClient engine;
     std::atomic<TraceObservable*> trace{nullptr};
-    std::atomic<bool> hasReadAll{false};
-    std::atomic<bool> isUnreachable{false};
 };
 
 }  // namespace Engine

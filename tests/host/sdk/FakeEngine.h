@@ -5,42 +5,35 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <cstring>
 #include <functional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "host/sdk/FileDescriptor.h"
-#include "host/sdk/TempDirectory.h"
+#include "tests/support/TemporaryDirectory.h"
 
-// An engine that takes one connection, reads the request and then does as it is told. Without a script it takes none.
+// A container engine on a socket of its own. It reads one request from a connection, then the script does what it wants
+// with it: a connection that the script keeps stays open. One connection at a time. Without a script it takes none.
 class FakeEngine {
 public:
-    // The engine's side of the connection.
-    struct Peer {
-        // False when the client has gone.
-        bool Send(std::string_view bytes) const
-        {
-            return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-        }
+    using Script = std::function<void(const std::string& target, SDK::FileDescriptor& connection)>;
 
-        // Waits until the client has hung up, at most that long. True when it has.
-        bool AwaitHangUp(int milliseconds = -1) const
-        {
-            pollfd wanted{fd, POLLRDHUP, 0};
-            return ::poll(&wanted, 1, milliseconds) > 0;
-        }
+    // False when the client has gone.
+    static bool Send(const SDK::FileDescriptor& to, std::string_view bytes)
+    {
+        return ::send(to.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
 
-        int fd;
-    };
-
-    explicit FakeEngine(std::function<void(Peer)> script)
+    explicit FakeEngine(Script script)
     {
         const sockaddr_un address = Address();
         if (::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            ::listen(listener.Get(), 1) != 0) {
+            ::listen(listener.Get(), 8) != 0) {
             throw std::runtime_error("cannot listen");
         }
         if (script) {
@@ -49,8 +42,10 @@ public:
     }
     ~FakeEngine()
     {
-        ::shutdown(listener.Get(), SHUT_RDWR);  // ends accept(2) if it still waits
-        Request();
+        ::shutdown(listener.Get(), SHUT_RDWR);  // ends accept(2)
+        if (thread.joinable()) {
+            thread.join();
+        }
     }
     FakeEngine(const FakeEngine&) = delete;
     FakeEngine& operator=(const FakeEngine&) = delete;
@@ -59,36 +54,39 @@ public:
 
     sockaddr_un Address() const
     {
-        sockaddr_un address{AF_UNIX, {}};
-        std::strcpy(address.sun_path, SocketPath().c_str());
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        SocketPath().copy(address.sun_path, sizeof(address.sun_path) - 1);
         return address;
     }
 
-    // The request as it came, once the engine has done what it was told.
-    const std::string& Request()
+    // The requests so far, whole.
+    std::vector<std::string> Requests()
     {
-        if (thread.joinable()) {
-            thread.join();
-        }
-        return request;
+        const std::lock_guard lock{mutex};
+        return requests;
     }
 
 private:
-    void Serve(const std::function<void(Peer)>& script)
+    void Serve(const Script& script)
     {
-        const SDK::FileDescriptor connection(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        char byte = 0;
-        while (!request.ends_with("\r\n\r\n")) {
-            if (::recv(connection.Get(), &byte, 1, 0) != 1) {
-                return;
+        while (SDK::FileDescriptor connection{::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)}) {
+            std::string request;
+            char byte = 0;
+            while (!request.ends_with("\r\n\r\n") && ::recv(connection.Get(), &byte, 1, 0) == 1) {
+                request += byte;
             }
-            request += byte;
+            const std::size_t start = request.find(' ') + 1;
+            {
+                const std::lock_guard lock{mutex};
+                requests.push_back(request);
+            }
+            script(request.substr(start, request.find(' ', start) - start), connection);
         }
-        script({connection.Get()});
     }
 
-    TempDirectory directory;
+    TemporaryDirectory directory;
     SDK::FileDescriptor listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    std::string request;
+    std::mutex mutex;  // guards the requests
+    std::vector<std::string> requests;
     std::thread thread;
 };
