@@ -92,11 +92,10 @@ public:
 
 class DockerUtil {
 public:
-    // Fills `info` for one container: from the collector's cache, or from the engine behind `client` for a container
-    // that the cache does not hold. One that neither knows is a container all the same, its control group says so:
-    // `info` then holds its id alone, so that an engine that is absent or hangs costs an alarm its names, not its
-    // delivery. False for what cannot be a container's id. An engine that does not answer costs the calling thread at
-    // most the client's time-out, and is not asked again for some seconds after that.
+    // Fills `info` for one container from the collector's cache; the engine behind `client` is not asked, so no caller
+    // waits for it. What the cache does not hold is a container all the same, its control group says so: `info` then
+    // has its id alone. An engine that is absent or hangs costs an alarm its names, not its delivery. False for what
+    // cannot be a container's id. Any thread.
     static bool GetContainerInfo(SDK::DockerClient& client, const std::string& containerId,
                                  Engine::ContainerInfo& info);
 
