@@ -3,13 +3,13 @@
 // for, and does no harm (every call is made with arguments that the kernel refuses, or that change nothing). Linked
 // statically, so that it runs in an image that holds nothing else.
 //
-//   probe WHO WHAT [ARG]    one deed; then "made NS PID" on the standard output: when it began, by CLOCK_MONOTONIC
-//   probe serve [WHO WHAT [ARG]]
-//                           the same, a line "WHO WHAT [ARG]" of the standard input at a time; "done" after each
+//   probe HOW WHAT [ARG]    one deed; then "made NS PID" on the standard output: when it began, by CLOCK_MONOTONIC
+//   probe serve [HOW WHAT [ARG]]
+//                           the same, a line "HOW WHAT [ARG]" of the standard input at a time; "done" after each
 //   probe spawn N [DEED..]  forks N children that wait for orders: to each, the first real-time signal means the first
-//                           DEED ("WHO WHAT [ARG]" in one word), the second the second; ends with the standard input
+//                           DEED ("HOW WHAT [ARG]" in one word), the second the second; ends with the standard input
 //
-// WHO:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
+// HOW:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
 //       runtime (a child that looks like a container runtime which executes a copy of itself), exec (a server only: it
 //       executes this program anew, and serves on)
 // WHAT: call NAME[,NAME...], shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
@@ -434,7 +434,7 @@ static void Spread(long calls, const char* name)
     }
 }
 
-// "WHO WHAT [ARG [ARG]]", ends with a null pointer.
+// "HOW WHAT [ARG [ARG]]", ends with a null pointer.
 static void DoWords(char** words)
 {
     DoAs(words[0], &(struct Deed){words[1], words[2], words[2] == NULL ? NULL : words[3]});
@@ -455,7 +455,7 @@ int main(int count, char** arguments)
     } else if (count >= 3) {
         DoWords(arguments + 1);
     } else {
-        fprintf(stderr, "usage: probe WHO WHAT [ARG] | serve [WHO WHAT [ARG]] | spawn N [DEED..] | spread N CALL\n");
+        fprintf(stderr, "usage: probe HOW WHAT [ARG] | serve [HOW WHAT [ARG]] | spawn N [DEED..] | spread N CALL\n");
         return 2;
     }
     return 0;

@@ -17,6 +17,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("CE_BUILD_DIR", ROOT / "build/release"))
@@ -35,7 +36,15 @@ def use_build(folder):
 # How long a step may take before it is called broken: far beyond what a busy machine needs.
 PATIENCE = 60.0
 
+# What the detectors call their alarms.
 HIGH_RISK = "High-Risk System Invocation"
+SHOCKER = "Shocker attack"
+BRUTE = "Bruteforce syscall attack"
+FILES = "Container file escape attack"
+NAMESPACE = "Namespace switch attack"
+# The engine mounts this file of the host into every container: its handle opens a file outside the image.
+HOST_FILE = "/etc/hostname"
+OPEN = ("--network", "none", "--security-opt", "seccomp=unconfined")
 # Alarms of one name are merged while the first of them is at most 2 s old, counted in whole seconds.
 MERGE_SECONDS = 3.1
 
@@ -51,7 +60,7 @@ def run(*command, **options):
 
 @contextlib.contextmanager
 def alone_on_this_machine():
-    """Waits until nobody else runs an agent: it would see the containers of all. The lock goes with this process."""
+    """Waits until no other run has an agent: it would see the containers of all. The lock goes with this process."""
     with open("/run/lock/containerescape-e2e.lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         yield
@@ -61,13 +70,12 @@ class Lines:
     """The lines of a pipe, each with the time at which it came."""
 
     def __init__(self, pipe):
-        self.pipe = pipe
         self.queue = queue.Queue()
         self.seen = []
-        threading.Thread(target=self._read, daemon=True).start()
+        threading.Thread(target=self._read, args=(pipe,), daemon=True).start()
 
-    def _read(self):
-        for line in self.pipe:
+    def _read(self, pipe):
+        for line in pipe:
             self.queue.put((time.monotonic_ns(), line.rstrip("\n")))
         self.queue.put((time.monotonic_ns(), None))
 
@@ -80,7 +88,7 @@ class Lines:
             except queue.Empty:
                 raise AssertionError("no such line in time; the last ones: %s" % self.seen[-12:]) from None
             if line is None:
-                self.queue.put((when, None))  # for whoever asks next
+                self.queue.put((when, None))  # for the next call
                 raise AssertionError("the pipe ended; its last lines: %s" % self.seen[-12:])
             self.seen.append(line)
             if wanted(line):
@@ -88,11 +96,9 @@ class Lines:
 
     def rest(self):
         """Everything up to the pipe's end."""
-        while True:
-            when, line = self.queue.get(timeout=PATIENCE)
-            if line is None:
-                return self.seen
+        while (line := self.queue.get(timeout=PATIENCE)[1]) is not None:
             self.seen.append(line)
+        return self.seen
 
 
 def make_root(root):
@@ -116,7 +122,6 @@ class Engine:
     """A Docker Engine of the tests' own."""
 
     def __init__(self, *options):
-        self.options = options
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="ce-engine."))
         self.socket = self.dir / "docker.sock"
         self.options = options
@@ -141,8 +146,7 @@ class Engine:
 
     def start(self, *words, image="probe:1", command=("sleep", "100000")):
         """Starts a container in the background. Returns its id."""
-        return self.docker("run", "-d", "--network", "none", "--security-opt", "seccomp=unconfined", *words, image,
-                           *command)
+        return self.docker("run", "-d", *OPEN, *words, image, *command)
 
     def inspect(self, container, form):
         return self.docker("inspect", "--format", form, container)
@@ -282,6 +286,12 @@ class Agent:
         self.process.stderr.close()
         self.folder.cleanup()
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
 
 def policy(calls=(), directories=(), whitelist=()):
     return {"content": {"image_white_namelist": list(whitelist),
@@ -289,13 +299,9 @@ def policy(calls=(), directories=(), whitelist=()):
                                                          "host_directorys": list(directories)}}}
 
 
-@contextlib.contextmanager
-def agent(document, *options, socket=None):
-    running = Agent(document, *options, socket=socket)
-    try:
-        yield running
-    finally:
-        running.close()
+def named(name):
+    """For Agent.alarm: an alarm of that name."""
+    return lambda document: document["event_name"] == name
 
 
 def is_call(name):
@@ -326,3 +332,39 @@ def median(values):
     ordered = sorted(values)
     middle = len(ordered) // 2
     return ordered[middle] if len(ordered) % 2 else (ordered[middle - 1] + ordered[middle]) / 2
+
+
+class InDocker(unittest.TestCase):
+    """Tests with an engine of their own for the whole class, and a folder of the host that containers can mount."""
+
+    engine_options = ()
+    images = ("probe:1",)
+
+    @classmethod
+    def setUpClass(cls):
+        cls.engine = Engine(*cls.engine_options)
+        cls.addClassCleanup(cls.engine.close)
+        cls.engine.make_image(*cls.images)
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="ce-watched.")))
+
+    def start(self, *words, **more):
+        """A container that is removed after the test."""
+        container = self.engine.start(*words, **more)
+        self.addCleanup(self.engine.remove, container)
+        return container
+
+    def agent(self, *options, calls=(), directories=(), whitelist=(), **more):
+        """An agent that follows the engine, and is stopped after the test or a "with" at the latest."""
+        more.setdefault("socket", self.engine.socket)
+        running = Agent(policy(calls, directories, whitelist), *options, **more)
+        self.addCleanup(running.close)
+        return running
+
+    def server(self, container="victim"):
+        server = Server(DOCKER, "exec", "-i", container, env=self.engine.environment)
+        self.addCleanup(server.close)
+        return server
+
+    def attack(self, *words, container="victim"):
+        """Returns when the deed began and the id of the thread that did it."""
+        return made(self.engine.docker("exec", container, "probe", *words))

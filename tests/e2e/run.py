@@ -5,6 +5,7 @@ import os
 import pathlib
 import shutil
 import sys
+import time
 import unittest
 
 sys.dont_write_bytecode = True
@@ -30,20 +31,35 @@ def main():
     reason = why_not()
     if reason and not os.environ.get("CE_TESTS_MUST_RUN"):
         print(f"skipped: {reason}")
-        print("end-to-end: 0 passed, 0 failed, 1 skipped")
+        print_counts(0, 1, [])
         return 0
     with harness.alone_on_this_machine():
         return run_tests()
+
+
+def print_counts(passed, skipped, failed):
+    print(f"passed: {passed}", f"skipped: {skipped}", *(f"failed: {name}" for name in failed), sep="\n")
+
+
+class Result(unittest.TextTestResult):
+    """Says how long each test took."""
+
+    def startTest(self, test):
+        super().startTest(test)
+        self.began = time.monotonic()
+
+    def stopTest(self, test):
+        super().stopTest(test)
+        self.stream.writeln(f"  {time.monotonic() - self.began:.1f} s")
 
 
 def run_tests():
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in sys.argv[1:]] or None
     suite = loader.discover(str(HERE))
-    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
-    failed = len({test.id() for test, _ in result.failures + result.errors})
-    print(f"end-to-end: {result.testsRun - failed - len(result.skipped)} passed, {failed} failed, "
-          f"{len(result.skipped)} skipped")
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2, resultclass=Result).run(suite)
+    failed = sorted({getattr(test, "test_case", test).id() for test, _ in result.failures + result.errors})
+    print_counts(result.testsRun - len(failed) - len(result.skipped), len(result.skipped), failed)
     return 0 if result.wasSuccessful() and result.testsRun else 1
 
 

@@ -19,14 +19,13 @@ import time
 import unittest
 
 import harness
-from harness import HIGH_RISK
+from harness import HIGH_RISK, OPEN, SHOCKER
 
 TRIES = 50
 
-# Those that set a container up, and one that nobody makes but the probe.
+# Those that set a container up, and one that only the probe makes.
 CALLS = ("mount", "umount2", "pivot_root", "chroot", "setns", "unshare", "keyctl", "ptrace", "bpf", "process_vm_readv")
-# All three calls have to be seen for this alarm.
-SHOCKER = "Shocker attack"
+# All three calls have to be seen for the alarm.
 DEED = ("call", "getdents64,getdents64,open_by_handle_at")
 ORDER = " ".join(DEED)
 ATTACK = ("probe", "self", *DEED)
@@ -40,8 +39,6 @@ VIEWS = {
     "v1": (*ALONE, 'umount /sys/fs/cgroup/unified && exec "$@"', "sh"),
     "v2": (*ALONE, 'mount --bind /sys/fs/cgroup/unified /sys/fs/cgroup && exec "$@"', "sh"),
 } if HYBRID else {"v2": ()}
-
-OPEN = ("--network", "none", "--security-opt", "seccomp=unconfined")
 
 
 def identity_in(alarm):
@@ -59,10 +56,7 @@ class Way:
     """The tries of one way, and which of them were noticed."""
 
     def __init__(self, name):
-        self.name = name
-        self.tries = 0
-        self.latencies = []
-        self.missed = []
+        self.name, self.tries, self.latencies, self.missed = name, 0, [], []
 
     def expect(self, wait, begun, container, event=SHOCKER):
         """An alarm has to come from `wait`, and to say this of its container."""
@@ -93,28 +87,24 @@ class Watched(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="ce-coverage.")))
-        cls.prepare()
-        cls.watch()
-
-    @classmethod
-    def watch(cls):
+        super().setUpClass()
         cls.fresh = cls.watcher()
         cls.steady = cls.watcher("--log-level", "debug")
 
     @classmethod
     def tearDownClass(cls):
-        for who in ("self", "fork", "thread", "vfork"):
-            harness.run(harness.PROBE, who, *DEED)
+        for how in ("self", "fork", "thread", "vfork"):
+            harness.run(harness.PROBE, how, *DEED)
         for agent in (cls.fresh, cls.steady):
             agent.stop()
-        alarms = [line for line in map(found, cls.steady.log.seen) if line]
-        assert len(alarms) == cls.expected, f"{len(alarms)} instead of {cls.expected}: {alarms[-3:]}"
+        cls.check([line for line in map(found, cls.steady.log.seen) if line])
         cls.check_delivered(cls.fresh.alarms())
 
     @classmethod
-    def check_delivered(cls, alarms):
+    def check(cls, alarms):
         assert len(alarms) == cls.expected, f"{len(alarms)} instead of {cls.expected}: {alarms[-3:]}"
+
+    check_delivered = check
 
     @classmethod
     def watcher(cls, *options):
@@ -122,38 +112,31 @@ class Watched(unittest.TestCase):
         cls.addClassCleanup(agent.close)
         return agent
 
-    def attack(self, name, *attacks):
+    def try_way(self, name, *attacks):
         """Makes the attacks in turn. Each returns what the probe said of it, and what an alarm has to say about the
         container."""
+        def steady_agent(patience):
+            return self.steady.log.wait_for(found, patience)
+
         way, steady = Way(name), Way(name)
         for attack, _ in zip(itertools.cycle(attacks), range(TRIES)):
             self.fresh.reload()
             (begun, _), container = attack()
             way.tries += 1
             way.expect(self.fresh.alarm, begun, container)
-            self.expect_steady(steady, begun, container)
+            steady.expect(steady_agent, begun, container)
         way.missed += steady.missed
         way.close()
         type(self).expected += TRIES
 
-    def expect_steady(self, way, begun, container):
-        def steady_agent(patience):
-            return self.steady.log.wait_for(found, patience)
 
-        way.expect(steady_agent, begun, container)
-
-
-class InDocker(Watched):
+class Containers(harness.InDocker):
     """What those have in common whose containers an engine knows."""
 
-    options = ()
-
     @classmethod
-    def prepare(cls):
-        cls.engine = harness.Engine(*cls.options)
-        cls.addClassCleanup(cls.engine.close)
+    def setUpClass(cls):
+        super().setUpClass()
         cls.socket = cls.engine.socket
-        cls.engine.make_image("probe:1")
         cls.image_id = cls.engine.docker("image", "inspect", "--format", "{{.Id}}", "probe:1")
 
     def known(self, name, container=None):
@@ -164,7 +147,7 @@ class InDocker(Watched):
     def docker(self, *words):
         return harness.made(self.engine.docker(*words))
 
-    def server(self, kind, *prefix):
+    def served(self, kind, *prefix):
         server = kind(harness.DOCKER, *prefix, env=self.engine.environment)
         self.addCleanup(server.close)
         return server
@@ -187,43 +170,35 @@ class InDocker(Watched):
         raise AssertionError(f"{name} did not attack")
 
 
-class RunningContainers(InDocker):
+class RunningContainers(Watched, Containers):
     def test_every_way_into_a_container(self):
         self.engine.start("-i", "--name", "victim", "--cap-add", "SYS_ADMIN", command=("probe", "serve"))
         victim = self.known("victim")
         self.engine.docker("create", "-i", *OPEN, "--name", "again", "probe:1", "probe", "serve", *ATTACK[1:])
         again = self.known("again")
-        shell = self.server(harness.Shell, "exec", "-i", "victim")
+        shell = self.served(harness.Shell, "exec", "-i", "victim")
 
         def restart():
             before = time.monotonic_ns()
             self.engine.docker("restart", "-t", "0", "again")
             return self.deed_of("again", before), again
 
-        self.attack("the first process of docker run", self.first_process)
-        self.attack("docker exec", lambda: (self.docker("exec", "victim", *ATTACK), victim))
+        self.try_way("the first process of docker run", self.first_process)
+        self.try_way("docker exec", lambda: (self.docker("exec", "victim", *ATTACK), victim))
         # As an image's health check may be called: by the name under which runtimes execute themselves.
-        self.attack("docker exec under a runtime's name",
-                    lambda: (self.docker("exec", "victim", "/proc/1/exe", *ATTACK[1:]), victim))
-        self.attack("a shell forks and execs", lambda: (shell.do(f"self {ORDER}"), victim))
-        for who, name in {"fork": "fork alone", "daemon": "double fork with setsid", "thread": "thread",
+        self.try_way("docker exec under a runtime's name",
+                     lambda: (self.docker("exec", "victim", "/proc/1/exe", *ATTACK[1:]), victim))
+        self.try_way("a shell forks and execs", lambda: (shell.do(f"self {ORDER}"), victim))
+        for how, name in {"fork": "fork alone", "daemon": "double fork with setsid", "thread": "thread",
                           "vfork": "vfork and exec", "namespaces": "clone with new namespaces"}.items():
-            self.attack(name, lambda who=who: (shell.do(f"{who} {ORDER}"), victim))
-        self.attack("exec in place",
-                    lambda: (self.docker("exec", "victim", "sh", "-c", f"exec probe self {ORDER}"), victim))
-        self.attack("docker restart", restart)
+            self.try_way(name, lambda how=how: (shell.do(f"{how} {ORDER}"), victim))
+        self.try_way("exec in place",
+                     lambda: (self.docker("exec", "victim", "sh", "-c", f"exec probe self {ORDER}"), victim))
+        self.try_way("docker restart", restart)
 
 
-class YoungAgents(InDocker):
+class YoungAgents(Containers):
     """Agents of their own, which are not reloaded: alarms of two names from each, one for each of two attacks."""
-
-    @classmethod
-    def watch(cls):
-        pass
-
-    @classmethod
-    def tearDownClass(cls):
-        pass
 
     def both(self, agent, way, servers, orders, containers):
         for server, order, container, event in zip(servers, orders, containers, (SHOCKER, HIGH_RISK)):
@@ -232,17 +207,14 @@ class YoungAgents(InDocker):
         agent.stop()
         self.assertEqual(len(agent.alarms()), len(servers))
 
-    def new_agent(self):
-        return harness.agent(harness.policy(CALLS), socket=self.socket)
-
     def test_a_container_that_ran_before_the_agent(self):
         self.engine.start("--name", "before", "--cap-add", "SYS_ADMIN")
-        for who, deed in {"self": "acts", "exec": "execs"}.items():
-            server = self.server(harness.Server, "exec", "-i", "before")
+        for how, deed in {"self": "acts", "exec": "execs"}.items():
+            server = self.served(harness.Server, "exec", "-i", "before")
             way = Way(f"a process from before the agent {deed}")
             for _ in range(TRIES // 2):
-                with self.new_agent() as agent:
-                    self.both(agent, way, [server] * 2, (f"{who} {ORDER}", f"{who} call process_vm_readv"),
+                with self.agent(calls=CALLS) as agent:
+                    self.both(agent, way, [server] * 2, (f"{how} {ORDER}", f"{how} call process_vm_readv"),
                               [self.known("before")] * 2)
             way.close()
 
@@ -257,7 +229,7 @@ class YoungAgents(InDocker):
                 starts = [pool.submit(harness.Attached, harness.DOCKER, "start", "-ai", name,
                                       env=self.engine.environment) for name in names]
                 time.sleep(number * 0.03)  # from long before their first processes to long after these
-                with self.new_agent() as agent:
+                with self.agent(calls=CALLS) as agent:
                     servers = [start.result() for start in starts]
                     self.both(agent, way, servers, (f"self {ORDER}", "self call process_vm_readv"), containers)
             for server in servers:
@@ -265,8 +237,8 @@ class YoungAgents(InDocker):
         way.close()
 
 
-class ContainersLiveOn(InDocker):
-    options = ("--live-restore",)
+class ContainersLiveOn(Watched, Containers):
+    engine_options = ("--live-restore",)
 
     def test_the_engine_restarts_under_its_containers(self):
         residents = [self.resident(f"lives{number}") for number in range(5)]
@@ -279,7 +251,7 @@ class ContainersLiveOn(InDocker):
             return self.docker("exec", container["container_name"], *ATTACK), container
 
         attacks = [lambda way=way, resident=resident: way(*resident) for resident in residents for way in (act, join)]
-        self.attack("containers that live on when the engine restarts", *attacks)
+        self.try_way("containers that live on when the engine restarts", *attacks)
 
     def resident(self, name):
         folder = self.folder / name
@@ -290,7 +262,7 @@ class ContainersLiveOn(InDocker):
         return server, self.known(name)
 
 
-class ContainersStartAgain(InDocker):
+class ContainersStartAgain(Watched, Containers):
     def test_the_engine_restarts_its_containers(self):
         """They all attack at once, so that one alarm stands for several: the log has each."""
         names = [f"always{number}" for number in range(10)]
@@ -325,9 +297,11 @@ class WithoutEngine(Watched):
     """Runtimes alone, and engines that the agent does not ask: an alarm has the id only."""
 
     @classmethod
-    def prepare(cls):
+    def setUpClass(cls):
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="ce-coverage.")))
         harness.make_root(cls.folder / "root")
         cls.addClassCleanup(cls.remove_groups)
+        super().setUpClass()
 
     @classmethod
     def remove_groups(cls):
@@ -342,12 +316,12 @@ class WithoutEngine(Watched):
             made = harness.made(harness.run(*run(container, *ATTACK)))
             return made, {"container_id": id_of(container)}
 
-        self.attack(f"{name}: first process", first)
+        self.try_way(f"{name}: first process", first)
         container = secrets.token_hex(32)
         server = harness.Attached(*run(container, "probe", "serve"))
         self.addCleanup(server.close)
-        self.attack(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
-                                                             {"container_id": id_of(container)}))
+        self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
+                                                               {"container_id": id_of(container)}))
 
     def test_runtimes(self):
         for name, command in {"runc": ("runc",), **{f"crun, {view}": (*VIEWS[view], "crun") for view in VIEWS}}.items():
@@ -404,7 +378,3 @@ disabled_plugins = ["io.containerd.grpc.v1.cri"]
             *ctr, "run", "--rm", "--rootfs", self.folder / "root", container, f"/bin/{words[0]}", *words[1:]),
                   lambda container, *words: (*ctr, "tasks", "exec", "--exec-id", f"e{next(numbers)}", container,
                                              f"/bin/{words[0]}", *words[1:]))
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -5,36 +5,30 @@ import os
 import pathlib
 import random
 import signal
-import tempfile
 import time
-import unittest
 
 import harness
-from harness import HIGH_RISK, MERGE_SECONDS
+from harness import BRUTE, FILES, HIGH_RISK, MERGE_SECONDS, SHOCKER
 
 CONTAINERS = 4
 PROCESSES = 500  # in each container
 CALLS = ("unshare", "setns", "mount", "umount2", "pivot_root", "chroot", "keyctl", "ptrace")
 
 # What a process can be told to do, by the number of the signal, and the alarm that it must give.
-DEEDS = [(f"{who} {what}", alarm)
+DEEDS = [(f"{how} {what}", alarm)
          for what, alarm in [(f"call {call}", HIGH_RISK) for call in CALLS] +
-         [("shocker /etc/hostname", "Shocker attack"), ("brute 301", "Bruteforce syscall attack"),
-          ("write /host/target", "Container file escape attack")]
-         for who in ("self", "fork")]
+         [("shocker /etc/hostname", SHOCKER), ("brute 301", BRUTE), ("write /host/target", FILES)]
+         for how in ("self", "fork")]
 
 
-class AmongThousands(unittest.TestCase):
+class AmongThousands(harness.InDocker):
     def agent(self):
-        running = harness.Agent(harness.policy(CALLS, [self.watched]), socket=self.engine.socket)
-        self.addCleanup(running.close)
-        return running
+        return super().agent(calls=CALLS, directories=[str(self.folder)])
 
     def start_crowd(self, name):
         """A container with many processes that wait for signals. Returns their ids."""
-        container = self.engine.start("-i", "--name", name, "--cap-add", "DAC_READ_SEARCH", "-v", f"{self.watched}:/host",
-                                      command=("probe", "spawn", str(PROCESSES), *(deed for deed, _ in DEEDS)))
-        self.addCleanup(self.engine.remove, container)
+        container = self.start("-i", "--name", name, "--cap-add", "DAC_READ_SEARCH", "-v", f"{self.folder}:/host",
+                               command=("probe", "spawn", str(PROCESSES), *(deed for deed, _ in DEEDS)))
         first = int(self.engine.inspect(name, "{{.State.Pid}}"))
         deadline = time.monotonic() + harness.PATIENCE
         while True:
@@ -66,8 +60,8 @@ class AmongThousands(unittest.TestCase):
         missed, tries = [], 0
         attackers = iter(random.sample(crowd, 4 * len(CALLS)))
         for window in range(len(CALLS)):
-            who = window % 2  # by itself, or by a child that it forks for the purpose
-            deeds = [2 * kind + who for kind in (window, len(CALLS), len(CALLS) + 1, len(CALLS) + 2)]
+            how = window % 2  # by itself, or by a child that it forks for the purpose
+            deeds = [2 * kind + how for kind in (window, len(CALLS), len(CALLS) + 1, len(CALLS) + 2)]
             chosen = [next(attackers) for _ in deeds]
             missed += self.attack(agent, chosen, deeds)
             tries += len(deeds)
@@ -79,20 +73,13 @@ class AmongThousands(unittest.TestCase):
         return missed
 
     def test_every_attack_is_noticed(self):
-        self.engine = harness.Engine()
-        self.addCleanup(self.engine.close)
-        self.engine.make_image("probe:1")
-        folder = tempfile.TemporaryDirectory(prefix="ce-watched.")
-        self.addCleanup(folder.cleanup)
-        self.watched = folder.name
         crowd = [pid for number in range(CONTAINERS // 2) for pid in self.start_crowd(f"early{number}")]
         agent = self.agent()
         crowd += [pid for number in range(CONTAINERS // 2) for pid in self.start_crowd(f"late{number}")]
         missed = self.campaign(agent, crowd, "at rest")
 
         agent = self.agent()  # each call may be alarmed again, and nearly all have to be announced
-        self.engine.start("--name", "churn", command=("sh", "-c", "while :; do /bin/true; done"))
-        self.addCleanup(self.engine.remove, "churn")
+        self.start("--name", "churn", command=("sh", "-c", "while :; do /bin/true; done"))
         forks, began = self.forks(), time.monotonic()
         missed += self.campaign(agent, crowd, "in churn")
         rate = (self.forks() - forks) / (time.monotonic() - began)
@@ -105,7 +92,3 @@ class AmongThousands(unittest.TestCase):
         """Processes forked on this machine since it was started."""
         lines = pathlib.Path("/proc/stat").read_text().splitlines()
         return next(int(line.split()[1]) for line in lines if line.startswith("processes "))
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -23,7 +23,7 @@ class Operator(unittest.TestCase):
                 self.assertIn(reason, done.stderr)
 
     def test_a_policy_is_read_again_and_a_bad_one_refused(self):
-        with harness.agent(harness.policy(("mount", "nosuchcall", "bpf"))) as agent:
+        with harness.Agent(harness.policy(("mount", "nosuchcall", "bpf"))) as agent:
             self.assertIn("watching 1 of 3 listed calls", agent.ready_line)
             log = "\n".join(agent.log.seen)
             self.assertIn('call "nosuchcall": the kernel has no trace event', log)
@@ -47,7 +47,3 @@ class Operator(unittest.TestCase):
                 agent.send_signal(signal.SIGINT)
                 self.assertIn("stopped: events_read=", agent.stderr.read())
             self.assertEqual(agent.returncode, 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,16 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the runtime, the engine and the host do is never taken for a container's deed, and hides none."""
 
+import concurrent.futures
 import os
 import pathlib
 import signal
 import tempfile
 import threading
 import time
-import unittest
 
 import harness
-from harness import HIGH_RISK, MERGE_SECONDS, is_call
+from harness import BRUTE, FILES, HIGH_RISK, HOST_FILE, MERGE_SECONDS, SHOCKER, named
 
 # What runc 1.1.5, its shim and the engine's helpers call from the first fork for a container to the exec of its program,
 # as recorded with raw_syscalls:sys_enter, and their relatives. Left out is what the benign program of these tests, the
@@ -53,8 +53,8 @@ class HostAtWork:
 
     def _work(self):
         while not self.over.wait(0.05):
-            for who, call in (("fork", "unshare"), ("self", "mount"), ("thread", "setns"), ("runtime", "pivot_root")):
-                self.server.do(f"{who} call {call}")
+            for how, call in (("fork", "unshare"), ("self", "mount"), ("thread", "setns"), ("runtime", "pivot_root")):
+                self.server.do(f"{how} call {call}")
 
     def close(self):
         self.over.set()
@@ -62,35 +62,21 @@ class HostAtWork:
         self.server.close()
 
 
-class Precision(unittest.TestCase):
+class Precision(harness.InDocker):
+    engine_options = ("--live-restore",)
+
     @classmethod
     def setUpClass(cls):
         cls.addClassCleanup(cls.remove_groups)
-        cls.engine = harness.Engine("--live-restore")
-        cls.addClassCleanup(cls.engine.close)
-        cls.engine.make_image("probe:1")
-        folder = tempfile.TemporaryDirectory(prefix="ce-watched.")
-        cls.addClassCleanup(folder.cleanup)
-        cls.watched = pathlib.Path(folder.name)
-        (cls.watched / "target").write_text("by the host\n")
+        super().setUpClass()
+        (cls.folder / "target").write_text("by the host\n")
 
-    def start(self, *words, **more):
-        more.setdefault("command", IDLE)
-        container = self.engine.start(*words, **more)
-        self.addCleanup(self.engine.remove, container)
-        return container
-
-    def agent(self, calls, directories=()):
-        running = harness.Agent(harness.policy(calls, directories), socket=self.engine.socket)
-        self.addCleanup(running.close)
-        return running
-
-    def attack(self, container, *words):
-        return self.engine.docker("exec", container, "probe", *words)
+    def start(self, *words, command=IDLE):
+        return super().start(*words, command=command)
 
     def run_benign(self, count):
         for _ in range(count):
-            self.engine.docker("run", "--rm", "--network", "none", "-v", f"{self.watched}:/host", "-w", "/host",
+            self.engine.docker("run", "--rm", "--network", "none", "-v", f"{self.folder}:/host", "-w", "/host",
                                "probe:1", *BENIGN)
 
     def exec_benign(self, count):
@@ -99,11 +85,8 @@ class Precision(unittest.TestCase):
 
     def at_once(self, work, count, workers=3):
         shares = [count // workers + (worker < count % workers) for worker in range(workers)]
-        threads = [threading.Thread(target=work, args=(share,)) for share in shares]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
+        with concurrent.futures.ThreadPoolExecutor(workers) as pool:
+            list(pool.map(work, shares))
 
     def build(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -119,19 +102,16 @@ class Precision(unittest.TestCase):
     def copy(self):
         for there in ("/tmp/copy", "/host/copy"):
             self.engine.docker("cp", harness.PROBE, f"victim:{there}")
-            self.engine.docker("cp", f"victim:{there}", self.watched / "back")
+            self.engine.docker("cp", f"victim:{there}", self.folder / "back")
 
     def rule(self):
-        self.engine.docker("pause", "victim")
-        self.engine.docker("unpause", "victim")
-        self.engine.docker("top", "victim")
-        self.engine.docker("commit", "victim", "committed:1")
-        self.engine.docker("export", "-o", self.watched / "exported", "victim")
-        self.engine.docker("kill", self.start("--name", "killed"))
+        for words in ("pause victim", "unpause victim", "top victim", "commit victim committed:1",
+                      f"export -o {self.folder}/exported victim", "kill " + self.start("--name", "killed")):
+            self.engine.docker(*words.split())
 
     def test_only_attacks_alarm_whatever_the_engine_does(self):
         victim = self.start("--name", "victim", "--cap-add", "SYS_ADMIN", "--cap-add", "DAC_READ_SEARCH",
-                            "-v", f"{self.watched}:/host")
+                            "-v", f"{self.folder}:/host")
         phases = (
             (lambda: self.at_once(self.run_benign, 100), "unshare"),
             (lambda: self.at_once(self.exec_benign, 100), "setns"),
@@ -142,24 +122,23 @@ class Precision(unittest.TestCase):
             (self.copy, "chroot"),
             (self.rule, "capset"),
         )
-        agent = self.agent(RUNTIME_CALLS, [f"{self.engine.dir}/data/containers*/*rwa", f"{self.watched}*/*rwa"])
+        agent = self.agent(calls=RUNTIME_CALLS, directories=[f"{self.engine.dir}/data/containers*/*rwa",
+                                                             f"{self.folder}*/*rwa"])
         host = HostAtWork()
         self.addCleanup(host.close)
         expected, latencies = [], []
         for phase, call in phases:
             phase()
-            made = self.attack("victim", "self", "call", call)
+            made, _ = self.attack("self", "call", call)
             arrived, alarm = agent.alarm()
             self.assertEqual(alarm.get("forensic_info"), {"sys_call": call}, alarm)
             expected.append((HIGH_RISK, victim))
-            latencies.append((arrived - int(made.split()[1])) / 1e6)
+            latencies.append((arrived - made) / 1e6)
             time.sleep(MERGE_SECONDS)
         # The other detectors were on as well.
-        for name, deed in (("Container file escape attack", ("write", "/host/target")),
-                           ("Bruteforce syscall attack", ("brute", "301")),
-                           ("Shocker attack", ("shocker", "/etc/hostname"))):
-            self.attack("victim", "self", *deed)
-            agent.alarm(lambda document, name=name: document["event_name"] == name)
+        for name, deed in {FILES: "write /host/target", BRUTE: "brute 301", SHOCKER: f"shocker {HOST_FILE}"}.items():
+            self.attack("self", *deed.split())
+            agent.alarm(named(name))
         counts = agent.stop()
         print(f"\n  100 runs, 100 execs: {len(agent.alarms())} alarms, of attacks all; call to alarm "
               f"{min(latencies):.1f} to {max(latencies):.1f} ms; {counts}")
@@ -169,7 +148,7 @@ class Precision(unittest.TestCase):
         self.assertEqual(counts["shed_kernel"] + counts["shed"] + counts["lost_kernel"] + counts["lost_queues"], 0)
 
     def watching(self):
-        return harness.agent(harness.policy(SET_UP_CALLS), socket=self.engine.socket)
+        return self.agent(calls=SET_UP_CALLS)
 
     def assert_only(self, agent, call, container):
         agent.alarm()
@@ -187,10 +166,10 @@ class Precision(unittest.TestCase):
                     self.assert_only(agent, "unshare", first)
                 with self.watching() as agent:
                     running = self.start(*options.split())
-                    self.attack(running, "thread", "call", "setns")
+                    self.attack("thread", "call", "setns", container=running)
                     self.assert_only(agent, "setns", running)
 
-    def test_who_pretends_to_be_the_runtime_is_seen(self):
+    def test_a_process_that_pretends_to_be_the_runtime_is_seen(self):
         pretender = self.start("--cap-add", "SYS_ADMIN", "--cgroupns", "host", "-v", "/sys/fs/cgroup:/groups")
         leave = "for group in /groups/*; do %s; done 2>/dev/null; exec probe fork call mount"
         for deed in (("probe", "runtime", "call", "mount"),
@@ -200,7 +179,7 @@ class Precision(unittest.TestCase):
                 self.engine.docker("exec", pretender, *deed)
                 self.assert_only(agent, "mount", pretender)
 
-    def test_who_is_gone_before_anybody_looks_is_seen(self):
+    def test_a_process_that_is_gone_before_the_agent_looks_is_seen(self):
         for name in ("/bin/probe", "/memfd:runc_cloned"):
             with self.subTest(first=name), self.watching() as agent:
                 os.kill(agent.pid, signal.SIGSTOP)
@@ -217,7 +196,3 @@ class Precision(unittest.TestCase):
         for group in [*pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}/*/"),
                       *pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}")]:
             group.rmdir()
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)

@@ -1,44 +1,30 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Containers that make watched calls as fast as they can: they hide nobody else, and every call is accounted for."""
+"""Containers that make watched calls as fast as they can: they hide no other container, and every call is accounted for."""
 
 import itertools
 import json
 import os
-import pathlib
-import tempfile
 import threading
 import time
-import unittest
 
 import harness
+from harness import HOST_FILE, SHOCKER, named
 
-HOST_FILE = "/etc/hostname"  # the engine mounts it into every container
 CPUS = sorted(os.sched_getaffinity(0))
 TRIES = 20
 
 
-def is_shocker(alarm):
-    return alarm["event_name"] == "Shocker attack"
-
-
-class Storms(unittest.TestCase):
+class Storms(harness.InDocker):
     @classmethod
     def setUpClass(cls):
-        cls.engine = harness.Engine()
-        cls.addClassCleanup(cls.engine.close)
-        cls.engine.make_image("probe:1")
+        super().setUpClass()
         cls.other = cls.engine.start("--name", "other", "--cap-add", "DAC_READ_SEARCH")
-
-    def server(self, container):
-        server = harness.Server(harness.DOCKER, "exec", "-i", container, env=self.engine.environment)
-        self.addCleanup(server.close)
-        return server
 
     def loud_containers(self, *options):
         """One for each CPU, which it stays on."""
         names = [f"loud{cpu}" for cpu in CPUS]
         for cpu, name in zip(CPUS, names):
-            self.addCleanup(self.engine.remove, self.engine.start("--name", name, "--cpuset-cpus", str(cpu), *options))
+            self.start("--name", name, "--cpuset-cpus", str(cpu), *options)
         return names
 
     def storm(self, names, *command):
@@ -46,21 +32,26 @@ class Storms(unittest.TestCase):
         for name in names:
             self.engine.docker("exec", "-d", name, *command)
 
-    def attack_in(self, server, agent, tries):
-        """How long the alarm took after each of the tries, in ms; None where it did not come."""
+    def attack_in(self, what, server, agent):
+        """Attacks some times, then ends the agent and the storm. Returns how many alarms came within half a second, and
+        the agent's counts."""
         took = []
-        for _ in range(tries):
+        for _ in range(TRIES):
             agent.reload()  # or the alarms of two tries would be merged
             time.sleep(0.2)  # detection is as far behind as it gets
             made, _ = server.do(f"fork shocker {HOST_FILE}")
             try:
-                arrived, alarm = agent.alarm(is_shocker, patience=1)
+                arrived, alarm = agent.alarm(named(SHOCKER), patience=1)
             except AssertionError:
-                took.append(None)
                 continue
             self.assertEqual(alarm["resource_info"]["container_id"], self.other)
             took.append((arrived - made) / 1e6)
-        return took
+        counts = agent.stop()
+        self.doCleanups()
+        in_time = sum(each <= 500 for each in took)
+        print(f"\n  {what}: {in_time} of {TRIES} within 500 ms, {len(took)} at all; median "
+              f"{harness.median(took or [0]):.1f} ms, maximum {max(took, default=0):.1f} ms; {counts}")
+        return in_time, counts
 
     def test_no_storm_hides_an_attack_in_another_container(self):
         endless = str(10**15)
@@ -76,44 +67,27 @@ class Storms(unittest.TestCase):
                     names = self.loud_containers()
                     other = self.server("other")
                     self.storm(names, "probe", *words)
-                    with harness.agent(harness.policy(["unshare"]), "--syscalls", source,
-                                       socket=self.engine.socket) as agent:
-                        took = self.attack_in(other, agent, TRIES)
-                        counts = agent.stop()
-                    self.doCleanups()
-                    seen = [each for each in took if each is not None]
-                    in_time = sum(each <= 500 for each in seen)
-                    print(f"\n  {source}, {what}: {in_time} of {len(took)} within 500 ms, {len(seen)} at all; median "
-                          f"{harness.median(seen or [0]):.1f} ms, maximum {max(seen, default=0):.1f} ms; {counts}")
+                    agent = self.agent("--syscalls", source, calls=["unshare"])
+                    in_time, counts = self.attack_in(f"{source}, {what}", other, agent)
                     self.assertGreater(sum(counts.values()), 1000000, "the storm was none")
                     self.assertGreaterEqual(in_time, least)
 
     def test_no_flood_of_accesses_hides_an_attack_in_another_container(self):
-        folder = tempfile.TemporaryDirectory(prefix="ce-watched.")
-        self.addCleanup(folder.cleanup)
-        names = self.loud_containers("-v", f"{folder.name}:/host")
+        names = self.loud_containers("-v", f"{self.folder}:/host")
         other = self.server("other")
         # Thousands of files each, or the kernel merges most of the notifications.
         loops = "for a in $D; do for b in $D; do for c in $D; do for d in $D; do echo x >/host/$0$a$b$c$d; "
         for name in names:
             self.storm([name], "sh", "-c", f"D='1 2 3 4 5 6 7 8 9'; while :; do {loops} {'done; ' * 5}", name)
-        with harness.agent(harness.policy(["unshare"], [folder.name]), socket=self.engine.socket) as agent:
-            took = self.attack_in(other, agent, TRIES)
-            counts = agent.stop()
-        self.doCleanups()
-        seen = [each for each in took if each is not None]
-        print(f"\n  {len(seen)} of {len(took)}; median {harness.median(seen or [0]):.1f} ms, "
-              f"maximum {max(seen, default=0):.1f} ms; {counts}")
+        agent = self.agent(calls=["unshare"], directories=[str(self.folder)])
+        in_time, counts = self.attack_in("a flood of accesses", other, agent)
         self.assertGreater(counts["events_read"], 20000, "the flood was none")
-        self.assertEqual(sum(each <= 500 for each in seen), TRIES)
+        self.assertEqual(in_time, TRIES)
 
     def account_for(self, servers, calls, source, kb, slowed):
         """Has each server make that many calls at once. Returns the agent's counters at its end."""
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        stats = pathlib.Path(folder.name) / "stats.json"
-        with harness.agent(harness.policy(["getppid"]), "--buffer-kb", str(kb), "--stats", str(stats), "--syscalls", source,
-                           socket=self.engine.socket) as agent:
+        stats = self.folder / "stats.json"
+        with self.agent("--buffer-kb", str(kb), "--stats", str(stats), "--syscalls", source, calls=["getppid"]) as agent:
             if slowed:
                 os.sched_setscheduler(agent.thread("container_escap"), os.SCHED_IDLE, os.sched_param(0))
             storms = [threading.Thread(target=server.do, args=(f"self storm {calls} getppid",)) for server in servers]
@@ -142,7 +116,3 @@ class Storms(unittest.TestCase):
                 self.assertEqual(others, 0) if source == "bpf" else self.assertIn(others, range(0, 1000))
                 self.assertEqual(counts["calls.read"], counts["calls.delivered"] + counts["trace.not_container"] +
                                  counts["trace.shed"] + counts["calls.refused"])
-
-
-if __name__ == "__main__":
-    unittest.main(verbosity=2)
