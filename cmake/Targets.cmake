@@ -17,7 +17,8 @@ target_include_directories(ce_options INTERFACE
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/containerescape>)
 target_compile_features(ce_options INTERFACE cxx_std_20)
 if(CE_SANITIZE)
-    target_compile_options(ce_options INTERFACE $<BUILD_INTERFACE:-fsanitize=${CE_SANITIZE} -fno-omit-frame-pointer>)
+    target_compile_options(ce_options INTERFACE $<BUILD_INTERFACE:
+        -fsanitize=${CE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer>)
     target_link_options(ce_options INTERFACE $<BUILD_INTERFACE:-fsanitize=${CE_SANITIZE}>)
 endif()
 
@@ -33,13 +34,28 @@ target_link_libraries(ce_test_options INTERFACE ce_host_options)
 target_compile_options(ce_test_options INTERFACE
     "$<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized;-Wno-array-bounds;-Wno-stringop-overflow;-Wno-stringop-overread>")
 
-# ce_precompile(target file): `file` is precompiled for the target, if that is wanted.
-function(ce_precompile target file)
+# ce_precompiled(name file position-independent): a target whose precompiled header others take over with
+# ce_take_precompiled(target name), if that is wanted. It is compiled once for all of them.
+function(ce_precompiled name file position_independent)
     if(CE_PRECOMPILE)
-        target_precompile_headers(${target} PRIVATE
-            "$<$<COMPILE_LANGUAGE:CXX>:${PROJECT_SOURCE_DIR}/cmake/${file}>")
+        # C, too: a target with sources in both languages looks for both.
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.cpp CONTENT "")
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.c CONTENT "typedef int nothing;")
+        add_library(${name} OBJECT ${PROJECT_BINARY_DIR}/${name}.cpp ${PROJECT_BINARY_DIR}/${name}.c)
+        set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ${position_independent})
+        target_link_libraries(${name} PRIVATE ${ARGN})
+        target_precompile_headers(${name} PRIVATE
+            "$<$<COMPILE_LANGUAGE:CXX>:${PROJECT_SOURCE_DIR}/cmake/${file}>"
+            "$<$<COMPILE_LANGUAGE:C>:stddef.h>")
     endif()
 endfunction()
+function(ce_take_precompiled target name)
+    if(CE_PRECOMPILE)
+        target_precompile_headers(${target} REUSE_FROM ${name})
+    endif()
+endfunction()
+ce_precompiled(ce_precompiled_library Precompiled.h ON
+    ce_host_options Poco::Foundation Poco::Util PkgConfig::JSONCPP Threads::Threads)
 
 # ce_shared_library(target output-name source...): a shared library "lib<output-name>.so" without a version suffix,
 # because a plug-in is loaded by that very name.
@@ -51,10 +67,7 @@ function(ce_shared_library target output)
         BUILD_RPATH "$ORIGIN"
         INSTALL_RPATH "$ORIGIN")
     target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,--as-needed)
-    list(LENGTH ARGN sources)
-    if(sources GREATER 5)  # fewer do not pay for it
-        ce_precompile(${target} Precompiled.h)
-    endif()
+    ce_take_precompiled(${target} ce_precompiled_library)
     set(export "")
     if(target IN_LIST CE_CONTRACT_LIBRARIES)
         set(export EXPORT containerescape-sdk)

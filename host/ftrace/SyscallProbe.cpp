@@ -43,7 +43,7 @@ constexpr std::size_t mostProcesses = std::size_t{1} << 22;
 }
 
 // What the library says of a failure are hundreds of lines, the verifier's: shown only at the level debug.
-int Print(libbpf_print_level level, const char* format, va_list arguments)
+[[gnu::format(printf, 2, 0)]] int Print(libbpf_print_level level, const char* format, va_list arguments)
 {
     if (level == LIBBPF_DEBUG) {
         return 0;

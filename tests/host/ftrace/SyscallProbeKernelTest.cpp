@@ -153,7 +153,7 @@ TEST_F(SyscallProbeTest, LeavesOutTheHostWithItsChildrenUntilOneIsMoved)
         std::filesystem::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
     const std::filesystem::path group = root / ("probe-test-" + std::to_string(::getpid()));
     std::filesystem::create_directory(group);
-    const auto join = [&group](const std::filesystem::path& where) {
+    const auto join = [](const std::filesystem::path& where) {
         std::ofstream{where / "cgroup.procs"} << 0;
     };
     // Moved between the ticket and its use: the ticket is void.
