@@ -11,7 +11,7 @@
 
 // How a watch behaves. Set by position in the order of declaration. This host looks at none of them: it always notifies
 // after the access, in the order of the accesses, of all at and below the path, and waits for a path that does not
-// exist. NOLINTNEXTLINE(bugprone-reserved-identifier): the name is part of the contract.
+// exist. NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the name is part of the contract.
 struct _FileNotifyOpt {
     bool permission = false;    // ask before the access is allowed; never honoured: the agent cannot hang its host
     bool once = false;          // drop the watch after its first notification
