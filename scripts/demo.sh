@@ -5,7 +5,7 @@
 # the engine about the container, and the Dirty COW detector follows in silence.
 #   demo.sh [BUILD_DIR]   default build/release
 # Ends with 0 when all alarms came, 1 when one did not within 30 s, 77 when this machine cannot run it. Mounts tracefs
-# where it is not mounted, and leaves it so: somebody else may use it by then.
+# where it is not mounted, and leaves it so: another program may use it by then.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

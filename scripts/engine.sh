@@ -50,7 +50,7 @@ case $action in
     restart) stop_daemon; start_daemon "$@" ;;
     stop)
         if alive; then
-            for _ in $(seq 20); do  # somebody else may be removing one of them just now
+            for _ in $(seq 20); do  # another client may be removing one of them just now
                 containers=$("$docker" ps -aq)
                 [ -n "$containers" ] || break
                 # shellcheck disable=SC2086  # one word for each container

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs those of Debian's packages that are missing here: what building and running needs, with "test" also what the
 # tests need. Asks the package lists for news only when something is missing.
+#   install-packages.sh [--ask] [test]   --ask: asks before it installs, if a person sits at the terminal
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
@@ -10,6 +11,8 @@ build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-de
 test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun busybox-static python3 clang-format
     clang-tidy git procps)
 
+ask=
+if [ "${1:-}" = --ask ]; then ask=1; shift; fi
 packages=("${build[@]}")
 [ "${1:-}" != test ] || packages+=("${test[@]}")
 missing=()
@@ -21,6 +24,10 @@ done
 [ ${#missing[@]} -gt 0 ] || exit 0
 
 [ "$(id -u)" = 0 ] || { echo "Missing packages: ${missing[*]}. Run this as root." >&2; exit 77; }
+if [ -n "$ask" ] && [ -t 0 ] && [ -t 1 ]; then
+    read -r -p "Install ${missing[*]}? [Y/n] " answer
+    case $answer in [Yy]* | "") ;; *) echo "Not installed; nothing was changed."; exit 1 ;; esac
+fi
 echo "Installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
