@@ -32,7 +32,7 @@ def cpu_seconds(pid):
 
 @contextlib.contextmanager
 def counted_agent(policy, *options):
-    """An agent whose alarms nobody wants. After the block its attribute `counts` holds its counters."""
+    """An agent whose alarms are thrown away. After the block its attribute `counts` holds its counters."""
     with tempfile.TemporaryDirectory() as folder:
         statistics = pathlib.Path(folder) / "statistics"
         agent = harness.Agent(policy, "--alarms", "/dev/null", "--stats", str(statistics), *options)
