@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/AccessBatch.h"
 
-#include <algorithm>
 #include <memory>
+#include <numeric>
 
 #include "host/filenotify/NotifyLog.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/SystemView.h"
 #include "host/sdk/TraceTime.h"
-#include "messages/FileNotifyMessages.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
 
-using SDK::Counters;
 namespace CounterName = SDK::CounterName;
 
 namespace {
@@ -21,20 +19,14 @@ namespace {
 // One item of the subscriber's queue: a container that writes to one file after another must not fill it up.
 class Accesses final : public Framework::Message {
 public:
-    Accesses(std::vector<AccessBatch::Access>::const_iterator begin,
-             std::vector<AccessBatch::Access>::const_iterator end)
-        : accesses(begin, end)
-    {
-    }
+    explicit Accesses(std::vector<FileNotifyMessage> accesses) : accesses(std::move(accesses)) {}
 
     int MessageHandle(void* target) override
     {
         std::size_t failures = 0;
-        for (const AccessBatch::Access& access : accesses) {
-            FileNotifyMessage message{access.watch, access.path, static_cast<unsigned int>(access.mask)};
-            message.SetProcess(static_cast<unsigned int>(access.pid), {});
+        for (FileNotifyMessage& access : accesses) {
             try {
-                message.MessageHandle(target);
+                access.MessageHandle(target);
             } catch (...) {
                 ++failures;
             }
@@ -47,8 +39,13 @@ public:
     unsigned long EventCount() const override { return accesses.size(); }
 
 private:
-    std::vector<AccessBatch::Access> accesses;
+    std::vector<FileNotifyMessage> accesses;
 };
+
+void Count(const char* counter, std::size_t accesses)
+{
+    SDK::Counters::Get(counter).fetch_add(accesses, std::memory_order_relaxed);
+}
 
 }  // namespace
 
@@ -68,41 +65,44 @@ AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when)
 
 AccessBatch::~AccessBatch()
 {
-    Counters::Get(CounterName::notifyLostQueue).fetch_add(accesses.size(), std::memory_order_relaxed);
+    Count(CounterName::notifyLostQueue, EventCount());
+}
+
+unsigned long AccessBatch::EventCount() const
+{
+    return std::accumulate(accesses.begin(), accesses.end(), 0UL,
+                           [](unsigned long sum, const auto& of) { return sum + of.second.size(); });
 }
 
 // As of the time of the access: what a runtime did before it became the container's program stays the runtime's.
 void AccessBatch::OnObserved(const ReportActive& reportActive)
 {
     const std::chrono::steady_clock::time_point readAt{When()};
-    const std::size_t dropped = std::erase_if(accesses, [&](const Access& access) {
-        const AccessOrigin origin = OriginOf(access.pid, readAt);
-        return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
-    });
-    Counters::Get(CounterName::notifyNotContainer).fetch_add(dropped, std::memory_order_relaxed);
-    for (const Access& access : accesses) {
-        reportActive(access.pid);
+    for (auto& [subscriber, of] : accesses) {
+        Count(CounterName::notifyNotContainer, std::erase_if(of, [&](const FileNotifyMessage& access) {
+                  const AccessOrigin origin = OriginOf(static_cast<int>(access.GetEventProcessId()), readAt);
+                  return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
+              }));
+        for (const FileNotifyMessage& access : of) {
+            reportActive(static_cast<int>(access.GetEventProcessId()));
+        }
     }
 }
 
 void AccessBatch::OnFlushed(const MessageSender& send)
 {
-    std::stable_sort(accesses.begin(), accesses.end(),
-                     [](const Access& left, const Access& right) { return left.subscriber < right.subscriber; });
-    std::vector<Access> refused;
-    for (auto next = accesses.begin(); next != accesses.end();) {
-        const auto end = std::find_if(next, accesses.end(),
-                                      [&](const Access& access) { return access.subscriber != next->subscriber; });
-        const Sending result = send(next->subscriber, std::make_unique<Accesses>(next, end));
+    for (auto& [subscriber, of] : std::exchange(accesses, {})) {
+        if (of.empty()) {
+            continue;
+        }
+        const std::size_t size = of.size();
+        const Sending result = send(subscriber, std::make_unique<Accesses>(std::move(of)));
         if (result == Sending::Accepted) {
-            Counters::Get(NotifyCounterName::delivered).fetch_add(end - next, std::memory_order_relaxed);
+            Count(NotifyCounterName::delivered, size);
+        } else if (result == Sending::Refused) {
+            Count(CounterName::notifyLostQueue, size);
         }
-        if (result == Sending::Refused) {
-            refused.insert(refused.end(), next, end);
-        }
-        next = end;
     }
-    accesses = std::move(refused);
 }
 
 }  // namespace Engine

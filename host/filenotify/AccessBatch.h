@@ -2,27 +2,30 @@
 // Accesses to watched paths, on their way to the subscribers.
 //
 // A notification and the trace events that tell of its process take different ways to the same subscriber: sent at once
-// it would overtake them, and speak of a process that is not known yet. Every trace event that came before the access is
-// older than the time at which the notification was read, so the access waits until the trace has been followed up to
-// that time. Which process made it is known for certain then, and the subscriber is told of a container's process first.
+// it would overtake them, and speak of a process that is not known yet. Every trace event that came before the access
+// is older than the time at which the notification was read, so the access waits until the trace has been followed up
+// to that time. Which process made it is known for certain then, and the subscriber is told of a container's process
+// first.
 #pragma once
 
 #include <chrono>
-#include <cstdint>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/ftrace/TraceBarrier.h"
+#include "messages/FileNotifyMessages.h"
 
 namespace Engine {
 
 // Names of counters beside those of the SDK's list.
 namespace NotifyCounterName {
 inline constexpr char delivered[] = "notify.delivered";    // queued for a subscriber
-inline constexpr char unresolved[] = "notify.unresolved";  // not the host's, in a directory without a path
+inline constexpr char unresolved[] = "notify.unresolved";  // not of the host, in a directory without a path
 }  // namespace NotifyCounterName
 
-// Entering: the host's as far as is known, but what is known may lag behind the access.
+// Entering: of the host as far as is known, but what is known may lag behind the access.
 enum class AccessOrigin { Host, Container, Unknown, Entering };
 
 // As of that time. Any thread.
@@ -33,28 +36,23 @@ AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when);
 // subscriber would get that has stopped is not.
 class AccessBatch final : public TraceBarrier {
 public:
-    struct Access {
-        std::string subscriber;
-        int watch;
-        std::uint64_t mask;
-        int pid;
-        std::string path;
-    };
-
     explicit AccessBatch(std::chrono::steady_clock::time_point readAt) : TraceBarrier(readAt.time_since_epoch()) {}
     AccessBatch(const AccessBatch&) = delete;
     AccessBatch& operator=(const AccessBatch&) = delete;
-    ~AccessBatch() override;
+    ~AccessBatch() override;  // one that the trace task did not take counts what it holds as lost
 
-    void Add(Access access) { accesses.push_back(std::move(access)); }
+    void Add(const std::string& subscriber, FileNotifyMessage access)
+    {
+        accesses[subscriber].push_back(std::move(access));
+    }
 
-    // Drops those of processes that have turned out to be the host's, and reports the other processes.
+    // Drops those of processes that have turned out to be of the host, and reports the other processes.
     void OnObserved(const ReportActive& reportActive) override;
     void OnFlushed(const MessageSender& send) override;
-    unsigned long EventCount() const override { return accesses.size(); }
+    unsigned long EventCount() const override;
 
 private:
-    std::vector<Access> accesses;
+    std::map<std::string, std::vector<FileNotifyMessage>> accesses;  // by the subscriber's name
 };
 
 }  // namespace Engine

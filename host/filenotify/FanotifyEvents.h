@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads the buffers that a fanotify group with FAN_REPORT_DFID_NAME returns (fanotify(7), "Reading fanotify events").
-// Pure: looks at bytes, calls nobody. Tolerates what it does not know: unknown information records are passed over, a
+// Pure: looks at bytes only. Tolerates what it does not know: unknown information records are passed over, a
 // record that contradicts its own length ends that event's records, a header that does so ends the buffer.
 #pragma once
 

@@ -3,8 +3,8 @@
 //
 // FAN_CLASS_NOTIF and nothing else: a permission class could make every process of the host wait for the agent.
 // The queue keeps the kernel's bound (/proc/sys/fs/fanotify/max_queued_events, 16384 by default) and not
-// FAN_UNLIMITED_QUEUE: whoever writes fast enough, from inside a container, would otherwise decide how much kernel
-// memory the agent takes. What the bound costs is said: FAN_Q_OVERFLOW is counted and logged.
+// FAN_UNLIMITED_QUEUE: a process in a container that writes fast enough would otherwise decide how much kernel memory
+// the agent takes. What the bound costs is said: FAN_Q_OVERFLOW is counted and logged.
 #pragma once
 
 #include <cstddef>

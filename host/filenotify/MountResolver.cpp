@@ -40,15 +40,6 @@ SDK::FileDescriptor OpenHandle(int mount, const DirectoryHandle& directory, std:
     return opened;
 }
 
-// For a directory that the mount does not show the kernel gives "/" (prepend_path() in fs/d_path.c, "Escaped?").
-bool IsRoot(int directory)
-{
-    struct stat found {};
-    struct stat root {};
-    return fstat(directory, &found) == 0 && stat("/", &root) == 0 && found.st_dev == root.st_dev &&
-           found.st_ino == root.st_ino;
-}
-
 std::string PathOfDescriptor(int directory, std::error_code& error)
 {
     std::array<char, 32> link{};
@@ -63,7 +54,9 @@ std::string PathOfDescriptor(int directory, std::error_code& error)
     struct stat status {};
     if (path.ends_with(" (deleted)") && fstat(directory, &status) == 0 && status.st_nlink == 0) {
         error = Error(ESTALE);
-    } else if (path == "/" && !IsRoot(directory)) {
+    } else if (path == "/" && !std::filesystem::equivalent(link.data(), "/", error)) {
+        // For a directory that the mount does not show the kernel gives "/" (prepend_path() in fs/d_path.c,
+        // "Escaped?").
         error = Error(EXDEV);
     }
     return error ? std::string{} : std::string{path};

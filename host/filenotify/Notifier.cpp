@@ -10,18 +10,8 @@
 
 namespace Engine {
 
-using SDK::Counters;
-namespace CounterName = SDK::CounterName;
-
 Notifier::Notifier(const WatchTable& watches, Marks& marks, pid_t self, Sender sender)
-    : watches(watches),
-      marks(marks),
-      self(self),
-      sender(std::move(sender)),
-      read(Counters::Get(CounterName::notifyRead)),
-      overflow(Counters::Get(CounterName::notifyOverflow)),
-      notContainer(Counters::Get(CounterName::notifyNotContainer)),
-      unresolved(Counters::Get(NotifyCounterName::unresolved))
+    : watches(watches), marks(marks), self(self), sender(std::move(sender))
 {
 }
 
@@ -91,7 +81,9 @@ bool Notifier::Take(const FanotifyEvent& event, const std::string& path, TimePoi
         if (batch == nullptr) {
             batch = std::make_unique<AccessBatch>(now);
         }
-        batch->Add({match.watch->subscriberName, match.watch->number, match.mask, event.pid, path});
+        FileNotifyMessage access{match.watch->number, path, static_cast<unsigned int>(match.mask)};
+        access.SetProcess(static_cast<unsigned int>(event.pid), {});
+        batch->Add(match.watch->subscriberName, std::move(access));
     }
     return !matches.empty();
 }

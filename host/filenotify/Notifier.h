@@ -61,10 +61,10 @@ private:
 
     SDK::RepeatedReport losses;
     SDK::RepeatedReport unresolvedReport;
-    SDK::Counters::Counter& read;
-    SDK::Counters::Counter& overflow;
-    SDK::Counters::Counter& notContainer;
-    SDK::Counters::Counter& unresolved;
+    SDK::Counters::Counter& read = SDK::Counters::Get(SDK::CounterName::notifyRead);
+    SDK::Counters::Counter& overflow = SDK::Counters::Get(SDK::CounterName::notifyOverflow);
+    SDK::Counters::Counter& notContainer = SDK::Counters::Get(SDK::CounterName::notifyNotContainer);
+    SDK::Counters::Counter& unresolved = SDK::Counters::Get(NotifyCounterName::unresolved);
 };
 
 }  // namespace Engine

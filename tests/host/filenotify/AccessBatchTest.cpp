@@ -11,7 +11,9 @@ protected:
     {
         auto batch = std::make_unique<Engine::AccessBatch>(now);
         for (const int pid : pids) {
-            batch->Add({"detector", 1, 2, pid, "/watched/f"});
+            Engine::FileNotifyMessage access{1, "/watched/f", 2};
+            access.SetProcess(static_cast<unsigned int>(pid), {});
+            batch->Add("detector", access);
         }
         return batch;
     }
