@@ -38,7 +38,7 @@ public:
 
     // Null for names that are not plain identifiers, for events that the kernel lacks or describes unreadably, and for
     // those whose records would not begin with the 16-bit id. Of an event's fields, arrays of anything but characters
-    // are left out: no reader of this system takes them.
+    // are skipped: no reader of this system takes them.
     const KnownEvent* Find(const std::string& system, const std::string& event);
 
 private:

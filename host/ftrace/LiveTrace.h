@@ -31,7 +31,7 @@ public:
     // Owned by the merger; one for each CPU that the kernel has a buffer for.
     const std::vector<RawPipe*>& Pipes() const { return pipes; }
 
-    // Null when the kernel leaves out no process.
+    // Null when the kernel excludes no process.
     SyscallFilter* Filter() { return probe.get(); }
 
     // Shared with the batches that are on their way.

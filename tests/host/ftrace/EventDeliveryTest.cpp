@@ -4,10 +4,12 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <deque>
 #include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host/ftrace/SubscriptionTable.h"
@@ -24,6 +26,11 @@ using testing::IsEmpty;
 
 constexpr std::uint16_t forkId = 1;
 constexpr std::uint16_t callId = 2;
+constexpr std::uint16_t otherCallId = 3;
+
+constexpr int failingPid = -1;  // on its events the receiver fails
+constexpr int slowPid = -2;     // on its events the receiver takes long
+constexpr int hostPid = 7;      // its calls are not admitted
 
 KnownEvent Event(std::uint16_t id, const std::string& system, const std::string& event)
 {
@@ -38,9 +45,10 @@ public:
     int Receive(const FtraceMessage& event) override
     {
         const auto pid = event.get_number("common_pid");
-        if (pid < 0) {
+        if (pid == failingPid) {
             throw std::runtime_error{"no such process"};
         }
+        std::this_thread::sleep_for(nanoseconds{pid == slowPid ? 1000000 : 0});
         EXPECT_EQ(SDK::TraceTime::Current(), event.When());
         seen.push_back(event.Kind().Event() + " " + std::to_string(pid));
         return 0;
@@ -55,7 +63,7 @@ public:
     std::vector<std::string> seen;
 };
 
-// Announces each event to the task, admits no system call of one thread.
+// Announces each event to the task. Each thread is a container of its own.
 class Observer : public TraceObserver {
 public:
     explicit Observer(Framework::Task& task) : task(task) {}
@@ -69,7 +77,7 @@ public:
     Origin AdmitSyscall(int tid, int /*process*/, const FtraceMessage& /*event*/,
                         TraceSequencer& /*sequencer*/) override
     {
-        return tid == refusedTid ? notAdmitted : static_cast<Origin>(tid);
+        return tid == hostPid ? notAdmitted : static_cast<Origin>(tid);
     }
     void OnActivity(int pid, TraceSequencer& sequencer) override
     {
@@ -81,7 +89,6 @@ public:
     void OnLoss(TraceSequencer& /*sequencer*/) override { seen.push_back(lossMark); }
 
     static constexpr std::int64_t lossMark = -1;
-    static constexpr int refusedTid = 7;
     std::vector<nanoseconds> rounds;
     std::vector<std::int64_t> seen;
 
@@ -110,8 +117,20 @@ protected:
         Handle();
     }
 
+    // Returns how many of the calls were not excluded.
+    std::uint64_t Offer(std::uint16_t id, int container, std::uint64_t calls)
+    {
+        const std::uint64_t before = counts.shed;
+        for (std::uint64_t i = 0; i < calls; ++i) {
+            Record(id, container);
+        }
+        delivery.EndRound({});
+        return calls - (counts.shed - before);
+    }
+
     const KnownEvent fork = Event(forkId, "sched", "fork");
     const KnownEvent call = Event(callId, "syscalls", "sys_enter_call");
+    const KnownEvent otherCall = Event(otherCallId, "syscalls", "sys_enter_other");
     const KnownEvent alias = Event(callId, "syscalls", "sys_enter_alias");
     Receiver first{"first"};
     Receiver second{"second"};
@@ -147,18 +166,42 @@ TEST_F(EventDeliveryTest, GivesEachSubscriberItsEventsOnceAndInOrder)
     Finish();
     EXPECT_THAT(first.seen, ElementsAre("fork 10", "sys_enter_call 11", "fork 13"));
     EXPECT_THAT(second.seen, ElementsAre("sys_enter_alias 11")) << "under the name that it asked for";
-}
 
-TEST_F(EventDeliveryTest, SendsFullBatchesAndGoesOnAfterAnEventOnWhichTheReceiverFails)
-{
-    table.Add(first, fork);
-    for (int pid = -1; pid < 599; ++pid) {
+    first.seen.clear();
+    batches.clear();
+    for (int pid = failingPid; pid < 599; ++pid) {
         Record(forkId, pid);
     }
     Finish();
     EXPECT_THAT(batches, ElementsAre(EventBatch::maxEvents, 600 - EventBatch::maxEvents));
     EXPECT_EQ(first.seen.size(), 599U);
     EXPECT_EQ(first.seen.back(), "fork 598");
+}
+
+TEST_F(EventDeliveryTest, AContainerGetsItsShareOfASlowSubscriberUntilThatHasCaughtUp)
+{
+    constexpr int loud = 1;
+    constexpr int quiet = 2;
+    delivery.SetObserver(&observer);
+    table.Add(first, call);
+    table.Add(first, otherCall);
+    Record(callId, slowPid);
+    Finish();
+    const std::uint64_t admitted = Offer(callId, loud, 100000);
+    EXPECT_GE(admitted, 301U) << "too few for the detector that counts calls";
+    EXPECT_LE(admitted, TraceSubscriberQueue::leastRoom + EventBatch::maxEvents);
+    EXPECT_EQ(Offer(callId, quiet, 10), 10U);
+    EXPECT_EQ(Offer(otherCallId, loud, 10), 10U) << "a flood of one call hid another of the same container";
+    std::deque<KnownEvent> kinds;
+    std::uint64_t ofManyKinds = 0;
+    for (std::uint16_t id = otherCallId + 1; id < 30; ++id) {
+        table.Add(first, kinds.emplace_back(Event(id, "syscalls", "sys_enter_another")));
+        ofManyKinds += Offer(id, loud, 3000);
+    }
+    EXPECT_LE(ofManyKinds, TraceSubscriberQueue::leastRoom) << "many floods are no way around";
+    queue.clear();
+    delivery.EndRound({});
+    EXPECT_EQ(Offer(callId, loud, 400), 400U);
 }
 
 // Reports a process when the observer has seen the events, sends behind these events.
@@ -198,8 +241,8 @@ TEST_F(EventDeliveryTest, PutsAnObserversMessagesBetweenTheEventsAndDropsWhatItD
     table.Observe(fork);
     table.Add(first, fork);
     table.Add(first, call);
-    Record(forkId, Observer::refusedTid);
-    Record(callId, Observer::refusedTid);
+    Record(forkId, hostPid);
+    Record(callId, hostPid);
     Record(forkId, 3, true);
     Record(callId, 3);
     Finish();
@@ -228,32 +271,23 @@ TEST_F(EventDeliveryTest, CountsEveryEventOnce)
     std::minstd_rand random;
     delivery.SetObserver(&observer);
     for (int step = 0; step < 3000; ++step) {
-        switch (random() % 8) {
-            case 0:
-                table.Add(first, fork);
-                table.Add(first, call);
-                break;
-            case 1:
-                if (random() % 4 == 0) {
-                    table.Remove(&first);
-                }
-                break;
-            case 2:
-                answer =
-                    std::array{Sending::Accepted, Sending::Accepted, Sending::Refused, Sending::Gone}[random() % 4];
-                break;
-            case 3:
-                if (random() % 4 == 0) {
-                    Handle();
-                } else if (random() % 4 == 0) {
-                    queue.clear();  // the subscriber has stopped
-                }
-                break;
-            default:
-                for (auto events = random() % 3000; events > 0; --events) {
-                    Record(random() % 4 == 0 ? forkId : callId, static_cast<int>(random() % 10));
-                }
-                delivery.EndRound({});
+        const auto dice = random() % 32;
+        if (dice < 4) {
+            table.Add(first, fork);
+            table.Add(first, call);
+        } else if (dice < 5) {
+            table.Remove(&first);
+        } else if (dice < 9) {
+            answer = std::array{Sending::Accepted, Sending::Accepted, Sending::Refused, Sending::Gone}[random() % 4];
+        } else if (dice < 10) {
+            Handle();
+        } else if (dice < 12) {
+            queue.clear();  // the subscriber has stopped
+        } else {
+            for (auto events = random() % 3000; events > 0; --events) {
+                Record(random() % 4 == 0 ? forkId : callId, static_cast<int>(random() % 10));
+            }
+            delivery.EndRound({});
         }
     }
     Finish();
