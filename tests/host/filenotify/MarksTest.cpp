@@ -276,8 +276,25 @@ TEST_F(MarksTest, AnOverflowIsCountedAndTheSourceGoesOn)
     EXPECT_THAT(NotifiedOfWrite(watched + "/later"), ElementsAre(Pair(watched + "/later", written)));
 }
 
-// On a filesystem of its own, where no process but the test's makes events.
-TEST_F(MarksTest, LossesAreCountedAndAccessesOfTheHostCostNoLookUp)
+TEST_F(MarksTest, LossesAreCounted)
+{
+    notifier.ReadFailed(std::make_error_code(std::errc::too_many_files_open), now);
+    notifier.Handle(std::as_bytes(std::span{"no event"}), now);
+    EXPECT_EQ(Counted("notify.overflow"), 2U);
+    Watch(watched);
+    const std::string gone = watched + "/gone";
+    EXPECT_THAT(NotifiedOf([&] {
+                    return mkdir(gone.c_str(), 0700) == 0 && WriteFile(gone + "/file") && fs::remove_all(gone) == 2;
+                }),
+                IsEmpty());
+    EXPECT_GE(Counted("notify.unresolved"), 1U) << "more when another process deletes on the same filesystem";
+}
+
+#ifndef __SANITIZE_ADDRESS__  // its companion for undefined behaviour opens a pipe to look at an object
+
+// On a filesystem of its own, where no process but the test's makes events. Without a free descriptor a look-up is a
+// loss.
+TEST_F(MarksTest, AccessesOfTheHostCostNoLookUp)
 {
     ASSERT_EQ(mount("none", watched.c_str(), "tmpfs", 0, nullptr), 0);
     mountPoint = watched;
@@ -306,17 +323,8 @@ TEST_F(MarksTest, LossesAreCountedAndAccessesOfTheHostCostNoLookUp)
     Run("0123456789ab", writeFile);
     EXPECT_THAT(notifiedWithoutDescriptors(), IsEmpty());
     EXPECT_EQ(Counted("notify.overflow"), 1U);
-
-    notifier.ReadFailed(std::make_error_code(std::errc::too_many_files_open), now);
-    notifier.Handle(std::as_bytes(std::span{"no event"}), now);
-    EXPECT_EQ(Counted("notify.overflow"), 2U);
-    const std::string gone = watched + "/gone";
-    EXPECT_THAT(NotifiedOf([&] {
-                    return mkdir(gone.c_str(), 0700) == 0 && WriteFile(gone + "/file") && fs::remove_all(gone) == 2;
-                }),
-                IsEmpty());
-    EXPECT_EQ(Counted("notify.unresolved"), 1U);
-    EXPECT_EQ(Counted("notify.overflow"), 0U);
 }
+
+#endif
 
 }  // namespace
