@@ -1,123 +1,142 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ContainerEscapeDetectTask.h"
-
 #include "ContainerEscapeFeaturePolicy.h"
-#include "RecordingSubmodule.h"
-#include "tests/support/DetectTaskFixture.h"
+#include "tests/module/DetectFixture.h"
 
 namespace {
 
+using Support::RecordingSubmodule;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
-using testing::UnorderedElementsAre;
+using testing::Key;
 
-class DetectTaskTest : public Support::DetectTaskFixture {
+class DetectTaskTest : public Support::DetectFixture {
 protected:
     DetectTaskTest()
     {
         feature.Parse(R"({"content": {"image_white_namelist": ["old"], "container_escape_detect_task":
             {"highrisk_calls": ["bind"], "host_directorys": ["/"]}}})");
+        task->SetPolicies(&feature, feature.Find("container_escape_detect_task"));
     }
-
-    void AttachRecorder(const std::string& name)
-    {
-        Attach<Support::RecordingSubmodule>(*task, name, collector, journal);
-    }
-    Framework::Policy* Section() const { return feature.Find("container_escape_detect_task"); }
 
     Engine::ContainerEscapeFeaturePolicy feature;
-    Support::RecordingSubmodule::Journal journal;
 };
 
 TEST_F(DetectTaskTest, StartSubscribesThenStartsTheDetectorsInOrderAndStopUndoesItAll)
 {
-    task->SetPolicies(&feature, Section());
-    AttachRecorder("a");
-    AttachRecorder("b");
+    task->Attach<RecordingSubmodule>(host, "a");
+    task->Attach<RecordingSubmodule>(host, "b");
     EXPECT_EQ(task->Init(), 0);
-    auto registrations = Taken(*collector, collector->registrations);
-    ASSERT_THAT(registrations, SizeIs(2));  // once for the notices, once with the trace events
-    EXPECT_TRUE(registrations[0].subscribe && registrations[1].subscribe);
-    EXPECT_THAT(TraceWatches(),
-                ElementsAre("sched:sched_process_exit", "sched:sched_process_fork", "sched:sched_process_exec"));
-    EXPECT_THAT(journal, ElementsAre("a reconfigure 1", "a init", "b reconfigure 1", "b init"));
-
+    EXPECT_THAT(host.TakeJournal(),
+                ElementsAre("notices", "notices", "sched:sched_process_exit", "sched:sched_process_fork",
+                            "sched:sched_process_exec", "a reconfigure 1", "a init", "b reconfigure 1", "b init"));
     task->GetAlarmFilter().CheckAndEnqueue("pending", "");
     EXPECT_EQ(task->UnInit(), 0);
     EXPECT_THAT(task->GetAlarmFilter().Cache(), IsEmpty());
-    registrations = Taken(*collector, collector->registrations);
-    ASSERT_THAT(registrations, SizeIs(1));
-    EXPECT_FALSE(registrations[0].subscribe);
-    EXPECT_THAT(TraceWatches(),
-                ElementsAre("-sched:sched_process_exit", "-sched:sched_process_fork", "-sched:sched_process_exec"));
-    EXPECT_THAT(journal, testing::Contains("b deinit"));
-    EXPECT_THAT(Taken(*audit, audit->unsubscribed), ElementsAre(task.get()));
-}
-
-TEST_F(DetectTaskTest, RefreshTakesOverWhatChanged)
-{
-    task->SetPolicies(&feature, Section());
-    EXPECT_TRUE(task->RefreshPolicy(false));
-    EXPECT_THAT(task->PolicyContent().highRiskCalls, UnorderedElementsAre("bind"));
-
-    feature.Parse(R"({"content": {"image_white_namelist": ["new"]}})");  // behind the framework's back
-    EXPECT_FALSE(task->RefreshPolicy(false));
-    EXPECT_THAT(task->ImageWhitelist(), UnorderedElementsAre("old"));
-    EXPECT_TRUE(task->RefreshPolicy(true));
-    EXPECT_THAT(task->ImageWhitelist(), UnorderedElementsAre("new"));
-}
-
-TEST_F(DetectTaskTest, AForeignFeaturePolicyCountsAsAppliedAndEndsTheRefresh)
-{
-    Framework::FeaturePolicy foreign("containerescape");
-    task->SetPolicies(&foreign, Section());
-    EXPECT_FALSE(task->RefreshPolicy(true));
-
-    struct Open : Support::DetectTask {
-        using DetectTask::featurePolicy;
-        using DetectTask::taskPolicy;
-    };
-    auto& slots = static_cast<Open&>(*task);
-    EXPECT_FALSE(slots.featurePolicy.MarkApplied()) << "was marked before the cast failed";
-    EXPECT_TRUE(slots.taskPolicy.MarkApplied()) << "was not looked at";
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("-notices", "-sched:sched_process_exit", "-sched:sched_process_fork",
+                                                "-sched:sched_process_exec", "a deinit", "b deinit", "-audit"));
 }
 
 TEST_F(DetectTaskTest, SystemCallsOfKnownProcessesReachTheDetectorsInOrderUntilOneHidesThem)
 {
-    struct HidingSubmodule : Support::RecordingSubmodule {
-        using RecordingSubmodule::RecordingSubmodule;
-        int Receive(const Engine::FtraceMessage& /*message*/) override { return 5; }
-    };
-    AttachRecorder("a");
-    AttachRecorder("b");
-    EXPECT_EQ(task->Receive(Support::Syscall(7, "bind").Message()), -1);
-    Know(7);
-    EXPECT_EQ(task->Receive(Support::Exec(7, "/bin/sh").Message()), 0);
-    EXPECT_THAT(journal, IsEmpty());
-    EXPECT_EQ(task->Receive(Support::Syscall(7, "bind").Message()), 0);
-    EXPECT_THAT(journal, ElementsAre("a syscalls:sys_enter_bind", "b syscalls:sys_enter_bind"));
+    task->Attach<RecordingSubmodule>(host, "a");
+    task->Attach<RecordingSubmodule>(host, "b");
+    EXPECT_EQ(Receive(Support::Syscall(7, "bind")), -1);
+    task->Know(7);
+    EXPECT_EQ(Receive(Support::Exec(7, "/bin/sh")), 0);
+    EXPECT_THAT(host.TakeJournal(), IsEmpty());
+    EXPECT_EQ(Receive(Support::Syscall(7, "bind")), 0);
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("a syscalls:sys_enter_bind", "b syscalls:sys_enter_bind"));
 
-    Attach<HidingSubmodule>(*task, "h", collector, journal);
-    AttachRecorder("c");
-    journal.clear();
-    EXPECT_EQ(task->Receive(Support::Syscall(7, "bind").Message()), 5);
-    EXPECT_THAT(journal, ElementsAre("a syscalls:sys_enter_bind", "b syscalls:sys_enter_bind"));
+    task->Attach<RecordingSubmodule>(host, "hides", 5);
+    task->Attach<RecordingSubmodule>(host, "hidden");
+    EXPECT_EQ(Receive(Support::Syscall(7, "bind")), 5);
+    EXPECT_THAT(host.TakeJournal(), testing::SizeIs(3));
 }
 
 TEST_F(DetectTaskTest, NoticesOfWhitelistedImagesChangeNothing)
 {
-    task->SetPolicies(&feature, Section());
     task->RefreshPolicy(true);
-    Know(7);
+    task->Know(7);
     auto info = std::make_shared<Engine::ContainerProcMessage::ProcInfo>();
     info->imageName = "registry/old:3";
     for (const int pid : {7, 8}) {
         info->pid = pid;
         EXPECT_EQ(task->Receive(Engine::ContainerProcMessage(pid == 8, info)), 0);
     }
-    EXPECT_THAT(task->Procs(), ElementsAre(testing::Key(7)));
+    EXPECT_THAT(task->Procs(), ElementsAre(Key(7)));
     EXPECT_EQ(task->Receive(Engine::ContainerProcMessage(true, nullptr)), 0);
+}
+
+TEST_F(DetectTaskTest, ImagesAreComparedWithoutRegistryAndThenWithoutTag)
+{
+    const struct {
+        const char* whitelist;
+        const char* image;
+        bool isWhitelisted;
+    } rows[] = {
+        {"nginx", "hub/library/nginx:latest", true}, {"nginx", "nginx:latest", false},
+        {"nginx:latest", "nginx:latest", true},      {"nginx:latest", "library/nginx:latest", false},
+        {"nginx", "host:5000/nginx:1:2", true},      {"", "", false},
+    };
+    for (const auto& row : rows) {
+        feature.Parse(R"({"content": {"image_white_namelist": [")" + std::string{row.whitelist} + R"("]}})");
+        task->RefreshPolicy(true);
+        EXPECT_EQ(task->IsWhitelisted(row.image), row.isWhitelisted) << row.whitelist << " against " << row.image;
+    }
+}
+
+// File notifications.
+
+class FileNotifyTest : public DetectTaskTest {
+protected:
+    FileNotifyTest()
+    {
+        host.containers["c1"].imageName = "plain";
+        host.containers["c2"].imageName = "hub/old:1";
+        task->RefreshPolicy(true);
+        task->Attach<RecordingSubmodule>(host, "a", 4);
+        task->Attach<RecordingSubmodule>(host, "b", 6);
+    }
+    int Notify(int pid)
+    {
+        Engine::FileNotifyMessage message(3, "/f", 2);
+        message.SetProcess(static_cast<unsigned int>(pid), "x");
+        return task->FileNotifyMessageAction(&message);
+    }
+    std::vector<int> Cached() const
+    {
+        std::vector<int> cached;
+        for (const auto& entry : task->CachedNotifications()) {
+            cached.push_back(entry.pid);
+        }
+        return cached;
+    }
+};
+
+TEST_F(FileNotifyTest, AKnownProcessIsReportedToAllUnlessItsContainerIsWhitelistedOrHasNoId)
+{
+    task->Know(7, "c1");
+    task->Know(8, "c2");
+    task->Know(9, "../no id");
+    EXPECT_EQ(Notify(8), -1);
+    EXPECT_EQ(Notify(9), -1);
+    EXPECT_THAT(host.TakeJournal(), IsEmpty());
+    EXPECT_EQ(Notify(7), 6) << "the last result counts";
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("a 7/f", "b 7/f"));
+    EXPECT_THAT(Cached(), IsEmpty());
+}
+
+TEST_F(FileNotifyTest, FourOfUnknownProcessesAreKeptAndReplayedBeforeTheNextIsKept)
+{
+    for (const int pid : {0, 1, 2, 3, 2}) {
+        EXPECT_EQ(Notify(pid), -1);
+    }
+    EXPECT_THAT(Cached(), ElementsAre(1, 2, 3, 2));
+    task->Know(2, "c1");
+    EXPECT_THAT(host.TakeJournal(), IsEmpty()) << "only a notification triggers the replay";
+    EXPECT_EQ(Notify(9), -1);
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("a 2/f", "b 2/f", "a 2/f", "b 2/f"));
+    EXPECT_THAT(Cached(), ElementsAre(1, 3, 9));
 }
 
 }  // namespace

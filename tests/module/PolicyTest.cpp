@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 
+#include <climits>
+
 #include "ContainerEscapeFeaturePolicy.h"
 #include "ContainerEscapeTaskPolicy.h"
+#include "ContainerEscapeUtil.h"
 
 namespace {
 
 using Engine::ContainerEscapeFeaturePolicy;
 using Engine::ContainerEscapeTaskPolicy;
+using Engine::ContainerEscapeUtil;
 using testing::UnorderedElementsAre;
 
 constexpr char section[] = R"({"highrisk_calls": ["execve", "nonsense", "waitpid", {"x": 1}],
@@ -45,6 +49,23 @@ TEST(PolicyTest, EachListIsReplacedByItself)
     EXPECT_FALSE(policy.Parse(R"({"highrisk_calls": ["bind"]})"));
     EXPECT_THAT(policy.GetContent().highRiskCalls, UnorderedElementsAre("bind"));
     EXPECT_THAT(policy.GetContent().hostDirectories, UnorderedElementsAre("/", "/etc*/*rw"));
+}
+
+TEST(PolicyTest, PathEntryIsSplitAtTheFirstSeparatorAndABadOneLeftAlone)
+{
+    // The outputs hold "path" and "perm" before each row.
+    for (const auto& [entry, split] : std::map<std::string, std::string>{{"/etc", "/etc perm"},
+                                                                         {"/e*/*rrrr", "/e rrrr"},
+                                                                         {"*/*x", " x"},
+                                                                         {"/e*/*rwxaw", "path perm"},
+                                                                         {"/e*/*r*/*w", "path perm"},
+                                                                         {"/e*/*", "path perm"}}) {
+        std::string path = "path";
+        std::string perm = "perm";
+        EXPECT_EQ(ContainerEscapeUtil::GetPathAndPerm(entry, path, perm), split != "path perm") << entry;
+        EXPECT_EQ(path + " " + perm, split) << entry;
+    }
+    EXPECT_FALSE(ContainerEscapeUtil::PathChecker("/" + std::string(2 * PATH_MAX, 'x')));
 }
 
 }  // namespace

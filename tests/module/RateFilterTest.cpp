@@ -4,11 +4,8 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/FakeSystem.h"
-#include "tests/support/LogCapture.h"
 
 namespace {
-
-using testing::ElementsAre;
 
 class RateFilterTest : public testing::Test {
 protected:
@@ -17,16 +14,7 @@ protected:
         world.now = second;
         return filter.CheckAndEnqueue(key, "t");
     }
-    std::vector<std::string> Keys() const
-    {
-        std::vector<std::string> keys;
-        for (const auto& entry : filter.Cache()) {
-            keys.push_back(entry.msg);
-        }
-        return keys;
-    }
 
-    Support::LogCapture logs;
     Support::FakeSystem world;
     SDK::RateFilter<std::string> filter{2};
 };
@@ -47,21 +35,16 @@ TEST_F(RateFilterTest, CleanUpStopsAtTheFirstFreshEntry)
     At(200, "fresh");
     At(198, "behind");  // the clock was set back
     EXPECT_TRUE(At(201, "new"));
-    EXPECT_THAT(Keys(), ElementsAre("fresh", "behind", "new"));
     EXPECT_FALSE(At(201, "behind")) << "stale, but shielded";
 }
 
 TEST_F(RateFilterTest, HoldsAtMostOneEntryMoreThanItsLimit)
 {
-    logs.SetLevel(Poco::Message::PRIO_INFORMATION);
-    for (int key = 1; key <= 1025; ++key) {
+    for (int key = 1; key <= 1026; ++key) {
         EXPECT_TRUE(At(100, std::to_string(key)));
     }
     EXPECT_EQ(filter.Cache().size(), 1025U);
-    EXPECT_TRUE(At(100, "1026"));
-    EXPECT_EQ(filter.Cache().size(), 1025U);
-    EXPECT_EQ(Keys().front(), "2");
-    EXPECT_TRUE(At(100, "1")) << "the oldest made room";
+    EXPECT_EQ(filter.Cache().front().msg, "2") << "the oldest made room";
 }
 
 }  // namespace

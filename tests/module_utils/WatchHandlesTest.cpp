@@ -6,20 +6,19 @@
 
 namespace {
 
-using Poco::Message;
 using testing::ElementsAre;
 using namespace Engine::FtraceUtils;
 
 class WatchHandlesTest : public Support::AgentFixture {
 protected:
-    void SetUp() override { AddHostTasks(); }
+    WatchHandlesTest() { host.AddFakes(); }
 
     Framework::Task owner{"owner", "", Framework::TaskCondition::EventLoop, 16};
 };
 
 TEST_F(WatchHandlesTest, ARefusedEventStaysInTheListAndSendsNothingWhenItGoes)
 {
-    trace->refused = {"b"};
+    host.refusedEvent = "b";
     std::list<FtraceWatchHandle> handles;
     RegisterFtraceEvents(&owner, handles, {{"s", "a"}, {"s", "b"}, {"s", "c"}});
     std::vector<bool> valid;
@@ -27,50 +26,30 @@ TEST_F(WatchHandlesTest, ARefusedEventStaysInTheListAndSendsNothingWhenItGoes)
         valid.push_back(handle.Valid());
     }
     EXPECT_THAT(valid, ElementsAre(true, false, true));
-    EXPECT_THAT(logs.Texts(Message::PRIO_WARNING), ElementsAre("Watching ftrace s:b failed. Skipping"));
-    EXPECT_THAT(TraceWatches(), ElementsAre("s:a", "s:b", "s:c"));
-
     handles.clear();
-    EXPECT_THAT(TraceWatches(), ElementsAre("-s:a", "-s:c"));
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("s:a", "s:b", "s:c", "-s:a", "-s:c"));
 }
 
-TEST_F(WatchHandlesTest, AResetWithdrawsOnce)
+TEST_F(WatchHandlesTest, AResetUnsubscribesOnceAndOnlyTheConstructorMakesAHandleValid)
 {
     {
         FtraceWatchHandle handle(&owner, "s", "a");
         handle.Reset();
-        EXPECT_FALSE(handle.Valid());
         handle.Reset();
         EXPECT_TRUE(handle.Watch());
-        EXPECT_FALSE(handle.Valid()) << "only the constructor makes a handle valid";
-    }
-    EXPECT_THAT(TraceWatches(), ElementsAre("s:a", "-s:a", "s:a"));
-}
-
-TEST_F(WatchHandlesTest, AMountIsWatchedWithItsDirectoriesAFileWithout)
-{
-    {
+        EXPECT_FALSE(handle.Valid());
         const WatchMountHandle mount(&owner, "/m");
         const WatchFileHandle file(&owner, "/f");
         EXPECT_TRUE(mount.Valid() && file.Valid());
     }
-    const auto watches = Taken(*files, files->watches);
-    ASSERT_EQ(watches.size(), 4U);
-    EXPECT_THAT(watches[0].eventMasks, ElementsAre(0x8U, 0x40000000U));
-    EXPECT_THAT(watches[1].eventMasks, ElementsAre(0x8U));
-    EXPECT_TRUE(watches[0].options.mount && !watches[1].options.mount);
-    for (const int placed : {0, 1}) {
-        const _FileNotifyOpt& options = watches[static_cast<std::size_t>(placed)].options;
-        EXPECT_TRUE(options.notifyOnly && options.keepOrder && !options.permission) << placed;
-    }
-    EXPECT_TRUE(!watches[2].watch && watches[2].path == "/f");
-    EXPECT_TRUE(!watches[3].watch && watches[3].path == "/m");
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("s:a", "-s:a", "s:a", "/m 8 1073741824 mount notifyOnly keepOrder",
+                                                "/f 8 notifyOnly keepOrder", "-/f", "-/m"));
 }
 
 TEST_F(WatchHandlesTest, AConsumerIsRegisteredWhileItsHandleIsValidAndItsProducerMayGo)
 {
     Framework::Module module("consumers");
-    EXPECT_FALSE(MessageConsumerHandle(&module, "nobody", 7, "me", &owner).Valid());
+    EXPECT_FALSE(MessageConsumerHandle(&module, "absent", 7, "me", &owner).Valid());
     {
         const MessageConsumerHandle first(&module, "audit_task", 7, "me", &owner);
         EXPECT_TRUE(first.Valid());
@@ -78,11 +57,9 @@ TEST_F(WatchHandlesTest, AConsumerIsRegisteredWhileItsHandleIsValidAndItsProduce
     }
     MessageConsumerHandle again(&module, "audit_task", 7, "me", &owner);
     EXPECT_TRUE(again.Valid()) << "the name is free again";
-    agent.Stop();
+    host.agent.Stop();
     again.Reset();
     EXPECT_FALSE(again.Valid());
-    EXPECT_THAT(logs.Texts(Message::PRIO_WARNING),
-                ElementsAre("Could not find task: nobody", "Registration to task failed: audit_task"));
 }
 
 TEST(NormaliseDeviceTest, KeepsTheLowEightBitsOfMajorAndMinor)

@@ -16,10 +16,10 @@ namespace Support {
 class FakeSystem : public SDK::SystemView {
 public:
     struct Process {
-        SDK::ProcessUtils::procStatus status;
-        std::string container;   // empty: a process of the host
-        std::string executable;  // empty: cannot be read
-        std::map<std::string, std::string> namespaces;
+        SDK::ProcessUtils::procStatus status;           // as it is by default: cannot be read
+        std::string container;                          // empty: a process of the host
+        std::string executable;                         // empty: cannot be read
+        std::map<std::string, std::string> namespaces;  // empty: cannot be read
     };
 
     FakeSystem() : before(SDK::SystemView::Exchange(this)) {}
@@ -39,27 +39,22 @@ public:
     std::int64_t WallClockSeconds() override { return now; }
     int ContainerOf(int pid, std::string& id) override
     {
-        return With(pid, [&](const Process& process) { id = process.container; });
+        return With(pid, [&](const Process& process) { return (id = process.container, true); });
     }
     int ExecutablePath(unsigned int pid, std::string& path) override
     {
-        int result = -1;
-        With(static_cast<int>(pid), [&](const Process& process) {
-            if (!process.executable.empty()) {
-                path = process.executable;
-                result = 0;
-            }
+        return With(static_cast<int>(pid), [&](const Process& process) {
+            return !process.executable.empty() && (path = process.executable, true);
         });
-        return result;
     }
     int Status(int pid, SDK::ProcessUtils::procStatus& status) override
     {
-        return With(pid, [&](const Process& process) { status = process.status; });
+        return With(pid, [&](const Process& process) { return (status = process.status).ppid != -1; });
     }
     int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override
     {
         namespaces.clear();
-        return With(pid, [&](const Process& process) { namespaces = process.namespaces; });
+        return With(pid, [&](const Process& process) { return !(namespaces = process.namespaces).empty(); });
     }
     std::vector<int> Processes() override
     {
@@ -72,20 +67,17 @@ public:
     }
     int CommandLine(int pid, std::string& commandLine) override
     {
-        return With(pid, [&](const Process& process) { commandLine = process.status.name; });
+        return With(pid, [&](const Process& process) { return (commandLine = process.status.name, true); });
     }
 
 private:
+    // 0 when there is such a process and `read` could take from it what is asked for, otherwise -1.
     template <class Read>
     int With(int pid, const Read& read)
     {
         const std::lock_guard lock(mutex);
         const auto found = processes.find(pid);
-        if (found == processes.end()) {
-            return -1;
-        }
-        read(found->second);
-        return 0;
+        return found != processes.end() && read(found->second) ? 0 : -1;
     }
 
     SDK::SystemView* before;

@@ -4,12 +4,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "BruteforceSubmodule.h"
-#include "DirtyCowSubmodule.h"
-#include "EscapeFileAccessSubmodule.h"
-#include "HighRiskSyscallSubmodule.h"
-#include "ShockerSubmodule.h"
-#include "tests/module/detectors/DetectorTest.h"
+#include "ContainerEscapeUtil.h"
+#include "tests/module/DetectFixture.h"
 
 namespace {
 
@@ -48,19 +44,16 @@ thread_local unsigned long allocations = 0;
 namespace Engine {
 namespace {
 
-class DetectorAllocationTest : public Support::DetectorTest {
+class DetectorAllocationTest : public Support::DetectFixture {
 protected:
-    void SetUp() override
+    DetectorAllocationTest()
     {
-        DetectorTest::SetUp();
-        logs.SetLevel(Poco::Message::PRIO_INFORMATION);
+        SDK::LoggerUtils::GetInstance()->SetLevel("information");
         // A window without length: however fast the test runs, every call of it is within the limit.
-        Attach<BruteforceSubmodule>(*task, collector, std::chrono::duration<long>{0}, static_cast<unsigned short>(300));
-        Attach<ShockerSubmodule>(*task, collector);
-        Attach<DirtyCowSubmodule>(*task, collector, true);
-        Attach<HighRiskSyscallSubmodule>(*task, collector, std::unordered_set<int>{})
-            .Reconfigure({{}, {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"}});
-        Attach<EscapeFileAccessSubmodule>(*task, collector);
+        task->AttachDetectors(std::chrono::seconds{0}, 300,
+                              {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"});
+        task->Know(1001);
+        task->Know(1002);
     }
 
     unsigned long AllocationsFor(const FtraceMessage& message)
@@ -80,9 +73,9 @@ TEST_F(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNo
                            "bind",    "madvise",           "ptrace",
                            "accept",  "perf_event_open"};
     std::vector<Support::TraceEvent> events;
-    for (const int pid : {shell, other, unknown}) {
+    for (const int pid : {1001, 1002, 7}) {  // the last is not in the table
         for (const char* call : calls) {
-            events.push_back(Entry(pid, call));
+            events.push_back(Support::Syscall(pid, call, ContainerEscapeUtil::GetSyscallNumber(call)));
         }
     }
     // The first time, the process is entered into the detectors' tables and the listed calls have their hourly alarm.
@@ -91,11 +84,11 @@ TEST_F(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNo
         atFirst += AllocationsFor(event.Message());
     }
     EXPECT_GT(atFirst, 0U) << "the counter sees the code under test";
-    EXPECT_FALSE(AlarmedPids().empty());
+    EXPECT_FALSE(Alarms().empty());
     for (const Support::TraceEvent& event : events) {
         EXPECT_EQ(AllocationsFor(event.Message()), 0U) << event.Message().name();
     }
-    EXPECT_TRUE(AlarmedPids().empty());
+    EXPECT_TRUE(Alarms().empty());
 }
 
 }  // namespace

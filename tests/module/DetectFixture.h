@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "messages/FileNotifyMessages.h"
+#include "tests/support/AgentFixture.h"
+#include "tests/support/DetectTask.h"
+
+namespace Support {
+
+class DetectFixture : public AgentFixture {
+protected:
+    DetectFixture()
+    {
+        host.AddFakes();
+        task = std::make_unique<DetectTask>(host.Metadata());
+    }
+
+    int Receive(const TraceEvent& event) { return task->Receive(event.Message()); }
+
+    std::unique_ptr<DetectTask> task;
+};
+
+// A detector that notes its calls in the host's journal.
+class RecordingSubmodule : public Engine::BaseSubmodule {
+public:
+    RecordingSubmodule(Engine::ContainerEscapeDetectTask& task, FakeHost& host, const std::string& name, int result = 0)
+        : BaseSubmodule(task, name, host.Metadata()), host(host), name(name), result(result)
+    {
+    }
+
+    using BaseSubmodule::Init;
+    int Init() override { return Note("init"); }
+    void DeInit() override
+    {
+        Note("deinit");
+        BaseSubmodule::DeInit();
+    }
+    void Reconfigure(const Engine::ContainerEscapeDetectPolicyContent& content) override
+    {
+        Note("reconfigure " + std::to_string(content.highRiskCalls.size()));
+    }
+    int HandleFileNotifyMsg(Engine::FileNotifyMessage* message) override
+    {
+        return Note(std::to_string(message->GetEventProcessId()) + message->GetEventFilePath());
+    }
+    int Receive(const Engine::FtraceMessage& message) override
+    {
+        BaseSubmodule::Receive(message);
+        return result;
+    }
+    bool HandleEvent(const Engine::FtraceMessage& message) override { return Note(message.name()) == 0; }
+
+private:
+    int Note(const std::string& what)
+    {
+        host.journal.push_back(name + " " + what);
+        return result;
+    }
+
+    FakeHost& host;
+    std::string name;
+    int result;  // of everything that has one
+};
+
+}  // namespace Support

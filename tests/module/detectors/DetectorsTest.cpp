@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: Apache-2.0
+// The detectors' state machines as scripts. A script's words, in order:
+//   a system call    made by the process in turn, which is 1001 at the beginning
+//   @1002            from here on that process makes the calls
+//   +3, -3           seconds by which the wall clock moves; alarms of one name are merged for two
+//   exit             the notice that the process has gone
+//   deinit           the detector's DeInit
+// The outcome has a letter for each call: "!" for an alarm, otherwise what HandleEvent returned, "t" or "f".
+#include <sstream>
+
+#include "ContainerEscapeUtil.h"
+#include "tests/module/DetectFixture.h"
+
+namespace Engine {
+namespace {
+
+using testing::ElementsAre;
+
+struct Row {
+    const char* script;
+    const char* outcome;
+};
+
+class DetectorsTest : public Support::DetectFixture {
+protected:
+    DetectorsTest() { world.Put(1001, {{}, "", "/bin/x", {}}); }  // all that is known of it
+
+    char Call(BaseSubmodule& detector, int pid, const std::string& call)
+    {
+        const bool result =
+            detector.HandleEvent(Support::Syscall(pid, call, ContainerEscapeUtil::GetSyscallNumber(call)).Message());
+        const std::vector<Json::Value> alarms = Alarms();
+        for (const Json::Value& alarm : alarms) {
+            EXPECT_EQ(alarm["process_info"][0]["process_pid"], pid);
+            last = alarm;
+        }
+        return !alarms.empty() ? '!' : result ? 't' : 'f';
+    }
+
+    std::string Play(BaseSubmodule& detector, const std::string& script)
+    {
+        std::string outcome;
+        std::istringstream words(script);
+        int pid = 1001;
+        for (std::string word; words >> word;) {
+            if (word[0] == '@') {
+                pid = std::stoi(word.substr(1));
+            } else if (word[0] == '+' || word[0] == '-') {
+                world.now += std::stoi(word);
+            } else if (word == "exit") {
+                auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
+                info->pid = pid;
+                detector.Receive(ContainerProcMessage(false, info));
+            } else if (word == "deinit") {
+                detector.DeInit();
+            } else {
+                outcome += Call(detector, pid, word);
+            }
+        }
+        return outcome;
+    }
+
+    // Each row with a detector of its own, made by `make`.
+    template <class Make>
+    void ExpectOutcomes(std::initializer_list<Row> rows, const Make& make)
+    {
+        for (const Row& row : rows) {
+            EXPECT_EQ(Play(*make(), row.script), row.outcome) << row.script;
+            task->GetAlarmFilter().Clear();
+        }
+    }
+
+    std::string LastName() const { return last["process_info"][0]["process_name"].asString(); }
+
+    Json::Value last;  // alarm
+};
+
+TEST_F(DetectorsTest, ShockerIsAListingByAKnownProcessAndThenAnOpeningByHandle)
+{
+    ExpectOutcomes(
+        {
+            // Whichever call comes first, it only makes the process known.
+            {"getdents getdents open_by_handle_at", "tt!"},
+            {"open_by_handle_at getdents64 open_by_handle_at", "tt!"},
+            {"unshare getdents64 mount getdents open_by_handle_at", "tttt!"},
+            {"getdents open_by_handle_at", "tt"},
+            {"getdents64 open_by_handle_at open_by_handle_at", "ttt"},
+            {"getdents getdents64 open_by_handle open", "tttt"},
+            {"read getdents @1002 read open_by_handle_at", "tttt"},
+            // Once for each process, until it has gone.
+            {"read getdents open_by_handle_at +3 getdents open_by_handle_at", "tt!tt"},
+            {"read getdents open_by_handle_at +3 exit read getdents open_by_handle_at", "tt!tt!"},
+            {"read getdents exit getdents open_by_handle_at", "tttt"},
+            {"read getdents deinit getdents open_by_handle_at", "tttt"},
+        },
+        [this] { return std::make_unique<ShockerSubmodule>(*task, host.Metadata()); });
+    EXPECT_EQ(last["file_info"].size(), 1U) << "receivers expect the element, though the handle tells no path";
+}
+
+TEST_F(DetectorsTest, DirtyCowWaitsForEachCallInItsTurn)
+{
+    ExpectOutcomes(
+        {
+            {"bind ptrace madvise ptrace accept read +3 accept", "tttt!ff"},
+            {"read bind bind madvise write ptrace bind accept", "ttttttt!"},
+            {"bind madvise accept ptrace", "tttt"},
+            {"bind madvise ptrace accept4 connect @1002 accept", "tttttt"},
+            {"bind madvise ptrace accept exit accept +3 bind madvise ptrace accept", "ttt!tttt!"},
+            {"bind madvise ptrace deinit accept", "tttt"},
+        },
+        [this] { return std::make_unique<DirtyCowSubmodule>(*task, host.Metadata(), false); });
+    EXPECT_EQ(LastName(), "/bin/x");
+    ExpectOutcomes({{"bind madvise ptrace accept", "tttf"}},
+                   [this] { return std::make_unique<DirtyCowSubmodule>(*task, host.Metadata(), true); });
+}
+
+TEST_F(DetectorsTest, HighRiskIsOneAlarmAnHourForEachListedCallOfAnyProcess)
+{
+    ExpectOutcomes(
+        {
+            {"unshare @1002 +3 unshare setns", "!t!"},
+            {"unshar waitpid", "ff"},
+            {"unshare +3599 unshare +1 unshare +3599 unshare", "!t!t"},
+            {"unshare -3599 unshare -1 unshare", "!t!"},
+        },
+        [this] {
+            auto detector =
+                std::make_unique<HighRiskSyscallSubmodule>(*task, host.Metadata(), std::unordered_set<int>{});
+            detector->Reconfigure({{}, {"unshare", "waitpid", "setns"}});
+            return detector;
+        });
+}
+
+TEST_F(DetectorsTest, HighRiskFollowsThePolicysCallsThatHaveAnX8664Number)
+{
+    HighRiskSyscallSubmodule detector(*task, host.Metadata(), {});
+    detector.Reconfigure({{}, {"unshare", "waitpid"}});
+    static_cast<Submodule&>(detector).Init();
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("syscalls:sys_enter_unshare"));
+    EXPECT_EQ(Play(detector, "unshare"), "!");
+    detector.Reconfigure({{}, {"unshare"}});
+    EXPECT_EQ(Play(detector, "+9 unshare"), "t") << "the hour outlasts a policy";
+    detector.Reconfigure({});
+    EXPECT_EQ(Play(detector, "unshare deinit"), "f");
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("-syscalls:sys_enter_unshare"));
+}
+
+TEST_F(DetectorsTest, BruteForceCountsEachProcessByItselfAndOutlivesItsExitButNotDeInit)
+{
+    BruteforceSubmodule detector(*task, host.Metadata(), std::chrono::seconds{3600}, 2);
+    EXPECT_EQ(Play(detector, "open_by_handle_at getdents64 open_by_handle_at @1002 open_by_handle_at open"), "ttttt");
+    EXPECT_EQ(Play(detector, "exit open_by_handle_at +3 open_by_handle_at open_by_handle_at"), "!!f");
+    EXPECT_EQ(LastName(), "/bin/x");
+    EXPECT_EQ(Play(detector, "deinit open_by_handle_at"), "t");
+}
+
+// Rounds that give idle counters' memory back come in between; they must leave this one's calls alone.
+TEST_F(DetectorsTest, BruteForceCountsALongBurstToTheEnd)
+{
+    SDK::LoggerUtils::GetInstance()->SetLevel("information");
+    BruteforceSubmodule detector(*task, host.Metadata(), std::chrono::seconds{3600}, 9000);
+    int within = 0;
+    for (int call = 0; call < 9010; ++call) {
+        within += Call(detector, 1001, "open_by_handle_at") == 't' ? 1 : 0;
+    }
+    EXPECT_EQ(within, 9000);
+}
+
+TEST_F(DetectorsTest, FileAccessIsAlwaysAnAlarmAndWatchesFollowThePolicyAtTheNextInit)
+{
+    EscapeFileAccessSubmodule detector(*task, host.Metadata());
+    detector.Reconfigure({{"/root*/*rw"}, {}});
+    static_cast<Submodule&>(detector).Init();
+    detector.Reconfigure({{"/boot"}, {}});
+    detector.DeInit();
+    static_cast<Submodule&>(detector).Init();
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("/root*/*rw 2 8 notifyOnly", "-/root*/*rw", "/boot 2 8 notifyOnly"));
+
+    FileNotifyMessage access(1, "/etc/shadow", 2);
+    access.SetProcess(7, "cat");
+    EXPECT_EQ(detector.HandleFileNotifyMsg(&access), -1);
+    const std::vector<Json::Value> alarms = Alarms();
+    ASSERT_EQ(alarms.size(), 1U);
+    EXPECT_EQ(alarms[0]["file_info"][0]["file_path"], "/etc/shadow");
+    EXPECT_EQ(alarms[0]["process_info"][0]["process_pid"], 7);
+}
+
+TEST_F(DetectorsTest, PathIsMountedBelowADestinationOrInAnUnknownContainer)
+{
+    ShockerSubmodule shocker(*task, host.Metadata());
+    host.containers["c1"].mountDestinations = {"/data", "/srv/"};
+    EXPECT_TRUE(shocker.IsMounted("c1", "/data/x") && shocker.IsMounted("c1", "/srv/x"));
+    EXPECT_FALSE(shocker.IsMounted("c1", "/database") || shocker.IsMounted("c1", "/data"));
+    EXPECT_TRUE(shocker.IsMounted("c2", "/database"));
+}
+
+}  // namespace
+}  // namespace Engine
