@@ -13,21 +13,9 @@
 #include "messages/ContainerMessages.h"
 #include "messages/FileNotifyMessages.h"
 #include "messages/FtraceMessages.h"
+#include "tests/support/TaskModule.h"
 
 namespace Support {
-
-// Adds one task to the agent, which then owns it.
-class TaskModule : public Framework::Module {
-public:
-    explicit TaskModule(std::unique_ptr<Framework::Task> task)
-        : Module("module of " + task->name()), task(std::move(task))
-    {
-    }
-    int Init() override { return RegisterTask(task.release(), true); }
-
-private:
-    std::unique_ptr<Framework::Task> task;
-};
 
 struct FakeHost {
     // What the fakes were asked for, in order; an end has a leading minus:

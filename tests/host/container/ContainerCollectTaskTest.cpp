@@ -6,7 +6,7 @@
 #include "framework/Engine.h"
 #include "host/sdk/FakeEngine.h"
 #include "tests/host/container/ContainerFixture.h"
-#include "tests/support/CollectingTasks.h"
+#include "tests/support/TaskModule.h"
 
 namespace {
 
@@ -41,7 +41,7 @@ TEST(ContainerCollectTaskTest, AContainerIsAnsweredWithoutTheEngine)
     });
     FakeProc proc;
     Framework::Engine agent;
-    agent.AddModule(std::make_unique<Support::HostModule<Engine::ContainerCollectTask>>(
+    agent.AddModule(std::make_unique<Support::TaskModule>(
         std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc)));
     while (server.Requests().empty()) {
         std::this_thread::yield();  // until the task's thread is in its first call
