@@ -10,6 +10,7 @@ figure is the median over the rounds, that of a single call the median of each r
 import os
 import pathlib
 import resource
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -83,13 +84,13 @@ def measure(state, command, prints_ns):
 
 def print_row(name, unit, values):
     """`values`: a list for each state, empty where there is nothing to measure."""
-    base = harness.median(values["none"]) if values["none"] else None
+    base = statistics.median(values["none"]) if values["none"] else None
     cells = []
     for state in STATES:
         if not values[state]:
             cells.append(f"{'':20}")
             continue
-        middle = harness.median(values[state])
+        middle = statistics.median(values[state])
         digits = 0 if unit.startswith("events") else 1 if unit == "ns" else 3
         text = f"{middle:.{digits}f}"
         if state != "none" and base:

@@ -11,6 +11,7 @@ import contextlib
 import os
 import pathlib
 import secrets
+import statistics
 import subprocess
 import sys
 import time
@@ -110,7 +111,7 @@ def main():
             every = [result for of_size in results.values() for result in of_size]
             title = name + (f", {spinners} busy loops beside" if spinners else "")
             lost = "".join(f"{max(result['lost'] for result in of_size):9}" for of_size in results.values())
-            rest = "".join(f"{harness.median([result[key] for result in every]):11.0f}"
+            rest = "".join(f"{statistics.median([result[key] for result in every]):11.0f}"
                            for key in ("made", "read", "shed"))
             refused = sum(result["queues"] for result in every)
             print(f"{title:34}{lost}{rest}" + (f"  refused by queues: {refused}" if refused else ""), flush=True)

@@ -30,4 +30,5 @@ if [ ! -e /sys/kernel/tracing/instances ]; then mount -t tracefs tracefs /sys/ke
 scripts/demo.sh build/start
 [ -z "$demo_only" ] || exit 0
 echo "Now watching this machine's containers; end with Ctrl-C."
-exec build/start/bin/containerescape-agent run --policy packaging/policy.json "$@"
+[[ " $* " == *" --policy"[\ =]* ]] || set -- --policy packaging/policy.json "$@"
+exec build/start/bin/containerescape-agent run "$@"

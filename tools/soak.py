@@ -17,6 +17,7 @@ import pathlib
 import random
 import re
 import signal
+import statistics
 import sys
 import tempfile
 import threading
@@ -228,7 +229,7 @@ def quarter(rows, number, key):
 
 def steady(rows, key, slack):
     """After the first quarter: the same median in the second and the last, and no value further away than the slack."""
-    first, last = harness.median(quarter(rows, 1, key)), harness.median(quarter(rows, 3, key))
+    first, last = statistics.median(quarter(rows, 1, key)), statistics.median(quarter(rows, 3, key))
     rest = [row[key] for row in rows[len(rows) // 4:]]
     text = f"median {first:g} in the second quarter, {last:g} in the last, {min(rest)} to {max(rest)} in between"
     return abs(last - first) <= 1 and max(abs(value - first) for value in rest) <= slack, text
@@ -243,7 +244,7 @@ def judge(soak, rows, counts, churn, checked):
     reports = [line for line in log if re.search(r"(ERROR|WARNING): \w+Sanitizer|runtime error:", line)]
     yield "no report of a sanitizer", not reports, f"{reports[:3]} ({checked or 'not a sanitized build'})"
 
-    late = harness.median(soak.latencies) if soak.latencies else 0
+    late = statistics.median(soak.latencies) if soak.latencies else 0
     yield ("every attack is alarmed", soak.attacks and not soak.missed,
            f"{soak.attacks - len(soak.missed)} of {soak.attacks}, median {late:.1f} ms, "
            f"maximum {max(soak.latencies, default=0):.1f} ms; missed: {soak.missed}")
@@ -257,7 +258,7 @@ def judge(soak, rows, counts, churn, checked):
     yield "threads", *steady(rows, "threads", THREAD_SLACK)
     if not checked:
         yield "descriptors", *steady(rows, "descriptors", DESCRIPTOR_SLACK)
-        second, last = (harness.median(quarter(rows, number, "rss_kib")) for number in (1, 3))
+        second, last = (statistics.median(quarter(rows, number, "rss_kib")) for number in (1, 3))
         yield ("memory", last <= second + MEMORY_SLACK_KIB,
                f"median {second / 1024:.1f} MiB in the second quarter, {last / 1024:.1f} in the last, "
                f"maximum {max(row['rss_kib'] for row in rows) / 1024:.1f}")

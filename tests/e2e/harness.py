@@ -324,16 +324,6 @@ def instances():
     return sorted(path.name for path in INSTANCES.glob("containerescape-agent-*"))
 
 
-def enabled_events(instance):
-    return sorted((INSTANCES / instance / "set_event").read_text().split())
-
-
-def median(values):
-    ordered = sorted(values)
-    middle = len(ordered) // 2
-    return ordered[middle] if len(ordered) % 2 else (ordered[middle - 1] + ordered[middle]) / 2
-
-
 class InDocker(unittest.TestCase):
     """Tests with an engine of their own for the whole class, and a folder of the host that containers can mount."""
 

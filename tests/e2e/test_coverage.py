@@ -13,6 +13,7 @@ import json
 import os
 import pathlib
 import secrets
+import statistics
 import subprocess
 import tempfile
 import time
@@ -73,7 +74,7 @@ class Way:
 
     def close(self):
         print(f"\n  {self.name}: {self.tries} tries, {len(self.latencies)} alarms; latency median "
-              f"{harness.median(self.latencies or [0]):.1f} ms, maximum {max(self.latencies, default=0):.1f} ms",
+              f"{statistics.median(self.latencies or [0]):.1f} ms, maximum {max(self.latencies, default=0):.1f} ms",
               end="", flush=True)
         assert self.tries == TRIES and not self.missed, f"{self.name}: missed {self.missed}"
 

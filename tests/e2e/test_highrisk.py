@@ -4,8 +4,8 @@
 import pathlib
 import re
 import signal
+import statistics
 import time
-import unittest
 
 import harness
 from harness import HIGH_RISK, MERGE_SECONDS, is_call
@@ -43,10 +43,10 @@ class HighRiskCalls(harness.InDocker):
                 "image_name": "probe:1", "forensic_info": {"sys_call": "unshare"},
                 "resource_info": {"container_id": self.victim, "image_id": image_id},
                 "process_info": [{"process_pid": harness.host_pid(pid, "probe"), "process_name": "probe"}]})
-        print(f"\n  call to alarm: median {harness.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of 50; "
-              f"start to ready: median {harness.median(starts):.3f} s, maximum {max(starts):.3f} s")
-        self.assertLess(harness.median(latencies), 50)
-        self.assertLess(harness.median(starts), 0.5)
+        print(f"\n  call to alarm: median {statistics.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of 50; "
+              f"start to ready: median {statistics.median(starts):.3f} s, maximum {max(starts):.3f} s")
+        self.assertLess(statistics.median(latencies), 50)
+        self.assertLess(statistics.median(starts), 0.5)
 
     def test_once_an_hour_for_each_call_and_only_in_containers(self):
         agent, server = self.agent(), self.server()
@@ -111,7 +111,7 @@ class HighRiskCalls(harness.InDocker):
 
     def test_the_trace_alone_serves_where_there_is_no_bpf(self):
         agent, server = self.agent("--syscalls", "tracefs"), self.server()
-        events = harness.enabled_events(f"containerescape-agent-{agent.pid}")
+        events = (harness.INSTANCES / f"containerescape-agent-{agent.pid}/set_event").read_text().split()
         self.assertEqual(len(events), len(set(events)), "a call that several detectors watch is enabled once")
         self.assertEqual({event for event in events if event.startswith("syscalls:")},
                          {f"syscalls:sys_enter_{call}" for call in (*CALLS, "getdents", "getdents64")})

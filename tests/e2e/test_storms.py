@@ -4,6 +4,7 @@
 import itertools
 import json
 import os
+import statistics
 import threading
 import time
 
@@ -50,7 +51,7 @@ class Storms(harness.InDocker):
         self.doCleanups()
         in_time = sum(each <= 500 for each in took)
         print(f"\n  {what}: {in_time} of {TRIES} within 500 ms, {len(took)} at all; median "
-              f"{harness.median(took or [0]):.1f} ms, maximum {max(took, default=0):.1f} ms; {counts}")
+              f"{statistics.median(took or [0]):.1f} ms, maximum {max(took, default=0):.1f} ms; {counts}")
         return in_time, counts
 
     def test_no_storm_hides_an_attack_in_another_container(self):
