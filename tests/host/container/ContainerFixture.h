@@ -36,25 +36,19 @@ public:
     std::map<int, Thread> threads;                // processes, and those of their threads that answer differently
     std::map<std::uint64_t, std::string> groups;  // control groups, with the containers that they are
 
-    std::optional<std::string> CgroupContainer(int tid) override
-    {
-        return IsThere(tid) ? std::optional{threads[tid].container} : std::nullopt;
-    }
+    std::optional<std::string> CgroupContainer(int tid) override { return Of(tid, &Thread::container); }
     std::string ContainerOfCgroup(std::uint64_t group) override { return groups.contains(group) ? groups[group] : ""; }
-    bool RunSameFile(int tid, int /*parent*/) override { return IsThere(tid) && threads[tid].runsCopy; }
+    bool RunSameFile(int tid, int /*parent*/) override { return Of(tid, &Thread::runsCopy).value_or(false); }
+    std::optional<std::chrono::nanoseconds> StartTime(int tid) override { return Of(tid, &Thread::start); }
     int Status(int tid, SDK::ProcessUtils::procStatus& status) override
     {
-        status.ppid = IsThere(tid) ? threads[tid].parent : -1;
-        return IsThere(tid) ? 0 : -1;
+        status.ppid = Of(tid, &Thread::parent).value_or(-1);
+        return threads.contains(tid) ? 0 : -1;
     }
     int Namespaces(int tid, std::map<std::string, std::string>& namespaces) override
     {
-        namespaces = {{"mnt", tid == 1 ? "host" : IsThere(tid) ? threads[tid].mounts : ""}};
-        return tid == 1 || (IsThere(tid) && !threads[tid].isZombie) ? 0 : -1;
-    }
-    std::optional<std::chrono::nanoseconds> StartTime(int tid) override
-    {
-        return IsThere(tid) ? std::optional{threads[tid].start} : std::nullopt;
+        namespaces = {{"mnt", tid == 1 ? "host" : Of(tid, &Thread::mounts).value_or("")}};
+        return tid == 1 || !Of(tid, &Thread::isZombie).value_or(true) ? 0 : -1;
     }
     int ExecutablePath(unsigned int /*tid*/, std::string& path) override
     {
@@ -69,15 +63,15 @@ public:
         }
         return ids;
     }
-    std::vector<int> Threads(int pid) override
-    {
-        std::vector<int> ids{threads[pid].others};
-        ids.push_back(pid);
-        return ids;
-    }
+    std::vector<int> Threads(int pid) override { return threads[pid].others; }
 
 private:
-    bool IsThere(int tid) const { return threads.count(tid) != 0; }
+    template <class Value>
+    std::optional<Value> Of(int tid, Value Thread::*member) const
+    {
+        const auto found = threads.find(tid);
+        return found == threads.end() ? std::nullopt : std::optional{found->second.*member};
+    }
 };
 
 // The stream to the receiver, which has a table as the detection task's.
@@ -91,7 +85,7 @@ public:
             notices.push_back((notice->started ? "+" : "-") + std::to_string(last.pid));
         }
         queue.push_back({std::move(message), &target, 0});
-        HandleUnlessStalled();
+        isStalled ? void() : Handle();
     }
     bool GetsEvent(const Framework::Task& /*task*/) const override { return hasSubscribed; }
     Engine::SyscallFilter* Filter() override { return filter; }
@@ -100,8 +94,9 @@ public:
     void Know(int pid)
     {
         queue.push_back({nullptr, nullptr, pid});
-        HandleUnlessStalled();
+        isStalled ? void() : Handle();
     }
+    // With too many records it forgets all processes that live.
     void Handle()
     {
         for (; !queue.empty(); queue.pop_front()) {
@@ -110,10 +105,12 @@ public:
                 item.message->MessageHandle(item.target);
             }
             const auto* notice = dynamic_cast<const Engine::ContainerProcMessage*>(item.message.get());
+            const int pid = notice != nullptr ? notice->info->pid : item.known;
             if (notice != nullptr && !notice->started) {
-                table.erase(notice->info->pid);
-            } else if (notice != nullptr || item.known != 0) {
-                Insert(notice != nullptr ? notice->info->pid : item.known);
+                table.erase(pid);
+            } else if (pid != 0) {
+                table.size() > 640 ? table.clear() : void();
+                table.insert(pid);
             }
         }
     }
@@ -131,22 +128,6 @@ public:
     Engine::SyscallFilter* filter = nullptr;
     bool hasSubscribed = true;
     bool isStalled = false;  // the receiver handles nothing at present
-
-private:
-    void HandleUnlessStalled()
-    {
-        if (!isStalled) {
-            Handle();
-        }
-    }
-    // With too many records it forgets all processes that live.
-    void Insert(int pid)
-    {
-        if (table.size() > 640) {
-            table.clear();
-        }
-        table.insert(pid);
-    }
 };
 
 class ContainerFixture : public testing::Test {
