@@ -54,6 +54,7 @@ public:
         return result;
     }
     bool HandleEvent(const Engine::FtraceMessage& message) override { return Note(message.name()) == 0; }
+    void HandleProcExit(int pid) override { Note("forgets " + std::to_string(pid)); }
 
 private:
     int Note(const std::string& what)

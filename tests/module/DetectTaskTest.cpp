@@ -53,6 +53,20 @@ TEST_F(DetectTaskTest, SystemCallsOfKnownProcessesReachTheDetectorsInOrderUntilO
     EXPECT_THAT(host.TakeJournal(), testing::SizeIs(3));
 }
 
+TEST_F(DetectTaskTest, DetectorsForgetAnIdThatExitsOrIsForkedAndNoneForANotice)
+{
+    task->Attach<RecordingSubmodule>(host, "a");
+    Receive(Support::Exit(7));
+    world.PutInContainer(7, "c1");
+    Receive(Support::Fork(7, "sh", 8));
+    Receive(Support::Fork(9, "sh", 10));  // the host's
+    task->Know(11);
+    auto info = std::make_shared<Engine::ContainerProcMessage::ProcInfo>();
+    info->pid = 11;
+    task->Receive(Engine::ContainerProcMessage(false, info));
+    EXPECT_THAT(host.TakeJournal(), ElementsAre("a forgets 7", "a forgets 8"));
+}
+
 TEST_F(DetectTaskTest, NoticesOfWhitelistedImagesChangeNothing)
 {
     task->RefreshPolicy(true);

@@ -13,7 +13,7 @@ constexpr AlarmClass alarmClass{"containerescape_0005", "Bruteforce syscall atta
 constexpr char openByHandle[] = "open_by_handle_at";
 
 // At least so many calls lie between two rounds over all counters.
-constexpr std::size_t minCallsBetweenReleases = 4096;
+constexpr std::size_t minCallsBetweenRounds = 4096;
 
 }  // namespace
 
@@ -22,7 +22,7 @@ BruteforceSubmodule::BruteforceSubmodule(ContainerEscapeDetectTask& task, Contai
     : BaseSubmodule(task, "bruteforce_submodule", metaInfo),
       window(window),
       maxCount(maxCount),
-      callsUntilRelease(minCallsBetweenReleases)
+      callsUntilRound(minCallsBetweenRounds)
 {
 }
 
@@ -52,7 +52,7 @@ bool BruteforceSubmodule::HandleEvent(const FtraceMessage& message)
     }
     const int pid = static_cast<int>(message.get_number("common_pid"));
     const auto now = std::chrono::steady_clock::now();
-    ReleaseIdle(now);
+    DropIdle(now);
     if (CountCall(pid, now)) {
         return true;
     }
@@ -88,17 +88,15 @@ void BruteforceSubmodule::RaiseAlarm(int ppid, int pid, const std::string& exePa
 }
 
 // Counters outlive their processes: processes that follow each other, each calling at full speed, would fill the memory
-// with times that are never looked at again. A counter without times in the window counts like a new one, so emptying
+// with times that are never looked at again. A counter without times in the window counts like a new one, so dropping
 // it changes no result. As many calls as there are counters pay for one round.
-void BruteforceSubmodule::ReleaseIdle(std::chrono::steady_clock::time_point now)
+void BruteforceSubmodule::DropIdle(std::chrono::steady_clock::time_point now)
 {
-    if (--callsUntilRelease > 0) {
+    if (--callsUntilRound > 0) {
         return;
     }
-    callsUntilRelease = std::max(minCallsBetweenReleases, limiters.size());
-    for (auto& [pid, limiter] : limiters) {
-        limiter.ReleaseIfIdle(window, now);
-    }
+    std::erase_if(limiters, [&](const auto& item) { return item.second.IsIdle(window, now); });
+    callsUntilRound = std::max(minCallsBetweenRounds, limiters.size());
 }
 
 void BruteforceSubmodule::setBruteForceAlertInfo(AlertInfo& info)

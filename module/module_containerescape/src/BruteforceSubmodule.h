@@ -39,12 +39,12 @@ public:
 private:
     bool CountCall(int pid, std::chrono::steady_clock::time_point now);
     void RaiseAlarm(int ppid, int pid, const std::string& exePath);
-    void ReleaseIdle(std::chrono::steady_clock::time_point now);
+    void DropIdle(std::chrono::steady_clock::time_point now);
 
     std::chrono::duration<long> window;
     std::uint16_t maxCount;
-    std::unordered_map<int, RateLimiter> limiters;  // by process id; only DeInit removes
-    std::size_t callsUntilRelease;
+    std::unordered_map<int, RateLimiter> limiters;  // by process id; dropped when idle, and by DeInit
+    std::size_t callsUntilRound;
 };
 
 }  // namespace Engine

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "BaseSubmodule.h"
 #include "ContainerEscapeFeaturePolicy.h"
 #include "ContainerEscapeTaskPolicy.h"
 #include "FtraceUtils.h"
@@ -74,6 +75,9 @@ void ContainerEscapeDetectTask::AttachSubmodule(std::unique_ptr<Submodule> submo
     }
     if (auto* receiver = dynamic_cast<AbstructMessage<FtraceMessage>::Receiver*>(submodule.get())) {
         ftraceReceivers.push_back(receiver);
+    }
+    if (auto* detector = dynamic_cast<BaseSubmodule*>(submodule.get())) {
+        processDetectors.push_back(detector);
     }
     submodules.push_back(std::move(submodule));
 }
@@ -175,15 +179,29 @@ int ContainerEscapeDetectTask::Receive(const FtraceMessage& message)
     }
     int pid = -1;
     if (event == exitEvent) {
+        ForgetInDetectors(static_cast<int>(message.get_number("pid")));
         return RemoveProcess("", message);
     }
     if (event == forkEvent) {
-        return CreateProcess("", message, pid);
+        const int result = CreateProcess("", message, pid);
+        if (result == 0) {  // the exit of the id's last bearer may have been lost
+            ForgetInDetectors(static_cast<int>(message.get_number("child_pid")));
+        }
+        return result;
     }
     if (event == execEvent) {
         return AddProcessInfo("", message, pid);
     }
     return Dispatch(message);
+}
+
+// An id that is used again starts anew in every detector. Only the kernel's events say so: a stop notice may be about a
+// process that lives on, which must not lose its state.
+void ContainerEscapeDetectTask::ForgetInDetectors(int pid)
+{
+    for (BaseSubmodule* detector : processDetectors) {
+        detector->HandleProcExit(pid);
+    }
 }
 
 int ContainerEscapeDetectTask::Dispatch(const FtraceMessage& message)

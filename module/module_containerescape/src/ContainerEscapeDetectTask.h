@@ -26,6 +26,8 @@
 
 namespace Engine {
 
+class BaseSubmodule;
+
 class ContainerEscapeDetectTask : public Framework::Task,
                                   public AbstractMessageReceiver,
                                   public AbstructMessage<ContainerProcMessage>::Receiver,
@@ -116,6 +118,7 @@ public:
 
 private:
     int Dispatch(const FtraceMessage& message);
+    void ForgetInDetectors(int pid);
     void SendContainerRegistration(bool subscribe);
     void PruneIfFull();
     bool IsKnown(int pid) const { return procs.find(pid) != procs.end(); }
@@ -131,6 +134,7 @@ private:
 
     // Those of `submodules` that take trace events, in their order: the cast is too dear to be made for each event.
     std::vector<AbstructMessage<FtraceMessage>::Receiver*> ftraceReceivers;
+    std::vector<BaseSubmodule*> processDetectors;  // those that may keep something for each process
 };
 
 }  // namespace Engine

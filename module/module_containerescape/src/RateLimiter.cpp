@@ -44,12 +44,4 @@ void RateLimiter::Compact()
     }
 }
 
-void RateLimiter::ReleaseIfIdle(const std::chrono::duration<long>& window, TimePoint now)
-{
-    if (!times.empty() && now - times.back() > window) {
-        times = std::vector<TimePoint>();
-        head = 0;
-    }
-}
-
 }  // namespace Engine

@@ -26,9 +26,12 @@ public:
     // are inside, this one included. A call over the limit counts like any other.
     bool Update(const std::chrono::duration<long>& window, unsigned short maxCount, TimePoint now);
 
-    // Gives the memory back if every call has left the window at `now`. REQUIRES: no later call of Update carries a
-    // time before `now`.
-    void ReleaseIfIdle(const std::chrono::duration<long>& window, TimePoint now);
+    // Whether every call has left the window at `now`: if no later call of Update carries a time before `now`, a new
+    // limiter in its place gives the same results.
+    bool IsIdle(const std::chrono::duration<long>& window, TimePoint now) const
+    {
+        return times.empty() || now - times.back() > window;
+    }
 
     // Times inside the window, as of the last call.
     std::size_t Size() const { return times.size() - head; }

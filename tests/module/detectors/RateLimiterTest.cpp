@@ -54,18 +54,16 @@ TEST(RateLimiterTest, CountsLikeAFullPassWhateverTheOrder)
             const TimePoint now{milliseconds{order(call, random)}};
             const Seconds window{random() % 64 == 0 ? 0 : 1 + static_cast<long>(random() % 2)};
             const auto maxCount = static_cast<unsigned short>(random() % 1000);
-            if (order == orders[0] && random() % 5 == 0) {  // needs rising times
-                limiter.ReleaseIfIdle(Seconds{2}, now);
+            if (order == orders[0] && limiter.IsIdle(Seconds{2}, now)) {  // needs rising times
+                limiter = {};
             }
             ASSERT_EQ(limiter.Update(window, maxCount, now), plain.Update(window, maxCount, now)) << call;
             ASSERT_EQ(limiter.Size(), plain.Size()) << call;
         }
         const TimePoint latest{milliseconds{4000L * 3500}};
         limiter.Update(Seconds{1}, 1, latest);
-        limiter.ReleaseIfIdle(Seconds{1}, latest + Seconds{1});
-        EXPECT_EQ(limiter.Size(), 1U);
-        limiter.ReleaseIfIdle(Seconds{1}, latest + milliseconds{1001});
-        EXPECT_EQ(limiter.Size(), 0U) << "the memory is given back";
+        EXPECT_FALSE(limiter.IsIdle(Seconds{1}, latest + Seconds{1}));
+        EXPECT_TRUE(limiter.IsIdle(Seconds{1}, latest + milliseconds{1001}));
     }
 }
 
