@@ -24,9 +24,9 @@ struct Engine::Impl {
     static Engine* Current();
     static void SetCurrent(Engine* engine);
 
-    // For modules. A task that is refused (-1) stays its module's. Unregister also on the task's own thread: that ends
-    // after the current call of Run, and only then may the module delete the task; one that the framework owns is
-    // released when the thread has been joined.
+    // For modules. A task that is refused (-1) still belongs to its module. Unregister also on the thread of the task,
+    // which ends after the current call of Run, and only then may the module delete the task; one that the framework
+    // owns is released when the thread has been joined.
     int Register(Task& task, const Module& module, bool owned);
     int Unregister(const std::string& taskName);
     void Disown(const Module& module);  // what the module did not withdraw itself

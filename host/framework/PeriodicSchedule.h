@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // When a periodic task runs next. A run that takes longer than a period skips what it missed and keeps to the grid
 // of start + firstDelay + n * period; nothing is caught up.
-// Ownership: none.   Thread: its task's, no lock inside.
+// Ownership: none.   Thread: that of its task, no lock inside.
 #pragma once
 
 #include <chrono>

@@ -37,7 +37,7 @@ struct Task::Impl {
     bool IsOwnThread() const { return thread.get_id() == std::this_thread::get_id(); }
     bool OnTaskThread() const { return loopThread.load() == std::this_thread::get_id(); }
 
-    // Thread: the task's.
+    // Thread: that of the task.
     bool IsCutShort() const { return interruptible && cancelled; }
     void Loop(Task& task);
     void Drain(Task& task);

@@ -69,7 +69,7 @@ void TaskRegistry::Forget(const Task& task)
     std::erase_if(entries, [&task](const EntryPointer& entry) { return entry->task == &task; });
 }
 
-// Only if the name is still this entry's: a hidden task's may be in use again.
+// Only if the name still belongs to this entry: that of a hidden task may be in use again.
 void TaskRegistry::Unname(const TaskEntry& entry)
 {
     std::erase_if(byName, [&entry](const auto& named) { return named.second.get() == &entry; });

@@ -27,8 +27,8 @@ constexpr milliseconds longestWait{60'000};
 constexpr milliseconds drainBound{200};
 constexpr milliseconds patience{2000};  // until a stop that takes long is worth a warning
 
-// Signals are the main thread's: a new thread inherits the mask of the one that makes it. Those that report a fault of
-// the thread itself stay open, blocking them changes nothing for the better (signal(7)).
+// The main thread takes the signals: a new thread inherits the mask of the one that makes it. Those that report a fault
+// of the thread itself stay open, blocking them changes nothing for the better (signal(7)).
 class SignalsBlocked {
 public:
     SignalsBlocked()

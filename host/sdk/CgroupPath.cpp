@@ -25,7 +25,7 @@ std::string_view WithoutEnd(std::string_view text, std::string_view end)
     return text.ends_with(end) ? text.substr(0, text.size() - end.size()) : text;
 }
 
-// "<id>", "<prefix>-<id>" (a scope of systemd's, or Podman and CRI-O with plain groups) or "<slice>:<prefix>:<id>" (a
+// "<id>", "<prefix>-<id>" (a scope of systemd, or Podman and CRI-O with plain groups) or "<slice>:<prefix>:<id>" (a
 // systemd-style path given to a runtime that uses plain groups). Any prefix will do: engines and users choose it, and
 // no other program names a group by 64 digits. conmon monitors a container for the engine and belongs to the host.
 std::string_view HexId(std::string_view name)
@@ -57,7 +57,8 @@ std::string_view BuildId(std::string_view name, std::string_view parent)
     return isId ? name : std::string_view{};
 }
 
-// "lxc.payload.NAME" (LXC 4 and later, Incus), "lxc.payload/NAME", "lxc/NAME" (before). lxc.monitor is the host's.
+// "lxc.payload.NAME" (LXC 4 and later, Incus), "lxc.payload/NAME", "lxc/NAME" (before). lxc.monitor belongs to the
+// host.
 std::string_view LxcName(std::string_view name, std::string_view parent)
 {
     constexpr std::string_view prefix = "lxc.payload.";

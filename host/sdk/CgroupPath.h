@@ -10,8 +10,8 @@ namespace SDK {
 class CgroupPath {
 public:
     // The container id in one cgroup path, as /proc/<pid>/cgroup or the cgroup_attach_task event gives it; empty when
-    // the path is no container's. The first (outermost) component that has an engine's form decides: groups below it
-    // are made by what runs in the container, which must not be able to pass for another.
+    // the path belongs to no container. The first (outermost) component that has an engine's form decides: groups below
+    // it are made by what runs in the container, which must not be able to pass for another.
     static std::string_view ContainerId(std::string_view path);
 
     // The same for the text of /proc/<pid>/cgroup (cgroups(7)): the first of its hierarchies that names a container.

@@ -28,13 +28,13 @@ inline constexpr char traceLostOverrun[] = "trace.lost_overrun";    // overwritt
 inline constexpr char traceLostDropped[] = "trace.lost_dropped";    // dropped by the kernel when it wrote
 inline constexpr char traceLostPages[] = "trace.lost_pages";        // reported missing in a page, number unknown: pages
 inline constexpr char traceLostQueue[] = "trace.lost_queue";        // refused by a subscriber's queue
-inline constexpr char traceShed[] = "trace.shed";                   // left out: their container storms
-inline constexpr char traceShedKernel[] = "trace.shed_kernel";      // the same, left out by the kernel: never read
+inline constexpr char traceShed[] = "trace.shed";                   // excluded: their container storms
+inline constexpr char traceShedKernel[] = "trace.shed_kernel";      // the same, by the kernel: never read
 inline constexpr char traceUnwanted[] = "trace.unwanted";           // for a subscriber that had stopped
 inline constexpr char traceLate[] = "trace.late";                   // delivered out of time order
 inline constexpr char traceNotContainer[] = "trace.not_container";  // system calls of host processes
 inline constexpr char traceDelivered[] = "trace.delivered";         // handled by their subscribers
-// System calls alone: every one that was read is delivered, not a container's, shed or refused, once the queues are
+// System calls alone: every one that was read is delivered, of a host process, shed or refused, once the queues are
 // empty.
 inline constexpr char callsRead[] = "calls.read";
 inline constexpr char callsDelivered[] = "calls.delivered";

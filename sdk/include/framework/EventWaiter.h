@@ -2,7 +2,7 @@
 // Where a task's thread sleeps: on descriptors that it watches and on its message queue. See epoll(7).
 //
 // Ownership: owns its epoll set and eventfd; never the descriptors that are watched.
-// Thread:    one thread waits, the task's; any thread may wake it.
+// Thread:    one waits, that of the task; any may wake it.
 #pragma once
 
 #include <cstdint>

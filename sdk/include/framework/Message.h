@@ -18,9 +18,9 @@ public:
     virtual ~Message() = default;
 
     // Delivers the message. `target`: the receiving task, as a pointer to Framework::Task and to no other base; null is
-    // refused. Thread: the receiving task's, inside its BulkConsumeMsg. Returns the receiver's result, -1 if it takes
-    // no such message. This default hands the message to Task::HandleMsg. Messages with a receiver interface of their
-    // own derive from Engine::AbstractMessage<T>, which overrides it.
+    // refused. Thread: that of the receiving task, inside its BulkConsumeMsg. Returns the receiver's result, -1 if it
+    // takes no such message. This default hands the message to Task::HandleMsg. Messages with a receiver interface of
+    // their own derive from Engine::AbstractMessage<T>, which overrides it.
     virtual int MessageHandle(void* target);
 
     // How many events the message carries: 1, but more for a batch of trace events. What a full queue loses is counted

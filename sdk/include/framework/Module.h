@@ -33,7 +33,7 @@ public:
 
     // Makes the task known under its name; the framework starts it when its feature has a policy, at once if it has no
     // feature; inside Init only after that has succeeded. `owned`: whether the framework deletes it. 0, or -1 when the
-    // name is taken; the task then stays the caller's.
+    // name is taken; the task then still belongs to the caller.
     int RegisterTask(Task* task, bool owned);
 
     // Stops the task's thread, waits for its UnInit and forgets the task. Accepts names that were never registered.

@@ -18,7 +18,7 @@ class Policy {
 public:
     static constexpr int defaultPriority = 6;
 
-    // `name`: the feature's or the task's.
+    // `name`: that of the feature or the task.
     explicit Policy(const std::string& name, int priority = defaultPriority) : priority(priority), policyName(name) {}
     Policy(const Policy&) = delete;
     Policy& operator=(const Policy&) = delete;

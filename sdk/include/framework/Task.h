@@ -91,7 +91,7 @@ public:
     // Takes the messages that have no receiver interface of their own (CmdMessage, DataMessage). Returns 0.
     virtual int HandleMsg(const Message* message);
 
-    // Handles at most `max` queued messages on the calling thread, which must be the task's. Returns how many.
+    // Handles at most `max` queued messages on the calling thread, which must be that of the task. Returns how many.
     // What a handler throws is logged and ends that message only. Stops early when the task is cancelled.
     int BulkConsumeMsg(int max);
 

@@ -15,7 +15,8 @@ public:
     static LoggerUtils* GetInstance();
 
     // The logger of one module, made at its first use with the root logger's level. `ownLevel` true keeps its level
-    // apart from later changes of the root's. Never null; owned by the logging library, valid until the process ends.
+    // apart from later changes of the root logger. Never null; owned by the logging library, valid until the process
+    // ends.
     Poco::Logger* GetModuleLogger(const std::string& name, bool ownLevel);
 
     // Never null; valid until the process ends.

@@ -113,6 +113,8 @@ private:
 
 class FrameworkCase : public testing::Test {
 protected:
+    void TearDown() override { engine.Stop(); }  // no thread uses the fixture when its parts go
+
     TestTask* Register(const std::string& name, const std::string& feature = "")
     {
         auto* const task = new TestTask(name, journal, feature);
@@ -122,7 +124,7 @@ protected:
 
     Journal journal;
     Framework::Engine engine;
-    Framework::Module module{"module"};  // goes first and ends the tasks, which the framework owns
+    Framework::Module module{"module"};
 };
 
 }  // namespace FrameworkTest

@@ -15,7 +15,7 @@ using testing::ElementsAre;
 
 class TaskTest : public FrameworkCase {};
 
-// Without a thread of its own: the thread of the case is the task's.
+// Without a thread of its own: the case is its thread.
 TEST_F(TaskTest, HandlesInOrderAtMostAsManyAsAskedWhateverTheHandlersDoAndCountsWhatIsRefused)
 {
     constexpr int capacity = 100;  // more than are taken from the queue at once

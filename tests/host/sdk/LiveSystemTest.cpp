@@ -11,7 +11,7 @@
 #include <future>
 #include <thread>
 
-#include "host/sdk/TempDirectory.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ using SDK::ProcessUtils;
 
 class LiveSystemTest : public testing::Test {
 protected:
-    TempDirectory proc;
+    TemporaryDirectory proc;
     LiveSystem system{proc.Path()};
 };
 
