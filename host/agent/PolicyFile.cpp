@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/PolicyFile.h"
 
+#include <fcntl.h>
 #include <json/value.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 
 #include "PathEntry.h"
 #include "host/agent/Console.h"
+#include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
 
@@ -127,16 +129,18 @@ bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
 
 std::string ReadPolicyFile(const std::string& path)
 {
+    // What was opened is looked at, not what the path leads to: it may lead elsewhere a moment later. A pipe or a
+    // device could keep the agent waiting, at the start and whenever the policy is read again.
+    const SDK::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     struct stat status {};
-    if (::stat(path.c_str(), &status) != 0) {
+    if (!file || ::fstat(file.Get(), &status) != 0) {
         throw BadInput(std::strerror(errno));
     }
-    // A pipe or a device could keep the agent waiting, at the start and whenever the policy is read again.
     if (!S_ISREG(status.st_mode)) {
         throw BadInput("is not a regular file");
     }
     std::string text;
-    if (SDK::FileUtils::ReadFile(path, text, maxPolicyBytes + 1) != 0) {
+    if (SDK::FileUtils::ReadFile("/proc/self/fd/" + std::to_string(file.Get()), text, maxPolicyBytes + 1) != 0) {
         throw BadInput(std::strerror(errno));
     }
     if (text.size() > maxPolicyBytes) {
