@@ -3,9 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,8 @@ public:
         std::string container;                          // empty: a process of the host
         std::string executable;                         // empty: cannot be read
         std::map<std::string, std::string> namespaces;  // empty: cannot be read
+        std::vector<int> threads = {};                  // beside the first; those that answer otherwise are put, too
+        std::chrono::nanoseconds start = std::chrono::nanoseconds::max();
     };
 
     FakeSystem() : before(SDK::SystemView::Exchange(this)) {}
@@ -28,11 +32,13 @@ public:
     ~FakeSystem() override { SDK::SystemView::Exchange(before); }
 
     std::atomic<std::int64_t> now{1'700'000'000};
+    std::map<std::uint64_t, std::string> cgroups;  // containers by the ids of control groups
 
-    void Put(int pid, Process process)
+    // The process may be changed as long as no other thread asks.
+    Process& Put(int pid, Process process)
     {
         const std::lock_guard lock(mutex);
-        processes[pid] = std::move(process);
+        return processes[pid] = std::move(process);
     }
     void PutInContainer(int pid, const std::string& container) { Put(pid, {{1, "sh"}, container, "", {}}); }
 
@@ -68,6 +74,30 @@ public:
     int CommandLine(int pid, std::string& commandLine) override
     {
         return With(pid, [&](const Process& process) { return (commandLine = process.status.name, true); });
+    }
+    std::vector<int> Threads(int pid) override
+    {
+        std::vector<int> threads;
+        With(pid, [&](const Process& process) { return (threads = process.threads, true); });
+        return threads;
+    }
+    std::optional<std::string> CgroupContainer(int tid) override
+    {
+        std::string id;
+        return ContainerOf(tid, id) == 0 ? std::optional{id} : std::nullopt;
+    }
+    std::string ContainerOfCgroup(std::uint64_t cgroup) override { return cgroups[cgroup]; }
+    bool RunSameFile(int tid, int other) override
+    {
+        std::string file;
+        return ExecutablePath(static_cast<unsigned int>(tid), file) == 0 &&
+               With(other, [&](const Process& process) { return process.executable == file; }) == 0;
+    }
+    std::optional<std::chrono::nanoseconds> StartTime(int tid) override
+    {
+        std::optional<std::chrono::nanoseconds> start;
+        With(tid, [&](const Process& process) { return (start = process.start).has_value(); });
+        return start;
     }
 
 private:

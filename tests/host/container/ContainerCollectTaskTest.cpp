@@ -5,7 +5,7 @@
 
 #include "framework/Engine.h"
 #include "host/sdk/FakeEngine.h"
-#include "tests/host/container/ContainerFixture.h"
+#include "tests/support/FakeSystem.h"
 #include "tests/support/TaskModule.h"
 
 namespace {
@@ -18,41 +18,34 @@ struct Observable final : Engine::TraceObservable {
     int rounds = 0;
 };
 
-// Its own thread may be waiting for an engine that hangs.
-TEST(ContainerCollectTaskTest, RegistrationTakesEffectWithoutTheTasksThread)
-{
-    FakeProc proc;
-    Observable trace;
-    Engine::ContainerCollectTask task("/none", proc);
-    ASSERT_TRUE(task.Attach(trace));
-    std::shared_ptr<Framework::Message> on = std::make_shared<Engine::ContainerRegisterMessage>(&task, false, true);
-    EXPECT_EQ(task.EnqueueMsg(on), 0);
-    EXPECT_EQ(trace.rounds, 2);
-    std::shared_ptr<Framework::Message> bad = std::make_shared<Engine::ContainerRegisterMessage>(nullptr, false, true);
-    EXPECT_EQ(task.EnqueueMsg(bad), -1);
-}
-
-// The caller is the thread that raises alarms: it gets the id, and neither waits for the engine nor asks it.
-TEST(ContainerCollectTaskTest, AContainerIsAnsweredWithoutTheEngine)
+// The thread that registers and raises alarms waits neither for the task's thread nor for the engine, nor asks it.
+TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
 {
     std::vector<SDK::FileDescriptor> hanging;
-    FakeEngine server([&hanging](const std::string& /*target*/, SDK::FileDescriptor& connection) {
-        hanging.push_back(std::move(connection));
-    });
-    FakeProc proc;
+    FakeEngine server([&](const std::string&, SDK::FileDescriptor& to) { hanging.push_back(std::move(to)); });
+    Support::FakeSystem proc;
+    Observable trace;
     Framework::Engine agent;
-    agent.AddModule(std::make_unique<Support::TaskModule>(
-        std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc)));
+    auto owned = std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc);
+    Engine::ContainerCollectTask& task = *owned;
+    ASSERT_TRUE(task.Attach(trace));
+    agent.AddModule(std::make_unique<Support::TaskModule>(std::move(owned)));
     while (server.Requests().empty()) {
         std::this_thread::yield();  // until the task's thread is in its first call
     }
+    for (Framework::Task* const requester :
+         {static_cast<Framework::Task*>(&task), static_cast<Framework::Task*>(nullptr)}) {
+        std::shared_ptr<Framework::Message> on =
+            std::make_shared<Engine::ContainerRegisterMessage>(requester, false, true);
+        EXPECT_EQ(task.EnqueueMsg(on), requester == nullptr ? -1 : 0);
+    }
+    EXPECT_EQ(trace.rounds, 2);
     SDK::DockerClient client{server.SocketPath()};
-    Engine::ContainerInfo info;
-    info.imageName = "another's";
-    EXPECT_TRUE(DockerUtil::GetContainerInfo(client, idA, info));
-    EXPECT_EQ(info.id, idA);
-    EXPECT_EQ(info.imageName, "") << "a container without a name is one all the same";
-    for (const std::string& id : {std::string{}, "../" + idA, std::string{"a\r\nX: y"}, std::string(129, 'a')}) {
+    const std::string known(64, 'a');
+    Engine::ContainerInfo info{"", "", "", "another's", {}, {}};
+    EXPECT_TRUE(DockerUtil::GetContainerInfo(client, known, info));
+    EXPECT_EQ(info.id + info.imageName, known) << "a container without a name is one all the same";
+    for (const std::string& id : {std::string{}, "../" + known, std::string{"a\r\nX: y"}, std::string(129, 'a')}) {
         EXPECT_FALSE(DockerUtil::GetContainerInfo(client, id, info)) << id;
     }
     agent.Stop();

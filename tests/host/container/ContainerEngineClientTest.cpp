@@ -6,12 +6,14 @@
 #include <map>
 
 #include "host/sdk/FakeEngine.h"
-#include "tests/host/container/ContainerFixture.h"
-#include "tests/support/FakeSystem.h"
 
 namespace {
 
-constexpr char list[] = "/containers/json?all=1";
+// 64 digits of one kind, as engines make them.
+std::string Id(char digit)
+{
+    return std::string(64, digit);
+}
 
 class ContainerEngineClientTest : public testing::Test {
 protected:
@@ -21,31 +23,36 @@ protected:
         const std::lock_guard lock{mutex};
         answers[target] = body.empty() ? "" : "HTTP/1.1 200 OK\r\n\r\n" + body;
     }
-    void Container(const std::string& id, const std::string& image, const std::string& answeredId)
+    void List(const std::string& list) { Answer("/containers/json?all=1", list); }
+    // `image`: empty when the engine is stuck. `answered`: the container that it says this is, if not the one asked
+    // for.
+    void Container(char digit, const std::string& image, std::optional<char> answered = {})
     {
-        Answer("/containers/" + id + "/json", R"({"Id":")" + answeredId + R"(","Config":{"Image":")" + image + "\"}}");
+        const std::string id = Id(answered.value_or(digit));
+        Answer("/containers/" + Id(digit) + "/json",
+               image.empty() ? "" : R"({"Id":")" + id + R"(","Config":{"Image":")" + image + "\"}}");
     }
-    void SendEvent(const std::string& action, const std::string& id)
+    void Event(const std::string& action, char digit)
     {
-        SendEvents(R"({"Type":"container","Action":")" + action + R"(","Actor":{"ID":")" + id +
-                   R"(","Attributes":{"image":"from-the-event"}}})" + "\n");
+        Events(R"({"Type":"container","Action":")" + action + R"(","Actor":{"ID":")" + Id(digit) +
+               R"(","Attributes":{"image":"from-the-event"}}})" + "\n");
     }
     // What is sent has come when the client takes its step.
-    void SendEvents(const std::string& bytes)
+    void Events(const std::string& bytes)
     {
         {
             const std::lock_guard lock{mutex};
             FakeEngine::Send(events, bytes);
         }
-        client.Step(now);
+        StepAfter({});
     }
-    void BreakEvents()
-    {
-        const std::lock_guard lock{mutex};
-        events.Reset();
-    }
-    void Serve(const std::string& target, SDK::FileDescriptor& connection)
-    {
+    void StepAfter(std::chrono::seconds pause) { client.Step(now += pause); }
+    std::string ImageOf(char digit) const { return cache.ImageNameOf(Id(digit)); }
+
+    std::mutex mutex;  // guards what the engine's thread uses
+    std::map<std::string, std::string> answers;
+    SDK::FileDescriptor events;
+    FakeEngine engine{[this](const std::string& target, SDK::FileDescriptor& connection) {
         const std::lock_guard lock{mutex};
         if (target.starts_with("/events")) {
             FakeEngine::Send(connection, "HTTP/1.1 200 OK\r\n\r\n");
@@ -54,99 +61,84 @@ protected:
             const auto found = answers.find(target);
             FakeEngine::Send(connection, found == answers.end() ? "HTTP/1.1 404 Not Found\r\n\r\n" : found->second);
         }
-    }
-
-    Support::FakeSystem world;
-    std::mutex mutex;  // guards what the engine's thread uses
-    std::map<std::string, std::string> answers;
-    SDK::FileDescriptor events;
-    FakeEngine engine{[this](const std::string& target, SDK::FileDescriptor& connection) {
-        Serve(target, connection);
     }};
     Engine::MetadataCache cache;
     Engine::ContainerEngineClient client{engine.SocketPath(), cache, [] { return false; }, std::chrono::hours{1}};
     Engine::ContainerEngineClient::Clock::time_point now = Engine::ContainerEngineClient::Clock::now();
 };
 
-TEST_F(ContainerEngineClientTest, FollowsTheEvents)
+TEST_F(ContainerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABreak)
 {
-    Answer(list, R"([{"Id":")" + idA + R"("},{"Id":"no/id"},{"Id":")" + idB + R"("},7])");
-    Container(idA, "bb:1", idA);
-    Container(idB, "forged", idA);  // answers for another
-    client.Step(now);
+    List(R"([{"Id":")" + Id('a') + R"("},{"Id":"no/id"},{"Id":")" + Id('b') + R"("},7])");
+    Container('a', "a:1");
+    Container('b', "forged", 'a');  // answers for another
+    StepAfter({});
     EXPECT_TRUE(client.HasReadAll());
-    EXPECT_EQ(cache.ImageNameOf(idA), "bb:1");
+    EXPECT_EQ(ImageOf('a'), "a:1");
     Answer("/images/from-the-event/json", R"({"Id":"sha256:1"})");
-    SendEvent("create", idB);
-    EXPECT_EQ(cache.ImageNameOf(idB), "from-the-event") << "it cannot be inspected";
-    EXPECT_EQ(cache.Find(idB)->imageId, "sha256:1") << "but the image can";
-    Container(idB, "bb:2", idB);
-    SendEvents("\n7\r\n{\"Type\":\"contai");
-    SendEvents("ner\"}\n");
-    SendEvent("start", idB);
-    EXPECT_EQ(cache.ImageNameOf(idB), "bb:2");
-    SendEvent("destroy", idB);
-    client.Step(now += cache.keepGone);
-    EXPECT_EQ(cache.ImageNameOf(idB), "bb:2") << "alarms about what is gone come late";
-    client.Step(now += cache.keepGone);
-    EXPECT_EQ(cache.Find(idB), nullptr);
-    EXPECT_NE(cache.Find(idA), nullptr);
-}
+    Event("create", 'b');
+    EXPECT_EQ(ImageOf('b'), "from-the-event") << "it cannot be inspected";
+    EXPECT_EQ(cache.Find(Id('b'))->imageId, "sha256:1") << "but the image can";
+    Container('b', "b:2");
+    Events("\n7\r\n{\"Type\":\"contai");
+    Events("ner\"}\n");
+    Event("start", 'b');
+    EXPECT_EQ(ImageOf('b'), "b:2");
+    Event("destroy", 'b');
+    StepAfter(cache.keepGone);
+    EXPECT_EQ(ImageOf('b'), "b:2") << "alarms about what is gone come late";
+    StepAfter(cache.keepGone);
+    EXPECT_EQ(ImageOf('b'), "");
+    EXPECT_EQ(ImageOf('a'), "a:1");
 
-TEST_F(ContainerEngineClientTest, ReadsEverythingAnewAfterABreak)
-{
-    Answer(list, R"([{"Id":")" + idB + "\"}]");
-    Container(idB, "bb:2", idB);
-    client.Step(now);
-    EXPECT_NE(cache.Find(idB), nullptr);
-    Answer(list, "<html>");
-    SendEvents("{\"half");
-    BreakEvents();
-    client.Step(now);
+    List("<html>");
+    Events("{\"half");
+    {
+        const std::lock_guard lock{mutex};
+        events.Reset();
+    }
+    StepAfter({});
     EXPECT_TRUE(client.IsUnreachable());
-    client.Step(now += client.firstPause);  // gets the odd answer, and waits twice as long
-    Container(idA, "bb:1", idA);
-    Answer(list, R"([{"Id":")" + idA + "\"}]");
-    client.Step(now += client.firstPause);
-    EXPECT_EQ(cache.ImageNameOf(idA), "");
-    client.Step(now += client.firstPause);
-    EXPECT_EQ(cache.ImageNameOf(idA), "bb:1");
-    const std::string idC(64, 'c');
-    SendEvent("create", idC);
-    EXPECT_EQ(cache.ImageNameOf(idC), "from-the-event");
-    const std::string piece(client.maxLineBytes / 16, 'x');
+    StepAfter(client.firstPause);  // gets the odd answer, and waits twice as long
+    Container('c', "c:1");
+    List(R"([{"Id":")" + Id('c') + "\"}]");
+    StepAfter(client.firstPause);
+    EXPECT_EQ(ImageOf('c'), "");
+    StepAfter(client.firstPause);
+    EXPECT_EQ(ImageOf('c'), "c:1");
+    Event("create", 'd');
+    EXPECT_EQ(ImageOf('d'), "from-the-event");
     for (int sent = 0; sent <= 16; ++sent) {
         EXPECT_FALSE(client.IsUnreachable());
-        SendEvents(piece);
+        Events(std::string(client.maxLineBytes / 16, 'x'));
     }
     EXPECT_TRUE(client.IsUnreachable()) << "what is no line is not kept";
-    client.Step(now += 2 * cache.keepGone);
-    EXPECT_EQ(cache.Find(idB), nullptr) << "it was not listed any more";
+    StepAfter(2 * cache.keepGone);
+    EXPECT_EQ(ImageOf('a'), "") << "it was not listed any more";
 }
 
 TEST_F(ContainerEngineClientTest, AsksAgainAboutWhatWasLeftUnanswered)
 {
     // More containers than a step bears with are stuck, and come first.
-    std::string ids;
-    for (const char digit : {'0', '1', '2', '3'}) {
-        ids += "{\"Id\":\"" + std::string(64, digit) + "\"},";
-        Answer("/containers/" + std::string(64, digit) + "/json", "");
+    std::string containers;
+    for (const char digit : {'0', '1', '2', '3', 'a'}) {
+        containers += (containers.empty() ? R"({"Id":")" : R"(,{"Id":")") + Id(digit) + "\"}";
+        Container(digit, digit == 'a' ? "a:1" : "");
     }
-    Answer(list, "[" + ids + "{\"Id\":\"" + idA + "\"}]");
-    Container(idA, "bb:1", idA);
-    client.Step(now);
-    EXPECT_EQ(cache.ImageNameOf(idA), "");
-    Container(idB, "bb:2", idB);
-    SendEvent("start", idB);
-    EXPECT_EQ(cache.ImageNameOf(idB), "bb:2") << "what is new goes first";
+    List("[" + containers + "]");
+    StepAfter({});
+    EXPECT_EQ(ImageOf('a'), "");
+    Container('b', "b:2");
+    Event("start", 'b');
+    EXPECT_EQ(ImageOf('b'), "b:2") << "what is new goes first";
     EXPECT_EQ(client.NextStep(), now + client.firstPause);
-    client.Step(now += client.firstPause);
-    EXPECT_EQ(cache.ImageNameOf(idA), "bb:1");
+    StepAfter(client.firstPause);
+    EXPECT_EQ(ImageOf('a'), "a:1");
     for (const char digit : {'0', '1', '2', '3'}) {
-        Container(std::string(64, digit), "late", std::string(64, digit));
+        Container(digit, "late");
     }
-    client.Step(now += 2 * client.firstPause);
-    EXPECT_EQ(cache.ImageNameOf(std::string(64, '3')), "late");
+    StepAfter(2 * client.firstPause);
+    EXPECT_EQ(ImageOf('3'), "late");
     EXPECT_GT(client.NextStep(), now + client.longestPause) << "nothing is left to ask";
 }
 

@@ -19,6 +19,7 @@ protected:
         scope.MoveTo(when);
         return ContainerOf(pid);
     }
+    void Purge() { registry.Purge(now + Engine::ContainerTable::keepDead * 2); }
 };
 
 TEST(RuntimeSetUpTest, KnowsTheFormsOfSelfExecution)
@@ -32,43 +33,36 @@ TEST(RuntimeSetUpTest, KnowsTheFormsOfSelfExecution)
     }
 }
 
-// On a busy machine /proc is read when the helper has been moved, has forked and has ended already.
-TEST_F(ContainerRegistryTest, SetUpHelperThatEndedBeforeItsExecWasLookedAtIsStillTheRuntime)
+// On a busy machine /proc is read when the helper has been moved, has forked and has ended already. An entry point that
+// is named like the runtime's own does not hide by ending at once.
+TEST_F(ContainerRegistryTest, SetUpHelperThatHasEndedIsStillTheRuntimeButNotItsChild)
 {
     Fork(runtime, 3141);
-    proc.threads[3141] = {.container = idA, .isZombie = true};
+    Run(3141, idA).namespaces.clear();
     EXPECT_FALSE(Exec(3141, "/dev/fd/6"));
     Attach(runtime, 3141, idA);
     Fork(3141, 3142);
     EXPECT_EQ(ContainerOf(3142), "") << "it is the one that unshares";
     EXPECT_TRUE(Exec(3142, "/bin/sleep"));
     EXPECT_TRUE(Exec(3142, "/proc/self/exe")) << "what is inside stays inside";
-}
-
-TEST_F(ContainerRegistryTest, EntryPointWithARuntimesNameDoesNotHideByEndingAtOnce)
-{
-    Fork(runtime, 3141);
-    proc.threads[3141] = {.container = "", .isZombie = true};
-    Exec(3141, "/proc/self/exe");
-    Fork(3141, 3142);
-    Attach(runtime, 3142, idA);
-    proc.threads[3142] = {.container = idA, .isZombie = true};
-    EXPECT_TRUE(Exec(3142, "/dev/fd/5"));
+    Fork(3141, 3143);
+    Run(3143, idA).namespaces.clear();
+    EXPECT_TRUE(Exec(3143, "/dev/fd/5"));
 }
 
 TEST_F(ContainerRegistryTest, ChildThatIsBornInsideTheGroupNeedsNoAttachEvent)
 {
     Exec(shell, "/proc/self/exe");
-    proc.threads[400] = {idA, shell, "host"};
+    Run(400, idA, shell).namespaces["mnt"] = "host";
     Fork(shell, 400);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_FALSE(Exec(400, "/proc/self/fd/9"));
-    proc.threads[400].mounts = "container's";
+    Run(400, idA, shell);
     EXPECT_TRUE(Exec(400, "/proc/self/exe")) << "an entry point that is named like the runtime's own";
 
     // A runtime that does not execute itself: seen at the exec.
     Fork(runtime, 401);
-    proc.threads[401] = {idB, runtime};
+    Run(401, idB, runtime);
     EXPECT_EQ(ContainerOf(401), "");
     EXPECT_TRUE(Exec(401, "/entry"));
     EXPECT_EQ(ContainerOf(401), idB);
@@ -79,38 +73,45 @@ TEST_F(ContainerRegistryTest, ContainerCannotMoveItselfOutButTheHostCan)
     StartInA(400);
     Fork(400, 401);  // a thread
     Fork(400, 402);  // a process
-    proc.threads[400] = {"", shim};
+    Run(400, "", shim);
     Attach(400, 400, "");
     Attach(401, 400, idB);
     EXPECT_EQ(ContainerOf(400), idA);
 
-    proc.threads[400] = {.container = idB, .parent = shim, .others = {401}};
-    proc.threads[401].container = idB;
-    proc.threads[402].container = idA;
+    Run(400, idB, shim).threads = {401};
+    Run(401, idB);
+    Run(402, idA);
     Attach(shell, 400, idB);
     EXPECT_EQ(ContainerOf(401), idB) << "threads move with their leader";
     EXPECT_EQ(ContainerOf(402), idA);
     Attach(shell, 400, "");  // one hierarchy of several
     EXPECT_EQ(ContainerOf(400), idB);
-    proc.threads[400].container = "";
+    Run(400, "", shim);
     Attach(shell, 400, "");
     EXPECT_EQ(ContainerOf(400), "");
 }
 
-TEST_F(ContainerRegistryTest, ReusedIdIsTheNewProcess)
+TEST_F(ContainerRegistryTest, ReusedIdIsTheNewProcessButALateReaderIsToldWhatHeldAtItsEventsTime)
 {
-    StartInA(400);
+    Fork(shim, 400);
+    Attach(runtime, 400, idA);
+    const auto setUp = Next();
+    Exec(400, "/bin/sh");
+    EXPECT_EQ(ContainerAt(400, setUp), "");
+    const auto running = Next();
     Exit(400);
     EXPECT_EQ(ContainerOf(400), idA) << "what is asked about the dead lags behind";
     Fork(shell, 400);
+    EXPECT_EQ(ContainerAt(400, running), idA);
+    EXPECT_EQ(ContainerAt(400, Next()), "");
     EXPECT_EQ(ContainerOf(400), "");
-    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
+    Purge();
     EXPECT_NE(registry.Find(400), nullptr) << "the new one does not go with the old one's exit";
     Exit(400);
     const auto born = Next();
     Exit(401);
     registry.ApplyFork(shell, 401, born);  // comes after the exit
-    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
+    Purge();
     EXPECT_EQ(registry.Find(400), nullptr);
     EXPECT_EQ(registry.Find(401), nullptr);
 }
@@ -122,64 +123,42 @@ TEST_F(ContainerRegistryTest, ThreadThatExecsTakesTheLeadersPlace)
     Exit(400);  // the leader has ended before its threads
     registry.ApplyExec(*registry.DecideExec(400, 401, "/bin/other", Next()), "/bin/other", Next());
     EXPECT_EQ(registry.Find(401), nullptr);
-    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
+    Purge();
     EXPECT_EQ(ContainerOf(400), idA);
 }
 
-TEST_F(ContainerRegistryTest, LateReaderIsToldWhatHeldAtItsEventsTime)
+TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLostButWhatMovedItselfOutStaysInsideAndSoDoItsChildren)
 {
-    Fork(shim, 400);
-    Attach(runtime, 400, idA);
-    const auto setUp = Next();
-    Exec(400, "/bin/sh");
-    EXPECT_EQ(ContainerAt(400, setUp), "");
-    const auto running = Next();
-    Exit(400);
-    Fork(shell, 400);
-    EXPECT_EQ(ContainerAt(400, running), idA);
-    EXPECT_EQ(ContainerAt(400, Next()), "");
-}
-
-TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLost)
-{
-    StartInA(401);
+    const auto before = now;
+    StartInA(401);  // its exit was lost
     Fork(runtime, 402);
     Attach(runtime, 402, idA);
-    proc.threads[402] = {idA, shim};                                          // its exec was lost
-    proc.threads[403] = {.container = idB, .parent = shim, .others = {404}};  // its fork was lost; 401's exit too
-    const auto before = now;
+    Run(402, idA, shim);                  // its exec was lost
+    Run(403, idB, shim).threads = {404};  // its fork was lost
+    StartInA(405);
+    Run(405, "", shim).start = before;  // moved itself out
+    Run(406, "", 405);                  // its fork was lost
+    StartInA(407);
+    Run(407, "", shim);  // another process has the id now
+    Run(408, "", 407);
+    EXPECT_NE(registry.FindOrLoad(408, Next())->state, State::Inside);
+    const auto lost = now;
     registry.Resync(Next(), Next());
-    EXPECT_EQ(ContainerOf(402), idA);
-    EXPECT_EQ(ContainerOf(404), idB);
-    EXPECT_EQ(ContainerAt(404, before), "");
-    registry.Purge(now + Engine::ContainerTable::keepDead * 2);
+    EXPECT_EQ(ContainerAt(404, lost), "");
+    for (const auto& [pid, id] :
+         std::map<int, std::string>{{402, idA}, {404, idB}, {405, idA}, {406, idA}, {407, ""}, {408, ""}}) {
+        EXPECT_EQ(ContainerOf(pid), id) << pid;
+    }
+    Purge();
     EXPECT_EQ(registry.Find(401), nullptr);
-}
-
-TEST_F(ContainerRegistryTest, WhatMovedItselfOutStaysInsideOverALossAndSoDoItsChildren)
-{
-    const auto before = now;
-    StartInA(400);
-    StartInA(410);
-    proc.threads[400] = {.container = "", .parent = shim, .start = before};
-    proc.threads[401] = {.container = "", .parent = 400};   // its fork was lost
-    proc.threads[410] = {.container = "", .parent = shim};  // another process has the id now
-    proc.threads[411] = {.container = "", .parent = 410};
-    EXPECT_NE(registry.FindOrLoad(411, Next())->state, State::Inside);
-    registry.Resync(Next(), Next());
-    EXPECT_EQ(ContainerOf(400), idA);
-    EXPECT_EQ(ContainerOf(401), idA);
-    EXPECT_EQ(ContainerOf(410), "");
-    EXPECT_EQ(ContainerOf(411), "");
 }
 
 TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
 {
-    proc.threads[400] = {
-        .container = idA, .parent = runtime, .runsCopy = true};  // a copy of its parent, which is the host's
-    proc.threads[401] = {
-        .container = idA, .parent = 402, .runsCopy = true};  // a copy of its parent, which is in the container
-    proc.threads[402] = {idA, shim};
+    Run(400, idA, runtime).executable = "/runtime";  // a copy of its parent, which is the host's
+    Run(runtime, "").executable = "/runtime";
+    Run(401, idA, 402).executable = "/copy";  // a copy of its parent, which is in the container
+    Run(402, idA, shim).executable = "/copy";
     registry.Resync(Engine::ContainerTable::longAgo, now);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_EQ(registry.Find(401)->state, State::Inside);
