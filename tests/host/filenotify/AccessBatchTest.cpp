@@ -5,45 +5,33 @@
 
 namespace {
 
-class AccessBatchTest : public NotifyFixture {
-protected:
-    std::unique_ptr<Engine::AccessBatch> Batch(const std::vector<int>& pids)
-    {
-        auto batch = std::make_unique<Engine::AccessBatch>(now);
-        for (const int pid : pids) {
+using Engine::Sending;
+using AccessBatchTest = NotifyFixture;
+
+TEST_F(AccessBatchTest, IsJudgedByWhatTheTraceHasToldAndAccountedForWhateverBecomesOfIt)
+{
+    system.PutInContainer(152, "");
+    system.PutInContainer(252, "0123456789ab");
+    const std::tuple<Sending, unsigned int, unsigned int> rows[] = {
+        {Sending::Accepted, 2, 0}, {Sending::Refused, 0, 2}, {Sending::Gone, 0, 0}};
+    for (const auto& [result, delivered, lost] : rows) {
+        Engine::AccessBatch batch{now};
+        for (const int pid : {52, 152, 252}) {
             Engine::FileNotifyMessage access{1, "/watched/f", 2};
             access.SetProcess(static_cast<unsigned int>(pid), {});
-            batch->Add("detector", access);
+            batch.Add(subscriber.name(), access);
+            Engine::AccessBatch{now}.Add(subscriber.name(), access);  // the trace's queue was full
         }
-        return batch;
+        EXPECT_EQ(Counted("notify.lost_queue"), 3U);
+        std::vector<int> reported;
+        batch.OnObserved([&](int pid) { reported.push_back(pid); });
+        EXPECT_THAT(reported, testing::ElementsAre(52, 252)) << "52 is unknown still";
+        EXPECT_EQ(Flush(batch, result), 1) << "many accesses must not fill a queue that counts messages";
+        EXPECT_EQ(Counted("notify.not_container"), 1U);
+        EXPECT_EQ(Counted("notify.delivered"), delivered);
+        EXPECT_EQ(Counted("notify.lost_queue"), lost);
     }
-};
-
-TEST_F(AccessBatchTest, AProcessIsJudgedByWhatTheTraceHasTold)
-{
-    const auto batch = Batch({52, 152, 252});
-    system.Put(152, {{1, "sh"}, "", "", {}});
-    system.PutInContainer(252, "0123456789ab");
-    std::vector<int> reported;
-    batch->OnObserved([&](int pid) { reported.push_back(pid); });
-    EXPECT_THAT(reported, testing::ElementsAre(52, 252));
-    EXPECT_EQ(Flush(*batch), 1) << "many accesses must not fill a queue that counts messages";
-    ASSERT_EQ(subscriber.seen.size(), 2U);
-    EXPECT_EQ(subscriber.seen[0].GetEventProcessId(), 52U) << "unknown still";
-    EXPECT_EQ(subscriber.seen[1].GetEventProcessId(), 252U);
-    EXPECT_EQ(Counted("notify.not_container"), 1U);
-    EXPECT_EQ(Counted("notify.delivered"), 2U);
-}
-
-TEST_F(AccessBatchTest, WhatNoQueueTakesIsLostAndWhatHasNoReceiverIsNot)
-{
-    Flush(*Batch({50, 50}), Engine::Sending::Refused);
-    EXPECT_EQ(Counted("notify.lost_queue"), 2U);
-    Batch({50});
-    EXPECT_EQ(Counted("notify.lost_queue"), 1U) << "the trace's queue was full";
-    Flush(*Batch({50}), Engine::Sending::Gone);
-    EXPECT_EQ(Counted("notify.lost_queue"), 0U);
-    EXPECT_EQ(Counted("notify.delivered"), 0U);
+    EXPECT_EQ(subscriber.seen.size(), 2U);
 }
 
 }  // namespace

@@ -33,8 +33,7 @@ protected:
     int Flush(Engine::AccessBatch& batch, Engine::Sending result = Engine::Sending::Accepted)
     {
         int messages = 0;
-        batch.OnFlushed([&](const std::string& name, const std::unique_ptr<Framework::Message>& message) {
-            EXPECT_EQ(name, subscriber.name());
+        batch.OnFlushed([&](const std::string& /*name*/, const std::unique_ptr<Framework::Message>& message) {
             ++messages;
             if (result == Engine::Sending::Accepted) {
                 message->MessageHandle(static_cast<Framework::Task*>(&subscriber));
