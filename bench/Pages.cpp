@@ -111,7 +111,7 @@ Recording Made()
 {
     constexpr std::size_t pagesOfCpu = 1200;
     constexpr std::uint64_t distance = 1000;
-    constexpr std::size_t argumentBytes = 32;
+    constexpr std::size_t recordBytes = 40;
     constexpr std::size_t kinds = std::size(recordedCalls);
     constexpr std::uint16_t firstId = 780;
     Recording recording;
@@ -127,7 +127,7 @@ Recording Made()
             Support::PageBuilder page{when};
             for (;; when += ++event % 4 == 0 ? 4 * distance : distance) {
                 const auto id = static_cast<std::uint16_t>(firstId + event % kinds);
-                if (!page.Add(when, Support::Record(id, static_cast<int>(1'000'000 + cpu), Bytes(argumentBytes)))) {
+                if (!page.Add(when, Support::Record(id, static_cast<int>(1'000'000 + cpu), recordBytes))) {
                     break;
                 }
             }

@@ -27,93 +27,72 @@ void Put(Bytes& bytes, std::size_t offset, T value)
     std::memcpy(bytes.data() + offset, &value, sizeof value);
 }
 
-// The common fields, then `more`.
-inline Bytes Record(std::uint16_t id, std::int32_t pid, const Bytes& more = {})
+// The common fields, then zeros. `bytes`: at least 8.
+inline Bytes Record(std::uint16_t id, std::int32_t pid, std::size_t bytes = 8)
 {
-    Bytes record;
+    Bytes record(bytes);
     Put(record, 0, id);
     Put(record, 4, pid);
-    record.insert(record.end(), more.begin(), more.end());
     return record;
 }
 
 class PageBuilder {
 public:
-    static constexpr std::size_t headerBytes = 16;
-
-    explicit PageBuilder(std::uint64_t begins) : last(begins)
-    {
-        page.reserve(pageBytes);
-        Put(page, 0, begins);
-        Put(page, commitOffset, std::uint64_t{0});
-    }
+    explicit PageBuilder(std::uint64_t begins) : page(headerBytes), last(begins) { Put(page, 0, begins); }
 
     // `record`: at most 112 bytes. `when`: not before the record added last. False when the page is full.
     bool Add(std::uint64_t when, const Bytes& record)
     {
-        constexpr unsigned deltaBits = 27;
-        constexpr std::uint64_t deltaMask = (1U << deltaBits) - 1;
-        constexpr std::uint32_t timeExtend = 30;
-        constexpr std::size_t word = 4;
-        const std::size_t words = (record.size() + word - 1) / word;
-        if (page.size() + words * word + 3 * word > pageBytes) {
+        const std::size_t words = (record.size() + 3) / 4;
+        if (page.size() + 4 * (3 + words) > pageBytes) {
             return false;
         }
         std::uint64_t delta = when - std::exchange(last, when);
-        if (delta > deltaMask) {
-            Put(page, page.size(), timeExtend | static_cast<std::uint32_t>((delta & deltaMask) << 5));
-            Put(page, page.size(), static_cast<std::uint32_t>(delta >> deltaBits));
-            delta = 0;
+        if (delta >> 27 != 0) {  // does not fit the record's header: an entry of type 30, time extend, comes before it
+            Put(page, page.size(), 30U | static_cast<std::uint32_t>(delta << 5));
+            Put(page, page.size(), static_cast<std::uint32_t>(std::exchange(delta, 0) >> 27));
         }
-        Put(page, page.size(), static_cast<std::uint32_t>(words) | static_cast<std::uint32_t>(delta << 5));
+        Put(page, page.size(), static_cast<std::uint32_t>(words | delta << 5));  // words < 29: both type and length
         page.insert(page.end(), record.begin(), record.end());
-        page.resize(page.size() + words * word - record.size());
-        Put(page, commitOffset, std::uint64_t{page.size() - headerBytes} | flags);
+        page.resize((page.size() + 3) / 4 * 4);
         return true;
     }
 
-    // Records before this page are missing, an unknown number.
-    PageBuilder& AfterLoss()
-    {
-        flags = std::uint64_t{1} << 31;
-        Put(page, commitOffset, std::uint64_t{page.size() - headerBytes} | flags);
-        return *this;
-    }
-
-    Bytes Page() const
+    // `afterLoss`: records before this page are missing, an unknown number.
+    Bytes Page(bool afterLoss = false) const
     {
         Bytes whole = page;
+        Put(whole, 8, std::uint64_t{page.size() - headerBytes} | std::uint64_t{afterLoss} << 31);
         whole.resize(pageBytes);
         return whole;
     }
 
 private:
-    static constexpr std::size_t commitOffset = 8;
+    static constexpr std::size_t headerBytes = 16;
 
     Bytes page;
     std::uint64_t last;
-    std::uint64_t flags = 0;
 };
 
 // One CPU's buffer: gives the pages of `from` one after the other, also those that are added later.
 class MemoryPages final : public Engine::PageSource {
 public:
     // Not owned.
-    explicit MemoryPages(const std::deque<Bytes>& from) : pages(&from) {}
+    explicit MemoryPages(const std::deque<Bytes>& from) : pages(from) {}
 
     std::size_t ReadPage(std::span<std::byte> page) override
     {
-        if (next == pages->size()) {
+        if (next == pages.size()) {
             return 0;
         }
-        const Bytes& from = (*pages)[next++];
-        std::memcpy(page.data(), from.data(), std::min(from.size(), page.size()));
+        const Bytes& from = pages[next++];
+        std::copy(from.begin(), from.end(), page.begin());
         return from.size();
     }
     void WindBack() { next = 0; }
 
 private:
-    const std::deque<Bytes>* pages;
+    const std::deque<Bytes>& pages;
     std::size_t next = 0;
 };
 

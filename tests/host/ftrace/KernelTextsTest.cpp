@@ -2,8 +2,10 @@
 // What is made of the kernel's format files, of the records that they describe, and of its statistics.
 #include <gmock/gmock.h>
 
-#include <map>
+#include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "host/ftrace/EventCatalog.h"
 #include "host/ftrace/RawPipe.h"
@@ -13,104 +15,87 @@
 namespace Engine {
 namespace {
 
-std::string Format(const std::string& event, int id, const std::string& fields)
-{
-    return "name: " + event + "\nID: " + std::to_string(id) +
-           "\nformat:\n"
-           "\tfield:unsigned short common_type;\toffset:0;\tsize:2;\tsigned:0;\n"
-           "\tfield:int common_pid;\toffset:4;\tsize:4;\tsigned:1;\n\n" +
-           fields + "\nprint fmt: \"what(%s)\", unknown_function(REC->it)\n";
-}
+constexpr char fields[] = R"text(
+format:
+	field:unsigned short common_type;	offset:0;	size:2;	signed:0;
+	field:int common_pid;	offset:4;	size:4;	signed:1;
+
+	field:signed char tiny;	offset:8;	size:1;	signed:1;
+	field:unsigned short small;	offset:10;	size:2;	signed:0;
+	field:unsigned int medium;	offset:12;	size:4;	signed:0;
+	field:unsigned long args[6];	offset:12;	size:48;	signed:0;
+	field:u64 large;	offset:16;	size:8;	signed:0;
+	field:char fixed[8];	offset:24;	size:8;	signed:0;
+	field:__data_loc char[] located;	offset:32;	size:4;	signed:0;
+	field:__rel_loc char[] relative;	offset:36;	size:4;	signed:0;
+
+print fmt: "what(%s)", unknown_function(REC->it)
+)text";
 
 class KernelTextsTest : public testing::Test {
 protected:
-    // The record's texts begin at 40.
-    static Support::Bytes Record(std::uint32_t located, std::uint32_t relative)
+    // The texts begin at 40; there the two locations point. `size`: of the 49 bytes that the record should have.
+    FtraceMessage Message(std::uint32_t offset, std::uint32_t length, std::size_t size = 49)
     {
-        Support::Bytes record(49, std::byte{0xfe});
+        record.assign(49, std::byte{0xfe});
         Support::Put(record, 0, std::uint16_t{300});
         std::memcpy(record.data() + 24, "bash\0xxx", 8);
         std::memcpy(record.data() + 40, "text\0more", 9);
-        Support::Put(record, 32, located);
-        Support::Put(record, 36, relative);
-        return record;
+        Support::Put(record, 32, offset | length << 16);
+        Support::Put(record, 36, (offset - 40) | length << 16);
+        return {event->kind, record.data(), size, {}};
     }
-    static std::uint32_t Location(std::uint32_t offset, std::uint32_t length) { return offset | length << 16; }
 
-    std::map<std::string, std::string> files{
-        {"sched:fields", Format("fields", 300,
-                                "\tfield:signed char tiny;\toffset:8;\tsize:1;\tsigned:1;\n"
-                                "\tfield:unsigned short small;\toffset:10;\tsize:2;\tsigned:0;\n"
-                                "\tfield:unsigned int medium;\toffset:12;\tsize:4;\tsigned:0;\n"
-                                "\tfield:unsigned long args[6];\toffset:12;\tsize:48;\tsigned:0;\n"
-                                "\tfield:u64 large;\toffset:16;\tsize:8;\tsigned:0;\n"
-                                "\tfield:char fixed[8];\toffset:24;\tsize:8;\tsigned:0;\n"
-                                "\tfield:__data_loc char[] located;\toffset:32;\tsize:4;\tsigned:0;\n"
-                                "\tfield:__rel_loc char[] relative;\toffset:36;\tsize:4;\tsigned:0;\n")},
-        {"sched:broken", "name: broken\nID: x\nformat:\n\tfield:"},
-        {"syscalls:sys_enter_umount", Format("sys_enter_umount", 304, "")},
-        {"other:sys_enter_umount", Format("sys_enter_umount", 305, "")},
-    };
-    EventCatalog catalog{[this](const std::string& system, const std::string& event) -> std::optional<std::string> {
-        const auto found = files.find(system + ":" + event);
-        return found != files.end() ? std::optional{found->second} : std::nullopt;
+    int nextId = 300;
+    EventCatalog catalog{[this](const std::string&, const std::string& name) -> std::optional<std::string> {
+        if (name == "sys_enter_umount2") {  // the kernel has it as sys_enter_umount
+            return std::nullopt;
+        }
+        return "name: " + name + "\nID: " + (name == "broken" ? "x" : std::to_string(nextId++)) + fields;
     }};
+    const KnownEvent* event = catalog.Find("sched", "fields");
+    Support::Bytes record;
 };
 
-TEST_F(KernelTextsTest, FieldsOfARecordAreReadAsItsFormatFileDescribesThem)
+TEST_F(KernelTextsTest, FieldsAreReadAsTheFormatFileDescribesThemAndNothingOutsideOfTheRecord)
 {
-    const KnownEvent* event = catalog.Find("sched", "fields");
-    ASSERT_NE(event, nullptr);
-    EXPECT_EQ(event->id, 300);
-    const Support::Bytes record = Record(Location(40, 5), Location(5, 4));
-    const FtraceMessage message{event->kind, record.data(), record.size(), {}};
-    const std::pair<const char*, std::int64_t> numbers[] = {{"common_type", 300},
-                                                            {"common_pid", static_cast<std::int32_t>(0xfefefefeU)},
-                                                            {"tiny", -2},
-                                                            {"small", 0xfefe},
-                                                            {"medium", 0xfefefefeLL},
-                                                            {"large", static_cast<std::int64_t>(0xfefefefefefefefeULL)},
-                                                            {"args", 0},
-                                                            {"fixed", 0},
-                                                            {"absent", 0}};
-    for (const auto& [field, value] : numbers) {
-        EXPECT_EQ(message.get_number(field), value) << field;
+    using Number = std::pair<const char*, std::int64_t>;
+    for (const auto& [field, value] : {Number{"common_type", 300},
+                                       {"common_pid", -0x01010102},
+                                       {"tiny", -2},
+                                       {"small", 0xfefe},
+                                       {"medium", 0xfefefefe},
+                                       {"large", -0x0101010101010102},
+                                       {"args", 0},
+                                       {"fixed", 0},
+                                       {"absent", 0}}) {
+        EXPECT_EQ(Message(40, 5).get_number(field), value) << field;
     }
-    EXPECT_EQ(message.get_string("fixed"), "bash");
-    EXPECT_EQ(message.get_string("located"), "text");
-    EXPECT_EQ(message.get_string("relative"), "more");
-    EXPECT_EQ(message.get_string("large"), "");
-}
-
-TEST_F(KernelTextsTest, NothingOutsideTheRecordIsRead)
-{
-    const EventKind& kind = catalog.Find("sched", "fields")->kind;
-    for (const auto& [offset, length] : {std::pair{40U, 10U}, {50U, 1U}, {0xffffU, 0xffffU}}) {
-        const Support::Bytes record = Record(Location(offset, length), Location(offset - 36, length));
-        const FtraceMessage message{kind, record.data(), record.size(), {}};
-        EXPECT_EQ(message.get_string("located"), "");
-        EXPECT_EQ(message.get_string("relative"), "");
+    EXPECT_EQ(Message(40, 5).get_string("fixed"), "bash");
+    EXPECT_EQ(Message(40, 5).get_string("large"), "");
+    for (const auto& [offset, length, text] :
+         {std::tuple{40U, 5U, "text"}, {45U, 4U, "more"}, {40U, 10U, ""}, {50U, 1U, ""}, {0xffffU, 0xffffU, ""}}) {
+        EXPECT_EQ(Message(offset, length).get_string("located"), text) << offset;
+        EXPECT_EQ(Message(offset, length).get_string("relative"), text) << offset;
     }
-    const Support::Bytes record = Record(Location(0, 4), 0);
-    const FtraceMessage cut{kind, record.data(), 23, {}};
-    EXPECT_EQ(cut.get_number("large"), 0);
-    EXPECT_EQ(cut.get_string("fixed"), "");
-    EXPECT_EQ(cut.get_string("located"), "");
+    EXPECT_EQ(Message(0, 4, 23).get_number("large"), 0) << "the record was cut";
+    for (const char* field : {"fixed", "located"}) {
+        EXPECT_EQ(Message(0, 4, 23).get_string(field), "") << field;
+    }
 }
 
 TEST_F(KernelTextsTest, EventsAreFoundUnderPlainNamesAndOtherNamesOfTheirCall)
 {
-    EXPECT_EQ(catalog.Find("sched", "broken"), nullptr);
-    for (const char* name : {"", "a,b", "../a", "a*", "a\n", "1a"}) {
-        files["sched:" + std::string{name}] = Format(name, 400, "");
+    EXPECT_EQ(event->id, 300);
+    for (const char* name : {"broken", "", "a,b", "../a", "a*", "a\n", "1a"}) {
         EXPECT_EQ(catalog.Find("sched", name), nullptr) << name;
     }
+    EXPECT_EQ(catalog.Find("sched", "sys_enter_umount2"), nullptr) << "only system calls have other names";
     const KnownEvent* asked = catalog.Find("syscalls", "sys_enter_umount2");
     ASSERT_NE(asked, nullptr);
     EXPECT_EQ(asked->kernelEvent, "sys_enter_umount");
     EXPECT_EQ(asked->kind.Name(), "syscalls:sys_enter_umount2");
     EXPECT_EQ(catalog.Find("syscalls", "sys_enter_umount")->kind.Name(), "syscalls:sys_enter_umount");
-    EXPECT_EQ(catalog.Find("other", "sys_enter_umount2"), nullptr) << "only system calls have other names";
 }
 
 TEST_F(KernelTextsTest, CountsOfAStatsFile)

@@ -12,10 +12,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "host/ftrace/LiveTrace.h"
@@ -41,33 +42,26 @@ void MakeCalls(int count)
     }
 }
 
-void MakeCall32(int argument)
+// Runs `deed` in a child process, in the control group `group` if one is given, and waits for its end.
+template <class Deed>
+pid_t InChild(Deed deed, const char* group = "")
 {
-    long result = callNumber32;
-    asm volatile("int $0x80" : "+a"(result) : "b"(argument) : "memory", "r8", "r9", "r10", "r11");
-}
-
-// Runs `deed` in a child process, in a control group of its own if one is given, and waits for its end.
-pid_t InChild(const std::function<void()>& deed, const fs::path& group = {})
-{
-    const SDK::FileDescriptor directory{group.empty() ? -1 : ::open(group.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    const SDK::FileDescriptor directory{::open(group, O_PATH | O_DIRECTORY | O_CLOEXEC)};
     clone_args arguments{};
     arguments.flags = directory ? CLONE_INTO_CGROUP : 0;
     arguments.exit_signal = SIGCHLD;
-    arguments.cgroup = directory ? static_cast<std::uint64_t>(directory.Get()) : 0;
+    arguments.cgroup = static_cast<std::uint64_t>(directory.Get());
     const auto child = static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
-    EXPECT_GE(child, 0) << std::strerror(errno);
     if (child == 0) {
         deed();
         ::_exit(0);
     }
-    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(::waitpid(child, nullptr, 0), child) << std::strerror(errno);
     return child;
 }
-
-fs::path InstanceDirectory(const std::string& name)
+pid_t CallInChild(int count, const char* group = "")
 {
-    return std::string{CeTracefsDirectory()} + "/instances/" + name;
+    return InChild([count] { MakeCalls(count); }, group);
 }
 
 class TraceKernelTest : public testing::Test, protected RecordSink {
@@ -78,19 +72,16 @@ protected:
     {
         auto made = std::make_unique<SyscallProbe>(ringKb, budgets);
         probe = made.get();
-        Start(std::move(made));
+        Start(std::move(made), 0);
     }
-    void Start(std::unique_ptr<SyscallProbe> made = nullptr, bool excludeThis = false)
+    void Start(std::unique_ptr<SyscallProbe> made, int excludedThread)
     {
         trace.reset();
         trace = std::make_unique<LiveTrace>(name, bufferKb, std::move(made));
-        if (excludeThis) {
-            trace->ExcludeThread(::gettid());
-        }
+        trace->ExcludeThread(excludedThread);
         event = trace->Catalog()->Find("syscalls", "sys_enter_sched_get_priority_max");
         ASSERT_EQ(trace->Record(*event), 0);
     }
-
     void OnRecord(const RawRecord& record) override
     {
         marks += record.afterLoss ? 1 : 0;
@@ -103,7 +94,6 @@ protected:
         trace->Merger().Drain(*this);
         return std::exchange(entries, {});
     }
-    void Exclude(int process) { probe->Exclude(process, probe->TicketOf(process).value_or(0)); }
 
     const std::string name = TracefsInstance::OwnName();
     SyscallProbe* probe = nullptr;
@@ -116,22 +106,20 @@ protected:
 TEST_F(TraceKernelTest, CallsThroughBothEntriesAreOneEventAlsoWhenTheyGoRoundTheRing)
 {
     StartProbe(4, {noLimit, noLimit, noLimit});
-    constexpr std::uint64_t calls = 40;  // a ring has room for some more
+    constexpr int calls = 40;  // a ring has room for some more
     for (int time = 0; time < 20; ++time) {
         const pid_t child = InChild([] {
             MakeCalls(calls - 1);
-            MakeCall32(calls - 1);
+            long result = callNumber32;
+            asm volatile("int $0x80" : "+a"(result) : "b"(calls - 1) : "memory", "r8", "r9", "r10", "r11");
             ::syscall(callNumber32, 0);  // another call through the 64-bit entry
         });
-        const std::vector<CeTraceEntry> read = Read();
-        ASSERT_EQ(read.size(), calls);
-        for (std::uint64_t i = 0; i < calls; ++i) {
-            EXPECT_EQ(read[i].type, event->id);
-            EXPECT_EQ(read[i].number, callNumber);
-            EXPECT_EQ(read[i].thread, child);
-            EXPECT_EQ(read[i].process, child);
-            EXPECT_EQ(read[i].arguments[0], i);
+        std::uint64_t argument = 0;
+        for (const CeTraceEntry& read : Read()) {
+            EXPECT_EQ(std::tuple(read.type, read.number, read.thread, read.process, read.arguments[0]),
+                      std::tuple(event->id, callNumber, child, child, argument++));
         }
+        EXPECT_EQ(argument, calls);
     }
     ASSERT_EQ(trace->Stop(*event), 0);
     MakeCalls(1);
@@ -141,38 +129,37 @@ TEST_F(TraceKernelTest, CallsThroughBothEntriesAreOneEventAlsoWhenTheyGoRoundThe
 TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
 {
     StartProbe(64, {});
-    const auto ticket = probe->TicketOf(::getpid());
+    const int self = ::getpid();
+    const auto ticket = probe->TicketOf(self);
     ASSERT_TRUE(ticket);
-    const fs::path root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
-    const fs::path group = root / ("probe-test-" + std::to_string(::getpid()));
+    const std::string root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
+    const std::string group = root + "/probe-test-" + std::to_string(self);
     fs::create_directory(group);
-    const auto join = [](const fs::path& where) {
-        std::ofstream{where / "cgroup.procs"} << 0;
+    const auto join = [](const std::string& where) {
+        std::ofstream{where + "/cgroup.procs"} << 0;
     };
     join(group);
-    probe->Exclude(::getpid(), *ticket);
+    probe->Exclude(self, *ticket);
     MakeCalls(1);
     EXPECT_EQ(Read().size(), 1U) << "it was moved between the ticket and its use";
 
-    Exclude(::getpid());
+    probe->Exclude(self, probe->TicketOf(self).value_or(0));
     MakeCalls(1);
-    InChild([] { MakeCalls(1); });
+    CallInChild(1);
     EXPECT_TRUE(Read().empty());
-    EXPECT_FALSE(probe->TicketOf(::getpid()));
-
+    EXPECT_FALSE(probe->TicketOf(self));
     const pid_t moved = InChild([&] {
         join(root);
-        InChild([] { MakeCalls(1); });
+        CallInChild(1);
     });
     EXPECT_EQ(Read().size(), 1U) << "what a moved process forks is recorded, too";
-
-    const pid_t made = InChild([] { MakeCalls(1); }, root);
+    EXPECT_FALSE(probe->TakeInitialCgroup(moved)) << "made in its parent's group";
+    const pid_t made = CallInChild(1, root.c_str());
     EXPECT_EQ(Read().size(), 1U) << "made in another group at once";
     struct stat status = {};
     ::stat(root.c_str(), &status);
     EXPECT_EQ(probe->TakeInitialCgroup(made), status.st_ino) << "a control group's id is its inode's number";
     EXPECT_FALSE(probe->TakeInitialCgroup(made)) << "taken";
-    EXPECT_FALSE(probe->TakeInitialCgroup(moved)) << "made in its parent's group";
     join(root);
     fs::remove(group);
 }
@@ -180,21 +167,18 @@ TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
 TEST_F(TraceKernelTest, EveryCallThatTheProbeDoesNotRecordIsCounted)
 {
     constexpr int calls = 50000;
-    struct Case {
-        std::size_t ringKb;
-        SyscallProbe::Budgets budgets;
-        bool drops;
-    };
-    for (const Case& each : {Case{4, {noLimit, noLimit, noLimit}, true}, Case{8192, {1, 100, noLimit}, false},
-                             Case{8192, {1, noLimit, 100}, false}}) {
-        StartProbe(each.ringKb, each.budgets);
-        InChild([] { MakeCalls(calls); });
+    using Budgets = SyscallProbe::Budgets;
+    for (const auto& [ringKb, budgets, drops] : {std::tuple{4, Budgets{noLimit, noLimit, noLimit}, true},
+                                                 {8192, Budgets{1, 100, noLimit}, false},
+                                                 {8192, Budgets{1, noLimit, 100}, false}}) {
+        StartProbe(ringKb, budgets);
+        CallInChild(calls);
         const std::size_t read = Read().size();
-        const SyscallLoss loss = trace->TakeSyscallLoss();
-        EXPECT_EQ(read + loss.dropped + loss.shed, calls);
+        const auto [dropped, shed] = trace->TakeSyscallLoss();
+        EXPECT_EQ(read + dropped + shed, calls);
         EXPECT_GT(read, 0U);
-        EXPECT_EQ(loss.dropped != 0, each.drops);
-        EXPECT_EQ(loss.shed != 0, !each.drops);
+        EXPECT_GT(drops ? dropped : shed, 0U);
+        EXPECT_EQ(drops ? shed : dropped, 0U);
         EXPECT_EQ(trace->TakeSyscallLoss().shed, 0U) << "counted once only";
     }
 }
@@ -203,7 +187,7 @@ TEST_F(TraceKernelTest, EveryEventOfTheTraceIsReadOrCountedAsLostAndNoneOfTheRea
 {
     constexpr std::uint64_t written = 20'000;
     for (const bool excluded : {false, true}) {
-        Start(nullptr, excluded);
+        Start(nullptr, excluded ? ::gettid() : 0);
         MakeCalls(written);
         trace->StopAll();
         const std::size_t read = Read().size();
@@ -217,26 +201,22 @@ TEST_F(TraceKernelTest, EveryEventOfTheTraceIsReadOrCountedAsLostAndNoneOfTheRea
 
 TEST_F(TraceKernelTest, NothingStaysOfRefusedSettingsAndDeadOwnersAndNothingGoesOfOthers)
 {
+    const fs::path instances = fs::path{CeTracefsDirectory()} / "instances";
     EXPECT_THROW((TracefsInstance{name, std::size_t{1} << 40}), std::system_error) << "more than there is";
-    EXPECT_FALSE(fs::exists(InstanceDirectory(name)));
+    EXPECT_FALSE(fs::exists(instances / name));
 
-    const std::string strange = std::string{TracefsInstance::namePrefix} + "1x";
+    const std::string prefix = TracefsInstance::namePrefix;
     const TracefsInstance own{name, bufferKb};
-    const TracefsInstance other{strange, bufferKb};
+    const TracefsInstance other{prefix + "1x", bufferKb};
     const pid_t child = InChild([] {  // ends as if killed: nothing is cleaned up
-        (new TracefsInstance{TracefsInstance::namePrefix + std::to_string(::getpid()), bufferKb})
-            ->SetEvent("sched", "sched_process_exit", true);
+        (new TracefsInstance{TracefsInstance::OwnName(), bufferKb})->SetEvent("sched", "sched_process_exit", true);
     });
-    const std::string left = TracefsInstance::namePrefix + std::to_string(child);
-    ASSERT_TRUE(fs::exists(InstanceDirectory(left)));
-    std::string recording;
-    std::getline(std::ifstream{InstanceDirectory(left) / "tracing_on"}, recording);
-    EXPECT_EQ(recording, "0");
-
+    const fs::path left = instances / (prefix + std::to_string(child));
+    EXPECT_EQ(std::ifstream{left / "tracing_on"}.get(), '0');
     EXPECT_GE(TracefsInstance::RemoveLeftovers(), 1U);
-    EXPECT_FALSE(fs::exists(InstanceDirectory(left)));
-    EXPECT_TRUE(fs::exists(InstanceDirectory(name)));
-    EXPECT_TRUE(fs::exists(InstanceDirectory(strange)));
+    EXPECT_FALSE(fs::exists(left));
+    EXPECT_TRUE(fs::exists(instances / name));
+    EXPECT_TRUE(fs::exists(instances / other.Name()));
 }
 
 }  // namespace
