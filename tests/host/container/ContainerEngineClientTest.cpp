@@ -1,36 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/ContainerEngineClient.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <map>
+#include <regex>
 
 #include "host/sdk/FakeEngine.h"
 
 namespace {
 
+const std::string ok = "HTTP/1.1 200 OK\r\n\r\n";
+
 // 64 digits of one kind, as engines make them.
-std::string Id(char digit)
-{
+constexpr auto Id = [](char digit) {
     return std::string(64, digit);
-}
+};
 
 class ContainerEngineClientTest : public testing::Test {
 protected:
-    // What a GET of `target` gets from then on: empty for no answer at all. Before, it is 404.
-    void Answer(const std::string& target, const std::string& body)
-    {
-        const std::lock_guard lock{mutex};
-        answers[target] = body.empty() ? "" : "HTTP/1.1 200 OK\r\n\r\n" + body;
-    }
+    // What a GET of `target` gets from then on. Before, it is 404.
+    void Answer(const std::string& target, const std::string& body) { answers[target] = ok + body; }
     void List(const std::string& list) { Answer("/containers/json?all=1", list); }
-    // `image`: empty when the engine is stuck. `answered`: the container that it says this is, if not the one asked
-    // for.
+    // `answered`: the container that the engine says this is, if not the one asked for.
     void Container(char digit, const std::string& image, std::optional<char> answered = {})
     {
         const std::string id = Id(answered.value_or(digit));
-        Answer("/containers/" + Id(digit) + "/json",
-               image.empty() ? "" : R"({"Id":")" + id + R"(","Config":{"Image":")" + image + "\"}}");
+        Answer("/containers/" + Id(digit) + "/json", R"({"Id":")" + id + R"(","Config":{"Image":")" + image + "\"}}");
     }
     void Event(const std::string& action, char digit)
     {
@@ -40,25 +36,21 @@ protected:
     // What is sent has come when the client takes its step.
     void Events(const std::string& bytes)
     {
-        {
-            const std::lock_guard lock{mutex};
-            FakeEngine::Send(events, bytes);
-        }
+        FakeEngine::Send(events, bytes);
         StepAfter({});
     }
     void StepAfter(std::chrono::seconds pause) { client.Step(now += pause); }
     std::string ImageOf(char digit) const { return cache.ImageNameOf(Id(digit)); }
 
-    std::mutex mutex;  // guards what the engine's thread uses
+    // The engine's thread uses both until it has answered, while the client waits.
     std::map<std::string, std::string> answers;
     SDK::FileDescriptor events;
     FakeEngine engine{[this](const std::string& target, SDK::FileDescriptor& connection) {
-        const std::lock_guard lock{mutex};
+        const auto found = answers.find(target);
         if (target.starts_with("/events")) {
-            FakeEngine::Send(connection, "HTTP/1.1 200 OK\r\n\r\n");
             events = std::move(connection);
+            FakeEngine::Send(events, ok);
         } else {
-            const auto found = answers.find(target);
             FakeEngine::Send(connection, found == answers.end() ? "HTTP/1.1 404 Not Found\r\n\r\n" : found->second);
         }
     }};
@@ -93,10 +85,7 @@ TEST_F(ContainerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABr
 
     List("<html>");
     Events("{\"half");
-    {
-        const std::lock_guard lock{mutex};
-        events.Reset();
-    }
+    events.Reset();
     StepAfter({});
     EXPECT_TRUE(client.IsUnreachable());
     StepAfter(client.firstPause);  // gets the odd answer, and waits twice as long
@@ -121,11 +110,12 @@ TEST_F(ContainerEngineClientTest, AsksAgainAboutWhatWasLeftUnanswered)
 {
     // More containers than a step bears with are stuck, and come first.
     std::string containers;
-    for (const char digit : {'0', '1', '2', '3', 'a'}) {
-        containers += (containers.empty() ? R"({"Id":")" : R"(,{"Id":")") + Id(digit) + "\"}";
-        Container(digit, digit == 'a' ? "a:1" : "");
+    for (const char digit : {'0', '1', '2', '3'}) {
+        containers += R"({"Id":")" + Id(digit) + "\"},";
+        answers["/containers/" + Id(digit) + "/json"] = "";
     }
-    List("[" + containers + "]");
+    List("[" + containers + R"({"Id":")" + Id('a') + "\"}]");
+    Container('a', "a:1");
     StepAfter({});
     EXPECT_EQ(ImageOf('a'), "");
     Container('b', "b:2");
@@ -140,6 +130,47 @@ TEST_F(ContainerEngineClientTest, AsksAgainAboutWhatWasLeftUnanswered)
     StepAfter(2 * client.firstPause);
     EXPECT_EQ(ImageOf('3'), "late");
     EXPECT_GT(client.NextStep(), now + client.longestPause) << "nothing is left to ask";
+}
+
+// Members as every other type of JSON: no exception, and what is odd is absent.
+TEST(EngineDocumentsTest, OddTypesCountAsAbsent)
+{
+    using namespace Engine::EngineDocuments;
+    for (const std::string odd : {"null", "-1", "1e300", "\"/x\"", "[1,[2]]", "{\"a\":{}}"}) {
+        const auto with = [&](const char* text) {
+            return std::regex_replace(text, std::regex{"@"}, odd);
+        };
+        const auto inspected = ParseInspected(with(R"({"Id":"x","Name":@,"Image":@,"Config":@,"State":@,"Mounts":@})"));
+        EXPECT_TRUE(inspected && inspected->pid == 0 && inspected->info.mountDestinations.empty()) << odd;
+        EXPECT_TRUE(ParseInspected(with(R"({"Id":"x","State":{"Pid":@},"Config":{"Image":@}})"))) << odd;
+        EXPECT_FALSE(ParseInspected(with(R"({"Id":@})"))) << odd;
+        EXPECT_FALSE(ParseEvent(with(R"({"Type":"container","Action":"start","Actor":@})"))) << odd;
+        EXPECT_FALSE(ParseEvent(odd)) << odd;
+        EXPECT_EQ(ParseList(odd).has_value(), odd.front() == '[') << odd;
+        EXPECT_THAT(*ParseList(with(R"([@,{"Id":@},{"Id":"ok"}])")), testing::ElementsAre("ok")) << odd;
+    }
+    EXPECT_TRUE(IsImageName("registry:5000/a/b:1.0@sha256:0f"));
+    for (const std::string name : {"", "../containers", "a?all=1", "a b", "a\r\nX: y"}) {
+        EXPECT_FALSE(IsImageName(name)) << name;
+    }
+    EXPECT_FALSE(ParseInspected(std::string(100000, '[')));
+    const std::string longText(1000000, 'x');
+    EXPECT_EQ(ParseInspected(R"({"Id":"a","Name":")" + longText + "\"}")->info.name.size(), maxTextBytes);
+}
+
+TEST(MetadataCacheTest, GoneContainersMakeRoomForNewOnes)
+{
+    Engine::MetadataCache cache;
+    const auto put = [&](std::size_t id) {
+        return cache.Put({std::to_string(id), "", "", "", {}, {}});
+    };
+    for (std::size_t id = 0; id < cache.maxRecords; ++id) {
+        ASSERT_TRUE(put(id));
+    }
+    EXPECT_FALSE(put(cache.maxRecords));
+    cache.MarkGone("7", {});
+    EXPECT_TRUE(put(cache.maxRecords));
+    EXPECT_EQ(cache.Find("7"), nullptr);
 }
 
 }  // namespace

@@ -6,14 +6,11 @@
 
 #include <deque>
 #include <functional>
-#include <memory>
 #include <set>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "host/container/ContainerView.h"
 #include "host/container/RegistryObserver.h"
+#include "host/sdk/TraceTime.h"
 #include "tests/support/FakeSystem.h"
 #include "tests/support/TraceEventBuilder.h"
 
@@ -21,22 +18,35 @@
 inline const std::string idA(64, 'a');
 inline const std::string idB(64, 'b');
 
-// The stream to the receiver, which has a table as the detection task's.
-// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and the contract's destructor is protected
-struct Sequencer final : Engine::TraceSequencer {
+// It is the stream to the receiver, too, which has a table as the detection task's.
+class ContainerFixture : public testing::Test, public Engine::TraceSequencer {
+protected:
+    // Processes of the host: the engine's shim, the runtime it starts, and an administrator's shell.
+    static constexpr int shim = 100;
+    static constexpr int runtime = 200;
+    static constexpr int shell = 300;
+
+    ContainerFixture()
+    {
+        for (const int pid : {1, shim, runtime, shell}) {
+            Run(pid, "");
+        }
+        Round();
+    }
+
     void SendInOrder(Framework::Task& target, std::shared_ptr<Framework::Message> message) override
     {
         const auto notice = std::dynamic_pointer_cast<Engine::ContainerProcMessage>(message);
         if (notice == nullptr) {
-            Queue([message, &target] { message->MessageHandle(&target); });
-            return;
+            return Queue([message, &target] { message->MessageHandle(&target); });
         }
         last = *notice->info;
         notices.push_back((notice->started ? "+" : "-") + std::to_string(last.pid));
-        Queue([this, pid = last.pid, started = notice->started] { started ? Know(pid) : Forget(pid); });
+        Queue([this, notice] { notice->started ? Know(notice->info->pid) : void(known.erase(notice->info->pid)); });
     }
     bool GetsEvent(const Framework::Task& /*task*/) const override { return hasSubscribed; }
-    Engine::SyscallFilter* Filter() override { return filter; }
+    Engine::SyscallFilter* Filter() override { return nullptr; }
+    std::vector<std::string> Notices() { return std::exchange(notices, {}); }
 
     void Queue(std::function<void()> step)
     {
@@ -52,33 +62,19 @@ struct Sequencer final : Engine::TraceSequencer {
     // With too many records the receiver forgets all processes that live.
     void Know(int pid)
     {
-        table.size() > 640 ? table.clear() : void();
-        table.insert(pid);
+        known.size() > 640 ? known.clear() : void();
+        known.insert(pid);
     }
-    void Forget(int pid) { table.erase(pid); }
-    std::vector<std::string> Take() { return std::exchange(notices, {}); }
-
-    std::deque<std::function<void()>> queue;
-    std::set<int> table;
-    std::vector<std::string> notices;
-    Engine::ContainerProcMessage::ProcInfo last;
-    Engine::SyscallFilter* filter = nullptr;
-    bool hasSubscribed = true;
-    bool isStalled = false;
-};
-
-class ContainerFixture : public testing::Test {
-protected:
-    // Processes of the host: the engine's shim, the runtime it starts, and an administrator's shell.
-    static constexpr int shim = 100;
-    static constexpr int runtime = 200;
-    static constexpr int shell = 300;
-
-    ContainerFixture()
+    void LoseMessage()
     {
-        for (const int pid : {1, shim, runtime, shell}) {
-            Run(pid, "");
-        }
+        std::shared_ptr<Framework::Message> message;
+        do {
+            message = std::make_shared<Framework::Message>();
+        } while (task.EnqueueMsg(message) == 0);
+    }
+    void Register()
+    {
+        receivers.Add(task);
         Round();
     }
 
@@ -87,31 +83,17 @@ protected:
     {
         return proc.Put(pid, {{parent, "sh"}, container, "", {{"mnt", container.empty() ? "host" : "container's"}}});
     }
-
-    void Register()
-    {
-        receivers.Add(task);
-        Round();
-    }
-    void LoseMessage()
-    {
-        for (const unsigned long before = task.LostEvents(); task.LostEvents() == before;) {
-            auto message = std::make_shared<Framework::Message>();
-            task.EnqueueMsg(message);
-        }
-    }
     std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
-    void Round() { observer.OnRound(Next(), sequencer); }
-    void Observe(Support::TraceEvent event) { observer.OnEvent(event.At(Next()).Message(), sequencer); }
+    void Round() { observer.OnRound(Next(), *this); }
+    void Purge() { registry.Purge(now + Engine::ContainerTable::keepDead * 2); }
+    void Observe(Support::TraceEvent event) { observer.OnEvent(event.At(Next()).Message(), *this); }
 
     // The observer first, then the receiver, which a fork in a container makes know both.
     void Fork(int parent, int child)
     {
         Observe(Support::Fork(parent, "sh", child));
-        for (const int pid : {parent, child}) {
-            if (registry.IsInside(parent) && sequencer.hasSubscribed) {
-                sequencer.Queue([this, pid] { sequencer.Know(pid); });
-            }
+        if (registry.IsInside(parent) && hasSubscribed) {
+            Queue([this, parent, child] { Know(parent), Know(child); });
         }
     }
     // Whether the process belongs to a container from then on.
@@ -127,20 +109,22 @@ protected:
         event.Number("common_pid", mover).Number("pid", pid);
         Observe(event.Text("dst_path", id.empty() ? "/" : "/docker/" + id));
     }
-    // Zero: not admitted.
-    Engine::TraceObserver::Origin Call(int tid)
-    {
-        auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitSyscall(tid, tid, event.At(Next()).Message(), sequencer);
-    }
     void StartInA(int pid)
     {
         Fork(shim, pid);
         Attach(runtime, pid, idA);
         ASSERT_TRUE(Exec(pid, "/usr/bin/a-long-program-name"));
     }
-    std::string ContainerOf(int pid)
+    // Zero: not admitted.
+    Engine::TraceObserver::Origin Call(int tid)
     {
+        auto event = Support::Syscall(tid, "mount");
+        return observer.AdmitSyscall(tid, tid, event.At(Next()).Message(), *this);
+    }
+    std::string ContainerOf(int pid, std::optional<std::chrono::nanoseconds> when = {})
+    {
+        SDK::TraceTime::Scope scope;
+        when ? scope.MoveTo(*when) : void();
         std::string id;
         return view.ContainerOf(pid, id) == 0 ? id : "gone";
     }
@@ -152,7 +136,12 @@ protected:
     Engine::ContainerRegistry registry{table, proc};
     Engine::NoticeReceivers receivers;
     Engine::RegistryObserver observer{registry, proc, receivers, cache};
-    Sequencer sequencer;
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};
+    std::deque<std::function<void()>> queue;
+    std::set<int> known;
+    std::vector<std::string> notices;
+    Engine::ContainerProcMessage::ProcInfo last;
+    bool hasSubscribed = true;
+    bool isStalled = false;
     std::chrono::nanoseconds now = std::chrono::seconds{1000};
 };
