@@ -139,10 +139,8 @@ TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLostButWhatMovedItselfOutStaysI
 
 TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
 {
-    Run(400, idA, runtime).executable = "/runtime";  // a copy of its parent, which is the host's
-    Run(runtime, "").executable = "/runtime";
-    Run(401, idA, 402).executable = "/copy";  // a copy of its parent, which is in the container
-    Run(402, idA, shim).executable = "/copy";
+    Run(runtime, "").executable = Run(400, idA, runtime).executable = "/runtime";  // its parent is the host's
+    Run(402, idA, shim).executable = Run(401, idA, 402).executable = "/copy";      // its parent is in the container
     registry.Resync(Engine::ContainerTable::longAgo, now);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_EQ(registry.Find(401)->state, State::Inside);

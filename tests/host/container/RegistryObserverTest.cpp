@@ -41,7 +41,8 @@ TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAnd
     };
     Register();
     EXPECT_EQ(start(400, "mnt:[7]"), "mnt:[7]");
-    EXPECT_EQ(last.name, "a-long-program-");
+    EXPECT_EQ(last.ppid, shim);
+    EXPECT_EQ(last.executable + " " + last.name, "/usr/bin/a-long-program-name a-long-program-");
     EXPECT_TRUE(Call(400));
     EXPECT_EQ(start(401, "mnt:[8]"), "mnt:[7]");
     EXPECT_THAT(Notices(), ElementsAre("+400", "+401"));
