@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -15,8 +16,6 @@ namespace Engine {
 namespace {
 
 using testing::ElementsAre;
-
-constexpr std::uint64_t forever = UINT64_MAX;
 
 class TraceMergerTest : public testing::Test, protected RecordSink {
 protected:
@@ -59,7 +58,7 @@ TEST_F(TraceMergerTest, ReleasesTheRecordsOfAllCpusInTheOrderOfTheirTimesAndMark
     Put(1, {20, 30, hour, hour + 1});
     Put(2, {15});
     lossBefore = 50;
-    merger.Round(forever, *this);
+    merger.Round(UINT64_MAX, *this);
     EXPECT_THAT(Take(), ElementsAre(10, 15, 20, 30, 40, 41, 50, 80, hour, hour + 1));
     EXPECT_FALSE(merger.Holding());
     EXPECT_EQ(merger.TakeLostPages(), 1U) << "how many is not known";
@@ -88,7 +87,7 @@ TEST_F(TraceMergerTest, ReleasesOnlyWhatWasReadOfABufferThatItCannotEmpty)
         Put(0, {begin, begin + 5});
     }
     Put(1, {22, 60});
-    EXPECT_EQ(merger.Round(forever, *this), 20U);
+    EXPECT_EQ(merger.Round(UINT64_MAX, *this), 20U);
     EXPECT_THAT(Take(), ElementsAre(10, 15));
     EXPECT_TRUE(merger.IsBehind());
     merger.Drain(*this);
@@ -102,13 +101,8 @@ TEST_F(TraceMergerTest, ReleasesOnlyWhatWasReadOfABufferThatItCannotEmpty)
 
 TEST_F(TraceMergerTest, GivesUpADamagedPageAtThatPlaceOnly)
 {
-    struct Damage {
-        const char* what;
-        std::size_t offset;
-        std::uint64_t value;
-        std::vector<std::uint64_t> left;
-    };
-    // Each record takes a header and two words from offset 16 on.
+    using Damage = std::tuple<const char*, std::size_t, std::uint64_t, std::vector<std::uint64_t>>;
+    // What the page claims, and what must be left. Each record takes a header and two words from offset 16 on.
     for (const auto& [what, offset, value, left] : {Damage{"more bytes than a page has", 8, 0x7ffffff, {20}},
                                                     Damage{"a record that reaches past the end", 16 + 12, 28, {10, 20}},
                                                     Damage{"a length that leads backwards", 16 + 12, 0, {10, 20}},
@@ -116,7 +110,7 @@ TEST_F(TraceMergerTest, GivesUpADamagedPageAtThatPlaceOnly)
         TraceMerger merger = Merger(1);
         Support::Put(Put(0, {10, 11}), offset, value);
         Put(0, {20});
-        merger.Round(forever, *this);
+        merger.Round(UINT64_MAX, *this);
         EXPECT_EQ(Take(), left) << what;
         EXPECT_EQ(merger.TakeLostPages(), 1U) << what;
     }
