@@ -228,10 +228,11 @@ def quarter(rows, number, key):
 
 
 def steady(rows, key, slack):
-    """After the first quarter: the same median in the second and the last, and no value further away than the slack."""
-    first, last = statistics.median(quarter(rows, 1, key)), statistics.median(quarter(rows, 3, key))
+    """After the first quarter: the same minimum in the second and the last, and no value further away than the slack. A
+    call to the engine that is under way takes three descriptors; what is never given back raises the minimum, too."""
+    first, last = min(quarter(rows, 1, key)), min(quarter(rows, 3, key))
     rest = [row[key] for row in rows[len(rows) // 4:]]
-    text = f"median {first:g} in the second quarter, {last:g} in the last, {min(rest)} to {max(rest)} in between"
+    text = f"minimum {first:g} in the second quarter, {last:g} in the last, at most {max(rest)} in between"
     return abs(last - first) <= 1 and max(abs(value - first) for value in rest) <= slack, text
 
 
