@@ -28,18 +28,14 @@ protected:
 // A detector that notes its calls in the host's journal.
 class RecordingSubmodule : public Engine::BaseSubmodule {
 public:
-    RecordingSubmodule(Engine::ContainerEscapeDetectTask& task, FakeHost& host, const std::string& name, int result = 0)
-        : BaseSubmodule(task, name, host.Metadata()), host(host), name(name), result(result)
+    RecordingSubmodule(Engine::ContainerEscapeDetectTask& task, Engine::ContainerMetaInfo* metadata, FakeHost& host,
+                       std::string name)
+        : BaseSubmodule(task, name, metadata), host(host), name(std::move(name))
     {
     }
 
-    using BaseSubmodule::Init;
     int Init() override { return Note("init"); }
-    void DeInit() override
-    {
-        Note("deinit");
-        BaseSubmodule::DeInit();
-    }
+    void DeInit() override { Note("deinit"); }
     void Reconfigure(const Engine::ContainerEscapeDetectPolicyContent& content) override
     {
         Note("reconfigure " + std::to_string(content.highRiskCalls.size()));
@@ -48,24 +44,19 @@ public:
     {
         return Note(std::to_string(message->GetEventProcessId()) + message->GetEventFilePath());
     }
-    int Receive(const Engine::FtraceMessage& message) override
-    {
-        BaseSubmodule::Receive(message);
-        return result;
-    }
-    bool HandleEvent(const Engine::FtraceMessage& message) override { return Note(message.name()) == 0; }
+    int Receive(const Engine::FtraceMessage& message) override { return Note(message.name()); }
+    bool HandleEvent(const Engine::FtraceMessage& /*message*/) override { return true; }
     void HandleProcExit(int pid) override { Note("forgets " + std::to_string(pid)); }
 
 private:
     int Note(const std::string& what)
     {
         host.journal.push_back(name + " " + what);
-        return result;
+        return 0;
     }
 
     FakeHost& host;
     std::string name;
-    int result;  // of everything that has one
 };
 
 }  // namespace Support

@@ -24,28 +24,21 @@ public:
     {
     }
 
-    // As the framework does when a policy is delivered. Not owned; null is allowed.
-    void SetPolicies(Framework::Policy* feature, Framework::Policy* task)
-    {
-        featurePolicy.Set(feature);
-        taskPolicy.Set(task);
-    }
+    // Set by the framework when a policy is delivered.
+    using ContainerEscapeDetectTask::featurePolicy;
+    using ContainerEscapeDetectTask::taskPolicy;
+
+    using Notice = Engine::ContainerProcMessage::ProcInfo;
+    int Tell(bool started, Notice notice) { return Receive({started, std::make_shared<Notice>(std::move(notice))}); }
 
     // Makes `pid` a known process of a container whose image is not whitelisted.
-    void Know(int pid, const std::string& containerId = "c1")
-    {
-        auto info = std::make_shared<Engine::ContainerProcMessage::ProcInfo>();
-        info->pid = pid;
-        info->containerId = containerId;
-        info->executable = "/usr/bin/probe";
-        Receive(Engine::ContainerProcMessage(true, info));
-    }
+    void Know(int pid, const std::string& container = "c1") { Tell(true, {container, pid, -1, "/bin/x", "", "", ""}); }
 
     // The detector is this task's; the reference is good as long as the task.
     template <class T, class... Args>
     T& Attach(Args&&... args)
     {
-        auto detector = std::make_unique<T>(*this, std::forward<Args>(args)...);
+        auto detector = std::make_unique<T>(*this, metadata, std::forward<Args>(args)...);
         T& attached = *detector;
         AttachSubmodule(std::move(detector));
         return attached;
@@ -55,12 +48,11 @@ public:
     void AttachDetectors(std::chrono::duration<long> window, unsigned short maxCount,
                          std::unordered_set<std::string> highRiskCalls)
     {
-        Attach<Engine::BruteforceSubmodule>(metadata, window, maxCount);
-        Attach<Engine::ShockerSubmodule>(metadata);
-        Attach<Engine::DirtyCowSubmodule>(metadata, true);
-        Attach<Engine::HighRiskSyscallSubmodule>(metadata, std::unordered_set<int>{})
-            .Reconfigure({{}, std::move(highRiskCalls)});
-        Attach<Engine::EscapeFileAccessSubmodule>(metadata);
+        Attach<Engine::BruteforceSubmodule>(window, maxCount);
+        Attach<Engine::ShockerSubmodule>();
+        Attach<Engine::DirtyCowSubmodule>(true);
+        Attach<Engine::HighRiskSyscallSubmodule>(std::unordered_set<int>{}).Reconfigure({{}, std::move(highRiskCalls)});
+        Attach<Engine::EscapeFileAccessSubmodule>();
     }
 
 private:

@@ -13,7 +13,7 @@
 #include "messages/ContainerMessages.h"
 #include "messages/FileNotifyMessages.h"
 #include "messages/FtraceMessages.h"
-#include "tests/support/TaskModule.h"
+#include "sdk/ProcessUtils.h"
 
 namespace Support {
 
@@ -27,13 +27,87 @@ struct FakeHost {
 
     std::string refusedEvent;
     std::map<std::string, Engine::ContainerInfo> containers;  // by id, known to "container_collect_task"
-    std::map<int, std::string> containerOfPid;
     bool isMetadataAvailable = true;
 
-    Framework::Engine agent;  // the last: its tasks use the rest
+    // Each of the host's tasks. One that gets what is meant for another says so in the journal.
+    class FakeTask final : public Engine::FtraceTask,
+                           public Engine::ContainerMetaInfo,
+                           public Engine::AbstractMessage<Engine::ContainerRegisterMessage>::Receiver,
+                           public Engine::AbstractMessage<Engine::FileNotifyWatchMessage>::Receiver {
+    public:
+        FakeTask(FakeHost& host, const std::string& name)
+            : FtraceTask(name, "", Framework::TaskCondition::EventLoop, 16), host(host)
+        {
+        }
 
-    void Add(std::unique_ptr<Framework::Task> task) { agent.AddModule(std::make_unique<TaskModule>(std::move(task))); }
-    void AddFake(const std::string& name);
+        int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override
+        {
+            const int result = FtraceTask::EnqueueMsg(message);
+            BulkConsumeMsg(1);
+            return result;
+        }
+        int Run() override  // leaves the messages to EnqueueMsg
+        {
+            Waiter().WaitAndHandleEvent(1000, 1);
+            return 0;
+        }
+
+        int Receive(const Engine::FtraceWatchMessage& message) override
+        {
+            Note("ftrace_task", !message.unwatch, message.system + ":" + message.event);
+            return message.event == host.refusedEvent ? 1 : 0;
+        }
+        int Receive(const Engine::FileNotifyWatchMessage& message) override
+        {
+            std::string line = message.path;
+            for (const unsigned int mask : message.eventMasks) {
+                line += " " + std::to_string(mask);
+            }
+            line += message.options.permission ? " permission" : "";
+            line += message.options.mount ? " mount" : "";
+            line += message.options.notifyOnly ? " notifyOnly" : "";
+            line += message.options.keepOrder ? " keepOrder" : "";
+            return Note("filenotify_task", message.watch, line);
+        }
+        int Receive(const Engine::ContainerRegisterMessage& message) override
+        {
+            return Note("container_collect_task", message.subscribe, "notices");
+        }
+        int HandleMsg(const Framework::Message* message) override
+        {
+            const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
+            const auto* command = dynamic_cast<const Framework::CmdMessage*>(message);
+            host.reports.push_back(
+                name() + " " +
+                (data != nullptr ? data->Type() + " " + data->Content() : command->Id() + " " + command->Content()));
+            return 0;
+        }
+
+        bool GetContainerById(const std::string& id, std::shared_ptr<Engine::ContainerInfo>& info) override
+        {
+            const auto found = host.containers.find(id);
+            info = found == host.containers.end() ? info : std::make_shared<Engine::ContainerInfo>(found->second);
+            return found != host.containers.end();
+        }
+        bool GetContainerByPid(int pid, std::shared_ptr<Engine::ContainerInfo>& info) override
+        {
+            std::string id;
+            return SDK::ProcessUtils::GetContainerID(pid, id) == 0 && GetContainerById(id, info);
+        }
+        bool IsAvailable() override { return host.isMetadataAvailable; }
+
+    private:
+        int Note(const std::string& receiver, bool begins, const std::string& what)
+        {
+            host.journal.push_back((name() == receiver ? "" : name() + " got ") + (begins ? "" : "-") + what);
+            return 0;
+        }
+
+        FakeHost& host;
+    };
+
+    void Add(std::unique_ptr<Framework::Task> task) { module.RegisterTask(task.release(), true); }
+    void AddFake(const std::string& name) { Add(std::make_unique<FakeTask>(*this, name)); }
     void AddFakes()
     {
         for (const char* name : {"container_collect_task", "ftrace_task", "filenotify_task", "audit_task",
@@ -41,101 +115,11 @@ struct FakeHost {
             AddFake(name);
         }
     }
-    Engine::ContainerMetaInfo* Metadata()
-    {
-        return dynamic_cast<Engine::ContainerMetaInfo*>(agent.FindTask("container_collect_task"));
-    }
+    auto* Metadata() { return dynamic_cast<Engine::ContainerMetaInfo*>(agent.FindTask("container_collect_task")); }
     std::vector<std::string> TakeJournal() { return std::exchange(journal, {}); }
+
+    Framework::Module module{"host"};
+    Framework::Engine agent;  // the last: its tasks use the rest
 };
-
-// Each of the host's tasks. One that gets what is meant for another says so in the journal.
-class FakeHostTask final : public Engine::FtraceTask,
-                           public Engine::ContainerMetaInfo,
-                           public Engine::AbstractMessage<Engine::ContainerRegisterMessage>::Receiver,
-                           public Engine::AbstractMessage<Engine::FileNotifyWatchMessage>::Receiver,
-                           public Engine::AbstractMessage<Engine::AuditUnsubscribeMessage>::Receiver {
-public:
-    FakeHostTask(FakeHost& host, const std::string& name)
-        : FtraceTask(name, "", Framework::TaskCondition::EventLoop, 16), host(host)
-    {
-    }
-
-    int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override
-    {
-        const int result = FtraceTask::EnqueueMsg(message);
-        BulkConsumeMsg(1);
-        return result;
-    }
-    int Run() override  // leaves the messages to EnqueueMsg
-    {
-        Waiter().WaitAndHandleEvent(1000, 1);
-        return 0;
-    }
-
-    int Receive(const Engine::FtraceWatchMessage& message) override
-    {
-        Note("ftrace_task", !message.unwatch, message.system + ":" + message.event);
-        return message.event == host.refusedEvent ? 1 : 0;
-    }
-    int Receive(const Engine::FileNotifyWatchMessage& message) override
-    {
-        std::string line = message.path;
-        for (const unsigned int mask : message.eventMasks) {
-            line += " " + std::to_string(mask);
-        }
-        const _FileNotifyOpt& options = message.options;
-        for (const auto& [isSet, name] : {std::pair{options.permission, " permission"},
-                                          {options.mount, " mount"},
-                                          {options.notifyOnly, " notifyOnly"},
-                                          {options.keepOrder, " keepOrder"}}) {
-            line += isSet ? name : "";
-        }
-        return Note("filenotify_task", message.watch, line);
-    }
-    int Receive(const Engine::ContainerRegisterMessage& message) override
-    {
-        return Note("container_collect_task", message.subscribe, "notices");
-    }
-    int Receive(const Engine::AuditUnsubscribeMessage& /*message*/) override
-    {
-        return Note("audit_task", false, "audit");
-    }
-    int HandleMsg(const Framework::Message* message) override
-    {
-        if (const auto* data = dynamic_cast<const Framework::DataMessage*>(message)) {
-            host.reports.push_back(name() + " " + data->Type() + " " + data->Content());
-        } else if (const auto* command = dynamic_cast<const Framework::CmdMessage*>(message)) {
-            host.reports.push_back(name() + " " + command->Id() + " " + command->Content());
-        }
-        return 0;
-    }
-
-    bool GetContainerById(const std::string& id, std::shared_ptr<Engine::ContainerInfo>& info) override
-    {
-        const auto found = host.containers.find(id);
-        info = found == host.containers.end() ? info : std::make_shared<Engine::ContainerInfo>(found->second);
-        return found != host.containers.end();
-    }
-    bool GetContainerByPid(int pid, std::shared_ptr<Engine::ContainerInfo>& info) override
-    {
-        const auto found = host.containerOfPid.find(pid);
-        return found != host.containerOfPid.end() && GetContainerById(found->second, info);
-    }
-    bool IsAvailable() override { return host.isMetadataAvailable; }
-
-private:
-    int Note(const std::string& receiver, bool begins, const std::string& what)
-    {
-        host.journal.push_back((name() == receiver ? "" : name() + " got ") + (begins ? "" : "-") + what);
-        return 0;
-    }
-
-    FakeHost& host;
-};
-
-inline void FakeHost::AddFake(const std::string& name)
-{
-    Add(std::make_unique<FakeHostTask>(*this, name));
-}
 
 }  // namespace Support

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <ranges>
 #include <string>
 #include <vector>
 
@@ -17,18 +18,15 @@ namespace Support {
 
 class FakeSystem : public SDK::SystemView {
 public:
-    struct Process {
-        SDK::ProcessUtils::procStatus status;           // as it is by default: cannot be read
-        std::string container;                          // empty: a process of the host
-        std::string executable;                         // empty: cannot be read
-        std::map<std::string, std::string> namespaces;  // empty: cannot be read
-        std::vector<int> threads = {};                  // beside the first; those that answer otherwise are put, too
+    // The parent and the name come first. A parent of -1 and what is empty cannot be read.
+    struct Process : SDK::ProcessUtils::procStatus {
+        std::string container;  // empty: a process of the host
+        std::string executable;
+        std::map<std::string, std::string> namespaces;
+        std::vector<int> threads = {};  // beside the first; those that answer otherwise are put, too
         std::chrono::nanoseconds start = std::chrono::nanoseconds::max();
     };
 
-    FakeSystem() : before(SDK::SystemView::Exchange(this)) {}
-    FakeSystem(const FakeSystem&) = delete;
-    FakeSystem& operator=(const FakeSystem&) = delete;
     ~FakeSystem() override { SDK::SystemView::Exchange(before); }
 
     std::atomic<std::int64_t> now{1'700'000'000};
@@ -43,42 +41,31 @@ public:
     void PutInContainer(int pid, const std::string& container) { Put(pid, {{1, "sh"}, container, "", {}}); }
 
     std::int64_t WallClockSeconds() override { return now; }
-    int ContainerOf(int pid, std::string& id) override
-    {
-        return With(pid, [&](const Process& process) { return (id = process.container, true); });
-    }
+    int ContainerOf(int pid, std::string& id) override { return Read(pid, &Process::container, id); }
     int ExecutablePath(unsigned int pid, std::string& path) override
     {
-        return With(static_cast<int>(pid), [&](const Process& process) {
-            return !process.executable.empty() && (path = process.executable, true);
-        });
+        return Read(static_cast<int>(pid), &Process::executable, path) == 0 && !path.empty() ? 0 : -1;
     }
     int Status(int pid, SDK::ProcessUtils::procStatus& status) override
     {
-        return With(pid, [&](const Process& process) { return (status = process.status).ppid != -1; });
+        const bool isReadable = Read(pid, &Process::ppid, status.ppid) == 0 && status.ppid != -1;
+        return isReadable ? Read(pid, &Process::name, status.name) : -1;
     }
     int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override
     {
-        namespaces.clear();
-        return With(pid, [&](const Process& process) { return !(namespaces = process.namespaces).empty(); });
+        return Read(pid, &Process::namespaces, namespaces) == 0 && !namespaces.empty() ? 0 : -1;
     }
+    int CommandLine(int pid, std::string& commandLine) override { return Read(pid, &Process::name, commandLine); }
     std::vector<int> Processes() override
     {
         const std::lock_guard lock(mutex);
-        std::vector<int> pids;
-        for (const auto& [pid, process] : processes) {
-            pids.push_back(pid);
-        }
-        return pids;
-    }
-    int CommandLine(int pid, std::string& commandLine) override
-    {
-        return With(pid, [&](const Process& process) { return (commandLine = process.status.name, true); });
+        const auto pids = std::views::keys(processes);
+        return {pids.begin(), pids.end()};
     }
     std::vector<int> Threads(int pid) override
     {
         std::vector<int> threads;
-        With(pid, [&](const Process& process) { return (threads = process.threads, true); });
+        Read(pid, &Process::threads, threads);
         return threads;
     }
     std::optional<std::string> CgroupContainer(int tid) override
@@ -90,29 +77,30 @@ public:
     bool RunSameFile(int tid, int other) override
     {
         std::string file;
-        return ExecutablePath(static_cast<unsigned int>(tid), file) == 0 &&
-               With(other, [&](const Process& process) { return process.executable == file; }) == 0;
+        std::string otherFile;
+        ExecutablePath(static_cast<unsigned int>(tid), file);
+        return Read(other, &Process::executable, otherFile) == 0 && !file.empty() && file == otherFile;
     }
     std::optional<std::chrono::nanoseconds> StartTime(int tid) override
     {
-        std::optional<std::chrono::nanoseconds> start;
-        With(tid, [&](const Process& process) { return (start = process.start).has_value(); });
-        return start;
+        std::chrono::nanoseconds start{};
+        return Read(tid, &Process::start, start) == 0 ? std::optional{start} : std::nullopt;
     }
 
 private:
-    // 0 when there is such a process and `read` could take from it what is asked for, otherwise -1.
-    template <class Read>
-    int With(int pid, const Read& read)
+    // 0, or -1 when there is no such process.
+    template <class Owner, class Value>
+    int Read(int pid, Value Owner::*member, Value& value)
     {
         const std::lock_guard lock(mutex);
         const auto found = processes.find(pid);
-        return found != processes.end() && read(found->second) ? 0 : -1;
+        value = found == processes.end() ? value : found->second.*member;
+        return found == processes.end() ? -1 : 0;
     }
 
-    SDK::SystemView* before;
     std::mutex mutex;
     std::map<int, Process> processes;
+    SDK::SystemView* const before = SDK::SystemView::Exchange(this);
 };
 
 }  // namespace Support

@@ -1,24 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 // A directory that is gone with everything in it after the test.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory()
-    {
-        if (::mkdtemp(path.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp");
-        }
-    }
+    TemporaryDirectory() { EXPECT_NE(::mkdtemp(path.data()), nullptr); }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
     ~TemporaryDirectory() { std::filesystem::remove_all(path); }

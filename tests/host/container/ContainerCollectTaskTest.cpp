@@ -6,7 +6,6 @@
 #include "framework/Engine.h"
 #include "host/sdk/FakeEngine.h"
 #include "tests/support/FakeSystem.h"
-#include "tests/support/TaskModule.h"
 
 namespace {
 
@@ -25,11 +24,12 @@ TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
     FakeEngine server([&](const std::string&, SDK::FileDescriptor& to) { hanging.push_back(std::move(to)); });
     Support::FakeSystem proc;
     Observable trace;
+    Framework::Module module("collector");
     Framework::Engine agent;
     auto owned = std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc);
     Engine::ContainerCollectTask& task = *owned;
     ASSERT_TRUE(task.Attach(trace));
-    agent.AddModule(std::make_unique<Support::TaskModule>(std::move(owned)));
+    module.RegisterTask(owned.release(), true);
     while (server.Requests().empty()) {
         std::this_thread::yield();  // until the task's thread is in its first call
     }

@@ -86,7 +86,7 @@ protected:
     std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
     void Round() { observer.OnRound(Next(), *this); }
     void Purge() { registry.Purge(now + Engine::ContainerTable::keepDead * 2); }
-    void Observe(Support::TraceEvent event) { observer.OnEvent(event.At(Next()).Message(), *this); }
+    void Observe(const Support::TraceEvent& event) { observer.OnEvent(event.Message(Next()), *this); }
 
     // The observer first, then the receiver, which a fork in a container makes know both.
     void Fork(int parent, int child)
@@ -105,8 +105,7 @@ protected:
     void Exit(int pid) { Observe(Support::Exit(pid)); }
     void Attach(int mover, int pid, const std::string& id)
     {
-        Support::TraceEvent event("cgroup", "cgroup_attach_task");
-        event.Number("common_pid", mover).Number("pid", pid);
+        auto event = Support::TraceEvent("cgroup", "cgroup_attach_task", mover).Number("pid", pid);
         Observe(event.Text("dst_path", id.empty() ? "/" : "/docker/" + id));
     }
     void StartInA(int pid)
@@ -119,7 +118,7 @@ protected:
     Engine::TraceObserver::Origin Call(int tid)
     {
         auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitSyscall(tid, tid, event.At(Next()).Message(), *this);
+        return observer.AdmitSyscall(tid, tid, event.Message(Next()), *this);
     }
     std::string ContainerOf(int pid, std::optional<std::chrono::nanoseconds> when = {})
     {

@@ -44,49 +44,39 @@ thread_local unsigned long allocations = 0;
 namespace Engine {
 namespace {
 
-class DetectorAllocationTest : public Support::DetectFixture {
-protected:
-    DetectorAllocationTest()
-    {
-        SDK::LoggerUtils::GetInstance()->SetLevel("information");
-        // A window without length: however fast the test runs, every call of it is within the limit.
-        task->AttachDetectors(std::chrono::seconds{0}, 300,
-                              {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"});
-        task->Know(1001);
-        task->Know(1002);
-    }
+using DetectorAllocationTest = Support::DetectFixture;
 
-    unsigned long AllocationsFor(const FtraceMessage& message)
-    {
+TEST_F(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNothing)
+{
+    SDK::LoggerUtils::GetInstance()->SetLevel("information");
+    // A window without length: however fast the test runs, every call of it is within the limit.
+    task->AttachDetectors(std::chrono::seconds{0}, 300,
+                          {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"});
+    const auto allocationsFor = [this](const FtraceMessage& message) {
         const unsigned long before = allocations;
         for (int repeat = 0; repeat < 1000; ++repeat) {
             task->Receive(message);
         }
         return allocations - before;
-    }
-};
-
-TEST_F(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNothing)
-{
-    const char* calls[] = {"read",    "getdents64",        "open_by_handle_at",
-                           "unshare", "process_vm_writev", "sched_get_priority_max",
-                           "bind",    "madvise",           "ptrace",
-                           "accept",  "perf_event_open"};
+    };
     std::vector<Support::TraceEvent> events;
-    for (const int pid : {1001, 1002, 7}) {  // the last is not in the table
-        for (const char* call : calls) {
+    for (const int pid : {1001, 1002, 7}) {
+        for (const char* call : {"read", "getdents64", "open_by_handle_at", "unshare", "process_vm_writev", "bind",
+                                 "sched_get_priority_max", "madvise", "ptrace", "accept", "perf_event_open"}) {
             events.push_back(Support::Syscall(pid, call, ContainerEscapeUtil::GetSyscallNumber(call)));
         }
     }
+    task->Know(1001);
+    task->Know(1002);
     // The first time, the process is entered into the detectors' tables and the listed calls have their hourly alarm.
     unsigned long atFirst = 0;
     for (const Support::TraceEvent& event : events) {
-        atFirst += AllocationsFor(event.Message());
+        atFirst += allocationsFor(event.Message());
     }
-    EXPECT_GT(atFirst, 0U) << "the counter sees the code under test";
     EXPECT_FALSE(Alarms().empty());
+    EXPECT_GT(atFirst, 0U) << "the counter sees the code under test";
     for (const Support::TraceEvent& event : events) {
-        EXPECT_EQ(AllocationsFor(event.Message()), 0U) << event.Message().name();
+        EXPECT_EQ(allocationsFor(event.Message()), 0U) << event.Message().name();
     }
     EXPECT_TRUE(Alarms().empty());
 }

@@ -3,7 +3,7 @@
 //   a system call    made by the process in turn, which is 1001 at the beginning
 //   @1002            from here on that process makes the calls
 //   +3, -3           seconds by which the wall clock moves; alarms of one name are merged for two
-//   exit             the notice that the process has gone
+//   exit             the process has gone
 //   deinit           the detector's DeInit
 // The outcome has a letter for each call: "!" for an alarm, otherwise what HandleEvent returned, "t" or "f".
 #include <sstream>
@@ -15,11 +15,6 @@ namespace Engine {
 namespace {
 
 using testing::ElementsAre;
-
-struct Row {
-    const char* script;
-    const char* outcome;
-};
 
 class DetectorsTest : public Support::DetectFixture {
 protected:
@@ -48,9 +43,7 @@ protected:
             } else if (word[0] == '+' || word[0] == '-') {
                 world.now += std::stoi(word);
             } else if (word == "exit") {
-                auto info = std::make_shared<ContainerProcMessage::ProcInfo>();
-                info->pid = pid;
-                detector.Receive(ContainerProcMessage(false, info));
+                detector.HandleProcExit(pid);
             } else if (word == "deinit") {
                 detector.DeInit();
             } else {
@@ -60,12 +53,14 @@ protected:
         return outcome;
     }
 
-    // Each row with a detector of its own, made by `make`.
-    template <class Make>
-    void ExpectOutcomes(std::initializer_list<Row> rows, const Make& make)
+    // Each row with a detector of its own.
+    template <class Detector, class... Args>
+    void ExpectOutcomes(std::initializer_list<std::pair<const char*, const char*>> rows, const Args&... args)
     {
-        for (const Row& row : rows) {
-            EXPECT_EQ(Play(*make(), row.script), row.outcome) << row.script;
+        for (const auto& [script, outcome] : rows) {
+            Detector detector(*task, host.Metadata(), args...);
+            detector.Reconfigure({{}, {"unshare", "waitpid", "setns"}});
+            EXPECT_EQ(Play(detector, script), outcome) << script;
             task->GetAlarmFilter().Clear();
         }
     }
@@ -77,29 +72,27 @@ protected:
 
 TEST_F(DetectorsTest, ShockerIsAListingByAKnownProcessAndThenAnOpeningByHandle)
 {
-    ExpectOutcomes(
-        {
-            // Whichever call comes first, it only makes the process known.
-            {"getdents getdents open_by_handle_at", "tt!"},
-            {"open_by_handle_at getdents64 open_by_handle_at", "tt!"},
-            {"unshare getdents64 mount getdents open_by_handle_at", "tttt!"},
-            {"getdents open_by_handle_at", "tt"},
-            {"getdents64 open_by_handle_at open_by_handle_at", "ttt"},
-            {"getdents getdents64 open_by_handle open", "tttt"},
-            {"read getdents @1002 read open_by_handle_at", "tttt"},
-            // Once for each process, until it has gone.
-            {"read getdents open_by_handle_at +3 getdents open_by_handle_at", "tt!tt"},
-            {"read getdents open_by_handle_at +3 exit read getdents open_by_handle_at", "tt!tt!"},
-            {"read getdents exit getdents open_by_handle_at", "tttt"},
-            {"read getdents deinit getdents open_by_handle_at", "tttt"},
-        },
-        [this] { return std::make_unique<ShockerSubmodule>(*task, host.Metadata()); });
+    ExpectOutcomes<ShockerSubmodule>({
+        // Whichever call comes first, it only makes the process known.
+        {"getdents getdents open_by_handle_at", "tt!"},
+        {"open_by_handle_at getdents64 open_by_handle_at", "tt!"},
+        {"unshare getdents64 mount getdents open_by_handle_at", "tttt!"},
+        {"getdents open_by_handle_at", "tt"},
+        {"getdents64 open_by_handle_at open_by_handle_at", "ttt"},
+        {"getdents getdents64 open_by_handle open", "tttt"},
+        {"read getdents @1002 read open_by_handle_at", "tttt"},
+        // Once for each process, until it has gone.
+        {"read getdents open_by_handle_at +3 getdents open_by_handle_at", "tt!tt"},
+        {"read getdents open_by_handle_at +3 exit read getdents open_by_handle_at", "tt!tt!"},
+        {"read getdents exit getdents open_by_handle_at", "tttt"},
+        {"read getdents deinit getdents open_by_handle_at", "tttt"},
+    });
     EXPECT_EQ(last["file_info"].size(), 1U) << "receivers expect the element, though the handle tells no path";
 }
 
 TEST_F(DetectorsTest, DirtyCowWaitsForEachCallInItsTurn)
 {
-    ExpectOutcomes(
+    ExpectOutcomes<DirtyCowSubmodule>(
         {
             {"bind ptrace madvise ptrace accept read +3 accept", "tttt!ff"},
             {"read bind bind madvise write ptrace bind accept", "ttttttt!"},
@@ -108,27 +101,21 @@ TEST_F(DetectorsTest, DirtyCowWaitsForEachCallInItsTurn)
             {"bind madvise ptrace accept exit accept +3 bind madvise ptrace accept", "ttt!tttt!"},
             {"bind madvise ptrace deinit accept", "tttt"},
         },
-        [this] { return std::make_unique<DirtyCowSubmodule>(*task, host.Metadata(), false); });
+        false);
     EXPECT_EQ(LastName(), "/bin/x");
-    ExpectOutcomes({{"bind madvise ptrace accept", "tttf"}},
-                   [this] { return std::make_unique<DirtyCowSubmodule>(*task, host.Metadata(), true); });
+    ExpectOutcomes<DirtyCowSubmodule>({{"bind madvise ptrace accept", "tttf"}}, true);
 }
 
 TEST_F(DetectorsTest, HighRiskIsOneAlarmAnHourForEachListedCallOfAnyProcess)
 {
-    ExpectOutcomes(
+    ExpectOutcomes<HighRiskSyscallSubmodule>(
         {
             {"unshare @1002 +3 unshare setns", "!t!"},
             {"unshar waitpid", "ff"},
             {"unshare +3599 unshare +1 unshare +3599 unshare", "!t!t"},
             {"unshare -3599 unshare -1 unshare", "!t!"},
         },
-        [this] {
-            auto detector =
-                std::make_unique<HighRiskSyscallSubmodule>(*task, host.Metadata(), std::unordered_set<int>{});
-            detector->Reconfigure({{}, {"unshare", "waitpid", "setns"}});
-            return detector;
-        });
+        std::unordered_set<int>{});
 }
 
 TEST_F(DetectorsTest, HighRiskFollowsThePolicysCallsThatHaveAnX8664Number)
@@ -164,25 +151,6 @@ TEST_F(DetectorsTest, BruteForceCountsALongBurstToTheEnd)
         within += Call(detector, 1001, "open_by_handle_at") == 't' ? 1 : 0;
     }
     EXPECT_EQ(within, 9000);
-}
-
-TEST_F(DetectorsTest, FileAccessIsAlwaysAnAlarmAndWatchesFollowThePolicyAtTheNextInit)
-{
-    EscapeFileAccessSubmodule detector(*task, host.Metadata());
-    detector.Reconfigure({{"/root*/*rw"}, {}});
-    static_cast<Submodule&>(detector).Init();
-    detector.Reconfigure({{"/boot"}, {}});
-    detector.DeInit();
-    static_cast<Submodule&>(detector).Init();
-    EXPECT_THAT(host.TakeJournal(), ElementsAre("/root*/*rw 2 8 notifyOnly", "-/root*/*rw", "/boot 2 8 notifyOnly"));
-
-    FileNotifyMessage access(1, "/etc/shadow", 2);
-    access.SetProcess(7, "cat");
-    EXPECT_EQ(detector.HandleFileNotifyMsg(&access), -1);
-    const std::vector<Json::Value> alarms = Alarms();
-    ASSERT_EQ(alarms.size(), 1U);
-    EXPECT_EQ(alarms[0]["file_info"][0]["file_path"], "/etc/shadow");
-    EXPECT_EQ(alarms[0]["process_info"][0]["process_pid"], 7);
 }
 
 TEST_F(DetectorsTest, PathIsMountedBelowADestinationOrInAnUnknownContainer)

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "SyscallTables.h"
+#include "ContainerEscapeUtil.h"
 
-#include <gtest/gtest.h>
-
+#include <bit>
 #include <cstdint>
+#include <ctime>
 #include <string>
+
+#include "SyscallTables.h"
+#include "tests/support/MustRun.h"
 
 namespace Engine {
 namespace {
@@ -27,7 +30,7 @@ std::uint32_t Fingerprint(const SyscallTable& table)
 }
 
 // Policies and alarms name calls by these lists: headers of another kernel must give the same.
-TEST(SyscallTablesTest, AreWhatTheyWereWhateverHeadersTheBuildHas)
+TEST(ContainerEscapeUtilTest, SystemCallsAreWhatTheyWereWhateverHeadersTheBuildHas)
 {
     EXPECT_EQ(Fingerprint(X8664SyscallTable()), 0x1b80aeffU);
     EXPECT_EQ(Fingerprint(I386SyscallTable()), 0x8c631817U);
@@ -35,6 +38,20 @@ TEST(SyscallTablesTest, AreWhatTheyWereWhateverHeadersTheBuildHas)
         EXPECT_EQ(X8664SyscallTable().NumberOf(name), -1) << name;
         EXPECT_EQ(I386SyscallTable().NumberOf(name), -1) << name;
     }
+}
+
+TEST(ContainerEscapeUtilTest, TheClockIsFoundInTheVdso)
+{
+    const void* vdso = GetVdso();
+    CE_REQUIRE(vdso != nullptr, "the kernel mapped no vDSO");
+    EXPECT_EQ(GetDynSym(vdso, "__vdso_clock_gettim"), nullptr) << "only a whole name is found";
+    const auto clockGetTime = std::bit_cast<int (*)(clockid_t, timespec*)>(GetDynSym(vdso, "__vdso_clock_gettime"));
+    ASSERT_NE(clockGetTime, nullptr);
+    timespec before{};
+    timespec now{};
+    ASSERT_EQ(::clock_gettime(CLOCK_REALTIME, &before), 0);
+    ASSERT_EQ(clockGetTime(CLOCK_REALTIME, &now), 0);
+    EXPECT_GE(now.tv_sec, before.tv_sec);
 }
 
 }  // namespace
