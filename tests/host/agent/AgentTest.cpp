@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+// What an operator gets wrong is refused before anything starts because of it, by its name; and the parts of the
+// process.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <future>
+
+#include "host/agent/Agent.h"
+#include "host/agent/Console.h"
+#include "host/agent/Options.h"
+#include "host/agent/PolicyFile.h"
+#include "host/agent/Signals.h"
+#include "host/agent/StatusReport.h"
+#include "host/agent/Watchdog.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace Agent;
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::ThrowsMessage;
+
+TEST(OptionsTest, ABadCommandLineIsRefused)
+{
+    const TemporaryDirectory directory;
+    const std::string nowhere = directory / "x/y";
+    const std::string policy = CE_EXAMPLE_POLICY;
+    const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
+        {{}, "no command"},
+        {{"start"}, "start"},
+        {{"run"}, "--policy is required"},
+        {{"run", "--policy", policy, "--log-level", "loud"}, "--log-level: loud"},
+        {{"run", "--policy", policy, "--buffer-kb=2"}, "not in range 4"},
+        {{"run", "--policy", nowhere}, "y: No such file"},
+        {{"run", "--policy", policy, "--modules", nowhere}, "module " + nowhere + "/libreport_module.so"},
+        {{"run", "--policy", policy, "--modules", CE_MODULES, "--alarms", nowhere}, "alarms file"},
+        {{"run", "--policy", policy, "--modules", CE_MODULES, "--stats", nowhere}, "statistics file"},
+    };
+    for (const auto& [words, reason] : rows) {
+        EXPECT_THAT([&words = words] { MakePlan(ParseOptions(words)); }, ThrowsMessage<BadInput>(HasSubstr(reason)));
+    }
+}
+
+TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
+{
+    const std::string start = R"({"content": {"image_white_namelist": [], "container_escape_detect_task": {)";
+    const std::vector<std::pair<std::string, std::string>> rows{
+        {std::string("{\"content\"\0: {}}", 16), "not JSON"},
+        {"[]", "the document: must be an object, is a list"},
+        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing"},
+        {start + R"("highrisk_calls": ["a", "b", 4]}}})", "highrisk_calls[2]: must be a text, is a number"},
+        {start + R"("highrisk_calls": [], "host_directorys": {}}}})", "host_directorys: must be a list, is an object"},
+    };
+    for (const auto& [text, reason] : rows) {
+        EXPECT_THAT([&text = text] { ParsePolicy(text); }, ThrowsMessage<BadInput>(HasSubstr(reason))) << text;
+    }
+}
+
+TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOrNamedWithItsReason)
+{
+    const TemporaryDirectory directory;
+    const std::string& good = directory.Path();
+    EXPECT_THAT([&] { ReadPolicyFile(good); }, ThrowsMessage<BadInput>(HasSubstr("not a regular file")));
+    const std::string large = directory.Write("large", std::string(maxPolicyBytes + 1, ' '));
+    EXPECT_THAT([&] { ReadPolicyFile(large); }, ThrowsMessage<BadInput>(HasSubstr("larger than 1048576 bytes")));
+
+    directory.Write("sys_enter_bpf", "");
+    directory.Write("sys_enter_/outside", "");
+    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
+        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"],
+        "host_directorys": [], "x": 3}}})");
+    policy.directories = {good, good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", ""};
+    const PolicyCoverage coverage = Examine(policy, {"syscalls:sys_enter_mount", "sched:sched_switch"}, good);
+    EXPECT_EQ(coverage.calls, 1U);
+    EXPECT_EQ(coverage.directories, 2U);
+    EXPECT_THAT(coverage.warnings,
+                testing::UnorderedElementsAre(
+                    HasSubstr("key version"), HasSubstr("key content.other"),
+                    HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
+                    HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
+                    HasSubstr("*/*q\""), HasSubstr("No such file"), HasSubstr("\"\"")));
+}
+
+TEST(StatusReportTest, StatisticsReplaceTheFileAndLeaveNoDraft)
+{
+    const TemporaryDirectory directory;
+    directory.Write("stats", "old, and longer than what follows");
+    EXPECT_FALSE(WriteStatistics(directory / "stats", {{"trace.read", 1UL << 60U}}));
+    EXPECT_EQ(directory.Read("stats"), "{\"trace.read\":1152921504606846976}\n");
+    std::filesystem::create_directory(directory / "taken");
+    EXPECT_TRUE(WriteStatistics(directory / "taken", {}));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 2);  // "stats" and "taken"
+}
+
+// In a process of their own: they change what signals do there.
+TEST(SignalsDeathTest, AStopGoesBeforeAReloadAndStays)
+{
+    const auto scenario = [] {
+        Signals signals;
+        ::kill(::getpid(), SIGHUP);
+        bool isGood = signals.Wait(60s) == Signals::Event::Reload && signals.Wait(0ms) == Signals::Event::Timeout;
+        ::kill(::getpid(), SIGHUP);
+        ::kill(::getpid(), SIGTERM);
+        isGood = isGood && signals.Wait(60s) == Signals::Event::Stop && signals.Wait(60s) == Signals::Event::Stop;
+        ::raise(SIGPIPE);
+        ::_exit(isGood ? 0 : 1);
+    };
+    EXPECT_EXIT(scenario(), testing::ExitedWithCode(0), "");
+}
+
+TEST(WatchdogDeathTest, EndsTheProcessWhenTheTimeIsUp)
+{
+    const auto scenario = [] {
+        const Watchdog watchdog(10ms, "the test");
+        std::promise<void>().get_future().wait_for(60s);
+    };
+    EXPECT_EXIT(scenario(), testing::ExitedWithCode(failed), "the test takes too long");
+}
+
+}  // namespace

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+// An alarm's way out: document, queue of a sink, stream.
+#include <Poco/Pipe.h>
+#include <Poco/PipeStream.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <functional>
+#include <future>
+#include <semaphore>
+#include <stdexcept>
+
+#include "host/report/LineStream.h"
+#include "host/report/ReportTasks.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace Engine;
+using namespace std::chrono_literals;
+
+std::error_code error;                                            // of the open before
+const std::string longLine = std::string(1'000'000, 'x') + "\n";  // more than a pipe or a socket takes at once
+constexpr auto farTooLong = 60s;  // for conditions that hold in milliseconds unless something is broken
+
+struct TestSink : AlarmSink {
+    TestSink(std::string name, auto action) : name(std::move(name)), action(std::move(action)) {}
+    std::string Name() const override { return name; }
+    std::error_code Write(std::string_view line, const StopDeadline& end) override { return action(line, end); }
+
+    std::string name;
+    std::function<std::error_code(std::string_view line, const StopDeadline& end)> action;
+};
+
+std::unique_ptr<AlarmSink> Onto(const Poco::Pipe& pipe, const std::string& name)
+{
+    auto stream = std::make_shared<LineStream>(LineStream::Duplicate(pipe.writeHandle(), error));
+    return std::make_unique<TestSink>(name, std::bind_front(&LineStream::Write, stream));
+}
+
+struct SinkQueueTest : testing::Test {
+    // What a counter has grown by since the case began.
+    std::uint64_t Grown(const std::string& name) { return SDK::Counters::Get(name).load() - before[name]; }
+
+    std::map<std::string, std::uint64_t> before = SDK::Counters::Snapshot();
+};
+
+TEST(LineStreamTest, ABlockedReaderHoldsTheWriterUntilTheDeadlineAndTheNextLineStartsAnew)
+{
+    for (const bool mayBeNonBlocking : {true, false}) {
+        Poco::Pipe pipe;
+        constexpr std::size_t room = 8192;  // two pages: the only one would be taken up by a single byte
+        ::fcntl(pipe.writeHandle(), F_SETPIPE_SZ, room);
+        LineStream stream = mayBeNonBlocking
+                                ? LineStream::Duplicate(pipe.writeHandle(), error)
+                                : LineStream(SDK::FileDescriptor(::fcntl(pipe.writeHandle(), F_DUPFD_CLOEXEC, 3)));
+        StopDeadline ending;
+        auto write = std::async(std::launch::async, [&] { return stream.Write(longLine, ending); });
+        ending.Set(10ms);
+        EXPECT_EQ(write.get(), std::errc::timed_out);
+
+        auto read = std::async(std::launch::async, [&pipe] {
+            Poco::PipeInputStream all(pipe);
+            return std::string(std::istreambuf_iterator<char>(all), {});
+        });
+        EXPECT_FALSE(stream.Write(longLine, StopDeadline{}));
+        EXPECT_FALSE(stream.Write("{}\n", StopDeadline{}));
+        EXPECT_EQ(::fcntl(pipe.writeHandle(), F_GETFL) & O_NONBLOCK, 0) << "other programs share it";
+        stream = {};
+        pipe.close(Poco::Pipe::CLOSE_WRITE);
+        EXPECT_TRUE(read.get() == std::string(room, 'x') + "\n" + longLine + "{}\n");
+    }
+}
+
+TEST(LineStreamTest, ASocketIsWrittenWithoutBlockingItAFileAppendedToAndAFullDiskIsAnError)
+{
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const SDK::FileDescriptor near(ends[0]);
+    const SDK::FileDescriptor far(ends[1]);
+    StopDeadline over;
+    over.Set(0ms);
+    EXPECT_EQ(LineStream::Duplicate(near.Get(), error).Write(longLine, over), std::errc::timed_out);
+
+    const TemporaryDirectory directory;
+    LineStream file = LineStream::Append(directory.Write("alarms", "before\n").c_str(), error);
+    EXPECT_FALSE(file.Write("{}\n", over)) << "what takes bytes at once needs no time";
+    EXPECT_EQ(directory.Read("alarms"), "before\n{}\n");
+    EXPECT_EQ(LineStream::Append("/dev/full", error).Write("{}\n", over), std::errc::no_space_on_device);
+}
+
+TEST_F(SinkQueueTest, AFullQueueLosesWhatDoesNotFitAndTheEndWritesTheRestInOrder)
+{
+    std::promise<void> isStuck;
+    std::promise<void> released;
+    std::string text;
+    const auto write = [&](std::string_view line, const StopDeadline&) {
+        if (text.empty()) {
+            isStuck.set_value();
+            released.get_future().wait();
+        }
+        text += line;
+        return line == "{\"n\":2}\n" ? throw std::runtime_error("sink failed") : std::error_code{};
+    };
+    {
+        SinkQueue queue(std::make_unique<TestSink>("full", write), 3);
+        queue.Push(AlarmDocument::Make("{}", 1));
+        isStuck.get_future().wait();  // inside its first write, the queue is empty
+        for (const char* document : {"{\"n\":1}", "{\"n\":2}", "{\"n\":3}", "{\"n\":4}", "{\"n\":5}"}) {
+            queue.Push(AlarmDocument::Make(document, 1));
+        }
+        queue.End(farTooLong);
+        queue.Push(AlarmDocument::Make("{\"late\":1}", 1));
+        EXPECT_EQ(Grown("alarms.lost_full"), 3U);
+        released.set_value();
+    }
+    EXPECT_EQ(text, "{}\n{\"n\":1}\n{\"n\":2}\n{\"n\":3}\n");
+    EXPECT_EQ(Grown("alarms.sent"), 3U);
+    EXPECT_EQ(Grown("alarms.lost"), 4U);
+}
+
+TEST_F(SinkQueueTest, ABlockedSinkOrOneWithoutReaderDelaysNeitherAnotherSinkNorTheReporterNorTheStop)
+{
+    constexpr std::size_t count = 500;
+    std::counting_semaphore<> written(0);
+    Poco::Pipe blocked;
+    Poco::Pipe broken;
+    std::vector<std::unique_ptr<AlarmSink>> sinks;
+    sinks.push_back(Onto(blocked, "blocked"));
+    sinks.push_back(Onto(broken, "broken"));
+    sinks.push_back(std::make_unique<TestSink>("quick", [&written](auto&&...) {
+        written.release();
+        return std::error_code{};
+    }));
+    broken.close(Poco::Pipe::CLOSE_READ);
+    DataReportTask task(std::move(sinks));
+    const Framework::DataMessage alarm("2", "{\"text\":\"" + std::string(1000, 'x') + "\"}");
+    for (std::size_t n = 0; n < count; ++n) {
+        EXPECT_EQ(task.HandleMsg(&alarm), 0);
+        ASSERT_TRUE(written.try_acquire_for(farTooLong)) << "also while the pipe is full";
+    }
+    task.UnInit();  // would never return if it waited for the pipe
+
+    EXPECT_GT(Grown("alarms.lost_blocked"), 0U);
+    EXPECT_EQ(Grown("alarms.lost_broken"), count);
+    EXPECT_EQ(Grown("alarms.lost"), count) << "each alarm counts once, by the worst of its sinks";
+}
+
+TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDroppedAndCounted)
+{
+    // A newline, what clears a terminal, what is not ASCII, and what is not UTF-8.
+    for (const std::string name : {"a\nb", "\x1b[2J\x07\x7f", "caf\xc3\xa9 \xe2\x80\xae \xff\xfe"}) {
+        const std::string line = AlarmDocument::Make("{\n\"process_name\": \"" + name + "\"}\n", 1)->Line();
+        EXPECT_TRUE(line.starts_with("{\"process_name\":") && line.ends_with("}\n")) << line;
+        EXPECT_EQ(std::find_if(line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }), line.end() - 1);
+    }
+    const std::vector<std::string> texts{"", "[1]", "{\"a\":1} {\"b\":2}", std::string(100'000, '[')};
+    for (const std::string& text : texts) {
+        EXPECT_EQ(AlarmDocument::Make(text, 1), nullptr);
+    }
+    EXPECT_EQ(Grown("alarms.lost"), texts.size());
+}
+
+}  // namespace
