@@ -40,7 +40,7 @@ function(ce_precompiled name file position_independent)
     if(CE_PRECOMPILE)
         # C, too: a target with sources in both languages looks for both.
         file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.cpp CONTENT "")
-        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.c CONTENT "typedef int nothing;")
+        file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/${name}.c CONTENT "typedef int nothing;\n")
         add_library(${name} OBJECT ${PROJECT_BINARY_DIR}/${name}.cpp ${PROJECT_BINARY_DIR}/${name}.c)
         set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ${position_independent})
         target_link_libraries(${name} PRIVATE ${ARGN})
