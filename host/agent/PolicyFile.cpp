@@ -20,6 +20,7 @@
 #include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/StrUtils.h"
 
 namespace Agent {
 
@@ -195,7 +196,8 @@ PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& record
         if (const std::string reason = WhyUseless(directory); reason.empty()) {
             ++coverage.directories;
         } else {
-            coverage.warnings.push_back("directory \"" + directory + "\": " + reason + ", it is not watched");
+            coverage.warnings.push_back(
+                SDK::StrUtils::Format("directory \"%s\": %s, it is not watched", directory.c_str(), reason.c_str()));
         }
     }
     return coverage;

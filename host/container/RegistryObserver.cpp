@@ -135,7 +135,7 @@ void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequen
 {
     const int pid = Number(event, "pid");
     const int oldPid = Number(event, "old_pid");
-    const std::string filename = event.get_string("filename");
+    const std::string& filename = event.get_string("filename");
     if (oldPid != pid) {
         StopIfAnnounced(oldPid, sequencer);
     }

@@ -118,8 +118,8 @@ struct FakeHost {
     auto* Metadata() { return dynamic_cast<Engine::ContainerMetaInfo*>(agent.FindTask("container_collect_task")); }
     std::vector<std::string> TakeJournal() { return std::exchange(journal, {}); }
 
-    Framework::Module module{"host"};
-    Framework::Engine agent;  // the last: its tasks use the rest
+    Framework::Engine agent;
+    Framework::Module module{"host"};  // the last: its tasks use the rest, and go with it
 };
 
 }  // namespace Support

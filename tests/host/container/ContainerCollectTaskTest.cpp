@@ -24,8 +24,8 @@ TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
     FakeEngine server([&](const std::string&, SDK::FileDescriptor& to) { hanging.push_back(std::move(to)); });
     Support::FakeSystem proc;
     Observable trace;
-    Framework::Module module("collector");
     Framework::Engine agent;
+    Framework::Module module("collector");  // goes first, with its task
     auto owned = std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc);
     Engine::ContainerCollectTask& task = *owned;
     ASSERT_TRUE(task.Attach(trace));
