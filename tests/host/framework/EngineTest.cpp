@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <future>
+#include <thread>
 
 #include "host/framework/PeriodicSchedule.h"
 #include "host/sdk/Counters.h"
@@ -210,11 +212,16 @@ TEST_F(EngineTest, AMessageWhoseSenderGaveUpOrIsCancelledIsLeftAlone)
     TestTask* const sender = Register("sender");
     const auto tooLate = std::bind(Note, "too late", 0);
     std::promise<int> open;
-    const auto waitForOpening = [opened = open.get_future().share()] {
+    std::atomic<bool> isClosed = false;
+    const auto waitForOpening = [opened = open.get_future().share(), &isClosed] {
+        isClosed = true;
         return opened.get();
     };
     EXPECT_EQ(caller.Ask("receiver", waitForOpening, forResult, 1), -1) << "handled too late";
     receiver->Send(waitForOpening);  // for a first message that was skipped
+    while (!isClosed) {
+        std::this_thread::yield();  // the queue keeps no order between threads
+    }
     EXPECT_EQ(caller.Ask("receiver", tooLate, forResult, 1), -1);
     std::promise<void> asking;
     sender->Send([&] {
