@@ -8,7 +8,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <ranges>
 #include <string>
 #include <vector>
 
@@ -59,8 +58,11 @@ public:
     std::vector<int> Processes() override
     {
         const std::lock_guard lock(mutex);
-        const auto pids = std::views::keys(processes);
-        return {pids.begin(), pids.end()};
+        std::vector<int> pids;  // by hand: clang 14 does not take the views of GCC's library
+        for (const auto& [pid, process] : processes) {
+            pids.push_back(pid);
+        }
+        return pids;
     }
     std::vector<int> Threads(int pid) override
     {
