@@ -11,7 +11,6 @@
 #include "host/agent/Options.h"
 #include "host/agent/PolicyFile.h"
 #include "host/agent/Signals.h"
-#include "host/agent/StatusReport.h"
 #include "host/agent/Watchdog.h"
 #include "support/TemporaryDirectory.h"
 
@@ -81,17 +80,6 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
                     HasSubstr("*/*q\""), HasSubstr("No such file"), HasSubstr("\"\"")));
-}
-
-TEST(StatusReportTest, StatisticsReplaceTheFileAndLeaveNoDraft)
-{
-    const TemporaryDirectory directory;
-    directory.Write("stats", "old, and longer than what follows");
-    EXPECT_FALSE(WriteStatistics(directory / "stats", {{"trace.read", 1UL << 60U}}));
-    EXPECT_EQ(directory.Read("stats"), "{\"trace.read\":1152921504606846976}\n");
-    std::filesystem::create_directory(directory / "taken");
-    EXPECT_TRUE(WriteStatistics(directory / "taken", {}));
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 2);  // "stats" and "taken"
 }
 
 // In a process of their own: they change what signals do there.

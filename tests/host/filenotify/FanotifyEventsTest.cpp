@@ -6,7 +6,6 @@
 #include <sys/fanotify.h>
 
 #include <cstring>
-#include <random>
 
 namespace {
 
@@ -68,19 +67,12 @@ TEST(FanotifyEvents, ExcludesRecordsThatContradictTheirLengthAndStopsAtHeadersTh
     }
 }
 
-TEST(FanotifyEvents, StaysWithinTheBufferWhateverIsInIt)
+TEST(FanotifyEvents, StaysWithinTheBufferWhereverItEnds)
 {
-    std::mt19937 random{1};
-    for (int round = 0; round < 50'000; ++round) {
-        Bytes bytes = BytesOf({Raw{"file"}, Raw{"other"}});
-        bytes.resize(random() % (bytes.size() + 1));
-        bytes.shrink_to_fit();
-        for (unsigned int change = 0; change < 4 && !bytes.empty(); ++change) {
-            bytes[random() % bytes.size()] = static_cast<char>(random());
-        }
-        for (const FanotifyEvent& event : Read(bytes).first) {
-            ASSERT_TRUE(event.name.empty() || event.name.data() + event.name.size() <= bytes.data() + bytes.size());
-        }
+    const Bytes whole = BytesOf({Raw{"file"}, Raw{"other"}});
+    for (std::size_t size = 0; size <= whole.size(); ++size) {
+        EXPECT_EQ(Read({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)}).first.size(),
+                  size / sizeof(Raw));
     }
 }
 

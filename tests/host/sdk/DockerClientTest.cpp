@@ -19,7 +19,6 @@ TEST(DockerClientTest, AnEngineThatNeverEndsItsAnswerMeetsTheDeadlineOrTheBounds
     const std::string field = "X: " + std::string(1000, 'x') + "\r\n";
     const std::tuple<std::string, std::string, std::chrono::milliseconds, std::size_t> rows[] = {
         {ok, "X: x\r\n", 1ms, 0},
-        {chunked + "1;", "x", 1ms, 0},
         {chunked + "0\r\n", field, 0ms, 0},  // trailers
         {ok + "\r\n", field, 0ms, DockerClient::maxReplyBytes},
         {ok + "Content-Length: 9\r\n\r\nfirst", "", 0ms, 5},
@@ -37,21 +36,6 @@ TEST(DockerClientTest, AnEngineThatNeverEndsItsAnswerMeetsTheDeadlineOrTheBounds
         EXPECT_EQ(reply.error == "no answer in time", pause > 0ms) << first << reply.error;
         EXPECT_EQ(reply.body.size(), bodyBytes) << first;
     }
-}
-
-TEST(DockerClientTest, AsksOnceAndOnlyForWhatItWasGiven)
-{
-    FakeEngine engine([](const std::string& /*target*/, const SDK::FileDescriptor& connection) {
-        FakeEngine::Send(connection, "HTTP/1.1 302 Found\r\nLocation: /other\r\nContent-Length: 2\r\n\r\nok");
-    });
-    const DockerClient client(engine.SocketPath(), 60'000ms);
-    const DockerClient::Reply reply = client.Get("/images/a:1/json?x=%7B");
-    EXPECT_EQ(std::tie(reply.status, reply.body, reply.error), std::make_tuple(302, "ok", ""));
-    for (const std::string target : {"/a HTTP/1.1\r\nX: y", "/a b", "/a\nb"}) {
-        EXPECT_NE(client.Get(target).error, "") << target;
-    }
-    EXPECT_THAT(engine.Requests(),
-                testing::ElementsAre(testing::StartsWith("GET /images/a:1/json?x=%7B HTTP/1.1\r\n")));
 }
 
 }  // namespace

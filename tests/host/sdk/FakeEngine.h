@@ -6,12 +6,10 @@
 #include <sys/un.h>
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "host/sdk/FileDescriptor.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -44,13 +42,6 @@ public:
 
     std::string SocketPath() const { return directory / "engine.sock"; }
 
-    // The requests so far, whole.
-    std::vector<std::string> Requests()
-    {
-        const std::lock_guard lock{mutex};
-        return requests;
-    }
-
 private:
     void Serve(const Script& script)
     {
@@ -59,10 +50,6 @@ private:
             for (char byte = 0; !request.ends_with("\r\n\r\n") && ::recv(connection.Get(), &byte, 1, 0) == 1;) {
                 request += byte;
             }
-            {
-                const std::lock_guard lock{mutex};
-                requests.push_back(request);
-            }
             const std::size_t start = request.find(' ') + 1;
             script(request.substr(start, request.find(' ', start) - start), connection);
         }
@@ -70,7 +57,5 @@ private:
 
     TemporaryDirectory directory;
     SDK::FileDescriptor listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    std::mutex mutex;  // guards the requests
-    std::vector<std::string> requests;
     std::thread thread;
 };
