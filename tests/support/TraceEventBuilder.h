@@ -24,11 +24,9 @@ public:
         Number("common_pid", pid);
     }
 
-    // `size`: 1, 2, 4 or 8 bytes.
-    TraceEvent& Number(const std::string& field, std::int64_t value, std::uint32_t size = 4)
+    TraceEvent& Number(const std::string& field, std::int32_t value)
     {
-        return Append(field, &value, size,
-                      Shape::Number);  // little endian: the low bytes come first
+        return Append(field, &value, sizeof value, Shape::Number);
     }
 
     // A zero-ended text in an array of its own size.

@@ -67,10 +67,9 @@ protected:
     }
     void LoseMessage()
     {
-        std::shared_ptr<Framework::Message> message;
-        do {
-            message = std::make_shared<Framework::Message>();
-        } while (task.EnqueueMsg(message) == 0);
+        auto message = std::make_shared<Framework::Message>();
+        while (task.EnqueueMsg(message) == 0) {
+        }
     }
     void Register()
     {
