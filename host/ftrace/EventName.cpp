@@ -57,8 +57,12 @@ SyscallNumbers NumbersOfEntry(const std::string& event)
     }
     const char* const name = event.c_str() + entryPrefix.size();
     // The library has negative numbers of its own for calls that an architecture lacks.
-    return {std::max(-1, seccomp_syscall_resolve_name_arch(SCMP_ARCH_X86_64, name)),
-            std::max(-1, seccomp_syscall_resolve_name_arch(SCMP_ARCH_X86, name))};
+    const auto number = [](unsigned int architecture, const char* call) {
+        return std::max(-1, seccomp_syscall_resolve_name_arch(architecture, call));
+    };
+    const bool isListing = std::string_view{name} == "getdents";
+    return {number(SCMP_ARCH_X86_64, name), number(SCMP_ARCH_X86, name),
+            isListing ? number(SCMP_ARCH_X86, "readdir") : -1};
 }
 
 }  // namespace Engine::EventName

@@ -167,8 +167,10 @@ bool SyscallProbe::Watch(const KnownEvent& event)
     }
     const auto number = static_cast<unsigned short>(numbers.native);
     program->bss->tables.watched[number][0] = {event.id, number};
-    if (numbers.compat >= 0 && numbers.compat < CE_CALLS) {
-        program->bss->tables.watched[numbers.compat][1] = {event.id, number};
+    for (const int compat : {numbers.compat, numbers.older}) {
+        if (compat >= 0 && compat < CE_CALLS) {
+            program->bss->tables.watched[compat][1] = {event.id, number};
+        }
     }
     return true;
 }
