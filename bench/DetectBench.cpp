@@ -50,13 +50,14 @@ void UnknownProcess(benchmark::State& state)
 }
 BENCHMARK(UnknownProcess);
 
-void KnownProcessWithoutAlarm(benchmark::State& state)
+void KnownProcessWithoutAlarm(benchmark::State& state, Engine::Scope scope)
 {
     Support::FakeSystem system;
-    DetectWorld world;
+    DetectWorld world{std::chrono::seconds{1}, 300, scope};
     Deliver(state, world, CallsOf(knownPid), 0);
 }
-BENCHMARK(KnownProcessWithoutAlarm);
+BENCHMARK_CAPTURE(KnownProcessWithoutAlarm, ofItsThread, Engine::Scope::Thread);
+BENCHMARK_CAPTURE(KnownProcessWithoutAlarm, ofItsContainer, Engine::Scope::Container);
 
 // In a container, the table fills up and is pruned every 640 forks, which is part of the cost.
 void Fork(benchmark::State& state, const char* container)

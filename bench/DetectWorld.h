@@ -37,7 +37,8 @@ public:
     static constexpr const char* container = "5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f5f2c6b1d8e9a4c7f";
 
     // `window`, `maxCount`: of the brute-force detector.
-    explicit DetectWorld(std::chrono::duration<long> window = std::chrono::seconds{1}, unsigned short maxCount = 300)
+    explicit DetectWorld(std::chrono::duration<long> window = std::chrono::seconds{1}, unsigned short maxCount = 300,
+                         Scope scope = Scope::Thread)
     {
         SDK::LoggerUtils::GetInstance()->SetLevel("notice");  // the agent's
         host.AddFakes();
@@ -45,7 +46,7 @@ public:
                                       "shop/web:7", {},    {}};
         task = std::make_unique<CountingTask>(host.Metadata());
         task->AttachDetectors(window, maxCount,
-                              {"unshare", "setns", "mount", "pivot_root", "ptrace", "process_vm_writev"});
+                              {"unshare", "setns", "mount", "pivot_root", "ptrace", "process_vm_writev"}, scope);
         for (int i = 0; i < knownPids; ++i) {
             Know(firstKnown + 97 * i);  // as far apart as real ones
         }

@@ -49,7 +49,8 @@ cc -O1 -pthread -o "$work/probe" tools/probe.c
 # Without open_by_handle_at, which two detectors of their own watch.
 cat >"$work/policy.json" <<POLICY
 {"content": {"image_white_namelist": [],
-             "container_escape_detect_task": {"highrisk_calls": ["unshare", "setns", "mount", "ptrace",
+             "container_escape_detect_task": {"scope": "container",
+                                              "highrisk_calls": ["unshare", "setns", "mount", "ptrace",
                                                                  "pivot_root"],
                                               "host_directorys": ["$work/host"]}}}
 POLICY

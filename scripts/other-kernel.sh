@@ -64,7 +64,7 @@ expect() {
     sleep 4 # alarms of one name are merged for less
 }
 echo '{"content": {"image_white_namelist": [], "container_escape_detect_task":
-    {"highrisk_calls": ["unshare", "setns"], "host_directorys": []}}}' >/tmp/policy
+    {"scope": "container", "highrisk_calls": ["unshare", "setns"], "host_directorys": []}}}' >/tmp/policy
 id=$(head -c 32 /dev/urandom | od -An -tx1 | tr -d ' \n')
 group=/sys/fs/cgroup/docker/$id
 mkdir -p "$group"

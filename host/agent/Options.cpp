@@ -28,8 +28,10 @@ void AddRunCommand(CLI::App& program, Options& options)
     const auto addText = [&](const char* name, std::string& value, const char* kind, const char* help) {
         return run->add_option(name, value, help)->option_text(kind)->check(isValue);
     };
-    addText("--policy", options.policyFile, "FILE (required)",
-            "The policy: image whitelist, high-risk calls, host directories")
+    addText(
+        "--policy", options.policyFile, "FILE (required)",
+        "The policy: image whitelist, high-risk calls, host directories, and whether containers are judged together "
+        "(\"scope\": \"thread\") or each by itself (\"container\")")
         ->required();
     addText("--alarms", options.alarmsFile, "FILE", "Append alarms to FILE instead of writing them to standard output");
     addText("--docker-socket", options.dockerSocket, "PATH", "The container engine's socket (/var/run/docker.sock)");

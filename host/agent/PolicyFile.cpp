@@ -87,6 +87,15 @@ public:
         return texts;
     }
 
+    // Throws when the member is there and is none of the texts.
+    void CheckChoice(const char* key, const std::string& first, const std::string& second) const
+    {
+        const Json::Value* member = object.find(key, key + std::strlen(key));
+        if (member != nullptr && *member != first && *member != second) {
+            throw BadInput(Join(place, key) + ": must be \"" + first + "\" or \"" + second + "\"");
+        }
+    }
+
     void NoteUnknownKeys(std::initializer_list<std::string_view> known, std::vector<std::string>& unknown) const
     {
         for (const std::string& key : object.getMemberNames()) {
@@ -163,13 +172,14 @@ Policy ParsePolicy(std::string text)
     const Section detection = content.Object("container_escape_detect_task");
 
     content.Texts("image_white_namelist");
+    detection.CheckChoice("scope", "thread", "container");
 
     Policy policy;
     policy.calls = detection.Texts("highrisk_calls");
     policy.directories = detection.Texts("host_directorys");
     document.NoteUnknownKeys({"content"}, policy.unknownKeys);
     content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.unknownKeys);
-    detection.NoteUnknownKeys({"highrisk_calls", "host_directorys"}, policy.unknownKeys);
+    detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.unknownKeys);
     policy.text = std::move(text);
     return policy;
 }

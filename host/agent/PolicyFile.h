@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The operator's policy document: read, and checked before anything starts or changes because of it.
 //   {"content": {"image_white_namelist": [...],
-//                "container_escape_detect_task": {"highrisk_calls": [...], "host_directorys": [...]}}}
+//                "container_escape_detect_task": {"highrisk_calls": [...], "host_directorys": [...],
+//                                                 "scope": "thread" or "container"}}}      the scope may be left out
 #pragma once
 
 #include <cstddef>

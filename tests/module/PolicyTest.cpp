@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <climits>
+#include <map>
 
 #include "ContainerEscapeFeaturePolicy.h"
 #include "ContainerEscapeTaskPolicy.h"
@@ -41,6 +42,13 @@ TEST(PolicyTest, EachListOfASectionIsReplacedByItselfWithoutItsBadEntries)
     EXPECT_FALSE(policy.Parse(R"({"highrisk_calls": ["bind"]})"));
     EXPECT_THAT(policy.GetContent().highRiskCalls, UnorderedElementsAre("bind"));
     EXPECT_THAT(policy.GetContent().hostDirectories, UnorderedElementsAre("/", "/etc*/*rw"));
+    for (const auto& [value, isContainer] : std::map<std::string, bool>{{R"("container")", true},
+                                                                        {R"("thread")", false},
+                                                                        {R"("Container")", false},
+                                                                        {R"(["container"])", false}}) {
+        policy.Parse(R"({"highrisk_calls": [], "host_directorys": [], "scope": )" + value + "}");
+        EXPECT_EQ(policy.GetContent().scope == Engine::Scope::Container, isContainer) << value;
+    }
     std::string path = "untouched";
     std::string perm = path;
     EXPECT_FALSE(ContainerEscapeUtil::GetPathAndPerm("/e*/*rwxaw", path, perm));

@@ -46,12 +46,14 @@ public:
 
     // All of them in the module's order. `window`, `maxCount`: of the brute-force detector.
     void AttachDetectors(std::chrono::duration<long> window, unsigned short maxCount,
-                         std::unordered_set<std::string> highRiskCalls)
+                         std::unordered_set<std::string> highRiskCalls, Engine::Scope scope = Engine::Scope::Thread)
     {
-        Attach<Engine::BruteforceSubmodule>(window, maxCount);
-        Attach<Engine::ShockerSubmodule>();
+        const Engine::ContainerEscapeDetectPolicyContent settings{{}, std::move(highRiskCalls), scope};
+        SetScope(scope);
+        Attach<Engine::BruteforceSubmodule>(window, maxCount).Reconfigure(settings);
+        Attach<Engine::ShockerSubmodule>().Reconfigure(settings);
         Attach<Engine::DirtyCowSubmodule>(true);
-        Attach<Engine::HighRiskSyscallSubmodule>(std::unordered_set<int>{}).Reconfigure({{}, std::move(highRiskCalls)});
+        Attach<Engine::HighRiskSyscallSubmodule>(std::unordered_set<int>{}).Reconfigure(settings);
         Attach<Engine::EscapeFileAccessSubmodule>();
     }
 

@@ -57,6 +57,10 @@ void BaseSubmodule::HandleProcExit(int /*pid*/)
 {
 }
 
+void BaseSubmodule::Forget(ScopeKey /*container*/)
+{
+}
+
 int BaseSubmodule::Receive(const FtraceMessage& message)
 {
     if (ModuleLog::Admits(Poco::Message::PRIO_DEBUG)) {

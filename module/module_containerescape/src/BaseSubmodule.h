@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "AlertInfo.h"
+#include "ContainerKeys.h"
 #include "Submodule.h"
 #include "WatchHandles.h"
 #include "messages/ContainerMessages.h"
@@ -56,6 +57,9 @@ public:
     // The detector's logic for one trace event of a container's process. No caller uses the result.
     virtual bool HandleEvent(const FtraceMessage& message) = 0;
 
+    // A container is not used any more: what is kept under its key goes.
+    virtual void Forget(ScopeKey container);
+
     // Subscribes to the entry of each of the system calls (names without "sys_enter_") and watches each of the files.
     // A second call adds the new ones and leaves the old ones subscribed.
     void Init(std::unordered_set<std::string> newSyscalls, std::unordered_set<std::string> newFiles);
@@ -93,7 +97,9 @@ public:
 
     // Completes `info`, builds the alarm document and, unless the task's filter merges it, sends it. Empty `forensic`
     // or `file` leaves that part out.
-    void Alert(AlertInfo& info, const Json::Value& forensic, const Json::Value& file);
+    // Whether it counts for the detector's gate: always in the scope of threads; in that of containers when it went
+    // out, neither merged nor refused by the report task.
+    bool Alert(AlertInfo& info, const Json::Value& forensic, const Json::Value& file);
 
     ContainerMetaInfo* GetMetaInfo() const { return metaInfo; }
 
@@ -101,6 +107,7 @@ protected:
     ContainerEscapeDetectTask& task;
 
 private:
+    bool Send(const AlertInfo& info, const std::string& call, const std::string& text);
     void AddContainer(const AlertInfo& info, Json::Value& document, Json::Value& resource);
     std::string ResolveContainerId(const AlertInfo& info, Json::Value& resource);
 

@@ -48,7 +48,7 @@ void AddAlarmClass(const AlertInfo& info, Json::Value& document)
 
 }  // namespace
 
-void BaseSubmodule::Alert(AlertInfo& info, const Json::Value& forensic, const Json::Value& file)
+bool BaseSubmodule::Alert(AlertInfo& info, const Json::Value& forensic, const Json::Value& file)
 {
     Json::Value document = NewDocument();
     AddAlarmClass(info, document);
@@ -71,9 +71,18 @@ void BaseSubmodule::Alert(AlertInfo& info, const Json::Value& forensic, const Js
 
     const std::string text = SDK::JsonUtils::JsonToString(document);
     ModuleLog::Debug(At{source, 97}, "Alert msgid='%s' msg='%s'", alarmType, text);
-    if (task.GetAlarmFilter().CheckAndEnqueue(info.eventName, task.name())) {
-        SendAlarmMessage(info.classId, text);
+    const bool isSent = Send(info, forensic.get("sys_call", "").asString(), text);
+    return isSent || task.GetScope() == Scope::Thread;
+}
+
+// The filter merges alarms of one name; those of a known container only with alarms of the same container and call.
+bool BaseSubmodule::Send(const AlertInfo& info, const std::string& call, const std::string& text)
+{
+    std::string kind = info.eventName;
+    if (const ScopeKey container = task.KeyOf(info.pid, hostKey); container != hostKey) {
+        kind.append(1, '\n').append(std::to_string(container)).append(1, '\n').append(call);
     }
+    return task.GetAlarmFilter().CheckAndEnqueue(std::move(kind), task.name()) && SendAlarmMessage(info.classId, text);
 }
 
 void BaseSubmodule::AddContainer(const AlertInfo& info, Json::Value& document, Json::Value& resource)

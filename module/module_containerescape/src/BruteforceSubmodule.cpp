@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "ContainerEscapeDetectTask.h"
 #include "sdk/ProcessUtils.h"
 
 namespace Engine {
@@ -37,12 +38,26 @@ int BruteforceSubmodule::Init()
 void BruteforceSubmodule::DeInit()
 {
     limiters.clear();
+    gates.Clear();
     BaseSubmodule::DeInit();
+}
+
+void BruteforceSubmodule::Reconfigure(const ContainerEscapeDetectPolicyContent& content)
+{
+    BaseSubmodule::Reconfigure(content);
+    gates = AlarmGates(content.scope);
 }
 
 void BruteforceSubmodule::HandleProcExit(int pid)
 {
+    gates.Forget(pid);
     BaseSubmodule::HandleProcExit(pid);
+}
+
+void BruteforceSubmodule::Forget(ScopeKey container)
+{
+    limiters.erase(container);
+    gates.Forget(container);
 }
 
 bool BruteforceSubmodule::HandleEvent(const FtraceMessage& message)
@@ -50,41 +65,43 @@ bool BruteforceSubmodule::HandleEvent(const FtraceMessage& message)
     if (FtraceSyscallNameView(message.name()) != openByHandle) {
         return true;
     }
-    const int pid = static_cast<int>(message.get_number("common_pid"));
     const auto now = std::chrono::steady_clock::now();
     DropIdle(now);
-    if (CountCall(pid, now)) {
-        return true;
-    }
-    std::string exePath;
-    SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned int>(pid), exePath);
-    RaiseAlarm(static_cast<int>(message.get_number("parent_pid")), pid, exePath);
-    return false;
+    return JudgeCall(static_cast<int>(message.get_number("parent_pid")),
+                     static_cast<int>(message.get_number("common_pid")), now, nullptr);
 }
 
 bool BruteforceSubmodule::HandleOpenAt(int ppid, const std::chrono::steady_clock::time_point& now,
                                        const std::string& exePath, int pid)
 {
-    if (CountCall(pid, now)) {
+    return JudgeCall(ppid, pid, now, &exePath);
+}
+
+bool BruteforceSubmodule::JudgeCall(int ppid, int pid, std::chrono::steady_clock::time_point now,
+                                    const std::string* exePath)
+{
+    const ScopeKey owner = task.KeyOf(pid, pid);
+    if (limiters[owner].Update(window, maxCount, now)) {
         return true;
     }
-    RaiseAlarm(ppid, pid, exePath);
+    if (gates.TryClose(owner) && !RaiseAlarm(ppid, pid, exePath)) {
+        gates.Open(owner);
+    }
     return false;
 }
 
-bool BruteforceSubmodule::CountCall(int pid, std::chrono::steady_clock::time_point now)
-{
-    return limiters[pid].Update(window, maxCount, now);
-}
-
-void BruteforceSubmodule::RaiseAlarm(int ppid, int pid, const std::string& exePath)
+bool BruteforceSubmodule::RaiseAlarm(int ppid, int pid, const std::string* exePath)
 {
     AlertInfo info;
     setBruteForceAlertInfo(info);
     info.ppid = ppid;
     info.pid = pid;
-    info.processName = exePath;
-    Alert(info, MakeForensicInfo(openByHandle), Json::Value{});
+    if (exePath != nullptr) {
+        info.processName = *exePath;
+    } else {
+        SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned int>(pid), info.processName);
+    }
+    return Alert(info, MakeForensicInfo(openByHandle), Json::Value{});
 }
 
 // Counters outlive their processes: processes that follow each other, each calling at full speed, would fill the memory

@@ -104,6 +104,7 @@ int ContainerEscapeDetectTask::Run()
     for (const auto& submodule : submodules) {
         submodule->RunOnce();
     }
+    ForgetIdleContainers();
     return 0;
 }
 
@@ -201,6 +202,15 @@ void ContainerEscapeDetectTask::ForgetInDetectors(int pid)
 {
     for (BaseSubmodule* detector : processDetectors) {
         detector->HandleProcExit(pid);
+    }
+}
+
+void ContainerEscapeDetectTask::ForgetIdleContainers()
+{
+    for (const ScopeKey key : containerKeys.DropIdle()) {
+        for (BaseSubmodule* detector : processDetectors) {
+            detector->Forget(key);
+        }
     }
 }
 

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ContainerEscapeDetectPolicyContent.h"
+#include "ContainerKeys.h"
 #include "RateFilter.h"
 #include "Submodule.h"
 #include "WatchHandles.h"
@@ -76,6 +77,14 @@ public:
     // copied.
     bool RefreshPolicy(bool force);
 
+    // In the scope of containers: the key of the container that `pid` is in. In the scope of threads, and where the
+    // container is not known: `otherwise`.
+    ScopeKey KeyOf(int pid, ScopeKey otherwise);
+    Scope GetScope() const { return policyContent.scope; }
+    void SetScope(Scope scope) { policyContent.scope = scope; }
+    // Ends what detectors keep for containers that are not used any more.
+    void ForgetIdleContainers();
+
     void RegisterRealTimeProcListener();
     void UnregisterRealTimeProcListener();
     void RegisterContainerProcListener();
@@ -129,6 +138,7 @@ private:
     std::unordered_set<std::string> imageWhitelist;
     ContainerEscapeDetectPolicyContent policyContent;
     ContainerMetaInfo* containerMetaInfo;
+    ContainerKeys containerKeys;
     std::map<std::int32_t, escapeProcRecord> procs;
     std::deque<fanotifyCached> fanotifyCache;
 

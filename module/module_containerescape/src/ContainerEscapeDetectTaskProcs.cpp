@@ -132,6 +132,16 @@ int ContainerEscapeDetectTask::GetContainerIDByRecordMap(const int& pid, std::st
     return 0;
 }
 
+ScopeKey ContainerEscapeDetectTask::KeyOf(int pid, ScopeKey otherwise)
+{
+    if (GetScope() == Scope::Thread) {
+        return otherwise;
+    }
+    const auto found = procs.find(pid);
+    const bool isKnown = found != procs.end() && !found->second.containerId.empty();
+    return isKnown ? containerKeys.Of(found->second.containerId) : otherwise;
+}
+
 int ContainerEscapeDetectTask::IsContainerProc(unsigned long pid, std::string& containerId)
 {
     constexpr long maxCgroupBytes = 10L * 1024 * 1024;

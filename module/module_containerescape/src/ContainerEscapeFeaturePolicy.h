@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The policy document of the feature "containerescape":
 //   {"content": {"image_white_namelist": [...],
-//                "container_escape_detect_task": {"highrisk_calls": [...], "host_directorys": [...]}}}
-// All keys are required, other keys are ignored. Made by the module's policy callback, owned by the framework.
+//                "container_escape_detect_task": {"highrisk_calls": [...], "host_directorys": [...],
+//                                                 "scope": "thread" or "container"}}}
+// All keys but "scope", which is "thread" then, are required, other keys are ignored. Made by the module's policy
+// callback, owned by the framework.
 #pragma once
 
 #include <string>

@@ -4,10 +4,27 @@
 #include <json/value.h>
 
 #include "ContainerEscapeUtil.h"
+#include "ModuleLog.h"
 #include "PolicyList.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
+
+namespace {
+
+Scope ScopeIn(const Json::Value& section)
+{
+    const Json::Value scope = section.get("scope", "thread");
+    if (scope == "container") {
+        return Scope::Container;
+    }
+    if (scope != "thread") {
+        ModuleLog::Warning(R"(the policy's "scope" is neither "thread" nor "container", going on with "thread")");
+    }
+    return Scope::Thread;
+}
+
+}  // namespace
 
 ContainerEscapeTaskPolicy::ContainerEscapeTaskPolicy() : TaskPolicy("container_escape_detect_task", 180)
 {
@@ -29,6 +46,7 @@ bool ContainerEscapeTaskPolicy::Parse(const std::string& text)
         return false;
     }
     content.hostDirectories = TextsOf(list, ContainerEscapeUtil::PathChecker);
+    content.scope = ScopeIn(root);
     return true;
 }
 

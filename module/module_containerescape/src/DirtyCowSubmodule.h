@@ -4,6 +4,10 @@
 //
 // It subscribes to no system call of its own and follows those that other detectors subscribed to, since every detector
 // sees every event: in practice the four calls must be in the policy's list.
+//
+// Each thread is followed by itself in either scope, so an exploit that spreads the calls over its threads is not
+// found. An event does not tell the thread group, and such exploits use several processes anyway; taken over a whole
+// container the calls are ordinary ones, a server's and a debugger's. The module has this detector's alarm suppressed.
 // Thread: the detection task's thread; no lock inside.
 #pragma once
 

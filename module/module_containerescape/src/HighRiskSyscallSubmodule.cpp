@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "HighRiskSyscallSubmodule.h"
 
-#include <chrono>
-#include <cstdlib>
 #include <utility>
 
+#include "ContainerEscapeDetectTask.h"
 #include "ContainerEscapeUtil.h"
-#include "sdk/TimeUtils.h"
 
 namespace Engine {
 namespace {
@@ -14,7 +12,6 @@ namespace {
 constexpr AlarmClass alarmClass{"containerescape_0001", "High-Risk System Invocation", 6, 4, 3, 3000, 3016, 80};
 
 constexpr std::size_t initialBuckets = 10;
-constexpr std::chrono::seconds alarmGap{3600};
 
 }  // namespace
 
@@ -61,29 +58,30 @@ bool HighRiskSyscallSubmodule::HandleEvent(const FtraceMessage& message)
     if (!highRiskNames.contains(callName)) {
         return false;
     }
-    if (IsNeedToAggregateAlarm(callName)) {
+    const int pid = static_cast<int>(message.get_number("common_pid"));
+    const ScopeKey owner = task.KeyOf(pid, hostKey);
+    if (IsNeedToAggregateAlarm(callName, owner)) {
         return true;
     }
     AlertInfo info;
     setHighRiskSyscallAlertInfo(info);
-    info.pid = static_cast<int>(message.get_number("common_pid"));
-    Alert(info, MakeForensicInfo(callName), Json::Value{});
+    info.pid = pid;
+    if (!Alert(info, MakeForensicInfo(callName), Json::Value{})) {
+        gates.at(callName).Open(owner);
+    }
     return true;
 }
 
-bool HighRiskSyscallSubmodule::IsNeedToAggregateAlarm(const std::string& name)
+bool HighRiskSyscallSubmodule::IsNeedToAggregateAlarm(const std::string& name, ScopeKey owner)
 {
-    const long now = SDK::TimeUtils::GetCurrentTimestampS();
-    const auto last = lastAlarmTime.find(name);
-    if (last == lastAlarmTime.end()) {
-        lastAlarmTime.emplace(name, now);
-        return false;
+    return !gates.try_emplace(name, AlarmGates::hour).first->second.TryClose(owner);
+}
+
+void HighRiskSyscallSubmodule::Forget(ScopeKey container)
+{
+    for (auto& [call, gate] : gates) {
+        gate.Forget(container);
     }
-    if (std::chrono::seconds{std::labs(now - last->second)} < alarmGap) {
-        return true;
-    }
-    last->second = now;
-    return false;
 }
 
 void HighRiskSyscallSubmodule::setHighRiskSyscallAlertInfo(AlertInfo& info)

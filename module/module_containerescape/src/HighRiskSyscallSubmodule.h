@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One alarm whenever a container's process enters a system call that the policy lists, at most once an hour for each
-// name, by whatever process.
+// One alarm whenever a container's process enters a system call that the policy lists. In the scope of threads at most
+// once an hour for each name, by whatever process; in that of containers once an hour for each name and container.
 // Thread: the detection task's thread; no lock inside.
 #pragma once
 
@@ -8,6 +8,7 @@
 #include <string>
 #include <unordered_set>
 
+#include "AlarmGates.h"
 #include "BaseSubmodule.h"
 
 namespace Engine {
@@ -28,17 +29,19 @@ public:
     // False for a system call that is not listed.
     bool HandleEvent(const FtraceMessage& message) override;
 
-    // Whether the last alarm for `name` is less than an hour old, by the wall clock in either direction. When it is
-    // not, this counts as the next alarm.
-    bool IsNeedToAggregateAlarm(const std::string& name);
+    void Forget(ScopeKey container) override;
+
+    // Whether the owner's last alarm for `name` is less than an hour old, by the wall clock in either direction. When
+    // it is not, this counts as the next alarm.
+    bool IsNeedToAggregateAlarm(const std::string& name, ScopeKey owner = hostKey);
 
     void setHighRiskSyscallAlertInfo(AlertInfo& info);
 
 private:
     std::unordered_set<int> highRiskNumbers;
     std::unordered_set<std::string> highRiskNames;
-    std::map<std::string, long> lastAlarmTime;  // seconds since the epoch; no more entries than there are system calls
-    std::string callName;                       // of the event being handled; kept for its memory
+    std::map<std::string, AlarmGates> gates;  // by call; no more entries than there are system calls
+    std::string callName;                     // of the event being handled; kept for its memory
 };
 
 }  // namespace Engine

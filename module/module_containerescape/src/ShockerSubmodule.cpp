@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "ContainerEscapeDetectTask.h"
 #include "ContainerEscapeUtil.h"
 #include "ModuleLog.h"
 #include "StateTable.h"
@@ -20,11 +21,18 @@ constexpr AlarmClass alarmClass{"containerescape_0002", "Shocker attack", 4, 4, 
 
 constexpr char openByHandle[] = "open_by_handle_at";
 
-// The first traced call only makes the process known, whatever it is, so a listing must follow it to count.
-constexpr std::array<Step<State, std::string_view>, 4> steps{{
+// Of a thread. The first traced call only makes it known, whatever it is, so a listing must follow it to count.
+constexpr std::array<Step<State, std::string_view>, 4> threadSteps{{
     {State::New, std::nullopt, State::Seen},
     {State::Seen, "getdents", State::Listed},
     {State::Seen, "getdents64", State::Listed},
+    {State::Listed, openByHandle, State::Reported},
+}};
+
+// Of a container. It stays Listed: its gate says when the next alarm may come.
+constexpr std::array<Step<State, std::string_view>, 3> containerSteps{{
+    {State::New, "getdents", State::Listed},
+    {State::New, "getdents64", State::Listed},
     {State::Listed, openByHandle, State::Reported},
 }};
 
@@ -46,23 +54,37 @@ int ShockerSubmodule::Init()
 void ShockerSubmodule::DeInit()
 {
     states.clear();
+    gates.Clear();
     BaseSubmodule::DeInit();
+}
+
+void ShockerSubmodule::Reconfigure(const ContainerEscapeDetectPolicyContent& content)
+{
+    BaseSubmodule::Reconfigure(content);
+    scope = content.scope;
+    gates = AlarmGates(scope);
 }
 
 void ShockerSubmodule::HandleProcExit(int pid)
 {
-    states.erase(pid);
+    Forget(pid);
     BaseSubmodule::HandleProcExit(pid);
+}
+
+void ShockerSubmodule::Forget(ScopeKey owner)
+{
+    states.erase(owner);
+    gates.Forget(owner);
 }
 
 bool ShockerSubmodule::HandleEvent(const FtraceMessage& message)
 {
     const int pid = static_cast<int>(message.get_number("common_pid"));
     const std::string_view call = FtraceSyscallNameView(message.name());
-    State& state = states[pid];
+    State& state = states[task.KeyOf(pid, pid)];
     ModuleLog::Debug(At{"ShockerSubmodule", 77}, "shocker got event %d, state is %d", pid, static_cast<int>(state));
 
-    const State next = Next(steps, state, call);
+    const State next = scope == Scope::Container ? Next(containerSteps, state, call) : Next(threadSteps, state, call);
     const bool isCompleted = state != State::Reported && next == State::Reported;
     state = isCompleted ? ProcEventGetDents(message, pid) : next;
     return true;
@@ -70,13 +92,21 @@ bool ShockerSubmodule::HandleEvent(const FtraceMessage& message)
 
 ShockerSubmodule::State ShockerSubmodule::ProcEventGetDents(const FtraceMessage& message, int pid)
 {
+    const ScopeKey owner = task.KeyOf(pid, pid);
+    if (gates.TryClose(owner) && !RaiseAlarm(message, pid)) {
+        gates.Open(owner);
+    }
+    return scope == Scope::Container ? State::Listed : State::Reported;
+}
+
+bool ShockerSubmodule::RaiseAlarm(const FtraceMessage& message, int pid)
+{
     AlertInfo info;
     setShockerAlertInfo(info);
     info.pid = pid;
     info.processName = message.get_string("comm");
     // The handle does not tell the path; receivers expect the file's element all the same.
-    Alert(info, MakeForensicInfo(openByHandle), MakeFileInfo(""));
-    return State::Reported;
+    return Alert(info, MakeForensicInfo(openByHandle), MakeFileInfo(""));
 }
 
 void ShockerSubmodule::setShockerAlertInfo(AlertInfo& info)

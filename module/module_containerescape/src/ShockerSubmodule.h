@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The "Shocker" technique: a process lists a directory and then opens a file by its handle, which reaches files of the
-// host from inside a container (open_by_handle_at(2)). One alarm for each process id at most.
+// host from inside a container (open_by_handle_at(2)).
+//
+// In the scope of threads both must be the same thread's, its first call only makes it known, and there is one alarm
+// for each thread at most. In the scope of containers any listing counts, with any opening in the container after it,
+// and the container has one alarm an hour.
 // Thread: the detection task's thread; no lock inside.
 #pragma once
 
@@ -8,6 +12,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "AlarmGates.h"
 #include "BaseSubmodule.h"
 
 namespace Engine {
@@ -18,21 +23,23 @@ public:
         New = 0,       // not seen by this detector yet
         Seen = 1,      // made some traced call, whichever
         Listed = 2,    // listed a directory after that
-        Reported = 3,  // the alarm is out; final while the process lives
+        Reported = 3,  // the alarm is out; final while the thread lives; not in the scope of containers
     };
 
     ShockerSubmodule(ContainerEscapeDetectTask& task, ContainerMetaInfo* metaInfo);
 
     int Init() override;
-    // Forgets all processes.
+    // Forgets all processes and containers.
     void DeInit() override;
+    void Reconfigure(const ContainerEscapeDetectPolicyContent& content) override;
     ~ShockerSubmodule() override;
-    // Forgets the process: its id may be used again.
+    // Forgets the process: its id may be used again. A container stays as it is.
     void HandleProcExit(int pid) override;
+    void Forget(ScopeKey owner) override;
     // Always true.
     bool HandleEvent(const FtraceMessage& message) override;
 
-    // Raises the alarm; Reported.
+    // Raises the alarm, unless the container had one within the hour. The state after it.
     State ProcEventGetDents(const FtraceMessage& message, int pid);
 
     void setShockerAlertInfo(AlertInfo& info);
@@ -45,7 +52,11 @@ public:
     bool IsMounted(const std::string& containerId, const std::string& path);
 
 private:
-    std::unordered_map<int, State> states;  // by process id; HandleProcExit removes
+    bool RaiseAlarm(const FtraceMessage& message, int pid);
+
+    Scope scope = Scope::Thread;
+    std::unordered_map<ScopeKey, State> states;  // HandleProcExit and Forget remove
+    AlarmGates gates{Scope::Thread};
 };
 
 }  // namespace Engine

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The rows that a detector's per-process state machine consists of.
+// The rows that a detector's state machine consists of.
 #pragma once
 
-#include <array>
-#include <cstddef>
 #include <optional>
 
 namespace Engine {
@@ -16,8 +14,8 @@ struct Step {
 };
 
 // The state after `seen`. What no row names leaves the state alone; of several rows the first counts.
-template <class State, class Trigger, std::size_t count>
-constexpr State Next(const std::array<Step<State, Trigger>, count>& steps, State state, const Trigger& seen)
+template <class Steps, class State, class Trigger>
+constexpr State Next(const Steps& steps, State state, const Trigger& seen)
 {
     for (const Step<State, Trigger>& step : steps) {
         if (step.from == state && (!step.on || *step.on == seen)) {

@@ -51,6 +51,7 @@ TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
         {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing"},
         {start + R"("highrisk_calls": ["a", "b", 4]}}})", "highrisk_calls[2]: must be a text, is a number"},
         {start + R"("highrisk_calls": [], "host_directorys": {}}}})", "host_directorys: must be a list, is an object"},
+        {start + R"("scope": ["thread"]}}})", R"(detect_task.scope: must be "thread" or "container")"},
     };
     for (const auto& [text, reason] : rows) {
         EXPECT_THAT([&text = text] { ParsePolicy(text); }, ThrowsMessage<BadInput>(HasSubstr(reason))) << text;

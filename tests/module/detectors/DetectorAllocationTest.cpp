@@ -44,14 +44,15 @@ thread_local unsigned long allocations = 0;
 namespace Engine {
 namespace {
 
-using DetectorAllocationTest = Support::DetectFixture;
+class DetectorAllocationTest : public Support::DetectFixture, public testing::WithParamInterface<Scope> {};
+INSTANTIATE_TEST_SUITE_P(Scopes, DetectorAllocationTest, testing::Values(Scope::Thread, Scope::Container));
 
-TEST_F(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNothing)
+TEST_P(DetectorAllocationTest, EventsOfATrackedProcessThatRaiseNoAlarmAllocateNothing)
 {
     SDK::LoggerUtils::GetInstance()->SetLevel("information");
     // A window without length: however fast the test runs, every call of it is within the limit.
     task->AttachDetectors(std::chrono::seconds{0}, 300,
-                          {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"});
+                          {"open_by_handle_at", "unshare", "perf_event_open", "process_vm_writev"}, GetParam());
     const auto allocationsFor = [this](const FtraceMessage& message) {
         const unsigned long before = allocations;
         for (int repeat = 0; repeat < 1000; ++repeat) {

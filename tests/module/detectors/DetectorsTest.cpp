@@ -2,6 +2,7 @@
 // The detectors' state machines as scripts. A script's words, in order:
 //   a system call    made by the process in turn, which is 1001 at the beginning
 //   @1002            from here on that process makes the calls
+//   @1002A           the same, and it is known to run in container A
 //   +3, -3           seconds by which the wall clock moves; alarms of one name are merged for two
 //   exit             the process has gone
 //   deinit           the detector's DeInit
@@ -39,7 +40,11 @@ protected:
         int pid = 1001;
         for (std::string word; words >> word;) {
             if (word[0] == '@') {
-                pid = std::stoi(word.substr(1));
+                std::size_t digits = 0;
+                pid = std::stoi(word.substr(1), &digits);
+                if (++digits < word.size()) {
+                    task->Know(pid, word.substr(digits));
+                }
             } else if (word[0] == '+' || word[0] == '-') {
                 world.now += std::stoi(word);
             } else if (word == "exit") {
@@ -59,7 +64,7 @@ protected:
     {
         for (const auto& [script, outcome] : rows) {
             Detector detector(*task, host.Metadata(), args...);
-            detector.Reconfigure({{}, {"unshare", "waitpid", "setns"}});
+            detector.Reconfigure({{}, {"unshare", "waitpid", "setns"}, task->GetScope()});
             EXPECT_EQ(Play(detector, script), outcome) << script;
             task->GetAlarmFilter().Clear();
         }
@@ -68,6 +73,11 @@ protected:
     std::string LastName() const { return last["process_info"][0]["process_name"].asString(); }
 
     Json::Value last;  // alarm
+};
+
+class ContainerScopeTest : public DetectorsTest {
+protected:
+    ContainerScopeTest() { task->SetScope(Scope::Container); }
 };
 
 TEST_F(DetectorsTest, ShockerIsAListingByAKnownProcessAndThenAnOpeningByHandle)
@@ -139,6 +149,53 @@ TEST_F(DetectorsTest, BruteForceCountsEachProcessByItselfAndOutlivesItsExitButNo
     EXPECT_EQ(Play(detector, "exit open_by_handle_at +3 open_by_handle_at open_by_handle_at"), "!!f");
     EXPECT_EQ(LastName(), "/bin/x");
     EXPECT_EQ(Play(detector, "deinit open_by_handle_at"), "t");
+}
+
+// A merged alarm: deinit opens the gate, but the filter still has the alarm before.
+TEST_F(ContainerScopeTest, ShockerTakesAContainerAsAWholeAndAlarmsOnceAnHourForEach)
+{
+    ExpectOutcomes<ShockerSubmodule>({
+        {"@1A getdents @2A open_by_handle_at", "t!"},
+        {"@3B open_by_handle_at getdents64 open_by_handle_at", "tt!"},
+        {"@1A getdents @3B open_by_handle_at", "tt"},
+        {"@1A getdents open_by_handle_at @3B getdents open_by_handle_at", "t!t!"},
+        {"@1A getdents exit @2A open_by_handle_at +3599 open_by_handle_at +1 open_by_handle_at", "t!t!"},
+        {"@1A getdents open_by_handle_at deinit getdents open_by_handle_at +3 open_by_handle_at", "t!tt!"},
+        {"@8 getdents @9 open_by_handle_at @8 open_by_handle_at exit open_by_handle_at", "tt!t"},  // in no known one
+    });
+}
+
+TEST_F(ContainerScopeTest, HighRiskIsOneAlarmAnHourForEachCallAndContainer)
+{
+    ExpectOutcomes<HighRiskSyscallSubmodule>({{"@1A unshare setns @3B unshare @2A +3 unshare", "!!!t"},
+                                              {"@1A unshare +3599 @2A unshare +1 unshare", "!t!"},
+                                              {"@8 unshare @9 +3 unshare @1A unshare", "!t!"}},
+                                             std::unordered_set<int>{});
+}
+
+TEST_F(ContainerScopeTest, BruteForceCountsAContainersThreadsTogether)
+{
+    ExpectOutcomes<BruteforceSubmodule>(
+        {{"@1A open_by_handle_at @2A open_by_handle_at @3B open_by_handle_at @1A open_by_handle_at", "ttt!"},
+         {"@1A open_by_handle_at open_by_handle_at @2A open_by_handle_at +3599 open_by_handle_at +1 open_by_handle_at",
+          "tt!f!"}},
+        std::chrono::seconds{3600}, static_cast<unsigned short>(2));
+}
+
+TEST_F(ContainerScopeTest, ThousandsOfContainersThatCameAndWentAreForgottenAndOneInUseIsNot)
+{
+    auto& shocker = task->Attach<ShockerSubmodule>();
+    shocker.Reconfigure({{}, {}, Scope::Container});
+    EXPECT_EQ(Play(shocker, "@1A getdents"), "t");
+    for (int number = 0; number < 10000; ++number) {
+        Play(shocker, "@3short" + std::to_string(number) + " getdents");
+        task->Tell(false, {"", 3, -1, "", "", "", ""});
+    }
+    for (int hour = 0; hour < 3; ++hour) {
+        task->ForgetIdleContainers();
+        EXPECT_EQ(Play(shocker, "@1A read +3600"), "t");
+    }
+    EXPECT_EQ(Play(shocker, "@3short9999 open_by_handle_at @2A open_by_handle_at"), "t!");
 }
 
 // Rounds that give idle counters' memory back come in between; they must leave this one's calls alone.

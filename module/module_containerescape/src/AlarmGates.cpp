@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AlarmGates.h"
+
+#include <cstdlib>
+
+#include "sdk/TimeUtils.h"
+
+namespace Engine {
+
+bool AlarmGates::TryClose(ScopeKey owner)
+{
+    if (gap == std::chrono::seconds::zero()) {
+        return true;
+    }
+    const long now = SDK::TimeUtils::GetCurrentTimestampS();
+    const auto [gate, isNew] = closed.try_emplace(owner, now);
+    if (!isNew && std::chrono::seconds{std::labs(now - gate->second)} < gap) {
+        return false;
+    }
+    gate->second = now;
+    return true;
+}
+
+}  // namespace Engine
