@@ -2,17 +2,17 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing, builds everything and runs every test, those with the real kernel and a real Docker Engine
 # included. Ends with the names of what failed and a line of counts; exits with 0 only when nothing failed.
-#   test.sh [--sanitizers]   the unit and kernel tests once more with the address and undefined behaviour sanitizers, and
-#                            once more with the thread sanitizer
-#   CE_TESTS_MUST_RUN=1      a test that cannot run here fails instead of being skipped
+#   test.sh [--thorough]   the unit and kernel tests once more with the address and undefined behaviour sanitizers, with
+#                          the thread sanitizer, and as built by the other compiler, clang
+#   CE_TESTS_MUST_RUN=1    a test that cannot run here fails instead of being skipped
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export CE_BUILD_DIR=$PWD/build/release
 
-sanitizers=()
+more=()
 case ${1:-} in
-    --sanitizers) sanitizers=(asan tsan) ;;
-    ?*) echo "usage: test.sh [--sanitizers]" >&2; exit 2 ;;
+    --thorough) more=(asan tsan clang) ;;
+    ?*) echo "usage: test.sh [--thorough]" >&2; exit 2 ;;
 esac
 scripts/install-packages.sh test
 if [ "$(id -u)" = 0 ] && [ ! -e /sys/kernel/tracing/instances ]; then
@@ -82,7 +82,7 @@ step "end-to-end tests: real kernel, real containers"
 python3 tests/e2e/run.py | tee "$CE_BUILD_DIR/e2e.log" || true
 count "end-to-end" "$CE_BUILD_DIR/e2e.log"
 
-for preset in "${sanitizers[@]}"; do
+for preset in "${more[@]}"; do
     if build "$preset"; then unit_tests "$preset"; fi
 done
 finish
