@@ -3,7 +3,8 @@
 # A Docker Engine of its own for the tests: it shares nothing with an engine that this machine may run already.
 #   engine.sh start DIR [DOCKERD_OPTION...]   starts it; its socket is DIR/docker.sock
 #   engine.sh restart DIR                     ends the daemon and starts it again with the same data
-#   engine.sh stop DIR                        ends its containers and the daemon, by pid, and removes DIR
+#   engine.sh stop DIR                        ends its containers and the daemon, by pid, and removes DIR with all that
+#                                             runtimes left: processes, mounts, control groups
 set -euo pipefail
 
 fail() { echo "engine.sh: $*" >&2; exit 1; }
@@ -14,7 +15,8 @@ shift 2
 docker=$(PATH=/usr/bin:$PATH command -v docker) || fail "no docker client: apt-get install docker.io"
 export DOCKER_HOST=unix://$dir/docker.sock
 
-alive() { [ -f "$dir/dockerd.pid" ] && kill -0 "$(cat "$dir/dockerd.pid")" 2>/dev/null; }
+# A zombie has no command line.
+alive() { [ -f "$dir/dockerd.pid" ] && grep -qs . "/proc/$(cat "$dir/dockerd.pid")/cmdline"; }
 
 start_daemon() {
     command -v dockerd >/dev/null || fail "no dockerd: apt-get install docker.io"
@@ -38,11 +40,31 @@ stop_daemon() {
     pid=$(cat "$dir/dockerd.pid")
     kill "$pid"
     for _ in $(seq 300); do
-        kill -0 "$pid" 2>/dev/null || { rm -f "$dir/dockerd.pid"; return 0; }
+        alive || { rm -f "$dir/dockerd.pid"; return 0; }
         sleep 0.1
     done
     kill -9 "$pid"
     fail "the engine had to be killed"
+}
+
+# Shims and runtimes that outlived the engine, e.g. because it was killed; all of them carry its path.
+end_runtimes() {
+    local pid told
+    while read -r pid; do
+        told=$(tr '\0' '\n' <"/proc/$pid/cmdline"; tr '\0' '\n' <"/proc/$pid/environ"; readlink "/proc/$pid/cwd") || true
+        case $told in *"$dir/"*) kill -9 "$pid" || true ;; esac
+    done < <(grep -lsE '^(containerd|runc)' /proc/[0-9]*/comm | cut -d/ -f3) 2>/dev/null  # some are gone by then
+}
+
+# Of the containers that it had, by their ids, with the processes in them. 0 would be one of another pid namespace.
+end_containers() {
+    local ids=$dir/ids groups
+    { ls "$dir/data/containers"; grep -ohE '\b[0-9a-f]{64}\b' "$dir/dockerd.log"; } 2>/dev/null | sort -u >"$ids" || true
+    for _ in $(seq 20); do  # what was killed leaves its group a little later
+        groups=$(find /sys/fs/cgroup -depth -type d -path '*/docker/*' | grep -F -f "$ids") || return 0
+        xargs -I{} cat {}/cgroup.procs <<<"$groups" | grep -vx 0 | sort -u | xargs -r kill -9 || true
+        xargs rmdir <<<"$groups" || sleep 0.1
+    done 2>/dev/null
 }
 
 case $action in
@@ -51,13 +73,15 @@ case $action in
     stop)
         if alive; then
             for _ in $(seq 20); do  # another client may be removing one of them just now
-                containers=$("$docker" ps -aq)
+                containers=$("$docker" ps -aq) || break
                 [ -n "$containers" ] || break
                 # shellcheck disable=SC2086  # one word for each container
                 "$docker" rm -f $containers >/dev/null || sleep 0.5
             done
         fi
-        stop_daemon
+        (stop_daemon) || true  # it has said why
+        end_runtimes
+        end_containers
         awk -v dir="$dir/" 'index($2, dir) == 1 { print $2 }' /proc/mounts | sort -r | xargs -r umount
         rm -rf "$dir"
         ;;
