@@ -23,6 +23,7 @@ import tempfile
 import threading
 import time
 
+ROOT = pathlib.Path(__file__).resolve().parents[1]
 ADDR_NO_RANDOMIZE = 0x0040000  # personality(2)
 
 SAMPLE_SECONDS = 10
@@ -329,18 +330,22 @@ def soak_it(minutes, out, checked):
     return results
 
 
-def main():
+def options_of_the_command_line():
     words = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     words.add_argument("--minutes", type=float, default=20)
-    words.add_argument("--build", type=pathlib.Path, default=harness.BUILD)
-    words.add_argument("--out", type=pathlib.Path)
+    words.add_argument("--build", type=lambda text: pathlib.Path(text).resolve(),
+                       default=os.environ.get("CE_BUILD_DIR", str(ROOT / "build/release")))
+    words.add_argument("--out", type=pathlib.Path, default=ROOT / "build/soak")
     options = words.parse_args()
     if options.minutes < 2:
         words.error("two minutes at least: everything happens once by then")
+    return options
+
+
+def main(options):
     if reason := run.why_not():
         sys.exit(f"soak: {reason}")
-    harness.use_build(options.build.resolve())
-    out = options.out or harness.ROOT / "build/soak"
+    out = options.out
     out.mkdir(parents=True, exist_ok=True)
     checked = sanitizer(harness.BUILD)
     if checked:
@@ -362,8 +367,10 @@ def main():
 
 if __name__ == "__main__":
     sys.dont_write_bytecode = True
-    sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
+    sys.path.append(str(ROOT / "tests/e2e"))
+    chosen = options_of_the_command_line()
+    os.environ["CE_BUILD_DIR"] = str(chosen.build)  # where the harness takes its programs from
     import chart
     import harness
     import run
-    sys.exit(main())
+    sys.exit(main(chosen))

@@ -4,6 +4,7 @@
 Everything started here is ended here, by pid. Times are CLOCK_MONOTONIC nanoseconds, in this process and in the probe.
 """
 
+import atexit
 import contextlib
 import fcntl
 import json
@@ -25,13 +26,6 @@ AGENT = BUILD / "bin/containerescape-agent"
 PROBE = BUILD / "tools/probe"
 INSTANCES = pathlib.Path("/sys/kernel/tracing/instances")
 DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
-
-
-def use_build(folder):
-    """Takes the agent and the probe from another build folder."""
-    global BUILD, AGENT, PROBE  # pylint: disable=global-statement
-    BUILD, AGENT, PROBE = folder, folder / "bin/containerescape-agent", folder / "tools/probe"
-
 
 # How long a step may take before it is called broken: far beyond what a busy machine needs.
 PATIENCE = 60.0
@@ -60,7 +54,9 @@ def run(*command, **options):
 
 @contextlib.contextmanager
 def alone_on_this_machine():
-    """Waits until no other run has an agent: it would see the containers of all. The lock goes with this process."""
+    """Waits until no other run has an agent: it would see the containers of all. The lock goes with this process, which
+    ends what it started when it is told to end, too."""
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     with open("/run/lock/containerescape-e2e.lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         yield
@@ -114,8 +110,7 @@ def make_root(root):
 def make_archive(folder):
     """The same in a tar file, for engines that import one."""
     make_root(folder / "root")
-    run("tar", "-C", folder / "root", "-cf", folder / "image.tar", ".")
-    return folder / "image.tar"
+    return shutil.make_archive(folder / "image", "tar", folder / "root")
 
 
 class Engine:
@@ -126,6 +121,7 @@ class Engine:
         self.socket = self.dir / "docker.sock"
         self.options = options
         self.environment = dict(os.environ, DOCKER_HOST=f"unix://{self.socket}")
+        atexit.register(self.close)
         run(ROOT / "scripts/engine.sh", "start", self.dir, *options)
 
     def close(self):
@@ -151,34 +147,22 @@ class Engine:
     def inspect(self, container, form):
         return self.docker("inspect", "--format", form, container)
 
-    def remove(self, container):
-        self.docker("rm", "-f", container)
-
 
 class Server:
-    """A probe that waits for orders, in a container or on the host."""
+    """A probe that waits for orders, in a container or on the host: one that the command starts or reaches."""
 
-    program = ("probe", "serve")
-
-    def __init__(self, *prefix, env=None):
-        command = [*prefix, *self.program] if prefix else [PROBE, "serve"]
-        self.process = subprocess.Popen([*map(str, command)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
-                                        env=env)
-        self._meet(self.process.stdin, self.process.stdout)
-
-    def _meet(self, orders, answers):
-        self.orders = orders
-        self.lines = Lines(answers)
+    def __init__(self, *command, env=None):
+        self.process = subprocess.Popen([*map(str, command or (PROBE, "serve"))], stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, text=True, env=env)
+        self.lines = Lines(self.process.stdout)
         self.do("self call getppid")  # it is known to run from here on
 
     def do(self, order):
         """Carries out one order. Returns when the deed began and the id of the thread that did it, as the probe saw."""
-        self.orders.write(order + "\n")
-        self.orders.flush()
-        answer = []
-        while not answer or answer[-1] != "done":
-            answer.append(self.lines.wait_for(lambda text: True)[1])
-        return made("\n".join(answer))
+        self.process.stdin.write(order + "\n")
+        self.process.stdin.flush()
+        self.lines.wait_for("done".__eq__)
+        return made("\n".join(self.lines.seen[-2:]))
 
     def close(self):
         self.process.stdin.close()
@@ -186,44 +170,12 @@ class Server:
         self.process.stdout.close()
 
 
-class Attached(Server):
-    """One whose program the command before it names already."""
-
-    program = ()
-
-
-class Resident(Server):
-    """The first process of a container, reached by named pipes in a folder, which `start` makes the container's /host.
-    It outlives the engine that started it."""
-
-    program = ("sh", "-c", "exec probe serve </host/in >/host/out")
-
-    def __init__(self, folder, start):
-        for name in ("in", "out"):
-            os.mkfifo(folder / name)
-        start()
-        self._meet(open(folder / "in", "w", encoding="ascii"), open(folder / "out", encoding="ascii"))
-
-    def close(self):
-        self.orders.close()
-
-
-class Shell(Server):
-    """A shell of a container that starts probes; an order is what stands behind their name."""
-
-    program = ("sh",)
-
-    def do(self, order):
-        return super().do(f"probe {order}; echo done")
-
-
 def made(text):
-    """From a probe's output: when its last deed began, and the id of the thread that did it. None without a deed."""
-    found = re.findall(r"^made (\d+) (\d+)$", text, re.M)
-    return (int(found[-1][0]), int(found[-1][1])) if found else None
+    """From a probe's output: when its deed began, and the id of the thread that did it."""
+    return tuple(map(int, re.search(r"^made (\d+) (\d+)$", text, re.M).groups()))
 
 
-class Agent:
+class Agent(contextlib.AbstractContextManager):
     """The agent under test."""
 
     def __init__(self, policy, *options, socket=None):
@@ -235,20 +187,16 @@ class Agent:
         self.started = time.monotonic_ns()
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         errors="surrogateescape")
+        atexit.register(self.close)
+        self.pid = self.process.pid
         self.output = Lines(self.process.stdout)
         self.log = Lines(self.process.stderr)
         self.ready, self.ready_line = self.log.wait_for(lambda line: re.search(r"\bready\b", line))
 
-    @property
-    def pid(self):
-        return self.process.pid
-
     def thread(self, name):
         """The id of its thread of that name."""
-        for comm in pathlib.Path(f"/proc/{self.pid}/task").glob("*/comm"):
-            if comm.read_text().rstrip("\n") == name:
-                return int(comm.parent.name)
-        raise AssertionError(f"no thread {name}")
+        return next(int(comm.parent.name) for comm in pathlib.Path(f"/proc/{self.pid}/task").glob("*/comm")
+                    if comm.read_text() == f"{name}\n")
 
     def alarm(self, wanted=lambda document: True, patience=PATIENCE):
         """The next alarm for which `wanted` holds; (time of arrival, document)."""
@@ -263,10 +211,6 @@ class Agent:
         """Has it read its policy again, and waits until that is in force."""
         self.process.send_signal(signal.SIGHUP)
         self.log.wait_for(lambda line: "policy replaced" in line)
-
-    def kill(self):
-        self.process.kill()
-        self.process.wait(PATIENCE)
 
     def stop(self, number=signal.SIGTERM):
         """Stops it as an operator would. Returns its closing counts; afterwards alarms() is complete."""
@@ -285,9 +229,7 @@ class Agent:
         self.process.stdout.close()
         self.process.stderr.close()
         self.folder.cleanup()
-
-    def __enter__(self):
-        return self
+        atexit.unregister(self.close)
 
     def __exit__(self, *_):
         self.close()
@@ -324,6 +266,12 @@ def instances():
     return sorted(path.name for path in INSTANCES.glob("containerescape-agent-*"))
 
 
+def remove_groups(name):
+    """Removes the control groups of that name with those below them, which are empty, in every hierarchy."""
+    for group in sorted(pathlib.Path("/sys/fs/cgroup").glob(f"**/{name}/**/"), reverse=True):
+        group.rmdir()
+
+
 class InDocker(unittest.TestCase):
     """Tests with an engine of their own for the whole class, and a folder of the host that containers can mount."""
 
@@ -340,7 +288,7 @@ class InDocker(unittest.TestCase):
     def start(self, *words, **more):
         """A container that is removed after the test."""
         container = self.engine.start(*words, **more)
-        self.addCleanup(self.engine.remove, container)
+        self.addCleanup(self.engine.docker, "rm", "-f", container)
         return container
 
     def agent(self, *options, calls=(), directories=(), whitelist=(), **more):
@@ -350,8 +298,8 @@ class InDocker(unittest.TestCase):
         self.addCleanup(running.close)
         return running
 
-    def server(self, container="victim"):
-        server = Server(DOCKER, "exec", "-i", container, env=self.engine.environment)
+    def server(self, container="victim", command=("probe", "serve")):
+        server = Server(DOCKER, "exec", "-i", container, *command, env=self.engine.environment)
         self.addCleanup(server.close)
         return server
 

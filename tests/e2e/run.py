@@ -4,8 +4,8 @@
 import os
 import pathlib
 import shutil
+import signal
 import sys
-import time
 import unittest
 
 sys.dont_write_bytecode = True
@@ -30,37 +30,23 @@ def why_not():
 def main():
     reason = why_not()
     if reason and not os.environ.get("CE_TESTS_MUST_RUN"):
-        print(f"skipped: {reason}")
-        print_counts(0, 1, [])
+        print(f"skipped: {reason}\npassed: 0\nskipped: 1")
         return 0
     with harness.alone_on_this_machine():
         return run_tests()
-
-
-def print_counts(passed, skipped, failed):
-    print(f"passed: {passed}", f"skipped: {skipped}", *(f"failed: {name}" for name in failed), sep="\n")
-
-
-class Result(unittest.TextTestResult):
-    """Says how long each test took."""
-
-    def startTest(self, test):
-        super().startTest(test)
-        self.began = time.monotonic()
-
-    def stopTest(self, test):
-        super().stopTest(test)
-        self.stream.writeln(f"  {time.monotonic() - self.began:.1f} s")
 
 
 def run_tests():
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in sys.argv[1:]] or None
     suite = loader.discover(str(HERE))
-    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2, resultclass=Result).run(suite)
+    unittest.installHandler()  # the first signal ends the run with the test that runs, the second one at once
+    signal.signal(signal.SIGTERM, signal.getsignal(signal.SIGINT))
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
     failed = sorted({getattr(test, "test_case", test).id() for test, _ in result.failures + result.errors})
-    print_counts(result.testsRun - len(failed) - len(result.skipped), len(result.skipped), failed)
-    return 0 if result.wasSuccessful() and result.testsRun else 1
+    print(f"passed: {result.testsRun - len(failed) - len(result.skipped)}", f"skipped: {len(result.skipped)}",
+          *(f"failed: {name}" for name in failed), sep="\n")
+    return 0 if result.wasSuccessful() and result.testsRun and not result.shouldStop else 1
 
 
 if __name__ == "__main__":

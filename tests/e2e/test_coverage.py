@@ -23,13 +23,14 @@ import harness
 from harness import HIGH_RISK, OPEN, SHOCKER
 
 TRIES = 50
+NOTICED = 5  # seconds in which an alarm has to come
 
 # Those that set a container up, and one that only the probe makes.
 CALLS = ("mount", "umount2", "pivot_root", "chroot", "setns", "unshare", "keyctl", "ptrace", "bpf", "process_vm_readv")
 # All three calls have to be seen for the alarm.
 DEED = ("call", "getdents64,getdents64,open_by_handle_at")
 ORDER = " ".join(DEED)
-ATTACK = ("probe", "self", *DEED)
+ATTACK = ("/bin/probe", "self", *DEED)
 
 # The control groups of the containers that no engine names; also a name space of containerd's.
 GROUPS = f"ce-coverage-{os.getpid()}"
@@ -53,37 +54,23 @@ def found(line):
     return json.JSONDecoder().raw_decode(text)[0] if is_one else None
 
 
-class Way:
-    """The tries of one way, and which of them were noticed."""
+def latency(seen, begun, container, event=SHOCKER):
+    """Milliseconds from the deed to the alarm, which has to say this of its container."""
+    arrived, alarm = seen
+    assert (alarm["event_name"], identity_in(alarm)) == (event, container), f"{alarm} instead of {event} in {container}"
+    return (arrived - begun) / 1e6
 
-    def __init__(self, name):
-        self.name, self.tries, self.latencies, self.missed = name, 0, [], []
 
-    def expect(self, wait, begun, container, event=SHOCKER):
-        """An alarm has to come from `wait`, and to say this of its container."""
-        try:
-            arrived, alarm = wait(patience=1 if self.missed else 5)
-        except AssertionError:
-            self.missed.append((self.tries, wait.__name__))
-            return
-        if isinstance(alarm, str):
-            alarm = found(alarm)
-        seen = (alarm["event_name"], identity_in(alarm))
-        assert seen == (event, container), f"{self.name}: {seen} instead of {(event, container)}"
-        self.latencies.append((arrived - begun) / 1e6)
-
-    def close(self):
-        print(f"\n  {self.name}: {self.tries} tries, {len(self.latencies)} alarms; latency median "
-              f"{statistics.median(self.latencies or [0]):.1f} ms, maximum {max(self.latencies, default=0):.1f} ms",
-              end="", flush=True)
-        assert self.tries == TRIES and not self.missed, f"{self.name}: missed {self.missed}"
+def report(name, latencies):
+    print(f"\n  {name}: {len(latencies)} tries, latency median {statistics.median(latencies):.1f} ms, "
+          f"maximum {max(latencies):.1f} ms", end="", flush=True)
 
 
 class Watched(unittest.TestCase):
     """Has both agents watch, from a class's beginning to its end. Nothing but the attacks may have raised an alarm by
     then, neither the engine and the runtimes nor the same calls of the host's processes."""
 
-    socket = None
+    engine = None
     expected = 0  # alarms of each agent
 
     @classmethod
@@ -98,148 +85,75 @@ class Watched(unittest.TestCase):
             harness.run(harness.PROBE, how, *DEED)
         for agent in (cls.fresh, cls.steady):
             agent.stop()
-        cls.check([line for line in map(found, cls.steady.log.seen) if line])
-        cls.check_delivered(cls.fresh.alarms())
-
-    @classmethod
-    def check(cls, alarms):
-        assert len(alarms) == cls.expected, f"{len(alarms)} instead of {cls.expected}: {alarms[-3:]}"
-
-    check_delivered = check
+        for alarms in (cls.fresh.alarms(), [*filter(None, map(found, cls.steady.log.seen))]):
+            assert len(alarms) == cls.expected, f"{len(alarms)} instead of {cls.expected}: {alarms[-3:]}"
 
     @classmethod
     def watcher(cls, *options):
-        agent = harness.Agent(harness.policy(CALLS), *options, socket=cls.socket)
-        cls.addClassCleanup(agent.close)
-        return agent
+        return cls.enterClassContext(harness.Agent(harness.policy(CALLS), *options,
+                                                   socket=cls.engine and cls.engine.socket))
 
     def try_way(self, name, *attacks):
         """Makes the attacks in turn. Each returns what the probe said of it, and what an alarm has to say about the
         container."""
-        def steady_agent(patience):
-            return self.steady.log.wait_for(found, patience)
-
-        way, steady = Way(name), Way(name)
-        for attack, _ in zip(itertools.cycle(attacks), range(TRIES)):
-            self.fresh.reload()
-            (begun, _), container = attack()
-            way.tries += 1
-            way.expect(self.fresh.alarm, begun, container)
-            steady.expect(steady_agent, begun, container)
-        way.missed += steady.missed
-        way.close()
-        type(self).expected += TRIES
+        latencies = []
+        with self.subTest(way=name):
+            for attack, _ in zip(itertools.cycle(attacks), range(TRIES)):
+                self.fresh.reload()
+                (begun, _), container = attack()
+                type(self).expected += 1
+                latencies.append(latency(self.fresh.alarm(patience=NOTICED), begun, container))
+                arrived, line = self.steady.log.wait_for(found, NOTICED)
+                latency((arrived, found(line)), begun, container)
+            report(name, latencies)
 
 
 class Containers(harness.InDocker):
     """What those have in common whose containers an engine knows."""
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.socket = cls.engine.socket
-        cls.image_id = cls.engine.docker("image", "inspect", "--format", "{{.Id}}", "probe:1")
-
-    def known(self, name, container=None):
+    def known(self, name):
         """What an alarm has to say about a container."""
-        return {"container_id": container or self.engine.inspect(name, "{{.Id}}"), "container_name": name,
-                "image_name": "probe:1", "image_id": self.image_id}
+        container, image = self.engine.inspect(name, "{{.Id}} {{.Image}}").split()
+        return {"container_id": container, "container_name": name, "image_name": "probe:1", "image_id": image}
+
+    def create(self, name, *words):
+        self.engine.docker("create", "-i", *OPEN, "--name", name, *words)
+        return self.known(name)
 
     def docker(self, *words):
         return harness.made(self.engine.docker(*words))
 
-    def served(self, kind, *prefix):
-        server = kind(harness.DOCKER, *prefix, env=self.engine.environment)
-        self.addCleanup(server.close)
-        return server
-
-    def first_process(self, numbers=itertools.count()):
-        """Makes the attack the only process of a new container."""
-        name = f"first{next(numbers)}"
-        note = self.folder / name
-        made = self.docker("run", "--rm", *OPEN, "--name", name, "--cidfile", note, "probe:1", *ATTACK)
-        return made, self.known(name, note.read_text())
-
-    def deed_of(self, name, after):
-        """What the probe says of its deed when a container starts that makes it as its first."""
-        deadline = time.monotonic() + harness.PATIENCE
-        while time.monotonic() < deadline:
-            made = self.docker("logs", "--tail", "2", name)
-            if made is not None and made[0] > after:
-                return made
-            time.sleep(0.01)
-        raise AssertionError(f"{name} did not attack")
-
 
 class RunningContainers(Watched, Containers):
+    engine_options = ("--live-restore",)
+
     def test_every_way_into_a_container(self):
         self.engine.start("-i", "--name", "victim", "--cap-add", "SYS_ADMIN", command=("probe", "serve"))
         victim = self.known("victim")
-        self.engine.docker("create", "-i", *OPEN, "--name", "again", "probe:1", "probe", "serve", *ATTACK[1:])
-        again = self.known("again")
-        shell = self.served(harness.Shell, "exec", "-i", "victim")
+        again = self.create("again", "probe:1", "probe", "serve", *ATTACK[1:])
+        shell = self.server(command=("sh", "-c", "while read -r order; do probe $order; echo done; done"))
+
+        def first_process():
+            name = f"first-{secrets.token_hex(4)}"
+            return self.docker("run", *OPEN, "--name", name, "probe:1", *ATTACK), self.known(name)
 
         def restart():
-            before = time.monotonic_ns()
+            begun = time.monotonic_ns()
             self.engine.docker("restart", "-t", "0", "again")
-            return self.deed_of("again", before), again
+            return (begun, None), again
 
-        self.try_way("the first process of docker run", self.first_process)
+        self.try_way("the first process of docker run", first_process)
         self.try_way("docker exec", lambda: (self.docker("exec", "victim", *ATTACK), victim))
         # As an image's health check may be called: by the name under which runtimes execute themselves.
         self.try_way("docker exec under a runtime's name",
                      lambda: (self.docker("exec", "victim", "/proc/1/exe", *ATTACK[1:]), victim))
-        self.try_way("a shell forks and execs", lambda: (shell.do(f"self {ORDER}"), victim))
-        for how, name in {"fork": "fork alone", "daemon": "double fork with setsid", "thread": "thread",
-                          "vfork": "vfork and exec", "namespaces": "clone with new namespaces"}.items():
+        for how, name in {"self": "a shell forks and execs", "fork": "fork alone", "daemon": "double fork with setsid",
+                          "thread": "thread", "vfork": "vfork and exec",
+                          "namespaces": "clone with new namespaces"}.items():
             self.try_way(name, lambda how=how: (shell.do(f"{how} {ORDER}"), victim))
         self.try_way("exec in place",
                      lambda: (self.docker("exec", "victim", "sh", "-c", f"exec probe self {ORDER}"), victim))
-        self.try_way("docker restart", restart)
-
-
-class YoungAgents(Containers):
-    """Agents of their own, which are not reloaded: alarms of two names from each, one for each of two attacks."""
-
-    def both(self, agent, way, servers, orders, containers):
-        for server, order, container, event in zip(servers, orders, containers, (SHOCKER, HIGH_RISK)):
-            way.tries += 1
-            way.expect(agent.alarm, server.do(order)[0], container, event)
-        agent.stop()
-        self.assertEqual(len(agent.alarms()), len(servers))
-
-    def test_a_container_that_ran_before_the_agent(self):
-        self.engine.start("--name", "before", "--cap-add", "SYS_ADMIN")
-        for how, deed in {"self": "acts", "exec": "execs"}.items():
-            server = self.served(harness.Server, "exec", "-i", "before")
-            way = Way(f"a process from before the agent {deed}")
-            for _ in range(TRIES // 2):
-                with self.agent(calls=CALLS) as agent:
-                    self.both(agent, way, [server] * 2, (f"{how} {ORDER}", f"{how} call process_vm_readv"),
-                              [self.known("before")] * 2)
-            way.close()
-
-    def test_containers_that_start_while_the_agent_does(self):
-        names = ("while1", "while2")
-        for name in names:
-            self.engine.docker("create", "-i", *OPEN, "--name", name, "probe:1", "probe", "serve")
-        containers = [self.known(name) for name in names]
-        way = Way("containers that start while the agent does")
-        for number in range(TRIES // 2):
-            with concurrent.futures.ThreadPoolExecutor() as pool:
-                starts = [pool.submit(harness.Attached, harness.DOCKER, "start", "-ai", name,
-                                      env=self.engine.environment) for name in names]
-                time.sleep(number * 0.03)  # from long before their first processes to long after these
-                with self.agent(calls=CALLS) as agent:
-                    servers = [start.result() for start in starts]
-                    self.both(agent, way, servers, (f"self {ORDER}", "self call process_vm_readv"), containers)
-            for server in servers:
-                server.close()
-        way.close()
-
-
-class ContainersLiveOn(Watched, Containers):
-    engine_options = ("--live-restore",)
+        self.try_way("docker restart, from its beginning", restart)
 
     def test_the_engine_restarts_under_its_containers(self):
         residents = [self.resident(f"lives{number}") for number in range(5)]
@@ -255,43 +169,66 @@ class ContainersLiveOn(Watched, Containers):
         self.try_way("containers that live on when the engine restarts", *attacks)
 
     def resident(self, name):
-        folder = self.folder / name
-        folder.mkdir()
-        server = harness.Resident(folder, lambda: self.engine.start("--name", name, "-v", f"{folder}:/host",
-                                                                    command=harness.Resident.program))
+        """The first process of a container, reached by named pipes: it outlives the engine that started it."""
+        for pipe in ("in", "out"):
+            os.mkfifo(self.folder / f"{name}.{pipe}")
+        self.engine.start("--name", name, "-v", f"{self.folder}:/host",
+                          command=("sh", "-c", f"exec probe serve </host/{name}.in >/host/{name}.out"))
+        server = harness.Server("sh", "-c", f"cat {self.folder}/{name}.out & exec cat >{self.folder}/{name}.in")
         self.addCleanup(server.close)
         return server, self.known(name)
 
 
-class ContainersStartAgain(Watched, Containers):
+class OtherAgents(Containers):
+    """Agents that are not reloaded. A young one gets two attacks, of which each has an alarm of its own name."""
+
+    def both(self, agent, how, servers, containers):
+        for server, deed, container, event in zip(servers, (ORDER, "call process_vm_readv"), containers,
+                                                  (SHOCKER, HIGH_RISK)):
+            begun, _ = server.do(f"{how} {deed}")
+            yield latency(agent.alarm(patience=NOTICED), begun, container, event)
+        agent.stop()
+        self.assertEqual(len(agent.alarms()), len(containers))
+
+    def test_a_container_that_ran_before_the_agent(self):
+        self.engine.start("--name", "before", "--cap-add", "SYS_ADMIN")
+        for how, deed in {"self": "acts", "exec": "execs"}.items():
+            server, latencies = self.server("before"), []
+            for _ in range(TRIES // 2):
+                with self.agent(calls=CALLS) as agent:
+                    latencies += self.both(agent, how, [server] * 2, [self.known("before")] * 2)
+            report(f"a process from before the agent {deed}", latencies)
+
+    def test_containers_that_start_while_the_agent_does(self):
+        containers = [self.create(name, "probe:1", "probe", "serve") for name in ("while1", "while2")]
+        latencies = []
+        for number in range(TRIES // 2):
+            with concurrent.futures.ThreadPoolExecutor() as pool:
+                starts = [pool.submit(harness.Server, harness.DOCKER, "start", "-ai", container["container_name"],
+                                      env=self.engine.environment) for container in containers]
+                time.sleep(number * 0.03)  # from long before their first processes to long after these
+                with self.agent(calls=CALLS) as agent:
+                    servers = [start.result() for start in starts]
+                    latencies += self.both(agent, "self", servers, containers)
+            for server in servers:
+                server.close()
+        report("containers that start while the agent does", latencies)
+
     def test_the_engine_restarts_its_containers(self):
         """They all attack at once, so that one alarm stands for several: the log has each."""
-        names = [f"always{number}" for number in range(10)]
-        for name in names:
-            self.engine.docker("create", "-i", *OPEN, "--restart", "always", "--stop-timeout", "1", "--name", name,
-                               "probe:1", "probe", "serve", *ATTACK[1:])
-        containers = {self.known(name)["container_id"]: self.known(name) for name in names}
-        self.expect_each(Way("started by hand"), containers, lambda: self.engine.docker("start", *names))
-        way = Way("containers that start again when the engine does")
-        for _ in range(TRIES // len(names)):
-            self.expect_each(way, containers, self.engine.restart)
-        way.close()
-        type(self).expected += TRIES + len(names)
-
-    @classmethod
-    def check_delivered(cls, alarms):
-        assert 0 < len(alarms) < cls.expected
-
-    def expect_each(self, way, containers, start):
-        before = time.monotonic_ns()
-        start()
-        left = dict(containers)
-        while left:
-            seen = self.steady.log.wait_for(found)
-            container = left.pop(found(seen[1])["resource_info"]["container_id"])
-            begun, _ = self.deed_of(container["container_name"], before)
-            way.tries += 1
-            way.expect(lambda patience, seen=seen: seen, begun, container)
+        containers = [self.create(f"always{number}", "--restart", "always", "--stop-timeout", "1", "probe:1", "probe",
+                                  "serve", *ATTACK[1:]) for number in range(10)]
+        names = [container["container_name"] for container in containers]
+        starts = [lambda: self.engine.docker("start", *names)] + [self.engine.restart] * (TRIES // len(names))
+        agent = self.agent("--log-level", "debug", calls=CALLS)
+        for start in starts:
+            start()
+            seen = [identity_in(found(agent.log.wait_for(found)[1])) for _ in containers]
+            self.assertCountEqual(seen, containers)
+        agent.stop()
+        self.assertEqual(sum(found(line) is not None for line in agent.log.seen), len(starts) * len(containers))
+        self.assertIn(len(agent.alarms()), range(1, len(starts) * len(containers)))
+        print(f"\n  containers that start again when the engine does: {len(starts) * len(containers)} tries")
 
 
 class WithoutEngine(Watched):
@@ -301,13 +238,8 @@ class WithoutEngine(Watched):
     def setUpClass(cls):
         cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="ce-coverage.")))
         harness.make_root(cls.folder / "root")
-        cls.addClassCleanup(cls.remove_groups)
+        cls.addClassCleanup(harness.remove_groups, GROUPS)
         super().setUpClass()
-
-    @classmethod
-    def remove_groups(cls):
-        for group in sorted(pathlib.Path("/sys/fs/cgroup").glob(f"**/{GROUPS}/**/"), reverse=True):
-            group.rmdir()
 
     def both(self, name, run, join, id_of=lambda container: container):
         """Attacks by the first process of a container and by one that is started in it later."""
@@ -319,7 +251,7 @@ class WithoutEngine(Watched):
 
         self.try_way(f"{name}: first process", first)
         container = secrets.token_hex(32)
-        server = harness.Attached(*run(container, "probe", "serve"))
+        server = harness.Server(*run(container, "/bin/probe", "serve"))
         self.addCleanup(server.close)
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
                                                                {"container_id": id_of(container)}))
@@ -362,20 +294,11 @@ class WithoutEngine(Watched):
 
     def test_containerd(self):
         socket = self.folder / "containerd.sock"
-        settings = self.folder / "containerd.toml"
-        settings.write_text(f'''version = 2
-root = "{self.folder}/containerd"
-state = "{self.folder}/containerd-state"
-disabled_plugins = ["io.containerd.grpc.v1.cri"]
-[grpc]
-  address = "{socket}"
-''')
-        daemon = subprocess.Popen(["containerd", "-c", settings], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        daemon = subprocess.Popen(["containerd", "-c", "/dev/null", "--address", socket, "--root",
+                                   self.folder / "containerd", "--state", self.folder / "containerd-state"],
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(daemon.wait, harness.PATIENCE)
         self.addCleanup(daemon.terminate)
         ctr = ("ctr", "-a", socket, "-n", GROUPS)
-        numbers = itertools.count()
-        self.both("containerd", lambda container, *words: (
-            *ctr, "run", "--rm", "--rootfs", self.folder / "root", container, f"/bin/{words[0]}", *words[1:]),
-                  lambda container, *words: (*ctr, "tasks", "exec", "--exec-id", f"e{next(numbers)}", container,
-                                             f"/bin/{words[0]}", *words[1:]))
+        self.both("containerd", lambda *words: (*ctr, "run", "--rm", "--rootfs", self.folder / "root", *words),
+                  lambda *words: (*ctr, "tasks", "exec", "--exec-id", secrets.token_hex(4), *words))

@@ -5,8 +5,8 @@ import concurrent.futures
 import os
 import pathlib
 import signal
+import subprocess
 import tempfile
-import threading
 import time
 
 import harness
@@ -37,29 +37,16 @@ RUN ["/bin/probe", "self", "call", "getppid"]
 HEALTHCHECK --interval=1s CMD ["/bin/probe", "self", "call", "getppid"]
 CMD ["/bin/probe", "self", "call", "pause"]
 """
-GROUPS = f"/ce-test-{os.getpid()}"  # control groups that the tests leave behind in each hierarchy
+GROUPS = f"ce-test-{os.getpid()}"  # control groups that the tests leave behind in each hierarchy
 IDLE = ("probe", "self", "call", "pause")
 BENIGN = ("probe", "self", "call", "getppid")
-
-
-class HostAtWork:
-    """A process of the host that makes the listed calls all the time, with children and threads."""
-
-    def __init__(self):
-        self.server = harness.Server()
-        self.over = threading.Event()
-        self.thread = threading.Thread(target=self._work)
-        self.thread.start()
-
-    def _work(self):
-        while not self.over.wait(0.05):
-            for how, call in (("fork", "unshare"), ("self", "mount"), ("thread", "setns"), ("runtime", "pivot_root")):
-                self.server.do(f"{how} call {call}")
-
-    def close(self):
-        self.over.set()
-        self.thread.join()
-        self.server.close()
+HOST_AT_WORK = f"""
+    while sleep 0.05; do
+        for deed in "fork call unshare" "self call mount" "thread call setns" "runtime call pivot_root"; do
+            {harness.PROBE} $deed
+        done
+    done >/dev/null
+"""
 
 
 class Precision(harness.InDocker):
@@ -67,37 +54,26 @@ class Precision(harness.InDocker):
 
     @classmethod
     def setUpClass(cls):
-        cls.addClassCleanup(cls.remove_groups)
+        cls.addClassCleanup(harness.remove_groups, GROUPS)
         super().setUpClass()
         (cls.folder / "target").write_text("by the host\n")
 
     def start(self, *words, command=IDLE):
         return super().start(*words, command=command)
 
-    def run_benign(self, count):
-        for _ in range(count):
-            self.engine.docker("run", "--rm", "--network", "none", "-v", f"{self.folder}:/host", "-w", "/host",
-                               "probe:1", *BENIGN)
-
-    def exec_benign(self, count):
-        for _ in range(count):
-            self.engine.docker("exec", "victim", *BENIGN)
-
-    def at_once(self, work, count, workers=3):
-        shares = [count // workers + (worker < count % workers) for worker in range(workers)]
-        with concurrent.futures.ThreadPoolExecutor(workers) as pool:
-            list(pool.map(work, shares))
+    def benign(self, *words):
+        """A hundred times, three at a time."""
+        with concurrent.futures.ThreadPoolExecutor(3) as pool:
+            list(pool.map(lambda _: self.engine.docker(*words, *BENIGN), range(100)))
 
     def build(self):
         with tempfile.TemporaryDirectory() as folder:
             (pathlib.Path(folder) / "Dockerfile").write_text(DOCKERFILE)
             self.engine.docker("build", "--network", "none", "-t", "built:1", folder)
         healthy = self.engine.docker("run", "-d", "--network", "none", "built:1")
-        deadline = time.monotonic() + harness.PATIENCE
-        while self.engine.inspect(healthy, "{{.State.Health.Status}}") != "healthy":
-            self.assertLess(time.monotonic(), deadline)
-            time.sleep(0.2)
-        self.engine.remove(healthy)
+        harness.run("sh", "-c", f"until {harness.DOCKER} ps --filter health=healthy -q | grep -q .; do sleep 0.2; done",
+                    env=self.engine.environment)
+        self.engine.docker("rm", "-f", healthy)
 
     def copy(self):
         for there in ("/tmp/copy", "/host/copy"):
@@ -110,11 +86,11 @@ class Precision(harness.InDocker):
             self.engine.docker(*words.split())
 
     def test_only_attacks_alarm_whatever_the_engine_does(self):
-        victim = self.start("--name", "victim", "--cap-add", "SYS_ADMIN", "--cap-add", "DAC_READ_SEARCH",
-                            "-v", f"{self.folder}:/host")
+        mount = ("-v", f"{self.folder}:/host")
+        victim = self.start("--name", "victim", "--cap-add", "SYS_ADMIN", "--cap-add", "DAC_READ_SEARCH", *mount)
         phases = (
-            (lambda: self.at_once(self.run_benign, 100), "unshare"),
-            (lambda: self.at_once(self.exec_benign, 100), "setns"),
+            (lambda: self.benign("run", "--rm", "--network", "none", *mount, "-w", "/host", "probe:1"), "unshare"),
+            (lambda: self.benign("exec", "victim"), "setns"),
             (self.engine.restart, "mount"),
             (lambda: self.engine.make_image("other:1"), "pivot_root"),
             (lambda: self.engine.docker("restart", "-t", "0", "victim"), "umount2"),
@@ -124,8 +100,9 @@ class Precision(harness.InDocker):
         )
         agent = self.agent(calls=RUNTIME_CALLS, directories=[f"{self.engine.dir}/data/containers*/*rwa",
                                                              f"{self.folder}*/*rwa"])
-        host = HostAtWork()
-        self.addCleanup(host.close)
+        host = subprocess.Popen(["sh", "-c", HOST_AT_WORK])
+        self.addCleanup(host.wait)
+        self.addCleanup(host.kill)
         expected, latencies = [], []
         for phase, call in phases:
             phase()
@@ -158,7 +135,7 @@ class Precision(harness.InDocker):
 
     def test_whatever_a_container_shares_with_the_host(self):
         for options in ("--init", "--pid host", "--ipc host", "--uts host", "--cgroupns host", "--cgroupns private",
-                        f"--cgroup-parent {GROUPS}/nested", "--user 1000:1000", "--read-only --tty",
+                        f"--cgroup-parent /{GROUPS}/nested", "--user 1000:1000", "--read-only --tty",
                         "--pid host --ipc host --uts host --cgroupns host --cap-add SYS_ADMIN --cap-add SYS_PTRACE"):
             with self.subTest(options=options):
                 with self.watching() as agent:
@@ -173,7 +150,7 @@ class Precision(harness.InDocker):
         pretender = self.start("--cap-add", "SYS_ADMIN", "--cgroupns", "host", "-v", "/sys/fs/cgroup:/groups")
         leave = "for group in /groups/*; do %s; done 2>/dev/null; exec probe fork call mount"
         for deed in (("probe", "runtime", "call", "mount"),
-                     ("sh", "-c", leave % f"busybox mkdir $group{GROUPS}; echo 0 >$group{GROUPS}/cgroup.procs"),
+                     ("sh", "-c", leave % f"busybox mkdir $group/{GROUPS}; echo 0 >$group/{GROUPS}/cgroup.procs"),
                      ("sh", "-c", leave % "echo 0 >$group/cgroup.procs")):
             with self.subTest(deed=deed), self.watching() as agent:
                 self.engine.docker("exec", pretender, *deed)
@@ -190,9 +167,3 @@ class Precision(harness.InDocker):
                 finally:
                     os.kill(agent.pid, signal.SIGCONT)
                 self.assert_only(agent, "umount2", container)
-
-    @staticmethod
-    def remove_groups():
-        for group in [*pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}/*/"),
-                      *pathlib.Path("/sys/fs/cgroup").glob(f"*{GROUPS}")]:
-            group.rmdir()
