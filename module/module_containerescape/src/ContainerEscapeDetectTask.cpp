@@ -217,20 +217,26 @@ void ContainerEscapeDetectTask::ForgetIdleContainers()
 int ContainerEscapeDetectTask::Dispatch(const FtraceMessage& message)
 {
     const int pid = static_cast<int>(message.get_number("common_pid"));
-    if (!IsKnown(pid)) {
+    const auto process = procs.find(pid);
+    if (process == procs.end()) {
         return -1;
     }
+    dispatchedKey = KeyOf(process->second);  // once for all detectors
+    dispatchedPid = pid;
     ModuleLog::Debug("Get syscall(%s), pid = %d", message.name(), pid);
     const bool isLimited = SDK::InnerCpuCtrlUtils::IsEnabled();  // asked once for all of them: it is set at the start
+    int result = 0;
     for (auto* receiver : ftraceReceivers) {
         if (isLimited) {
             Throttle(lastDetectorTick, 30, "containerescape_task");
         }
-        if (const int result = receiver->Receive(message); result != 0) {
-            return result;
+        result = receiver->Receive(message);
+        if (result != 0) {
+            break;
         }
     }
-    return 0;
+    dispatchedPid = -1;
+    return result;
 }
 
 int ContainerEscapeDetectTask::Receive(const ContainerProcMessage& message)

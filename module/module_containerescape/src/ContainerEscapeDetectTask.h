@@ -128,6 +128,7 @@ public:
 private:
     int Dispatch(const FtraceMessage& message);
     void ForgetInDetectors(int pid);
+    ScopeKey KeyOf(const escapeProcRecord& process);  // hostKey: none of its own
     void SendContainerRegistration(bool subscribe);
     void PruneIfFull();
     bool IsKnown(int pid) const { return procs.find(pid) != procs.end(); }
@@ -139,6 +140,8 @@ private:
     ContainerEscapeDetectPolicyContent policyContent;
     ContainerMetaInfo* containerMetaInfo;
     ContainerKeys containerKeys;
+    int dispatchedPid = -1;  // whose event the detectors have before them; -1: none
+    ScopeKey dispatchedKey = hostKey;
     std::map<std::int32_t, escapeProcRecord> procs;
     std::deque<fanotifyCached> fanotifyCache;
 

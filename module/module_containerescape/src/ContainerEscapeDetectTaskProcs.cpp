@@ -134,12 +134,18 @@ int ContainerEscapeDetectTask::GetContainerIDByRecordMap(const int& pid, std::st
 
 ScopeKey ContainerEscapeDetectTask::KeyOf(int pid, ScopeKey otherwise)
 {
-    if (GetScope() == Scope::Thread) {
-        return otherwise;
+    ScopeKey key = dispatchedKey;
+    if (pid != dispatchedPid) {
+        const auto found = procs.find(pid);
+        key = found == procs.end() ? hostKey : KeyOf(found->second);
     }
-    const auto found = procs.find(pid);
-    const bool isKnown = found != procs.end() && !found->second.containerId.empty();
-    return isKnown ? containerKeys.Of(found->second.containerId) : otherwise;
+    return key == hostKey ? otherwise : key;
+}
+
+ScopeKey ContainerEscapeDetectTask::KeyOf(const escapeProcRecord& process)
+{
+    const bool hasOwn = GetScope() == Scope::Container && !process.containerId.empty();
+    return hasOwn ? containerKeys.Of(process.containerId) : hostKey;
 }
 
 int ContainerEscapeDetectTask::IsContainerProc(unsigned long pid, std::string& containerId)

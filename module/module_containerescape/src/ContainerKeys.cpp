@@ -15,10 +15,13 @@ constexpr std::int64_t roundSeconds = 3600;
 
 ScopeKey ContainerKeys::Of(const std::string& containerId)
 {
-    const auto [container, isNew] = containers.try_emplace(containerId, Container{next, true});
-    next += isNew ? 1 : 0;
-    container->second.isUsed = true;
-    return container->second.key;
+    if (last == nullptr || last->first != containerId) {
+        const auto [container, isNew] = containers.try_emplace(containerId, Container{next, true});
+        next += isNew ? 1 : 0;
+        last = &*container;
+    }
+    last->second.isUsed = true;
+    return last->second.key;
 }
 
 // Two rounds without an event between them end a key. They are an hour apart unless there are too many containers.
@@ -32,6 +35,7 @@ std::vector<ScopeKey> ContainerKeys::DropIdle()
         return {};
     }
     lastRound = now;
+    last = nullptr;
     std::vector<ScopeKey> dropped;
     for (auto entry = containers.begin(); entry != containers.end();) {
         Container& container = entry->second;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Engine {
@@ -40,6 +41,7 @@ private:
     };
 
     std::unordered_map<std::string, Container> containers;
+    std::pair<const std::string, Container>* last = nullptr;  // asked for; saves looking for it again
     ScopeKey next = ScopeKey{1} << 32;
     std::int64_t lastRound = 0;  // seconds since the epoch
 };
