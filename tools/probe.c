@@ -12,7 +12,9 @@
 // HOW:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
 //       runtime (a child that looks like a container runtime which executes a copy of itself), exec (a server only: it
 //       executes this program anew, and serves on)
-// WHAT: call NAME[,NAME...], shocker PATH, list PATH, brute N, dirtycow, write PATH, read PATH, storm N NAME, enter PID
+// WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
+//       crowd THREADS N (each thread as brute, 3 ms and more from call to call), decoys N NAME[,NAME...] (N children,
+//       one after the other), dirtycow, write PATH, read PATH, storm N NAME, enter PID
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -101,22 +103,12 @@ static void MakeCall(const char* name)
     Fail(name);
 }
 
-static void MakeCalls(const char* names)
-{
-    char copy[256];
-    char* rest = copy;
-    snprintf(copy, sizeof copy, "%s", names);
-    for (const char* name; (name = strtok_r(rest, ",", &rest)) != NULL;) {
-        MakeCall(name);
-    }
-}
-
 // i386's numbers (arch/x86/entry/syscalls/syscall_32.tbl): this program is a 64-bit one.
 static const struct {
     const char* name;
     int number;
 } calls32[] = {
-    {"unshare", 310}, {"setns", 346}, {"mount", 21}, {"ptrace", 26}, {"open_by_handle_at", 342},
+    {"unshare", 310}, {"setns", 346}, {"mount", 21}, {"ptrace", 26}, {"open_by_handle_at", 342}, {"readdir", 89},
 };
 
 static void MakeCall32(const char* name)
@@ -138,6 +130,16 @@ static void MakeCall32(const char* name)
     }
     errno = EINVAL;
     Fail(name);
+}
+
+static void MakeCalls(const char* names, void (*make)(const char* name))
+{
+    char copy[256];
+    char* rest = copy;
+    snprintf(copy, sizeof copy, "%s", names);
+    for (const char* name; (name = strtok_r(rest, ",", &rest)) != NULL;) {
+        make(name);
+    }
 }
 
 static void List(const char* path)
@@ -217,6 +219,52 @@ static void Enter(const char* pid)
     close(fd);
 }
 
+static void* GuessSlowly(void* calls)
+{
+    for (long i = atol(calls); i > 0; --i) {
+        syscall(SYS_open_by_handle_at, -1, 0, 0);
+        usleep(3000);
+    }
+    return NULL;
+}
+
+static void Crowd(long count, const char* calls)
+{
+    pthread_t threads[64];
+    if (count < 0 || count > 64) {
+        errno = EINVAL;
+        Fail("crowd");
+    }
+    for (long i = 0; i < count; ++i) {
+        if (pthread_create(&threads[i], NULL, GuessSlowly, (void*)calls) != 0) {
+            Fail("pthread_create");
+        }
+    }
+    while (count > 0) {
+        pthread_join(threads[--count], NULL);
+    }
+}
+
+static void AwaitChild(pid_t child)
+{
+    int status;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
+        Fail("child");
+    }
+}
+
+static void Decoys(long count, const char* calls)
+{
+    while (--count >= 0) {
+        const pid_t child = fork();
+        if (child == 0) {
+            MakeCalls(calls, MakeCall);
+            _exit(0);
+        }
+        AwaitChild(child);
+    }
+}
+
 static void Do(const struct Deed* deed)
 {
     const char* what = deed->what;
@@ -227,15 +275,19 @@ static void Do(const struct Deed* deed)
     }
     const struct timespec when = Now();
     if (strcmp(what, "call") == 0) {
-        MakeCalls(first);
+        MakeCalls(first, MakeCall);
     } else if (strcmp(what, "call32") == 0) {
-        MakeCall32(first);
+        MakeCalls(first, MakeCall32);
     } else if (strcmp(what, "list") == 0) {
         List(first);
     } else if (strcmp(what, "brute") == 0) {
         for (long i = atol(first); i > 0; --i) {
             syscall(SYS_open_by_handle_at, -1, 0, 0);
         }
+    } else if (strcmp(what, "crowd") == 0) {
+        Crowd(atol(first), deed->second);
+    } else if (strcmp(what, "decoys") == 0) {
+        Decoys(atol(first), deed->second);
     } else if (strcmp(what, "dirtycow") == 0) {
         DirtyCowSequence();
     } else if (strcmp(what, "write") == 0) {
@@ -263,14 +315,6 @@ static void* DoInThread(void* deed)
 {
     Do(deed);
     return NULL;
-}
-
-static void AwaitChild(pid_t child)
-{
-    int status;
-    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) {
-        Fail("child");
-    }
 }
 
 static void DoInChild(const struct Deed* deed, unsigned long flags)

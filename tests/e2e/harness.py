@@ -235,10 +235,11 @@ class Agent(contextlib.AbstractContextManager):
         self.close()
 
 
-def policy(calls=(), directories=(), whitelist=()):
+def policy(calls=(), directories=(), whitelist=(), scope=None):
     return {"content": {"image_white_namelist": list(whitelist),
                         "container_escape_detect_task": {"highrisk_calls": list(calls),
-                                                         "host_directorys": list(directories)}}}
+                                                         "host_directorys": list(directories),
+                                                         **({"scope": scope} if scope else {})}}}
 
 
 def named(name):
@@ -291,10 +292,10 @@ class InDocker(unittest.TestCase):
         self.addCleanup(self.engine.docker, "rm", "-f", container)
         return container
 
-    def agent(self, *options, calls=(), directories=(), whitelist=(), **more):
+    def agent(self, *options, calls=(), directories=(), whitelist=(), scope=None, **more):
         """An agent that follows the engine, and is stopped after the test or a "with" at the latest."""
         more.setdefault("socket", self.engine.socket)
-        running = Agent(policy(calls, directories, whitelist), *options, **more)
+        running = Agent(policy(calls, directories, whitelist, scope), *options, **more)
         self.addCleanup(running.close)
         return running
 
