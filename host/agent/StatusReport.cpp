@@ -41,7 +41,7 @@ std::string StatusLine(const CounterValues& counters)
 {
     const std::array<std::pair<const char*, std::uint64_t>, 9> values{{
         {"events_read", Sum(counters, {Name::traceRead, Name::notifyRead})},
-        {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped})},
+        {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::traceLostLives})},
         {"shed_kernel", Sum(counters, {Name::traceShedKernel})},
         {"shed", Sum(counters, {Name::traceShed})},
         // Every task's queue, those of the subscribers included.

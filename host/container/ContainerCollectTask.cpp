@@ -36,6 +36,7 @@ bool ContainerCollectTask::Attach(TraceObservable& observable)
         return false;
     }
     trace = &observable;
+    view.UseFilter(observable.Filter());
     observable.RequestRound();
     return true;
 }
@@ -44,6 +45,7 @@ void ContainerCollectTask::Detach()
 {
     if (TraceObservable* observable = trace.exchange(nullptr); observable != nullptr) {
         observable->RemoveObserver(observer);
+        view.UseFilter(nullptr);
     }
 }
 

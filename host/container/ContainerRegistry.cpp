@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <unordered_set>
 
-#include "host/sdk/CgroupPath.h"
-
 namespace Engine {
 
 namespace {
@@ -22,9 +20,9 @@ ContainerTable::Text Shared(std::string_view text)
 
 }  // namespace
 
-void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, std::optional<std::uint64_t> initialCgroup)
+void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, const RecordSource& source)
 {
-    Entry made = ChildOf(parent, child, when, initialCgroup);
+    Entry made = ChildOf(parent, child, when, source);
     if (const Entry* old = Find(child); old != nullptr) {
         made.before = old->Visible();
         made.exit = !old->IsAlive() && old->exit >= when ? old->exit : ContainerTable::alive;
@@ -37,21 +35,16 @@ void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, std::
     }
 }
 
-ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when,
-                                                    std::optional<std::uint64_t> initialCgroup)
+ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanoseconds when, const RecordSource& source)
 {
     Entry made;
-    const Entry* from = FindOrLoad(parent, when);
+    const Entry* from = FindOrLoad(parent, when, source);
     if (from != nullptr) {
         made.state = from->state;
         made.inSetUp = from->inSetUp;
         made.bornInSetUp = from->inSetUp;
         made.container = from->container;
         made.executable = from->executable;
-    }
-    if (initialCgroup && from != nullptr && from->state == State::Host) {
-        made.container = Shared(system.ContainerOfCgroup(*initialCgroup));
-        made.state = made.container == nullptr ? State::Host : State::Entering;
     }
     // A runtime made its child straight in the container's group, or the parent has gone before it was ever seen.
     if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
@@ -65,14 +58,21 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
     return made;
 }
 
-bool ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, Nanoseconds when)
+bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
 {
-    if (const Entry* by = FindOrLoad(mover, when); by != nullptr && by->IsInside()) {
+    if (const Entry* by = FindOrLoad(move.mover, when); by != nullptr && by->IsInside()) {
         return false;
     }
-    const std::string_view id = SDK::CgroupPath::ContainerId(path);
-    const Entry* entry = id.empty() ? FindOrLoad(pid, when) : LoadMoved(pid, when);
-    if (entry == nullptr || Same(entry->container, id)) {
+    const int pid = move.pid;
+    const std::string& id = move.container;
+    if (move.identity != 0 && !id.empty()) {
+        identities.insert_or_assign(move.identity, Shared(id));
+        if (identities.size() > maxIdentities) {
+            identities.erase(identities.begin());
+        }
+    }
+    const Entry* entry = !id.empty() ? LoadMoved(move, when) : move.past ? Find(pid) : FindOrLoad(pid, when);
+    if (entry == nullptr || !entry->IsAlive() || Same(entry->container, id)) {
         return false;
     }
     // It may have left the container's group in one hierarchy and be in it still in the others.
@@ -88,18 +88,30 @@ bool ContainerRegistry::ApplyAttach(int mover, int pid, std::string_view path, N
     return wasInside;
 }
 
-// A thread whose fork was lost and that is moved into a container now. It has just been outside, so /proc, which may
-// show it inside already, is not asked; but it must not count as the runtime for ever if it never execs.
-const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(int pid, Nanoseconds when)
+// A thread that was not followed and is moved into a container now. It has just been outside, so /proc, which may show
+// it inside already, is not asked. Where its fork was lost, it must not count as the runtime for ever if it never
+// execs.
+const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, Nanoseconds when)
 {
-    if (Find(pid) == nullptr) {
+    const Entry* known = Find(move.pid);
+    if (known == nullptr || (move.past && (known->state == State::Host || !known->IsAlive()))) {
         Entry made;
-        SDK::ProcessUtils::procStatus status;
-        made.parent = system.Status(pid, status) == 0 ? status.ppid : -1;
-        provisional.emplace_back(pid, when + believeSetUp);
-        table.Put(pid, std::move(made));
+        if (move.past) {
+            made.parent = move.past->parent;
+            made.inSetUp = RuntimeSetUp::IsSelfExecution(move.past->executed);
+            made.bornInSetUp = made.inSetUp && move.past->bornInSetUp;
+        } else {
+            SDK::ProcessUtils::procStatus status;
+            made.parent = system.Status(move.pid, status) == 0 ? status.ppid : -1;
+            provisional.emplace_back(move.pid, when + believeSetUp);
+        }
+        if (known != nullptr) {  // of the id's last bearer
+            made.before = known->Visible();
+            made.since = when;
+        }
+        table.Put(move.pid, std::move(made));
     }
-    return Find(pid);
+    return Find(move.pid);
 }
 
 // The event named the leader only; /proc tells which of the other threads went with it.
@@ -114,18 +126,18 @@ void ContainerRegistry::MoveOthers(int leader, const Entry& like, Nanoseconds wh
 }
 
 std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, int oldPid, std::string_view filename,
-                                                                     Nanoseconds when, bool keptItsGroups)
+                                                                     Nanoseconds when, const RecordSource& source)
 {
     if (oldPid != pid) {
         table.Erase(oldPid);
     }
     const bool wasKnown = Find(pid) != nullptr;
-    const Entry* entry = FindOrLoad(pid, when);
+    const Entry* entry = FindOrLoad(pid, when, source);
     if (entry == nullptr) {
         return std::nullopt;
     }
     Exec exec{pid, entry->state, entry->container, RuntimeSetUp::IsSelfExecution(filename)};
-    if (exec.state == State::Host && !keptItsGroups) {
+    if (exec.state == State::Host) {
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
         exec.container = Shared(system.CgroupContainer(pid).value_or(std::string{}));
     }
@@ -150,18 +162,43 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
     });
 }
 
-const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when)
+const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when, const RecordSource& source)
 {
     if (const Entry* known = Find(tid); known != nullptr) {
         return known;
     }
+    if (const Entry* process = Find(source.process); process != nullptr) {
+        Entry made = *process;
+        made.exit = ContainerTable::alive;
+        table.Put(tid, std::move(made));
+        return Find(tid);
+    }
     std::optional<Found> found = RuntimeSetUp::Look(system, tid);
-    if (!found) {
+    if (!found && !identities.contains(source.identity)) {
         return nullptr;
     }
+    if (!found) {
+        found.emplace();
+    }
     Adopt(*found);
+    Identify(*found, source.identity);
     table.Put(tid, MakeEntry(tid, *found, ContainerTable::longAgo, when));
     return Find(tid);
+}
+
+void ContainerRegistry::ForgetHost(int process)
+{
+    const auto forget = [this](int tid) {
+        // One that has just been another container's still answers for the past.
+        if (const Entry* entry = Find(tid);
+            entry != nullptr && entry->state == State::Host && entry->before == nullptr) {
+            table.Erase(tid);
+        }
+    };
+    forget(process);
+    for (const int tid : system.Threads(process)) {
+        forget(tid);
+    }
 }
 
 bool ContainerRegistry::IsInside(int tid) const
@@ -206,9 +243,9 @@ ContainerRegistry::Entry ContainerRegistry::MakeEntry(int tid, const Found& foun
     return entry;
 }
 
-void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now)
+void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
 {
-    const FoundList all = LookAtAll();
+    const FoundList all = LookAtAll(filter);
     for (const auto& [tid, found] : all) {
         Merge(tid, found, since, now);
     }
@@ -216,13 +253,16 @@ void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now)
     synced.store(true, std::memory_order_relaxed);
 }
 
-ContainerRegistry::FoundList ContainerRegistry::LookAtAll() const
+ContainerRegistry::FoundList ContainerRegistry::LookAtAll(const SyscallFilter* filter) const
 {
     FoundList all;
     for (const int pid : system.Processes()) {
-        const std::optional<Found> found = RuntimeSetUp::Look(system, pid);
+        std::optional<Found> found = RuntimeSetUp::Look(system, pid);
         if (!found) {
             continue;
+        }
+        if (filter != nullptr && !filter->IsExcluded(pid)) {
+            Identify(*found, filter->IdentityOf(pid));
         }
         all.emplace_back(pid, *found);
         for (const int tid : system.Threads(pid)) {
@@ -295,6 +335,16 @@ void ContainerRegistry::Adopt(Found& found) const
     if (parent != nullptr && parent->IsInside() && IsSince(found.parent, *parent)) {
         found.state = State::Inside;
         found.container = *parent->container;
+    }
+}
+
+// What was lost, and where it has moved itself, does not matter then.
+void ContainerRegistry::Identify(Found& found, std::uint32_t identity) const
+{
+    const auto known = identities.find(identity);
+    if (known != identities.end() && found.container != *known->second) {
+        found.state = State::Inside;
+        found.container = *known->second;
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,8 @@
 
 #include "host/container/ContainerTable.h"
 #include "host/container/RuntimeSetUp.h"
+#include "host/ftrace/RecordStream.h"
+#include "host/ftrace/SyscallFilter.h"
 #include "host/sdk/SystemView.h"
 
 namespace Engine {
@@ -32,17 +35,33 @@ public:
     // How long a process that /proc alone shows as a runtime's set-up is believed to be one.
     static constexpr Nanoseconds believeSetUp = std::chrono::seconds{2};
 
+    // Of so many identities the container is remembered: one for each process that a runtime has put into a container.
+    static constexpr std::size_t maxIdentities = 65536;
+
     ContainerRegistry(ContainerTable& table, SDK::SystemView& system) : table(table), system(system) {}
 
     // sched:sched_process_fork. The child inherits everything and replaces the thread that had its id before.
-    // `initialCgroup`: the control group that it was made in, where that is not its parent's and where that is known.
-    void ApplyFork(int parent, int child, Nanoseconds when, std::optional<std::uint64_t> initialCgroup = std::nullopt);
+    // `source`: the parent's.
+    void ApplyFork(int parent, int child, Nanoseconds when, const RecordSource& source = {});
 
-    // cgroup:cgroup_attach_task. `mover`: the thread that wrote the id into the group (common_pid). Comes once for each
-    // hierarchy, and for a whole process names the leader only (cgroup_attach_task() in kernel/cgroup/cgroup.c). What a
-    // container moves by itself changes nothing: it must not be able to leave its identity.
+    // cgroup:cgroup_attach_task. Comes once for each hierarchy, and for a whole process names the leader only
+    // (cgroup_attach_task() in kernel/cgroup/cgroup.c). What a container moves by itself changes nothing: it must not
+    // be able to leave its identity.
+    struct Move {
+        int mover = -1;         // the thread that wrote the id into the group (common_pid)
+        int pid = -1;           // the thread that was moved
+        std::string container;  // that the group belongs to; empty for none
+        // Where the kernel tells what became of a process before: all that is known of one that was not followed then.
+        struct Past {
+            int parent;            // process id
+            std::string executed;  // as CeMoveEvent has it
+            bool bornInSetUp;
+        };
+        std::optional<Past> past;
+        std::uint32_t identity = 0;  // that it has from then on, as SyscallFilter's; 0: as before
+    };
     // Returns whether a process was taken out of the container that it was Inside of.
-    bool ApplyAttach(int mover, int pid, std::string_view path, Nanoseconds when);
+    bool ApplyAttach(const Move& move, Nanoseconds when);
 
     // sched:sched_process_exec, in two steps, so that the caller can do what must be done before others see the process
     // in its container.
@@ -55,10 +74,9 @@ public:
         bool isSelfExecution = false;
         bool enters = false;  // it is Inside from now on and was not before
     };
-    // `keptItsGroups`: it is known that a process that the table has as the host's came into no other control group.
     // Nothing when the thread has gone.
     std::optional<Exec> DecideExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,
-                                   bool keptItsGroups = false);
+                                   const RecordSource& source = {});
     void ApplyExec(const Exec& exec, std::string_view filename, Nanoseconds when);
 
     // sched:sched_process_exit. An exit that comes before its fork is remembered for it.
@@ -68,16 +86,21 @@ public:
     // while. Good until the next non-const call.
     const Entry* Find(int tid) const { return table.Find(tid); }
 
-    // The same, with what /proc says about a thread that is not known yet. Null when that has gone.
-    const Entry* FindOrLoad(int tid, Nanoseconds when);
+    // The same, with what is to be had about a thread that is not known yet. It is what its process is; if that is not
+    // known either, /proc tells, and its identity has the last word about its container. Null when nothing does.
+    const Entry* FindOrLoad(int tid, Nanoseconds when, const RecordSource& source = {});
 
     bool IsInside(int tid) const;
 
     // Whether a container has a live process beside `tid` in it. Looks at every entry.
     bool HasOther(const std::string& container, int tid) const;
 
-    // Makes the table agree with /proc. `since`: as of when what differs holds; longAgo at the start.
-    void Resync(Nanoseconds since, Nanoseconds now);
+    // Makes the table agree with /proc and with the identities. `since`: as of when what differs holds; longAgo at the
+    // start. `filter`: null for none.
+    void Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter = nullptr);
+
+    // Forgets a process of the host with its threads: the kernel excludes it and will not tell of its end.
+    void ForgetHost(int process);
 
     // Drops what has been dead for long enough.
     void Purge(Nanoseconds now) { table.Purge(now); }
@@ -93,17 +116,19 @@ private:
     using FoundList = std::vector<std::pair<int, Found>>;
 
     Entry MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
-    Entry ChildOf(int parent, int child, Nanoseconds when, std::optional<std::uint64_t> initialCgroup);
-    const Entry* LoadMoved(int pid, Nanoseconds when);
+    Entry ChildOf(int parent, int child, Nanoseconds when, const RecordSource& source);
+    const Entry* LoadMoved(const Move& move, Nanoseconds when);
     void MoveOthers(int leader, const Entry& like, Nanoseconds when);
-    FoundList LookAtAll() const;
+    FoundList LookAtAll(const SyscallFilter* filter) const;
     void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
     void MarkMissing(const FoundList& found, Nanoseconds when);
     bool IsSince(int tid, const Entry& entry) const;
     void Adopt(Found& found) const;
+    void Identify(Found& found, std::uint32_t identity) const;
 
     ContainerTable& table;
     SDK::SystemView& system;
+    std::map<std::uint32_t, Text> identities;              // the latest ones that belong to containers
     std::vector<std::pair<int, Nanoseconds>> provisional;  // believed to be in set-up, and until when
     std::atomic<bool> synced{false};
 };

@@ -64,12 +64,16 @@ void ContainerTable::Purge(Nanoseconds now)
     }
 }
 
-std::optional<ContainerTable::Text> ContainerTable::ContainerAt(int tid, std::optional<Nanoseconds> when) const
+std::optional<ContainerTable::Text> ContainerTable::ContainerAt(int tid, std::optional<Nanoseconds> when,
+                                                                bool isHostNow) const
 {
     const std::lock_guard lock{mutex};
     const Entry* entry = Find(tid);
     if (entry == nullptr) {
         return std::nullopt;
+    }
+    if (isHostNow && !entry->IsAlive() && (!when || *when > entry->exit)) {
+        return Text{};
     }
     return !when || *when >= entry->since ? entry->Visible() : entry->before;
 }

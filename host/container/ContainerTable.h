@@ -84,8 +84,10 @@ public:
 
     const std::unordered_map<int, Entry>& Entries() const { return entries; }
 
-    // The container as others see it, at a time or now: null for the host. Nothing for an unknown id. Any thread.
-    std::optional<Text> ContainerAt(int tid, std::optional<Nanoseconds> when) const;
+    // The container as others see it, at a time or now: null for the host. Nothing for an unknown id. `isHostNow`: the
+    // id is a process of the host by now, which the table is not told of; it is not the dead one's any more. Any
+    // thread.
+    std::optional<Text> ContainerAt(int tid, std::optional<Nanoseconds> when, bool isHostNow = false) const;
 
     // As ContainerResolver's. Any thread.
     bool MayBeEntering(int tid) const;

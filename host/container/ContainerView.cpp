@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/ContainerView.h"
 
+#include <mutex>
+
 #include "host/container/RuntimeSetUp.h"
 #include "host/sdk/TraceTime.h"
 
@@ -8,8 +10,13 @@ namespace Engine {
 
 int ContainerView::ContainerOf(int pid, std::string& id)
 {
-    if (const auto container = table.ContainerAt(pid, SDK::TraceTime::Current())) {
+    const bool isHostNow = IsExcluded(pid);
+    if (const auto container = table.ContainerAt(pid, SDK::TraceTime::Current(), isHostNow)) {
         id = *container == nullptr ? std::string{} : **container;
+        return 0;
+    }
+    if (isHostNow) {
+        id.clear();
         return 0;
     }
     const auto found = RuntimeSetUp::Look(system, pid);
@@ -18,6 +25,18 @@ int ContainerView::ContainerOf(int pid, std::string& id)
     }
     id = found->state == ContainerTable::State::Inside ? found->container : std::string{};
     return 0;
+}
+
+bool ContainerView::IsExcluded(int pid)
+{
+    const std::shared_lock lock{mutex};
+    return filter != nullptr && filter->IsExcluded(pid);
+}
+
+void ContainerView::UseFilter(const SyscallFilter* next)
+{
+    const std::lock_guard lock{mutex};
+    filter = next;
 }
 
 }  // namespace Engine

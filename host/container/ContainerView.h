@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <shared_mutex>
 #include <string>
 
 #include "host/container/ContainerTable.h"
+#include "host/ftrace/SyscallFilter.h"
 #include "host/sdk/SystemView.h"
 
 namespace Engine {
 
 // The container table as other threads ask it: while a trace event is being delivered on the calling thread
-// (SDK::TraceTime) as of that event's time, otherwise as of now. A thread that the table does not have is looked up in
-// /proc. Questions change nothing.
+// (SDK::TraceTime) as of that event's time, otherwise as of now. A thread that the table does not have is the host's if
+// the kernel excludes it, and looked up in /proc otherwise. Questions change nothing.
 //
-// Ownership: neither is owned; both outlive the view.   Thread: any.
+// Ownership: nothing is owned; table and system outlive the view.   Thread: any.
 class ContainerView final : public SDK::ContainerResolver {
 public:
     ContainerView(const ContainerTable& table, SDK::SystemView& system) : table(table), system(system) {}
@@ -20,9 +22,16 @@ public:
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override { return table.MayBeEntering(pid); }
 
+    // `next`: not owned; null: none. Returns when no question asks the one before any more.
+    void UseFilter(const SyscallFilter* next);
+
 private:
+    bool IsExcluded(int pid);
+
     const ContainerTable& table;
     SDK::SystemView& system;
+    std::shared_mutex mutex;
+    const SyscallFilter* filter = nullptr;
 };
 
 }  // namespace Engine

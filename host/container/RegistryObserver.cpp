@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "host/container/ContainerLog.h"
+#include "host/sdk/CgroupPath.h"
 #include "sdk/NamespaceUtils.h"
 
 namespace Engine {
@@ -51,27 +52,27 @@ std::vector<std::pair<std::string, std::string>> RegistryObserver::ObservedEvent
             {"cgroup", "cgroup_attach_task"}};
 }
 
-void RegistryObserver::OnEvent(const FtraceMessage& event, TraceSequencer& sequencer)
+void RegistryObserver::OnEvent(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer)
 {
     lastEvent = event.When();
     const std::string& name = event.name();
     if (name == "sched:sched_process_fork") {
-        OnFork(event, sequencer);
+        OnFork(event, source, sequencer);
     } else if (name == "sched:sched_process_exit") {
         registry.ApplyExit(Number(event, "pid"), event.When());
     } else if (name == "sched:sched_process_exec") {
-        OnExec(event, sequencer);
+        OnExec(event, source, sequencer);
     } else if (name == "cgroup:cgroup_attach_task") {
         OnAttach(event, sequencer);
     }
 }
 
-TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, int process, const FtraceMessage& event,
+TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                                                      TraceSequencer& sequencer)
 {
-    const Entry* entry = registry.FindOrLoad(tid, event.When());
+    const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
     if (entry == nullptr || !entry->IsInside()) {
-        ExcludeHost(process, sequencer.Filter());
+        ExcludeHost(source.process, event.When(), sequencer.Filter());
         return notAdmitted;
     }
     Announce(tid, *entry, sequencer);
@@ -108,17 +109,14 @@ void RegistryObserver::OnLoss(TraceSequencer& sequencer)
     }
 }
 
-void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequencer)
+void RegistryObserver::OnFork(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer)
 {
     const int parent = Number(event, "parent_pid");
     const int child = Number(event, "child_pid");
-    SyscallFilter* filter = sequencer.Filter();
-    const Entry* from = registry.FindOrLoad(parent, event.When());
-    const bool mayBeElsewhere = from != nullptr && from->state == ContainerTable::State::Host && filter != nullptr &&
-                                !filter->IsExcluded(child);
-    registry.ApplyFork(parent, child, event.When(), mayBeElsewhere ? filter->TakeInitialCgroup(child) : std::nullopt);
+    registry.ApplyFork(parent, child, event.When(), source);
     if (!registry.IsInside(parent)) {
         StopIfAnnounced(child, sequencer);
+        ExcludeHost(source.process, event.When(), sequencer.Filter());
         return;
     }
     // The event itself would make receivers know the parent, but neither its program nor its own parent.
@@ -131,7 +129,7 @@ void RegistryObserver::OnFork(const FtraceMessage& event, TraceSequencer& sequen
     }
 }
 
-void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequencer)
+void RegistryObserver::OnExec(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer)
 {
     const int pid = Number(event, "pid");
     const int oldPid = Number(event, "old_pid");
@@ -139,9 +137,7 @@ void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequen
     if (oldPid != pid) {
         StopIfAnnounced(oldPid, sequencer);
     }
-    // Most programs that are started are the host's, and /proc need not be asked about these.
-    const bool keptItsGroups = sequencer.Filter() != nullptr && sequencer.Filter()->IsExcluded(pid);
-    const auto exec = registry.DecideExec(pid, oldPid, filename, event.When(), keptItsGroups);
+    const auto exec = registry.DecideExec(pid, oldPid, filename, event.When(), source);
     if (!exec) {
         return;
     }
@@ -152,14 +148,26 @@ void RegistryObserver::OnExec(const FtraceMessage& event, TraceSequencer& sequen
     registry.ApplyExec(*exec, filename, event.When());
     if (exec->enters) {
         Announce(pid, *registry.Find(pid), sequencer);
+    } else if (exec->state == ContainerTable::State::Host) {
+        ExcludeHost(pid, event.When(), sequencer.Filter());
     }
 }
 
 // What the host takes out of its container, or moves to another, is announced anew with all others: that is rare.
 void RegistryObserver::OnAttach(const FtraceMessage& event, TraceSequencer& sequencer)
 {
-    const int pid = Number(event, "pid");
-    if (registry.ApplyAttach(Number(event, "common_pid"), pid, event.get_string("dst_path"), event.When())) {
+    ContainerRegistry::Move move;
+    move.mover = Number(event, "common_pid");
+    move.pid = Number(event, "pid");
+    const std::string& path = event.get_string("dst_path");
+    move.container = path.empty() ? system.ContainerOfCgroup(static_cast<std::uint64_t>(event.get_number("dst_id")))
+                                  : std::string{SDK::CgroupPath::ContainerId(path)};
+    // The kernel's own event does not tell.
+    if (const int parent = Number(event, "parent"); parent != 0) {
+        move.past = {parent, event.get_string("executed"), Number(event, "born_in_setup") != 0};
+    }
+    move.identity = static_cast<std::uint32_t>(event.get_number("identity"));
+    if (registry.ApplyAttach(move, event.When())) {
         EndGeneration(Announcements::Loss::None, sequencer);
     }
 }
@@ -167,31 +175,33 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, TraceSequencer& sequ
 // What differs from the registry holds from the last event on: the events to come may be older than what /proc says.
 void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
 {
-    registry.Resync(lastEvent, now);
+    registry.Resync(lastEvent, now, sequencer.Filter());
     mustResync = false;
     lastResync = now;
     AnnounceAnew(Announcements::Loss::Possible, sequencer);
     if (sequencer.Filter() != nullptr) {
         for (const int process : system.Processes()) {
-            ExcludeHost(process, sequencer.Filter());
+            ExcludeHost(process, now, sequencer.Filter());
         }
     }
     ContainerLog::Debug("read /proc as a whole");
 }
 
-// What the registry says lags behind, so /proc has the last word. A parent that makes no watched call itself would hand
-// on to each of its children that they are recorded, so the ancestors are looked at, too.
-void RegistryObserver::ExcludeHost(int process, SyscallFilter* filter)
+// What the registry says lags behind, so /proc has the last word. A parent that does nothing that is recorded would
+// hand on to each of its children that they are, so the ancestors are looked at, too.
+void RegistryObserver::ExcludeHost(int process, Nanoseconds when, SyscallFilter* filter)
 {
     for (int steps = 0; filter != nullptr && process > 0 && steps < maxAncestors; ++steps) {
         const std::optional<SyscallFilter::Ticket> ticket = filter->TicketOf(process);
-        const Entry* entry = registry.Find(process);
-        if (!ticket || entry == nullptr || entry->state != ContainerTable::State::Host ||
+        const Entry* entry = ticket ? registry.FindOrLoad(process, when) : nullptr;
+        if (entry == nullptr || entry->state != ContainerTable::State::Host ||
             system.CgroupContainer(process) != std::string{}) {
             return;
         }
         filter->Exclude(process, *ticket);
-        process = entry->parent;
+        registry.ForgetHost(process);
+        SDK::ProcessUtils::procStatus status;
+        process = system.Status(process, status) == 0 ? status.ppid : 0;
     }
 }
 

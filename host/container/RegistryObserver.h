@@ -38,8 +38,9 @@ public:
                      MetadataCache& cache);
 
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override;
-    void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override;
-    Origin AdmitSyscall(int tid, int process, const FtraceMessage& event, TraceSequencer& sequencer) override;
+    void OnEvent(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer) override;
+    Origin AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
+                        TraceSequencer& sequencer) override;
     void OnActivity(int pid, TraceSequencer& sequencer) override;
     void OnRound(Nanoseconds now, TraceSequencer& sequencer) override;
     void OnLoss(TraceSequencer& sequencer) override;
@@ -47,12 +48,12 @@ public:
 private:
     using Entry = ContainerTable::Entry;
 
-    void OnFork(const FtraceMessage& event, TraceSequencer& sequencer);
-    void OnExec(const FtraceMessage& event, TraceSequencer& sequencer);
+    void OnFork(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer);
+    void OnExec(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer);
     void OnAttach(const FtraceMessage& event, TraceSequencer& sequencer);
 
     void Resync(Nanoseconds now, TraceSequencer& sequencer);
-    void ExcludeHost(int process, SyscallFilter* filter);
+    void ExcludeHost(int process, Nanoseconds when, SyscallFilter* filter);
 
     void Announce(int tid, const Entry& entry, TraceSequencer& sequencer);
     void MakeRoom(std::size_t more, TraceSequencer& sequencer);

@@ -76,11 +76,11 @@ TraceObserver::Origin EventDelivery::AskObserver(const TraceRoute& route, const 
     Guarded([&] {
         if (route.isObserved) {
             observed = &route;
-            observer->OnEvent(event, *this);
+            observer->OnEvent(event, record.source, *this);
         }
         if (route.isSyscall && !route.subscribers.empty()) {
             const auto tid = static_cast<int>(event.get_number("common_pid"));
-            origin = observer->AdmitSyscall(tid, record.process, event, *this);
+            origin = observer->AdmitSyscall(tid, record.source, event, *this);
         }
     });
     observed = nullptr;

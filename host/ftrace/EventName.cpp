@@ -60,9 +60,11 @@ SyscallNumbers NumbersOfEntry(const std::string& event)
     const auto number = [](unsigned int architecture, const char* call) {
         return std::max(-1, seccomp_syscall_resolve_name_arch(architecture, call));
     };
+    constexpr int x32Bit = 0x40000000;  // __X32_SYSCALL_BIT (arch/x86/include/uapi/asm/unistd.h)
+    const int x32 = number(SCMP_ARCH_X32, name);
     const bool isListing = std::string_view{name} == "getdents";
     return {number(SCMP_ARCH_X86_64, name), number(SCMP_ARCH_X86, name),
-            isListing ? number(SCMP_ARCH_X86, "readdir") : -1};
+            isListing ? number(SCMP_ARCH_X86, "readdir") : -1, x32 < 0 ? -1 : x32 & ~x32Bit};
 }
 
 }  // namespace Engine::EventName

@@ -21,9 +21,10 @@ struct SyscallNumbers {
     int native = -1;  // x86-64's
     int compat = -1;  // i386's, through int 0x80 and sysenter; -1: it has no such call
     int older = -1;   // i386's call before that, which x86-64 never had: readdir(2), recorded as getdents
+    int x32 = -1;     // x32's, without its bit 30
 };
 
-// `event`: as subscribers name it ("sys_enter_unshare"). Both are -1 when that is no system call's entry.
+// `event`: as subscribers name it ("sys_enter_unshare"). All are -1 when that is no system call's entry.
 SyscallNumbers NumbersOfEntry(const std::string& event);
 
 }  // namespace Engine::EventName

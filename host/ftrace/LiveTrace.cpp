@@ -46,7 +46,13 @@ LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb, std::unique_
     merger = std::make_unique<TraceMerger>(std::move(streams));
     // The catalogue outlives this object in batches that are under way, but is asked through this object only.
     catalog = std::make_shared<EventCatalog>(
-        [this](const std::string& system, const std::string& event) { return instance.Format(system, event); });
+        [this](const std::string& system, const std::string& event) { return Format(system, event); });
+}
+
+std::optional<std::string> LiveTrace::Format(const std::string& system, const std::string& event)
+{
+    const std::optional<std::string> text = instance.Format(system, event);
+    return text && probe != nullptr ? SyscallProbe::Format(system, event, *text) : text;
 }
 
 int LiveTrace::Record(const KnownEvent& event)

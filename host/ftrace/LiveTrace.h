@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ namespace Engine {
 class LiveTrace {
 public:
     // Instance and buffer as TracefsInstance's; throws std::system_error, the text says what to do. `probe`: where
-    // system calls come from, as far as it knows them; null: the trace has them all.
+    // events come from, as far as it knows them; null: the trace has them all.
     LiveTrace(const std::string& name, std::size_t bufferKb, std::unique_ptr<SyscallProbe> probe = nullptr);
 
     TraceMerger& Merger() { return *merger; }
@@ -53,6 +54,8 @@ public:
     SyscallLoss TakeSyscallLoss();
 
 private:
+    std::optional<std::string> Format(const std::string& system, const std::string& event);
+
     TracefsInstance instance;  // first: what is open in it must be closed before it goes
     std::unique_ptr<SyscallProbe> probe;
     std::vector<RawPipe*> pipes;

@@ -7,14 +7,20 @@
 
 namespace Engine {
 
+// What the kernel tells of the thread that made a record, beside its id.
+struct RecordSource {
+    std::int32_t process = 0;    // 0: not known
+    std::uint32_t identity = 0;  // as SyscallFilter's; 0: none, or not known
+};
+
 // A record where it lies: valid until its stream moves on.
 struct RawRecord {
     const std::byte* data = nullptr;
     std::uint32_t size = 0;
-    std::uint16_t id = 0;      // the event's id, as its format file gives it
-    bool afterLoss = false;    // records of this stream were lost before this one
-    std::uint64_t when = 0;    // nanoseconds on the trace clock
-    std::int32_t process = 0;  // of the thread that made it; 0: not known
+    std::uint16_t id = 0;    // the event's id, as its format file gives it
+    bool afterLoss = false;  // records of this stream were lost before this one
+    std::uint64_t when = 0;  // nanoseconds on the trace clock
+    RecordSource source;
 };
 
 // Thread: one at a time.

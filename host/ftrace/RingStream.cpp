@@ -16,14 +16,21 @@
 namespace Engine {
 namespace {
 
-constexpr std::size_t stride = BPF_RINGBUF_HDR_SZ + sizeof(CeSyscallRecord);  // a multiple of 8, as records begin
-constexpr std::size_t recordsPerRound = 4096;
+constexpr std::size_t bytesPerRound = 384 * 1024;
 // The kernel looks at what was given back when it writes, so not each record is worth a write to that place.
 constexpr std::size_t giveBackAt = 8;  // one part in so many of the ring
 
 std::uint64_t Acquire(const std::uint64_t* place)
 {
     return std::atomic_ref<std::uint64_t>(*const_cast<std::uint64_t*>(place)).load(std::memory_order_acquire);
+}
+
+constexpr std::uint32_t flags = BPF_RINGBUF_BUSY_BIT | BPF_RINGBUF_DISCARD_BIT;
+
+// From a record's header to the next one's; both begin at a multiple of 8.
+std::size_t Stride(std::uint32_t length)
+{
+    return (BPF_RINGBUF_HDR_SZ + (length & ~flags) + 7) & ~std::size_t{7};
 }
 
 // Of a record's header: its length with two flags on top.
@@ -49,8 +56,8 @@ RingStream::RingStream(SDK::FileDescriptor ring, std::size_t bytes)
 {
     consumed = static_cast<std::uint64_t*>(Map(map.Get(), pageBytes, PROT_READ | PROT_WRITE, 0));
     try {
-        // The records follow twice. One page of the second time is enough to read a record at the end in one piece; all
-        // that is mapped counts as this process's memory.
+        // The records follow twice. So much of the second time as a record may be long is enough to read one at the end
+        // in one piece; all that is mapped counts as this process's memory.
         produced = static_cast<const std::uint64_t*>(Map(map.Get(), MappedBytes(), PROT_READ, pageBytes));
     } catch (...) {
         ::munmap(consumed, pageBytes);
@@ -66,7 +73,7 @@ RingStream::~RingStream()
 
 std::size_t RingStream::MappedBytes() const
 {
-    return pageBytes + bytes + pageBytes;
+    return pageBytes + bytes + std::min(bytes, 2 * pageBytes);
 }
 
 const std::byte* RingStream::At(std::uint64_t where) const
@@ -77,15 +84,19 @@ const std::byte* RingStream::At(std::uint64_t where) const
 void RingStream::Fill()
 {
     const std::uint64_t written = Acquire(produced);
-    const std::uint64_t most = std::min(written, position + recordsPerRound * stride);
+    const std::uint64_t most = std::min(written, position + bytesPerRound);
     end = std::max(end, position);
-    while (end < most && (AcquireLength(At(end)) & BPF_RINGBUF_BUSY_BIT) == 0) {
-        end += stride;
+    while (end < most) {
+        const std::uint32_t length = AcquireLength(At(end));
+        if ((length & BPF_RINGBUF_BUSY_BIT) != 0) {
+            break;
+        }
+        if ((length & BPF_RINGBUF_DISCARD_BIT) == 0) {
+            newest = reinterpret_cast<const CeRecordHead*>(At(end) + BPF_RINGBUF_HDR_SZ)->when;
+        }
+        end += Stride(length);
     }
     drained = end == written;
-    if (end > position) {
-        newest = reinterpret_cast<const CeSyscallRecord*>(At(end - stride) + BPF_RINGBUF_HDR_SZ)->when;
-    }
     if (head.data == nullptr) {
         LoadHead();
     }
@@ -99,7 +110,7 @@ std::uint64_t RingStream::Horizon() const
 
 void RingStream::Advance()
 {
-    position += stride;
+    position += Stride(AcquireLength(At(position)));
     LoadHead();
     if (head.data == nullptr || position - givenBack >= bytes / giveBackAt) {
         GiveBack();
@@ -109,15 +120,23 @@ void RingStream::Advance()
 void RingStream::LoadHead()
 {
     head = {};
+    std::uint32_t length = 0;
+    for (; position < end; position += Stride(length)) {
+        length = AcquireLength(At(position));
+        if ((length & BPF_RINGBUF_DISCARD_BIT) == 0) {
+            break;
+        }
+    }
     if (position == end) {
         return;
     }
-    const auto* record = reinterpret_cast<const CeSyscallRecord*>(At(position) + BPF_RINGBUF_HDR_SZ);
-    head.data = reinterpret_cast<const std::byte*>(&record->entry);
-    head.size = sizeof record->entry;
-    head.id = record->entry.type;
-    head.when = record->when;
-    head.process = record->entry.process;
+    const std::byte* const record = At(position) + BPF_RINGBUF_HDR_SZ;
+    const auto* const begin = reinterpret_cast<const CeRecordHead*>(record);
+    head.data = record + sizeof(CeRecordHead);
+    head.size = (length & ~flags) - static_cast<std::uint32_t>(sizeof(CeRecordHead));
+    head.id = reinterpret_cast<const CeEventHead*>(head.data)->type;
+    head.when = begin->when;
+    head.source = {begin->process, begin->identity};
 }
 
 void RingStream::GiveBack()

@@ -10,8 +10,8 @@
 
 namespace Engine {
 
-// The ring's layout: Documentation/bpf/ringbuf.rst and kernel/bpf/ringbuf.c of the kernel. Its records are
-// CeSyscallRecord, written on one CPU, so in the order of their times.
+// The ring's layout: Documentation/bpf/ringbuf.rst and kernel/bpf/ringbuf.c of the kernel. Its records
+// begin with CeRecordHead, and are written on one CPU, so in the order of their times.
 class RingStream final : public RecordStream {
 public:
     // `map`: the ring, of `bytes`. Throws std::system_error.

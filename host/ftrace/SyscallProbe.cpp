@@ -4,6 +4,7 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,8 +19,10 @@
 #include <numeric>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "host/ftrace/EventName.h"
+#include "host/ftrace/LifeFormats.h"
 #include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallProbeLayout.h"
 #include "sdk/FileUtils.h"
@@ -71,6 +74,13 @@ std::size_t ProcessLimit()
     return limit == 0 ? mostProcesses : std::min(limit + 1, mostProcesses);
 }
 
+// Whether a call by x32's table is served: its number of getpid(2) is x86-64's with a bit on top.
+bool HasX32()
+{
+    constexpr long x32Bit = 0x40000000;
+    return ::syscall(SYS_getpid | x32Bit) > 0;
+}
+
 std::size_t Elements(std::size_t processes)
 {
     return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
@@ -119,8 +129,13 @@ void SyscallProbe::Load(const Budgets& budgets)
     if (program == nullptr) {
         Fail("cannot read the BPF program", errno);
     }
-    program->rodata->settings = {static_cast<unsigned int>(processLimit), WindowShift(), budgets.guaranteed,
-                                 budgets.thread, budgets.group};
+    program->rodata->settings = {static_cast<unsigned int>(processLimit),
+                                 WindowShift(),
+                                 budgets.guaranteed,
+                                 budgets.thread,
+                                 budgets.group,
+                                 budgets.life,
+                                 HasX32() ? 1U : 0U};
     bpf_map__set_max_entries(program->maps.processes, static_cast<unsigned int>(Elements(processLimit)));
     bpf_map__set_max_entries(program->maps.rings, static_cast<unsigned int>(perCpu.size()));
     if (const int error = SyscallProbeProgram::load(program.get()); error != 0) {
@@ -159,17 +174,29 @@ std::vector<std::unique_ptr<RingStream>> SyscallProbe::TakeStreams()
     return std::move(streams);
 }
 
+std::string SyscallProbe::Format(const std::string& system, const std::string& event, const std::string& kernelFormat)
+{
+    const auto life = LifeFormats::EventOf(system, event);
+    return life ? LifeFormats::Format(*life, kernelFormat) : kernelFormat;
+}
+
 bool SyscallProbe::Watch(const KnownEvent& event)
 {
+    if (const auto life = LifeFormats::EventOf(event.kind.System(), event.kernelEvent)) {
+        program->bss->tables.life[*life] = event.id;
+        return true;
+    }
     const EventName::SyscallNumbers numbers = EventName::NumbersOfEntry(event.kind.Event());
     if (!event.IsSyscall() || numbers.native < 0 || numbers.native >= CE_CALLS) {
         return false;
     }
-    const auto number = static_cast<unsigned short>(numbers.native);
-    program->bss->tables.watched[number][0] = {event.id, number};
-    for (const int compat : {numbers.compat, numbers.older}) {
-        if (compat >= 0 && compat < CE_CALLS) {
-            program->bss->tables.watched[compat][1] = {event.id, number};
+    const CeWatchedCall call{event.id, static_cast<unsigned short>(numbers.native), nextKind++, 0};
+    for (const auto& [number, callTable] : {std::pair{numbers.native, CE_NATIVE},
+                                            {numbers.compat, CE_COMPAT},
+                                            {numbers.older, CE_COMPAT},
+                                            {numbers.x32, CE_X32}}) {
+        if (number >= 0 && number < CE_CALLS) {
+            program->bss->tables.watched[number][callTable] = call;
         }
     }
     return true;
@@ -177,6 +204,10 @@ bool SyscallProbe::Watch(const KnownEvent& event)
 
 bool SyscallProbe::Unwatch(const KnownEvent& event)
 {
+    if (const auto life = LifeFormats::EventOf(event.kind.System(), event.kernelEvent)) {
+        program->bss->tables.life[*life] = 0;
+        return true;
+    }
     bool was = false;
     for (auto& entries : program->bss->tables.watched) {
         for (CeWatchedCall& call : entries) {
@@ -190,6 +221,7 @@ bool SyscallProbe::Unwatch(const KnownEvent& event)
 void SyscallProbe::UnwatchAll()
 {
     std::memset(program->bss->tables.watched, 0, sizeof program->bss->tables.watched);
+    std::memset(program->bss->tables.life, 0, sizeof program->bss->tables.life);
 }
 
 void SyscallProbe::ExcludeThread(int tid)
@@ -222,15 +254,12 @@ void SyscallProbe::Exclude(int process, Ticket ticket)
     }
 }
 
-std::optional<std::uint64_t> SyscallProbe::TakeInitialCgroup(int process)
+std::uint32_t SyscallProbe::IdentityOf(int process) const
 {
-    const int groups = bpf_map__fd(program->maps.initialCgroups);
-    std::uint64_t group = 0;
-    if (bpf_map_lookup_elem(groups, &process, &group) != 0) {
-        return std::nullopt;
-    }
-    bpf_map_delete_elem(groups, &process);
-    return group;
+    const SDK::FileDescriptor pidfd{static_cast<int>(::syscall(SYS_pidfd_open, process, 0))};
+    const int key = pidfd.Get();
+    CeTask kept{};
+    return bpf_map_lookup_elem(bpf_map__fd(program->maps.tasks), &key, &kept) == 0 ? kept.identity : 0;
 }
 
 std::uint64_t SyscallProbe::Sum(unsigned int count)
@@ -264,8 +293,9 @@ SyscallLoss SyscallProbe::TakeLoss()
         seenMisses = misses;
         std::fill_n(states.get(), processLimit, std::uint16_t{0});
     }
-    const SyscallLoss now{Sum(CE_DROPPED) + misses, Sum(CE_SHED)};
-    const SyscallLoss fresh{now.dropped - seen.dropped, now.shed - seen.shed};
+    const SyscallLoss now{Sum(CE_DROPPED), Sum(CE_DROPPED_LIFE) + misses, Sum(CE_SHED), Sum(CE_SHED_LIFE)};
+    const SyscallLoss fresh{now.dropped - seen.dropped, now.droppedLife - seen.droppedLife, now.shed - seen.shed,
+                            now.shedLife - seen.shedLife};
     seen = now;
     return fresh;
 }

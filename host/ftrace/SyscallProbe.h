@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// System calls of the processes that may be in a container, recorded by a BPF program.
+// What the processes that may be in a container do, recorded by a BPF program: system calls, forks, execs, exits,
+// moves.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/ftrace/EventCatalog.h"
@@ -17,22 +19,28 @@ namespace Engine {
 
 // What the kernel did not keep, in events.
 struct SyscallLoss {
-    std::uint64_t dropped = 0;  // a ring was full, or the program could not run
-    std::uint64_t shed = 0;     // their thread or container made too many
+    std::uint64_t dropped = 0;      // system calls: a ring was full
+    std::uint64_t droppedLife = 0;  // forks, execs, exits and moves: the same, or the program could not run
+    std::uint64_t shed = 0;         // system calls: their thread or container made too many
+    std::uint64_t shedLife = 0;     // forks, execs and exits: likewise
 };
 
-// More than the trace events of system calls it excludes the host's processes in the kernel, sees calls through the
-// 32-bit entry, and bounds what one process and one container may record. Its records are those of the trace events.
+// More than the trace events it excludes the host's processes in the kernel, sees calls through the 32-bit entry, and
+// bounds what one process and one container may record. Its records are those of the trace events, those of
+// processes' lives with fields of their own (LifeFormats).
 // The programs and all memory of them go with this process, however it ends.
 //
 // Thread: one at a time. Needs CAP_BPF and CAP_PERFMON, or CAP_SYS_ADMIN, and the kernel's BTF (Linux 5.12 or later).
 class SyscallProbe final : public SyscallFilter {
 public:
-    // How many calls of one kind may be recorded in a window of 100 to 200 ms, on each CPU.
+    // How many calls of one kind, unless said otherwise, may be recorded in a window of 100 to 200 ms.
     struct Budgets {
         unsigned int guaranteed = 8;  // of each thread, always
         unsigned int thread = 512;    // of a thread, while its control groups have quota left; beyond detectors' limits
-        unsigned int group = 4096;  // of all threads in the same control groups; what detection handles beside all else
+        // Of all threads in the same control groups, on each CPU; what detection handles beside all else. As many again
+        // may follow on a call of another kind by the same thread.
+        unsigned int group = 4096;
+        unsigned int life = 2048;  // forks and execs in the same control groups, on each CPU
     };
 
     // Where nothing is set: KiB of each CPU's ring. All rings together take no more than 16 MiB of the kernel's memory,
@@ -49,7 +57,11 @@ public:
     // One for each CPU. Once.
     std::vector<std::unique_ptr<RingStream>> TakeStreams();
 
-    // Starts the recording of a system call's entry. False when the event is none, or one that only the trace has.
+    // The format file by which its records of that event are to be read. `kernelFormat`: the kernel's, for its own.
+    static std::string Format(const std::string& system, const std::string& event, const std::string& kernelFormat);
+
+    // Starts the recording of a system call's entry, or of an event of processes' lives. False when the event is none,
+    // or one that only the trace has.
     bool Watch(const KnownEvent& event);
 
     // False when it was not recorded here.
@@ -62,7 +74,7 @@ public:
     bool IsExcluded(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;
     void Exclude(int process, Ticket ticket) override;
-    std::optional<std::uint64_t> TakeInitialCgroup(int process) override;
+    std::uint32_t IdentityOf(int process) const override;
 
     // Since the last call.
     SyscallLoss TakeLoss();
@@ -88,6 +100,7 @@ private:
     std::size_t processLimit;
     std::vector<std::unique_ptr<RingStream>> streams;
     std::vector<std::uint64_t> perCpu;  // room for one counter of all CPUs
+    unsigned short nextKind = 0;        // CeWatchedCall::kind
     SyscallLoss seen;
     std::uint64_t seenMisses = 0;
 };

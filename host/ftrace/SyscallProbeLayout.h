@@ -1,41 +1,62 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
-/* What the program in the kernel and the agent share, in the C of both: tables, rings and records of system calls. */
+/* What the program in the kernel and the agent share, in the C of both: tables, rings and records. */
 #pragma once
 
-/* Numbers of system calls: both x86-64's and i386's are below (arch/x86/entry/syscalls of the kernel). */
-#define CE_CALLS 512
+/* Numbers of system calls: x86-64's, i386's and x32's are below (arch/x86/entry/syscalls of the kernel). */
+#define CE_CALLS 1024
+
+/* Kinds of watched calls that a thread's budgets tell apart; a power of two. */
+#define CE_KINDS 64
+
+/* The tables of calls by which a program may enter the kernel: x86-64's, i386's through the 32-bit entry, x32's. */
+enum CeCallTable { CE_NATIVE, CE_COMPAT, CE_X32, CE_CALL_TABLES };
+
+/* In place of an event's id, for the budget of calls that follow on one of another kind. */
+#define CE_CHANGES 0x10000
+#define CE_LIVES 0x10001 /* for that of forks and execs */
 
 /* Process ids up to 2^22 (PID_MAX_LIMIT, include/linux/threads.h), so many to an element of the map of processes. */
 #define CE_PROCESSES_PER_ELEMENT 2048
 
 /* What a CPU counted since the program was loaded, in events. */
 enum CeCount {
-    CE_DROPPED, /* the ring was full */
-    CE_SHED,    /* excluded: their thread or container makes too many */
+    CE_DROPPED,      /* system calls: the ring was full */
+    CE_DROPPED_LIFE, /* forks, execs, exits and moves: the ring was full */
+    CE_SHED,         /* system calls: excluded because their thread or container makes too many */
+    CE_SHED_LIFE,    /* forks, execs and exits: likewise */
     CE_COUNTS
 };
 
-/* How a call is recorded that comes through one of the two entries. */
+/* Events of processes' lives, and their ids in the kernel where they are watched. */
+enum CeLifeEvent { CE_FORK, CE_EXEC, CE_EXIT, CE_MOVE, CE_LIFE_EVENTS };
+
+/* How a call is recorded that comes by one of the tables. */
 struct CeWatchedCall {
     unsigned short event;  /* id of the trace event it is delivered as; 0: not watched */
     unsigned short number; /* x86-64's number of the same call */
+    unsigned short kind;   /* its place among the watched events, which the budgets count by */
+    unsigned short reserved;
 };
 
 /* Given before the program is loaded. */
 struct CeProbeSettings {
     unsigned int processLimit; /* calls of processes with ids from here on are always recorded */
     unsigned int windowShift;  /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window on each CPU, always */
+    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window, always */
     unsigned int threadBudget; /* that it may make while its control groups have not used up theirs */
-    unsigned int
-        groupBudget; /* that all threads in the same control groups may make, the guaranteed ones not counted */
+    unsigned int groupBudget;  /* that all threads in the same control groups may make in it on each CPU, not counting
+                                  the guaranteed ones; and calls that follow on one of another kind */
+    unsigned int lifeBudget;   /* forks and execs in the same control groups, in a window on each CPU */
+    unsigned int hasX32;       /* whether the kernel serves calls by x32's table */
 };
 
 /* Shared memory while the program runs. */
 struct CeProbeTables {
-    struct CeWatchedCall watched[CE_CALLS][2]; /* by number and entry (0: 64-bit, 1: 32-bit); the agent writes it */
-    int ownThread;                             /* the reader, which is never recorded; the agent writes it */
-    unsigned int changes;                      /* the last value given to a process that may be in a container */
+    struct CeWatchedCall watched[CE_CALLS][CE_CALL_TABLES]; /* by number; the agent writes it */
+    unsigned short life[CE_LIFE_EVENTS]; /* ids of the trace events that they are delivered as; 0: not watched */
+    int ownThread;                       /* the reader, which is never recorded; the agent writes it */
+    unsigned int identities;             /* the last one that was given */
+    unsigned int changes;                /* the last value given to a process that may be in a container */
 };
 
 /* For each process whether it is known to be the host's: odd. Even values mean that it may be in a container; each
@@ -44,19 +65,118 @@ struct CeProcesses {
     unsigned short state[CE_PROCESSES_PER_ELEMENT];
 };
 
-/* A record as the kernel's own of the events syscalls:sys_enter_* (struct syscall_trace_enter in kernel/trace/trace.h,
- * which begins with struct trace_entry), so that their format files describe it. */
-struct CeTraceEntry {
+/* How every record in a ring begins. */
+struct CeRecordHead {
+    unsigned long long when; /* nanoseconds, CLOCK_MONOTONIC */
+    int process;             /* of the thread that made it */
+    unsigned int identity;   /* likewise; see CeMoveEvent */
+};
+
+/* How every event begins, as the kernel's own (struct trace_entry in include/linux/trace_events.h). */
+struct CeEventHead {
     unsigned short type;
     unsigned char flags;
     unsigned char preemptCount;
-    int thread;  /* common_pid */
-    int number;  /* __syscall_nr: x86-64's, whichever entry the call came through */
-    int process; /* padding in the kernel's own records */
+    int thread; /* common_pid */
+};
+
+/* As the kernel's own of the events syscalls:sys_enter_* (struct syscall_trace_enter in kernel/trace/trace.h), so that
+ * their format files describe it. */
+struct CeTraceEntry {
+    struct CeEventHead head;
+    int number; /* __syscall_nr: x86-64's, whichever entry the call came through */
+    int padding;
     unsigned long long arguments[6];
 };
 
 struct CeSyscallRecord {
-    unsigned long long when; /* nanoseconds, CLOCK_MONOTONIC */
+    struct CeRecordHead head;
     struct CeTraceEntry entry;
 };
+
+/* The events of processes' lives have the fields that the kernel's own of the same names have on every kernel, and some
+ * that those lack; LifeFormats describes them. A text field holds where its text lies, as a __data_loc does: the offset
+ * from the event's beginning, and the length with its zero byte in the upper half. */
+#define CE_NAME_BYTES 16 /* TASK_COMM_LEN (include/linux/sched.h) */
+
+struct CeForkEvent {
+    struct CeEventHead head;
+    char parentName[CE_NAME_BYTES];
+    int parent;
+    char childName[CE_NAME_BYTES];
+    int child;
+};
+
+struct CeExitEvent {
+    struct CeEventHead head;
+    char name[CE_NAME_BYTES];
+    int thread;
+    int priority;
+};
+
+/* A path is cut off after so many bytes, its zero byte included; nearly all fit into the short form. */
+#define CE_SHORT_PATH 128
+#define CE_LONG_PATH 3840
+
+struct CeExecEvent {
+    struct CeEventHead head;
+    unsigned int filename;
+    int thread;
+    int oldThread;
+    unsigned int reserved;
+};
+
+/* The longest file name by which a program re-executes itself, "/proc/thread-self/fd/N", and its zero byte. */
+#define CE_SET_UP_NAME 32
+
+/* A process that came into other control groups: it was moved, or was made in another one of version 2 than its
+ * parent's, which has no path here. With what became of it before, when nothing of it was recorded.
+ *
+ * Such a move by a process of the host gives it an identity, a number that was never given before. All that it forks
+ * inherits the number, and nothing that it does changes it: whatever control groups it goes to, and whatever the agent
+ * fails to read, its records tell where it came from. */
+struct CeMoveEvent {
+    struct CeEventHead head;  /* the mover's thread; the parent's */
+    unsigned long long group; /* id of the control group */
+    int thread;               /* that was moved: of a whole process the leader */
+    int parent;               /* the process that is its parent */
+    unsigned int path;        /* within its hierarchy; without length where there is none */
+    unsigned int identity;    /* from now on; 0: the mover is no process of the host, so it stays as it was */
+    unsigned int reserved;
+    unsigned int bornInSetUp;      /* whether its parent had, when it made it, what `executed` tells */
+    char executed[CE_SET_UP_NAME]; /* the file name of its last exec, its parent's included, if that begins like one by
+                                      which a program re-executes itself; otherwise empty */
+};
+
+/* What is kept with a thread while it lives. */
+struct CeTask {
+    char executed[CE_SET_UP_NAME]; /* as CeMoveEvent has it */
+    unsigned int bornInSetUp;
+    unsigned int identity; /* of the process when the thread was made; kept up to date with the leader */
+    unsigned int
+        isSetUp; /* its move into other control groups, or its parent's, was followed by no exec of a program yet */
+    unsigned int
+        isTold; /* the agent knows the thread: its fork, its exec or a call was recorded, so its exit must be, too */
+    unsigned int lastKind;     /* of a watched call */
+    unsigned long long window; /* in which `used` was counted */
+    unsigned short used[CE_KINDS];
+};
+
+#define CE_LIFE_RECORD(event, bytes) \
+    {                                \
+        struct CeRecordHead head;    \
+        struct event entry;          \
+        char text[bytes];            \
+    }
+struct CeForkRecord {
+    struct CeRecordHead head;
+    struct CeForkEvent entry;
+};
+struct CeExitRecord {
+    struct CeRecordHead head;
+    struct CeExitEvent entry;
+};
+struct CeExecRecord CE_LIFE_RECORD(CeExecEvent, CE_SHORT_PATH);
+struct CeLongExecRecord CE_LIFE_RECORD(CeExecEvent, CE_LONG_PATH);
+struct CeMoveRecord CE_LIFE_RECORD(CeMoveEvent, CE_SHORT_PATH);
+struct CeLongMoveRecord CE_LIFE_RECORD(CeMoveEvent, CE_LONG_PATH);

@@ -32,6 +32,8 @@ void TraceCounts::Publish()
         {&TraceCounts::callsRefused, Counters::Get(Name::callsRefused), nullptr},
         {&TraceCounts::lostOverrun, Counters::Get(Name::traceLostOverrun), &TraceCounts::inKernel},
         {&TraceCounts::lostDropped, Counters::Get(Name::traceLostDropped), &TraceCounts::inKernel},
+        {&TraceCounts::lostLives, Counters::Get(Name::traceLostLives), &TraceCounts::inKernel},
+        {&TraceCounts::shedLives, Counters::Get(Name::traceShedLives), nullptr},
         {&TraceCounts::shedKernel, Counters::Get(Name::traceShedKernel), &TraceCounts::inStorms},
         {&TraceCounts::late, Counters::Get(Name::traceLate), nullptr},
         {&TraceCounts::lostPages, Counters::Get(Name::traceLostPages), nullptr},

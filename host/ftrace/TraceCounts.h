@@ -21,8 +21,10 @@ public:
     std::uint64_t unwanted = 0;      // for a subscriber that had stopped, or that stopped with them in its queue
     std::uint64_t callsRefused = 0;  // the system calls among the last two
     std::uint64_t lostOverrun = 0;   // as KernelLoss
-    std::uint64_t lostDropped = 0;   // as KernelLoss and SyscallLoss
-    std::uint64_t shedKernel = 0;    // as SyscallLoss
+    std::uint64_t lostDropped = 0;   // as KernelLoss, and system calls as SyscallLoss
+    std::uint64_t lostLives = 0;     // as SyscallLoss::droppedLife
+    std::uint64_t shedKernel = 0;    // as SyscallLoss::shed
+    std::uint64_t shedLives = 0;     // as SyscallLoss::shedLife
     std::uint64_t late = 0;          // as TraceMerger::TakeLate
     std::uint64_t lostPages = 0;     // pages, as RecordStream::TakeLostPages
 

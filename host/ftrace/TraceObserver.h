@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/ftrace/RecordStream.h"
 #include "host/ftrace/SyscallFilter.h"
 #include "messages/FtraceMessages.h"
 
@@ -26,7 +27,7 @@ public:
     // Whether the event now being observed goes to that task. False outside of TraceObserver::OnEvent.
     virtual bool GetsEvent(const Framework::Task& task) const = 0;
 
-    // Null when the kernel excludes no system calls.
+    // Null when the kernel excludes no process.
     virtual SyscallFilter* Filter() = 0;
 
 protected:
@@ -40,19 +41,20 @@ public:
     // the kernel from then on; one that the kernel lacks is logged and not observed.
     virtual std::vector<std::pair<std::string, std::string>> ObservedEvents() const = 0;
 
-    // One of the observed events, in time order, before its delivery to any subscriber.
-    virtual void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+    // One of the observed events, in time order, before its delivery to any subscriber. `source`: of the thread that
+    // the kernel recorded it for.
+    virtual void OnEvent(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer) = 0;
 
     // Stands for a container: the same number for all of its threads. Two containers may share one by chance.
     using Origin = std::uint64_t;
     static constexpr Origin notAdmitted = 0;
 
     // Where an event of the system "syscalls" comes from, or notAdmitted when it goes no further. `tid`: the thread
-    // that made the call, `process`: its process, 0 when the source does not tell. Called once for each such event,
-    // after OnEvent for everything older, so it must be quick: no allocation and no system call for a thread that is
-    // known, but for those that the kernel could exclude. The observer may put messages before the event with
-    // `sequencer`.
-    virtual Origin AdmitSyscall(int tid, int process, const FtraceMessage& event, TraceSequencer& sequencer) = 0;
+    // that made the call. Called once for each such event, after OnEvent for everything older, so it must be quick: no
+    // allocation and no system call for a thread that is known, but for those that the kernel could exclude. The
+    // observer may put messages before the event with `sequencer`.
+    virtual Origin AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
+                                TraceSequencer& sequencer) = 0;
 
     // Another source has seen that process act (TraceBarrier), and its subscribers will hear of it after this call.
     virtual void OnActivity(int pid, TraceSequencer& sequencer) = 0;
@@ -79,6 +81,9 @@ public:
 
     // Asks for a round soon, from any thread.
     virtual void RequestRound() = 0;
+
+    // Null where the kernel excludes no process. Good as long as the task; IsExcluded may be asked on any thread.
+    virtual const SyscallFilter* Filter() = 0;
 
 protected:
     ~TraceObservable() = default;

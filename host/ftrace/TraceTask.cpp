@@ -156,10 +156,12 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
     const SyscallLoss calls = trace->TakeSyscallLoss();
     counts.lostOverrun += loss.overrun;
     counts.lostDropped += loss.dropped + calls.dropped;
+    counts.lostLives += calls.droppedLife;
+    counts.shedLives += calls.shedLife;
     counts.shedKernel += calls.shed;
     counts.late += trace->Merger().TakeLate();
     counts.lostPages += trace->Merger().TakeLostPages();
-    if (loss.dropped != 0) {
+    if (loss.dropped + calls.droppedLife != 0) {
         delivery.ReportLoss();
     }
     counts.Publish();

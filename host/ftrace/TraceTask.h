@@ -43,6 +43,7 @@ public:
     bool AddObserver(TraceObserver& observer) override;
     void RemoveObserver(TraceObserver& observer) override;
     void RequestRound() override;
+    const SyscallFilter* Filter() override { return trace->Filter(); }
 
     std::set<std::string> RecordedEvents() override;
 

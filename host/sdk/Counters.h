@@ -26,6 +26,8 @@ namespace CounterName {
 inline constexpr char traceRead[] = "trace.read";                   // read from the kernel's buffers
 inline constexpr char traceLostOverrun[] = "trace.lost_overrun";    // overwritten in the kernel's buffers
 inline constexpr char traceLostDropped[] = "trace.lost_dropped";    // dropped by the kernel when it wrote
+inline constexpr char traceLostLives[] = "trace.lost_lives";        // forks, execs, exits and moves: likewise, by BPF
+inline constexpr char traceShedLives[] = "trace.shed_lives";        // the same, of a container that storms: no loss
 inline constexpr char traceLostPages[] = "trace.lost_pages";        // reported missing in a page, number unknown: pages
 inline constexpr char traceLostQueue[] = "trace.lost_queue";        // refused by a subscriber's queue
 inline constexpr char traceShed[] = "trace.shed";                   // excluded: their container storms

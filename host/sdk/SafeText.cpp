@@ -53,16 +53,24 @@ CodePoint FirstCodePoint(std::string_view text)
     return {static_cast<std::uint32_t>(value), static_cast<std::size_t>(utf8.sequenceLength(bytes, 1))};
 }
 
+// Every text of every alarm comes by here, and nearly all of them are ASCII as a whole.
 bool IsUtf8(std::string_view text)
 {
-    while (!text.empty()) {
+    const auto isAscii = [](char c) {
+        return static_cast<unsigned char>(c) < 0x80;
+    };
+    for (;;) {
+        text.remove_prefix(
+            static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isAscii) - text.begin()));
+        if (text.empty()) {
+            return true;
+        }
         const CodePoint next = FirstCodePoint(text);
         if (next.length == 0) {
             return false;
         }
         text.remove_prefix(next.length);
     }
-    return true;
 }
 
 std::string ReplaceInvalid(std::string_view text)

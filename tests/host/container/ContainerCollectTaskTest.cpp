@@ -16,6 +16,7 @@ struct Observable final : Engine::TraceObservable {
     bool AddObserver(Engine::TraceObserver& /*observer*/) override { return true; }
     void RemoveObserver(Engine::TraceObserver& /*observer*/) override {}
     void RequestRound() override { ++rounds; }
+    const Engine::SyscallFilter* Filter() override { return nullptr; }
     int rounds = 0;
 };
 

@@ -83,9 +83,16 @@ protected:
         return proc.Put(pid, {{parent, "sh"}, container, "", {{"mnt", container.empty() ? "host" : "container's"}}});
     }
     std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
+    static Engine::RecordSource SourceOf(const Engine::FtraceMessage& event)
+    {
+        return {static_cast<int>(event.get_number("common_pid")), 0};
+    }
     void Round() { observer.OnRound(Next(), *this); }
     void Purge() { registry.Purge(now + Engine::ContainerTable::keepDead * 2); }
-    void Observe(const Support::TraceEvent& event) { observer.OnEvent(event.Message(Next()), *this); }
+    void Observe(const Support::TraceEvent& event)
+    {
+        observer.OnEvent(event.Message(Next()), SourceOf(event.Message()), *this);
+    }
 
     // The observer first, then the receiver, which a fork in a container makes know both.
     void Fork(int parent, int child)
@@ -104,8 +111,11 @@ protected:
     void Exit(int pid) { Observe(Support::Exit(pid)); }
     void Attach(int mover, int pid, const std::string& id)
     {
-        auto event = Support::TraceEvent("cgroup", "cgroup_attach_task", mover).Number("pid", pid);
-        Observe(event.Text("dst_path", id.empty() ? "/" : "/docker/" + id));
+        Observe(Move(mover, pid).Text("dst_path", id.empty() ? "/" : "/docker/" + id));
+    }
+    static Support::TraceEvent Move(int mover, int pid)
+    {
+        return Support::TraceEvent("cgroup", "cgroup_attach_task", mover).Number("pid", pid);
     }
     void StartInA(int pid)
     {
@@ -114,10 +124,10 @@ protected:
         ASSERT_TRUE(Exec(pid, "/usr/bin/a-long-program-name"));
     }
     // Zero: not admitted.
-    Engine::TraceObserver::Origin Call(int tid)
+    Engine::TraceObserver::Origin Call(int tid, std::uint32_t identity = 0)
     {
         auto event = Support::Syscall(tid, "mount");
-        return observer.AdmitSyscall(tid, tid, event.Message(Next()), *this);
+        return observer.AdmitSyscall(tid, {tid, identity}, event.Message(Next()), *this);
     }
     std::string ContainerOf(int pid, std::optional<std::chrono::nanoseconds> when = {})
     {

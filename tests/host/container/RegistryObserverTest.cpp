@@ -19,10 +19,10 @@ protected:
         return IsExcluded(process) ? std::nullopt : std::optional{static_cast<Ticket>(process)};
     }
     void Exclude(int process, Ticket ticket) override { recorded.erase(process == ticket ? process : -1); }
-    std::optional<std::uint64_t> TakeInitialCgroup(int process) override { return cgroups[process]; }
+
+    std::uint32_t IdentityOf(int process) const override { return process == 500 ? 9 : 0; }
 
     std::set<int> recorded;
-    std::map<int, std::optional<std::uint64_t>> cgroups;
 };
 
 TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAndSetsTheNamespaces)
@@ -70,30 +70,51 @@ TEST_F(RegistryObserverTest, TheHostIsExcludedWithItsAncestorsAndNothingElse)
     for (const int pid : {400, 401, 402, 403}) {
         Call(pid);
     }
-    EXPECT_THAT(recorded, ElementsAre(shim, runtime, 400, 401, 402, 403));
+    EXPECT_THAT(recorded, ElementsAre(runtime, 400, 401, 402, 403));
     now += Engine::RegistryObserver::resyncPause;
     observer.OnLoss(*this);
     Round();
     EXPECT_THAT(recorded, ElementsAre(400, 401, 402, 403)) << "what /proc shows needs no call to be excluded";
 
     Run(301, idA, shell);
-    EXPECT_FALSE(Exec(301, "/bin/sh")) << "/proc is not read for a process that is excluded";
     recorded.insert(301);
     EXPECT_TRUE(Exec(301, "/bin/sh"));
 }
 
-TEST_F(RegistryObserverTest, NoEndIsTooEarlyForAProcessThatWasMadeInAContainersGroup)
+// Of the host's processes nothing is recorded. What comes into a container's group brings what is to be known of it.
+TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
 {
-    recorded = {400, 401, 402};
-    cgroups = {{400, 7}, {402, 8}};
     proc.cgroups[7] = idA;
-    Fork(runtime, 400);  // /proc has none of them any more
+    const auto move = [this](int pid, int group, const char* executed) {
+        Observe(Move(runtime, pid)
+                    .Number("dst_id", group)
+                    .Number("parent", shim)
+                    .Text("executed", executed)
+                    .Number("born_in_setup", pid == 402));
+    };
+    move(400, 7, "/proc/self/exe");  // /proc has none of them any more
     Fork(400, 401);
     EXPECT_EQ(ContainerOf(401), "") << "it still sets up";
+    now += Engine::ContainerRegistry::believeSetUp;
+    Round();
+    EXPECT_EQ(ContainerOf(401), "") << "however long it takes";
     EXPECT_TRUE(Exec(401, "/bin/sh"));
     EXPECT_EQ(ContainerOf(401), idA);
-    Fork(runtime, 402);
+    EXPECT_EQ(registry.Find(400)->parent, shim);
+
+    Observe(Move(runtime, 403).Text("dst_path", "/docker/" + idB).Number("parent", shim).Number("identity", 9));
+    recorded = {500, 501};
+    Run(500, "", 1);  // its forks were lost, and it has left its control groups and its parent
+    EXPECT_TRUE(Call(501, 9)) << "has gone";
+    EXPECT_FALSE(Call(502, 10)) << "no container's";
+    now += Engine::RegistryObserver::resyncPause;
+    observer.OnLoss(*this);
+    Round();
+    EXPECT_EQ(ContainerOf(500) + ContainerOf(501), idB + idB);
+    move(402, 8, "");
     EXPECT_FALSE(Exec(402, "/bin/sh")) << "a group that is no container's";
+    move(402, 7, "/proc/self/fd/6");  // the id's next process
+    EXPECT_TRUE(Exec(402, "/dev/fd/7")) << "an entry point that has gone and is named like a runtime's";
 }
 
 TEST_F(RegistryObserverTest, StopNoticesGoToAnIdThatTheHostTakesAndToWhatLeavesItsContainer)

@@ -60,13 +60,16 @@ public:
     }
 
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override { return {}; }
-    void OnEvent(const FtraceMessage& event, TraceSequencer& sequencer) override
+    void OnEvent(const FtraceMessage& event, const RecordSource&, TraceSequencer& sequencer) override
     {
         EXPECT_TRUE(sequencer.GetsEvent(*this));
         seen.push_back("observed " + std::to_string(event.get_number("common_pid")));
         sequencer.SendInOrder(*this, std::make_unique<Framework::Message>());
     }
-    Origin AdmitSyscall(int tid, int, const FtraceMessage&, TraceSequencer&) override { return tid % hostPid; }
+    Origin AdmitSyscall(int tid, const RecordSource&, const FtraceMessage&, TraceSequencer&) override
+    {
+        return tid % hostPid;
+    }
     void OnActivity(int /*pid*/, TraceSequencer& sequencer) override
     {
         EXPECT_FALSE(sequencer.GetsEvent(*this)) << "no event is being observed";

@@ -23,6 +23,7 @@
 #include "host/ftrace/SyscallProbeLayout.h"
 #include "host/ftrace/TracefsCalls.h"
 #include "host/sdk/FileDescriptor.h"
+#include "messages/FtraceMessages.h"
 #include "tests/support/MustRun.h"
 
 namespace Engine {
@@ -76,8 +77,25 @@ protected:
         event = trace->Catalog()->Find("syscalls", "sys_enter_sched_get_priority_max");
         ASSERT_EQ(trace->Record(*event), 0);
     }
+    // As "fork PID", "exec PID FILE" and so on, in their order.
+    void Follow(const std::string& system, const std::string& name)
+    {
+        followed.push_back(trace->Catalog()->Find(system, name));
+        ASSERT_EQ(trace->Record(*followed.back()), 0);
+    }
     void OnRecord(const RawRecord& record) override
     {
+        for (const KnownEvent* each : followed) {
+            if (each->id == record.id) {
+                const FtraceMessage message{each->kind, record.data, record.size, {}};
+                const bool isFork = each->kind.Event() == "sched_process_fork";
+                lives.push_back(
+                    each->kind.Event() + " " + std::to_string(message.get_number(isFork ? "child_pid" : "pid")) + " " +
+                    message.get_string("filename") + message.get_string("dst_path") + message.get_string("executed"));
+                lastGroup = each->kind.System() == "cgroup" ? message.get_number("dst_id") : lastGroup;
+                return;
+            }
+        }
         marks += record.afterLoss ? 1 : 0;
         CeTraceEntry& entry = entries.emplace_back();
         ASSERT_LE(record.size, sizeof entry);
@@ -93,6 +111,9 @@ protected:
     std::unique_ptr<LiveTrace> trace;
     const KnownEvent* event = nullptr;
     std::vector<CeTraceEntry> entries;
+    std::vector<const KnownEvent*> followed;
+    std::vector<std::string> lives;
+    std::int64_t lastGroup = 0;
     std::uint64_t marks = 0;
 };
 
@@ -120,24 +141,82 @@ TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
     CallInChild(1);
     EXPECT_TRUE(Read().empty());
     EXPECT_FALSE(probe->TicketOf(self));
-    const pid_t moved = InChild([&] {
+    InChild([&] {
         join(root);
         CallInChild(1);
     });
     EXPECT_EQ(Read().size(), 1U) << "what a moved process forks is recorded, too";
-    EXPECT_FALSE(probe->TakeInitialCgroup(moved)) << "made in its parent's group";
     const pid_t child = CallInChild(1, root.c_str());
-    EXPECT_THAT(Read(), ElementsAre(FieldsAre(event->id, _, _, child, callNumber, child, _)))
+    EXPECT_THAT(Read(), ElementsAre(FieldsAre(FieldsAre(event->id, _, _, child), callNumber, _, _)))
         << "made in another group";
-    struct stat status = {};
-    ::stat(root.c_str(), &status);
-    EXPECT_EQ(probe->TakeInitialCgroup(child), status.st_ino) << "a control group's id is its inode's number";
-    EXPECT_FALSE(probe->TakeInitialCgroup(child)) << "taken";
     ASSERT_EQ(trace->Stop(*event), 0);
     CallInChild(1, root.c_str());
     EXPECT_TRUE(Read().empty());
     join(root);
     fs::remove(group);
+}
+
+// A container's other threads have spent its budget, and the thread its own part: its next step is still seen.
+TEST_F(TraceKernelTest, WhatFollowsOnAnotherKindOfCallIsRecordedWhateverWasSpent)
+{
+    Start(std::make_unique<SyscallProbe>(64, SyscallProbe::Budgets{2, 100, 4}), 0);
+    const KnownEvent* other = trace->Catalog()->Find("syscalls", "sys_enter_sched_get_priority_min");
+    ASSERT_EQ(trace->Record(*other), 0);
+    const auto kinds = [this] {
+        std::string text;
+        for (const CeTraceEntry& entry : Read()) {
+            text += entry.head.type == event->id ? 'a' : 'b';
+        }
+        return text;
+    };
+    CallInChild(50);
+    kinds();
+    MakeCalls(50);
+    const std::uint64_t shed = trace->TakeSyscallLoss().shed;
+    EXPECT_GT(shed, 50U);
+    kinds();
+    ::syscall(SYS_sched_get_priority_min, 0);
+    MakeCalls(20);
+    EXPECT_EQ(kinds().substr(0, 2), "ba");
+    EXPECT_EQ(trace->TakeSyscallLoss().dropped, 0U);
+}
+
+TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
+{
+    auto made = std::make_unique<SyscallProbe>(64);
+    SyscallProbe* const probe = made.get();
+    Start(std::move(made), 0);
+    for (const char* name : {"fork", "exec", "exit"}) {
+        Follow("sched", std::string{"sched_process_"} + name);
+    }
+    Follow("cgroup", "cgroup_attach_task");
+    const int self = ::getpid();
+    probe->Exclude(self, probe->TicketOf(self).value_or(0));
+    const std::string root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
+    const std::string group = root + "/probe-test-" + std::to_string(self);
+    fs::create_directory(group);
+    struct stat status = {};
+    ::stat(group.c_str(), &status);
+    const std::string file = fs::temp_directory_path() / std::string(100, 'n') / "x";
+    const std::string script = "exec /proc/self/exe -c 'echo $$ >" + group + "/cgroup.procs; exec " + file + "'";
+    fs::create_directory(fs::path{file}.parent_path());
+    fs::copy_file("/bin/true", file, fs::copy_options::overwrite_existing);
+    const auto run = [](const std::string& command) {
+        return InChild([&] { ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); });
+    };
+    run("true");
+    const std::string moved = " " + std::to_string(run(script)) + " ";
+    Read();
+    EXPECT_THAT(std::exchange(lives, {}),
+                ElementsAre("cgroup_attach_task" + moved + group.substr(root.size()) + "/proc/self/exe",
+                            "sched_process_exec" + moved + file, "sched_process_exit" + moved));
+    const std::string born = " " + std::to_string(InChild([] {}, group.c_str())) + " ";
+    Read();
+    EXPECT_THAT(lives,
+                ElementsAre("sched_process_fork" + born, "cgroup_attach_task" + born, "sched_process_exit" + born));
+    EXPECT_EQ(lastGroup, static_cast<std::int64_t>(status.st_ino)) << "a control group's id is its inode's number";
+    fs::remove(group);
+    fs::remove_all(fs::path{file}.parent_path());
 }
 
 TEST_F(TraceKernelTest, EveryEventOfTheTraceIsReadOrCountedAsLostAndNoneOfTheReaderIs)
