@@ -47,6 +47,7 @@ public:
     int Receive(const Engine::FtraceMessage& message) override { return Note(message.name()); }
     bool HandleEvent(const Engine::FtraceMessage& /*message*/) override { return true; }
     void HandleProcExit(int pid) override { Note("forgets " + std::to_string(pid)); }
+    void Forget(Engine::ScopeKey container) override { Note("forgets container " + std::to_string(container)); }
 
 private:
     int Note(const std::string& what)

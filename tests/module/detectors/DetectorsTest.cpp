@@ -177,6 +177,9 @@ TEST_F(ContainerScopeTest, BruteForceCountsAContainersThreadsTogether)
 {
     ExpectOutcomes<BruteforceSubmodule>(
         {{"@1A open_by_handle_at @2A open_by_handle_at @3B open_by_handle_at @1A open_by_handle_at", "ttt!"},
+         {"@1A open_by_handle_at open_by_handle_at open_by_handle_at deinit open_by_handle_at open_by_handle_at "
+          "open_by_handle_at +3 open_by_handle_at",
+          "tt!ttf!"},
          {"@1A open_by_handle_at open_by_handle_at @2A open_by_handle_at +3599 open_by_handle_at +1 open_by_handle_at",
           "tt!f!"}},
         std::chrono::seconds{3600}, static_cast<unsigned short>(2));
@@ -185,6 +188,7 @@ TEST_F(ContainerScopeTest, BruteForceCountsAContainersThreadsTogether)
 TEST_F(ContainerScopeTest, ThousandsOfContainersThatCameAndWentAreForgottenAndOneInUseIsNot)
 {
     auto& shocker = task->Attach<ShockerSubmodule>();
+    task->Attach<Support::RecordingSubmodule>(host, "a");
     shocker.Reconfigure({{}, {}, Scope::Container});
     EXPECT_EQ(Play(shocker, "@1A getdents"), "t");
     for (int number = 0; number < 10000; ++number) {
@@ -196,6 +200,7 @@ TEST_F(ContainerScopeTest, ThousandsOfContainersThatCameAndWentAreForgottenAndOn
         EXPECT_EQ(Play(shocker, "@1A read +3600"), "t");
     }
     EXPECT_EQ(Play(shocker, "@3short9999 open_by_handle_at @2A open_by_handle_at"), "t!");
+    EXPECT_THAT(host.TakeJournal(), testing::SizeIs(10000)) << "each detector forgets each";
 }
 
 // Rounds that give idle counters' memory back come in between; they must leave this one's calls alone.
