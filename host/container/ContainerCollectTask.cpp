@@ -18,6 +18,7 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
+      socketWatch(socketPath),
       view(table, system),
       registry(table, system),
       observer(registry, system, receivers, cache),
@@ -51,8 +52,21 @@ void ContainerCollectTask::Detach()
 
 int ContainerCollectTask::Init()
 {
+    if (socketWatch.Fd() >= 0) {
+        Waiter().Add(socketWatch.Fd(), EPOLLIN, [this](std::uint32_t) {
+            if (socketWatch.HasAppeared()) {
+                engine.TryNow();
+            }
+        });
+    }
     engine.Step(ContainerEngineClient::Clock::now());
     return Framework::Task::Init();
+}
+
+int ContainerCollectTask::UnInit()
+{
+    Waiter().Remove(socketWatch.Fd());
+    return Framework::Task::UnInit();
 }
 
 int ContainerCollectTask::Run()

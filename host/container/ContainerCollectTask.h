@@ -13,6 +13,7 @@
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
 #include "host/container/RegistryObserver.h"
+#include "host/container/SocketWatch.h"
 #include "host/ftrace/TraceObserver.h"
 #include "messages/ContainerMessages.h"
 
@@ -41,6 +42,7 @@ public:
     // Reads what the engine knows for the first time: names and images are in the cache when this task has started. An
     // engine that hangs delays the start by some time-outs of the client, five at most.
     int Init() override;
+    int UnInit() override;
     int Run() override;
 
     // Takes a registration at once, on the sender's thread: after a withdrawal the requester may be gone the next
@@ -55,6 +57,7 @@ public:
 private:
     int PauseMilliseconds() const;
 
+    SocketWatch socketWatch;
     MetadataCache cache;
     ContainerTable table;
     ContainerView view;

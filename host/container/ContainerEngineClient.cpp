@@ -27,7 +27,7 @@ bool HasAnswer(const SDK::DockerClient::Reply& reply)
 
 ContainerEngineClient::ContainerEngineClient(const std::string& socketPath, MetadataCache& cache,
                                              std::function<bool()> isCancelled, std::chrono::milliseconds timeout)
-    : timeout(timeout), client(socketPath, timeout), cache(cache), isCancelled(std::move(isCancelled))
+    : timeout(timeout), socketPath(socketPath), cache(cache), isCancelled(std::move(isCancelled))
 {
 }
 
@@ -47,7 +47,7 @@ void ContainerEngineClient::Step(Clock::time_point time)
 bool ContainerEngineClient::Connect()
 {
     line.clear();
-    events.emplace(client.SocketPath(), eventsTarget, [this](std::string_view part) { return TakeEvents(part); });
+    events.emplace(socketPath, eventsTarget, [this](std::string_view part) { return TakeEvents(part); });
     if (!events->AwaitStatus(Clock::now() + timeout) || events->Status() != httpOk) {
         GiveUp(events->Error().empty() ? "status " + std::to_string(events->Status()) : events->Error());
         return false;
@@ -57,18 +57,21 @@ bool ContainerEngineClient::Connect()
 
 bool ContainerEngineClient::ReadList()
 {
-    const SDK::DockerClient::Reply reply = client.Get(listTarget);
-    const std::optional<std::vector<std::string>> ids =
-        reply.status == httpOk && reply.error.empty() ? EngineDocuments::ParseList(reply.body) : std::nullopt;
-    if (!ids) {
-        GiveUp(reply.error.empty() ? "unexpected answer to " + std::string{listTarget} : reply.error);
+    EngineDocuments::ListReader list;
+    SDK::EngineRequest request(socketPath, listTarget, [&list](std::string_view part) { return list.Take(part); });
+    Await(request);
+    if (request.Status() != httpOk || (!list.IsComplete() && !list.HasSkipped())) {
+        GiveUp(request.Error().empty() ? "unexpected answer to " + std::string{listTarget} : request.Error());
         return false;
     }
+    const std::vector<std::string>& ids = list.Ids();
     if (isUnreachable.exchange(false)) {
-        ContainerLog::Information("container engine at %s answers again", client.SocketPath());
+        ContainerLog::Information("container engine at %s answers again", socketPath);
     }
-    changed.insert(ids->begin(), ids->end());
-    cache.KeepOnly({ids->begin(), ids->end()}, now);
+    changed.insert(ids.begin(), ids.end());
+    if (!list.HasSkipped()) {
+        cache.KeepOnly({ids.begin(), ids.end()}, now);
+    }
     return true;
 }
 
@@ -76,14 +79,16 @@ bool ContainerEngineClient::TakeEvents(std::string_view part)
 {
     for (;;) {
         const std::size_t end = part.find('\n');
-        line.append(part.substr(0, end));
+        line.append(part.substr(0, std::min(end, maxLineBytes + 1 - line.size())));
         if (end == std::string_view::npos) {
-            return line.size() <= maxLineBytes;
+            return true;
         }
-        if (const auto event = EngineDocuments::ParseEvent(line)) {
+        if (line.size() > maxLineBytes) {
+            ++SDK::Counters::Get(SDK::CounterName::engineSkipped);
+        } else if (const auto event = EngineDocuments::ParseEvent(line)) {
             Apply(*event);
         }
-        line.clear();
+        line = std::string{};  // its memory, too
         part.remove_prefix(end + 1);
     }
 }
@@ -170,11 +175,40 @@ bool ContainerEngineClient::ReadContainer(const std::string& id)
 
 SDK::DockerClient::Reply ContainerEngineClient::Ask(const std::string& target)
 {
-    SDK::DockerClient::Reply reply = client.Get(target);
+    bool isTooLong = false;
+    SDK::DockerClient::Reply reply;
+    SDK::EngineRequest request(socketPath, target, [&](std::string_view part) {
+        isTooLong = reply.body.size() + part.size() > EngineDocuments::maxElementBytes;
+        reply.body.append(isTooLong ? "" : part);
+        return !isTooLong;
+    });
+    Await(request);
+    reply.status = request.Status();
+    if (isTooLong) {  // and would be the next time
+        reply.body.clear();
+        ++SDK::Counters::Get(SDK::CounterName::engineSkipped);
+    } else {
+        reply.error = request.Error();
+    }
     if (!HasAnswer(reply)) {
         ++SDK::Counters::Get(SDK::CounterName::engineFailures);
     }
     return reply;
+}
+
+void ContainerEngineClient::Await(SDK::EngineRequest& request) const
+{
+    const SDK::EngineRequest::Deadline deadline = Clock::now() + timeout;
+    while (request.Continue() && request.Wait(deadline)) {
+    }
+}
+
+void ContainerEngineClient::TryNow()
+{
+    if (!events) {
+        pause = firstPause;
+        nextAttempt = Clock::time_point{};
+    }
 }
 
 void ContainerEngineClient::GiveUp(const std::string& why)
@@ -182,7 +216,7 @@ void ContainerEngineClient::GiveUp(const std::string& why)
     ++SDK::Counters::Get(SDK::CounterName::engineFailures);
     if (!isUnreachable.exchange(true)) {
         ContainerLog::Warning("container engine at %s: %s; alarms carry no names of containers, trying again",
-                              client.SocketPath(), why);
+                              socketPath, why);
     }
     events.reset();
     changed.clear();

@@ -24,15 +24,16 @@ namespace Engine {
 // (stream,
 //            list, three unanswered calls), and holds no lock meanwhile.
 // Errors:    an engine that is absent, hangs or answers with nonsense is logged once, counted, and tried again after
-//            1 s, 2 s, 4 s ... 30 s; so is a container that it does not answer about. Throws nothing but
-//            std::bad_alloc.
+//            0.1 s, 0.2 s, 0.4 s ... 30 s; so is a container that it does not answer about. What is too long of an
+//            answer or an event is skipped and counted (engine.skipped), and costs one container its names. Throws
+//            nothing but std::bad_alloc.
 class ContainerEngineClient {
 public:
     using Clock = std::chrono::steady_clock;
 
-    static constexpr std::chrono::seconds firstPause{1};
-    static constexpr std::chrono::seconds longestPause{30};
-    static constexpr std::size_t maxLineBytes = 1024UL * 1024;  // of an event; a longer one breaks the stream
+    static constexpr std::chrono::milliseconds firstPause{100};
+    static constexpr std::chrono::milliseconds longestPause{30'000};
+    static constexpr std::size_t maxLineBytes = 1024UL * 1024;  // of an event; a longer one is skipped
 
     // `isCancelled` is asked between two calls to the engine: true ends what is under way. `timeout`: of each call.
     ContainerEngineClient(const std::string& socketPath, MetadataCache& cache, std::function<bool()> isCancelled,
@@ -41,6 +42,9 @@ public:
     // Connects when it is time to, takes the events that have come, and reads the containers that they name. May close
     // the stream: Fd() must not be in an event loop meanwhile.
     void Step(Clock::time_point now);
+
+    // The engine may have come: the next step connects, if it has not.
+    void TryNow();
 
     // Of the stream of events, readable when Step has something to do; -1 when there is none.
     int Fd() const { return events ? events->Fd() : -1; }
@@ -63,11 +67,12 @@ private:
     bool ReadImageOf(const std::string& id);
     bool ReadContainer(const std::string& id);
     SDK::DockerClient::Reply Ask(const std::string& target);
+    void Await(SDK::EngineRequest& request) const;
     void GiveUp(const std::string& why);
     void BackOff();
 
     const std::chrono::milliseconds timeout;
-    const SDK::DockerClient client;
+    const std::string socketPath;
     MetadataCache& cache;
     const std::function<bool()> isCancelled;
     std::optional<SDK::EngineRequest> events;
@@ -76,7 +81,7 @@ private:
     std::deque<std::string> unread;  // containers that the engine left unanswered, longest ago first
     Clock::time_point now;           // the step's
     Clock::time_point nextAttempt;   // the clock's beginning: at once
-    std::chrono::seconds pause = firstPause;
+    std::chrono::milliseconds pause = firstPause;
     std::atomic<bool> hasReadAll{false};
     std::atomic<bool> isUnreachable{false};
 };

@@ -48,17 +48,16 @@ std::string ContainerName(const Json::Value& value, const char* key)
     return name;
 }
 
-// The texts at `key` of the array's objects that `isWanted`, at most that many. None when it is no array.
-template <class Predicate>
-std::vector<std::string> Texts(const Json::Value& array, const char* key, std::size_t most, Predicate isWanted)
+// Where the mounts end. None when it is no array.
+std::vector<std::string> Destinations(const Json::Value& mounts)
 {
-    std::vector<std::string> texts;
-    for (Json::ArrayIndex i = 0; array.isArray() && i < array.size() && texts.size() < most; ++i) {
-        if (std::string text = Text(array[i], key); isWanted(text)) {
-            texts.push_back(std::move(text));
+    std::vector<std::string> destinations;
+    for (Json::ArrayIndex i = 0; mounts.isArray() && i < mounts.size() && destinations.size() < maxMounts; ++i) {
+        if (std::string text = Text(mounts[i], "Destination"); !text.empty()) {
+            destinations.push_back(std::move(text));
         }
     }
-    return texts;
+    return destinations;
 }
 
 }  // namespace
@@ -88,8 +87,7 @@ std::optional<Inspected> ParseInspected(const std::string& text)
     inspected.info.name = ContainerName(*root, "Name");
     inspected.info.imageId = Text(*root, "Image");
     inspected.info.imageName = Text(Member(*root, "Config"), "Image");
-    inspected.info.mountDestinations =
-        Texts(Member(*root, "Mounts"), "Destination", maxMounts, [](const std::string& text) { return !text.empty(); });
+    inspected.info.mountDestinations = Destinations(Member(*root, "Mounts"));
     const Json::Value& pid = Member(Member(*root, "State"), "Pid");
     inspected.pid = pid.isInt() ? std::max(0, pid.asInt()) : 0;
     return inspected;
@@ -101,13 +99,50 @@ std::string ParseImageId(const std::string& text)
     return root ? Text(*root, "Id") : std::string{};
 }
 
-std::optional<std::vector<std::string>> ParseList(const std::string& text)
+bool ListReader::Take(std::string_view part)
 {
-    const std::optional<Json::Value> root = Parse(text);
-    if (!root || !root->isArray()) {
-        return std::nullopt;
+    return std::all_of(part.begin(), part.end(), [this](char c) { return TakeOne(c); });
+}
+
+bool ListReader::TakeOne(char c)
+{
+    const bool isSpace = c == ' ' || c == '\n' || c == '\r' || c == '\t';
+    if (state != State::Within) {
+        state = state == State::Before && c == '[' ? State::Within : state;
+        return isSpace || c == '[';
     }
-    return Texts(*root, "Id", maxListed, IsContainerId);
+    if (!inText && depth == 0 && (c == ',' || c == ']')) {
+        EndElement();
+        state = c == ']' ? State::After : state;
+        return ids.size() < maxListed;
+    }
+    if (inText) {
+        inText = c != '"' || isEscaped;
+        isEscaped = c == '\\' && !isEscaped;
+    } else if (c == '"') {
+        inText = true;
+    } else if (c == '[' || c == '{') {
+        ++depth;
+    } else if (c == ']' || c == '}') {
+        depth -= depth > 0 ? 1 : 0;
+    }
+    if (element.size() <= maxElementBytes) {
+        element += c;
+    }
+    return true;
+}
+
+void ListReader::EndElement()
+{
+    if (element.size() > maxElementBytes) {
+        hasSkipped = true;
+    } else if (const auto root = Parse(element)) {
+        if (std::string id = Text(*root, "Id"); IsContainerId(id)) {
+            ids.push_back(std::move(id));
+        }
+    }
+    element.clear();
+    hasSkipped |= ids.size() >= maxListed;
 }
 
 std::optional<Event> ParseEvent(const std::string& line)

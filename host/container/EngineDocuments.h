@@ -17,6 +17,8 @@ namespace Engine::EngineDocuments {
 inline constexpr std::size_t maxTextBytes = 4096;
 inline constexpr std::size_t maxMounts = 1024;
 inline constexpr std::size_t maxListed = 10000;
+// Of one container: labels and annotations take up to 256 KiB with the common orchestrators.
+inline constexpr std::size_t maxElementBytes = 1024UL * 1024;
 
 // Whether a text may stand for a container in a request: 1 to 128 letters, digits, '_', '.' and '-', the first of them
 // a letter or digit.
@@ -36,8 +38,33 @@ bool IsImageName(std::string_view text);
 // "/images/<name>/json": the id, empty when there is none.
 std::string ParseImageId(const std::string& text);
 
-// "/containers/json": the ids. Nothing when the text is no array; what in it is no container is skipped.
-std::optional<std::vector<std::string>> ParseList(const std::string& text);
+// "/containers/json", in parts as they come: the ids. What in it is no container is skipped, and so is an element of
+// more than maxElementBytes: only one element is in memory at a time.
+class ListReader {
+public:
+    // False: no more is wanted, the text is no array or has enough containers.
+    bool Take(std::string_view part);
+
+    const std::vector<std::string>& Ids() const { return ids; }
+    // The array's end has come.
+    bool IsComplete() const { return state == State::After; }
+    // Some containers may not be among the ids.
+    bool HasSkipped() const { return hasSkipped; }
+
+private:
+    enum class State { Before, Within, After };
+
+    bool TakeOne(char c);
+    void EndElement();
+
+    State state = State::Before;
+    std::size_t depth = 0;  // of arrays and objects within the element
+    bool inText = false;
+    bool isEscaped = false;  // the next character of the text
+    std::string element;     // what has come of it, cut at maxElementBytes + 1
+    std::vector<std::string> ids;
+    bool hasSkipped = false;
+};
 
 // A line of "/events".
 struct Event {

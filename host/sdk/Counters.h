@@ -48,8 +48,11 @@ inline constexpr char notifyNotContainer[] = "notify.not_container";  // accesse
 inline constexpr char queueLost[] = "queue.lost";                     // refused by any task's queue
 inline constexpr char alarmsSent[] = "alarms.sent";                   // documents written to every sink that takes them
 inline constexpr char alarmsLost[] = "alarms.lost";                   // documents that some sink lost
+inline constexpr char alarmsDeferred[] = "alarms.deferred";           // a sink refused them at first; to standard error
 inline constexpr char engineFailures[] = "engine.failures";           // calls that the container engine did not answer
-inline constexpr char logLost[] = "log.lost";  // log records that could not be written (whole or in part)
+inline constexpr char demoted[] = "sched.demoted";         // times a thread lost its real-time priority for a moment
+inline constexpr char engineSkipped[] = "engine.skipped";  // events and answers of it that were too long
+inline constexpr char logLost[] = "log.lost";              // log records that could not be written (whole or in part)
 }  // namespace CounterName
 
 }  // namespace SDK
