@@ -2,23 +2,23 @@
 #include "host/agent/Console.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
+#include "host/sdk/LineStream.h"
 #include "host/sdk/SafeText.h"
 
 namespace Agent {
 
 void Say(std::string_view text)
 {
-    constexpr int patienceMs = 200;
+    constexpr std::chrono::milliseconds patience{200};
     std::string line = "containerescape-agent: ";
     SDK::SafeText::AppendEscaped(line, text);
     line += '\n';
-    pollfd standardError{STDERR_FILENO, POLLOUT, 0};
-    if (::poll(&standardError, 1, patienceMs) == 1) {
-        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
-    }
+    SDK::StopDeadline deadline;
+    deadline.Set(patience);
+    std::error_code error;
+    SDK::LineStream::Duplicate(STDERR_FILENO, error).Write(line, deadline);
 }
 
 void OpenMissingStandardDescriptors()

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/report/ReportLog.h"
+#include "host/sdk/Realtime.h"
 
 namespace Engine {
 
@@ -63,12 +64,19 @@ void SinkQueue::Work()
 {
     BlockSignals();
     ::pthread_setname_np(::pthread_self(), "alarm_sink");
+    SDK::Realtime::Enter("alarm_sink");
     while (const auto document = Next()) {
-        if (const std::string failure = Deliver(**document); failure.empty()) {
+        SDK::Realtime::Watch();
+        std::string failure = Deliver(**document);
+        while (!failure.empty() && KeepBack(**document, failure)) {
+            failure = Deliver(**document);
+        }
+        if (failure.empty()) {
             (*document)->Finish(true);
         } else {
             Lose(**document, failure);
         }
+        shown -= shown > 0 ? 1 : 0;
     }
     const std::lock_guard lock(mutex);
     if (const auto unreported = losses.TakeAll(); unreported != 0) {
@@ -87,6 +95,40 @@ std::optional<std::shared_ptr<AlarmDocument>> SinkQueue::Next()
     std::shared_ptr<AlarmDocument> next = std::move(documents.front());
     documents.pop_front();
     return next;
+}
+
+// Waits for the next attempt. What is kept back meanwhile, the documents behind it too, goes to standard error, so that
+// it is seen now. False: the end has come.
+bool SinkQueue::KeepBack(const AlarmDocument& document, const std::string& failure)
+{
+    std::vector<std::shared_ptr<AlarmDocument>> unseen;
+    std::unique_lock lock(mutex);
+    if (isEnding) {
+        return false;
+    }
+    const bool isFirst = shown == 0;
+    for (std::size_t i = isFirst ? 0 : shown - 1; i < documents.size(); ++i) {
+        unseen.push_back(documents[i]);
+    }
+    shown = 1 + documents.size();
+    lock.unlock();
+    if (isFirst) {
+        Show(document, failure);
+    }
+    for (const std::shared_ptr<AlarmDocument>& next : unseen) {
+        Show(*next, failure);
+    }
+    lock.lock();
+    changed.wait_for(lock, retryPause, [this] { return isEnding; });
+    return true;
+}
+
+void SinkQueue::Show(const AlarmDocument& document, const std::string& failure)
+{
+    static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
+    ++deferred;
+    ReportLog::Error("sink %s: %s, trying again: %s", sink->Name(), failure,
+                     document.Line().substr(0, document.Line().size() - 1));
 }
 
 // Why the sink did not take it; empty when it did.

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "host/report/LineStream.h"
 #include "host/sdk/Config.h"
+#include "host/sdk/LineStream.h"
 
 namespace Engine {
 
@@ -21,15 +21,15 @@ public:
     {
         std::error_code error;
         if (!stream) {  // tried each time: what was in the way may have gone
-            stream =
-                path.empty() ? LineStream::Duplicate(STDOUT_FILENO, error) : LineStream::Append(path.c_str(), error);
+            stream = path.empty() ? SDK::LineStream::Duplicate(STDOUT_FILENO, error)
+                                  : SDK::LineStream::Append(path.c_str(), error);
         }
         return error ? error : stream.Write(line, deadline);
     }
 
 private:
     std::string path;
-    LineStream stream;
+    SDK::LineStream stream;
 };
 
 }  // namespace

@@ -2,12 +2,15 @@
 #include "host/sdk/LineChannel.h"
 
 #include <Poco/DateTimeFormatter.h>
-#include <unistd.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <array>
-#include <cerrno>
+#include <system_error>
+#include <utility>
 
 #include "host/sdk/Counters.h"
+#include "host/sdk/LineStream.h"
 #include "host/sdk/SafeText.h"
 #include "sdk/PathUtils.h"
 
@@ -18,6 +21,14 @@ namespace {
 // By Poco::Message::Priority; 0 is none of them.
 constexpr std::array<const char*, 9> priorityNames{"none",   "fatal",       "critical", "error", "warning",
                                                    "notice", "information", "debug",    "trace"};
+
+// The main thread takes the agent's signals; a write to a pipe without a reader then fails with EPIPE.
+void BlockSignals()
+{
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
 
 const char* NameOf(int priority)
 {
@@ -47,28 +58,72 @@ std::string FormatRecord(const Poco::Message& record)
 
 void LineChannel::log(const Poco::Message& record)
 {
-    const std::string line = FormatRecord(record);
+    std::string line = FormatRecord(record);
     const std::lock_guard lock(mutex);
-    Write(isMidLine ? '\n' + line : line);
+    if (queuedBytes + line.size() > maxQueuedBytes) {
+        Lost();
+        return;
+    }
+    if (!thread.joinable()) {
+        thread = std::thread([this] { Work(); });
+    }
+    queuedBytes += line.size();
+    lines.push_back(std::move(line));
+    changed.notify_all();
 }
 
-void LineChannel::Write(const std::string& line)
+void LineChannel::Flush(std::chrono::milliseconds bound)
 {
-    std::size_t done = 0;
-    while (done < line.size()) {
-        const ssize_t written = ::write(fd, line.data() + done, line.size() - done);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            static Counters::Counter& lost = Counters::Get(CounterName::logLost);
-            ++lost;
-            isMidLine = isMidLine || done > 0;
-            return;
-        }
-        done += static_cast<std::size_t>(written);
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, bound, [this] { return queuedBytes == 0; });
+}
+
+LineChannel::~LineChannel()
+{
+    deadline.Set(std::chrono::milliseconds{0});
+    {
+        const std::lock_guard lock(mutex);
+        isEnding = true;
+        changed.notify_all();
     }
-    isMidLine = false;
+    if (thread.joinable()) {
+        thread.join();
+    }
+}
+
+void LineChannel::Work()
+{
+    BlockSignals();
+    ::pthread_setname_np(::pthread_self(), "log");
+    std::error_code error;
+    LineStream stream = LineStream::Duplicate(fd, error);
+    std::unique_lock lock(mutex);
+    while (changed.wait(lock, [this] { return isEnding || !lines.empty(); }), !lines.empty()) {
+        std::string line = std::move(lines.front());
+        lines.pop_front();
+        const std::size_t bytes = line.size();
+        const std::uint64_t said = std::exchange(unsaidLosses, 0);
+        if (said != 0) {
+            line.insert(
+                0, FormatRecord({"log", std::to_string(said) + " records were lost", Poco::Message::PRIO_WARNING}));
+        }
+        lock.unlock();
+        error = stream.Write(line, deadline);
+        lock.lock();
+        if (error) {
+            unsaidLosses += said;
+            Lost();
+        }
+        queuedBytes -= bytes;
+        changed.notify_all();
+    }
+}
+
+void LineChannel::Lost()
+{
+    static Counters::Counter& lost = Counters::Get(CounterName::logLost);
+    ++lost;
+    ++unsaidLosses;
 }
 
 }  // namespace SDK

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/report/LineStream.h"
+#include "host/sdk/LineStream.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <utility>
 
-namespace Engine {
+namespace SDK {
 
 namespace {
 
@@ -49,7 +49,7 @@ bool WaitWritable(int fd, const StopDeadline& deadline)
 
 }  // namespace
 
-LineStream::LineStream(SDK::FileDescriptor descriptor) : fd(std::move(descriptor))
+LineStream::LineStream(FileDescriptor descriptor) : fd(std::move(descriptor))
 {
     struct stat status {};
     if (!fd || ::fstat(fd.Get(), &status) != 0) {
@@ -65,8 +65,7 @@ LineStream::LineStream(SDK::FileDescriptor descriptor) : fd(std::move(descriptor
 
 LineStream LineStream::Append(const char* path, std::error_code& error)
 {
-    SDK::FileDescriptor file(
-        ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, newFileMode));
+    FileDescriptor file(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, newFileMode));
     error = file ? std::error_code{} : LastError();
     return LineStream(std::move(file));
 }
@@ -83,12 +82,12 @@ LineStream LineStream::Duplicate(int fd, std::error_code& error)
     if (::fstat(fd, &status) == 0 && MayBlock(status.st_mode)) {
         // Opened anew, it has its own O_NONBLOCK. A regular file is not: its position is shared on purpose.
         const std::string path = "/proc/self/fd/" + std::to_string(fd);
-        SDK::FileDescriptor own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        FileDescriptor own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
         if (own) {
             return LineStream(std::move(own));
         }
     }
-    SDK::FileDescriptor copy(::fcntl(fd, F_DUPFD_CLOEXEC, firstOwnDescriptor));
+    FileDescriptor copy(::fcntl(fd, F_DUPFD_CLOEXEC, firstOwnDescriptor));
     if (!copy) {
         error = LastError();
     }
@@ -137,4 +136,4 @@ long LineStream::WriteSome(std::string_view text) const
                     : ::write(fd.Get(), text.data(), text.size());
 }
 
-}  // namespace Engine
+}  // namespace SDK

@@ -6,17 +6,17 @@
 #include <string_view>
 #include <system_error>
 
-#include "host/report/AlarmSink.h"
 #include "host/sdk/FileDescriptor.h"
+#include "host/sdk/StopDeadline.h"
 
-namespace Engine {
+namespace SDK {
 
 // Thread: one writer. Never blocks beyond the deadline it is given, except inside a regular file's write(2), which
 // nothing bounds. Raises no SIGPIPE where the writing thread blocks that signal, as that of SinkQueue does.
 class LineStream {
 public:
     LineStream() = default;
-    explicit LineStream(SDK::FileDescriptor descriptor);
+    explicit LineStream(FileDescriptor descriptor);
 
     // Opens `path` for appending and makes it if it is missing. Failure: an empty stream, `error` says why. A named
     // pipe without a reader fails (ENXIO, fifo(7)) instead of waiting for one.
@@ -36,10 +36,10 @@ private:
     std::error_code WriteAll(std::string_view text, const StopDeadline& deadline);
     long WriteSome(std::string_view text) const;
 
-    SDK::FileDescriptor fd;
+    FileDescriptor fd;
     bool isSocket = false;
     std::size_t maxPiece = std::string_view::npos;  // bytes that one write may carry without blocking after a poll
     bool midLine = false;                           // the last line was cut off
 };
 
-}  // namespace Engine
+}  // namespace SDK

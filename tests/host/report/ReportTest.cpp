@@ -11,13 +11,14 @@
 #include <semaphore>
 #include <stdexcept>
 
-#include "host/report/LineStream.h"
 #include "host/report/ReportTasks.h"
+#include "host/sdk/LineStream.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
 
 using namespace Engine;
+using SDK::LineStream;
 using namespace std::chrono_literals;
 
 std::error_code error;                                            // of the open before
@@ -118,6 +119,29 @@ TEST_F(SinkQueueTest, AFullQueueLosesWhatDoesNotFitAndTheEndWritesTheRestInOrder
     EXPECT_EQ(text, "{}\n{\"n\":1}\n{\"n\":2}\n{\"n\":3}\n");
     EXPECT_EQ(Grown("alarms.sent"), 3U);
     EXPECT_EQ(Grown("alarms.lost"), 4U);
+}
+
+TEST_F(SinkQueueTest, WhatASinkRefusesIsTriedAgainBeforeWhatComesBehind)
+{
+    std::promise<void> hasAll;
+    std::string text;
+    int tries = 0;
+    SinkQueue queue(std::make_unique<TestSink>("late", [&](std::string_view line, const StopDeadline&) {
+        if (++tries < 3) {
+            return std::make_error_code(std::errc::no_space_on_device);
+        }
+        text += line;
+        if (text.ends_with("2}\n")) {
+            hasAll.set_value();
+        }
+        return std::error_code{};
+    }));
+    queue.Push(AlarmDocument::Make("{\"n\":1}", 1));
+    queue.Push(AlarmDocument::Make("{\"n\":2}", 1));
+    ASSERT_EQ(hasAll.get_future().wait_for(farTooLong), std::future_status::ready);
+    EXPECT_EQ(text, "{\"n\":1}\n{\"n\":2}\n");
+    EXPECT_EQ(Grown("alarms.lost"), 0U);
+    EXPECT_EQ(Grown("alarms.deferred"), 2U) << "each is shown once";
 }
 
 TEST_F(SinkQueueTest, ABlockedSinkOrOneWithoutReaderDelaysNeitherAnotherSinkNorTheReporterNorTheStop)
