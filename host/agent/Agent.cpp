@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <set>
 #include <stdexcept>
@@ -13,7 +14,8 @@
 #include "host/agent/Watchdog.h"
 #include "host/ftrace/TraceStatus.h"
 #include "host/sdk/Counters.h"
-#include "host/sdk/LineChannel.h"
+#include "host/sdk/Impairments.h"
+#include "host/sdk/Realtime.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/StrUtils.h"
 
@@ -29,12 +31,19 @@ constexpr char featureName[] = "containerescape";
 constexpr char detectionTask[] = "container_escape_detect_task";
 
 constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
+constexpr char reportTask[] = "data_comm_report_task";
+constexpr char alarmType[] = "2";  // of a report
 constexpr char traceTask[] = "ftrace_task";
 constexpr char collectorTask[] = "container_collect_task";
-constexpr auto collectorBound = 1500ms;  // one time-out of an engine that hangs, and some more
+constexpr auto collectorBound = 700ms;  // an engine that hangs must not delay detection by more
 constexpr char fileNotifyTask[] = "filenotify_task";
 constexpr auto fileWatchBound = 5000ms;  // a tree without filesystem marks is walked, and may be large
+// All that an alarm passes through. The collector is not among them: it reads what others write, and may take long.
+constexpr std::array<const char*, 5> realtimeThreads{traceTask, fileNotifyTask, detectionTask, reportTask,
+                                                     "alarm_sink"};
+constexpr auto flushBound = 200ms;
 constexpr auto stopBound = 2s;
+constexpr auto longestStandstill = 2s;  // of a task; it passes ten times a second and more
 constexpr auto checkInterval = 1000ms;
 constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
 constexpr std::size_t maxWarnings = 20;
@@ -48,6 +57,16 @@ void Warn(const std::vector<std::string>& lines)
     if (shown < lines.size()) {
         Say(SDK::StrUtils::Format("warning: and %zu more like these", lines.size() - shown));
     }
+}
+
+std::string Joined(const std::vector<std::string>& lines)
+{
+    constexpr std::size_t maxBytes = 1024;
+    std::string text;
+    for (const std::string& line : lines) {
+        text += (text.empty() ? "" : "; ") + line;
+    }
+    return text.substr(0, maxBytes);
 }
 
 // The events that the kernel records for detection.
@@ -82,8 +101,9 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
 {
     const Options& options = plan.options;
     // The application object has just given all loggers a channel of its own, one that escapes nothing.
-    Poco::Logger::setChannel("", new SDK::LineChannel(STDERR_FILENO));
+    Poco::Logger::setChannel("", log);
     SDK::LoggerUtils::GetInstance()->SetLevel(options.logLevel);
+    SDK::Realtime::Configure(options.realtimePercent, {realtimeThreads.begin(), realtimeThreads.end()});
     auto& settings = engine.config();
     settings.setString(SDK::Config::dockerSocket, options.dockerSocket);
     if (!options.alarmsFile.empty()) {
@@ -140,6 +160,7 @@ bool HostAgent::Apply(const char* occasion)
     const PolicyCoverage coverage = Examine(plan.policy, RecordedEvents(engine), CallEventsDir());
     Warn(coverage.warnings);
     Announce(occasion, coverage);
+    serviceManager.Ready();
     return true;
 }
 
@@ -155,6 +176,7 @@ bool HostAgent::WaitForDetection()
         if (result != StartResult::Starting) {
             throw std::runtime_error("detection does not start, the log says why");
         }
+        serviceManager.Alive();
         if (Clock::now() >= deadline) {
             throw std::runtime_error("detection does not start in time");
         }
@@ -184,6 +206,7 @@ void HostAgent::Watch()
             return;
         }
         CheckTasks();
+        LookAfterItself();
         if (interval > 0ms && Clock::now() >= nextStatus) {
             nextStatus = Clock::now() + interval;
             ReportCounters("status: ");
@@ -206,9 +229,11 @@ bool HostAgent::Reload()
 
 ExitCode HostAgent::Stop(ExitCode code)
 {
+    serviceManager.Stopping();
     const Watchdog watchdog(stopBound, "the stop");
     try {
         engine.Stop();
+        log->Flush(flushBound);
         ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
     } catch (const std::exception& problem) {
         Say(std::string("stop failed: ") + problem.what());
@@ -225,6 +250,49 @@ void HostAgent::CheckTasks() const
         if (std::find(running.begin(), running.end(), task) == running.end()) {
             throw std::runtime_error("task " + task + " ended by itself");
         }
+    }
+}
+
+void HostAgent::LookAfterItself()
+{
+    if (const std::string found = Joined(limits.Restore()); !found.empty()) {
+        SDK::Impairments::Report("limits tampered with", found);
+    }
+    if (IsAtWork()) {
+        serviceManager.Alive();
+    }
+    ReportImpairments();
+}
+
+// A stopped thread is not the whole process: a tracer can stop a single one.
+bool HostAgent::IsAtWork() const
+{
+    bool isAtWork = true;
+    for (const char* task : {traceTask, detectionTask}) {
+        if (Clock::now() - engine.LastProgress(task) > longestStandstill) {
+            SDK::Impairments::Report("agent stopped", std::string("no progress in ") + task);
+            isAtWork = false;
+        }
+    }
+    return isAtWork;
+}
+
+void HostAgent::ReportImpairments()
+{
+    if (auto* trace = dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask)); trace != nullptr) {
+        if (const std::string found = Joined(trace->Repair()); !found.empty()) {
+            SDK::Impairments::Report("tracefs tampered with", found);
+        }
+    }
+    auto* names = dynamic_cast<::Engine::ContainerMetaInfo*>(engine.FindTask(collectorTask));
+    impairments.Look(Clock::now(), SDK::Counters::Snapshot(), names);
+}
+
+void HostAgent::SendAlarm(const std::string& document)
+{
+    std::shared_ptr<Framework::Message> alarm = std::make_shared<Framework::DataMessage>(alarmType, document);
+    if (Framework::Task* report = engine.FindTask(reportTask); report != nullptr) {
+        report->EnqueueMsg(alarm);
     }
 }
 

@@ -2,15 +2,22 @@
 // The agent's life: load the modules, apply the policy, watch, read the policy again when asked, stop.
 #pragma once
 
+#include <Poco/AutoPtr.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <string>
 #include <vector>
 
 #include "framework/Engine.h"
 #include "host/agent/Console.h"
+#include "host/agent/ImpairmentReport.h"
+#include "host/agent/Limits.h"
 #include "host/agent/Options.h"
 #include "host/agent/PolicyFile.h"
+#include "host/agent/ServiceManager.h"
 #include "host/agent/Signals.h"
+#include "host/sdk/LineChannel.h"
 
 namespace Agent {
 
@@ -44,12 +51,22 @@ private:
     ExitCode Stop(ExitCode code);
 
     void CheckTasks() const;
+    void LookAfterItself();
+    bool IsAtWork() const;
+    void ReportImpairments();
+    void SendAlarm(const std::string& document);
     void Announce(const char* occasion, const PolicyCoverage& coverage) const;
     void ReportCounters(const char* occasion) const;
 
     StartPlan plan;
     Signals signals;
+    Limits limits;
+    ServiceManager serviceManager;
+    Poco::AutoPtr<SDK::LineChannel> log{new SDK::LineChannel(STDERR_FILENO)};
     Framework::Engine engine;
+    ImpairmentReport impairments{[this](const std::string& document) {
+        SendAlarm(document);
+    }};
     std::vector<std::string> expectedTasks;  // that ran when the last policy had been applied
 };
 

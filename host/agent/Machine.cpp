@@ -3,13 +3,16 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/capability.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "host/agent/Console.h"
 #include "host/sdk/FileDescriptor.h"
@@ -28,10 +31,32 @@ constexpr std::array<const char*, 6> moduleNames{"report",     "ftrace",        
                                                  "filenotify", "process_collect", "containerescape"};
 constexpr char namespaceCheckModule[] = "namespace_check";
 
+// Unlike access(2), which takes the capabilities of a user other than root for none.
+bool IsAllowed(const std::string& path, int mode)
+{
+    return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
+}
+
+// Those that nothing works without, with a space before each.
+std::string MissingCapabilities()
+{
+    constexpr std::array<std::pair<int, const char*>, 3> needed{{{CAP_SYS_ADMIN, " CAP_SYS_ADMIN"},
+                                                                 {CAP_SYS_PTRACE, " CAP_SYS_PTRACE"},
+                                                                 {CAP_DAC_READ_SEARCH, " CAP_DAC_READ_SEARCH"}}};
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
+    ::syscall(SYS_capget, &header, sets.data());
+    std::string missing;
+    for (const auto& [number, name] : needed) {  // all below 32
+        missing += (sets[0].effective & (1U << static_cast<unsigned int>(number))) != 0 ? "" : name;
+    }
+    return missing;
+}
+
 std::string Tracefs()
 {
     for (const char* place : tracefsPlaces) {
-        if (::access((std::string(place) + "/instances").c_str(), W_OK) == 0) {
+        if (IsAllowed(std::string(place) + "/instances", W_OK)) {
             return place;
         }
     }
@@ -50,8 +75,8 @@ std::string DefaultModulesDir()
 
 std::string WhyNotHere()
 {
-    if (::geteuid() != 0) {
-        return "must run as root: start it with sudo or as a system service";
+    if (const std::string missing = MissingCapabilities(); !missing.empty()) {
+        return "lacks" + missing + ": start it as root or as a system service";
     }
     if (Tracefs().empty()) {
         return "finds no tracefs: mount it with \"mount -t tracefs nodev /sys/kernel/tracing\", outside of a container";
@@ -65,7 +90,7 @@ std::string WhyNotHere()
 std::string CallEventsDir()
 {
     const std::string dir = Tracefs() + "/events/syscalls";
-    return ::access(dir.c_str(), R_OK) == 0 ? dir : std::string{};
+    return IsAllowed(dir, R_OK) ? dir : std::string{};
 }
 
 std::vector<std::string> ModulePaths(const Options& options)
@@ -78,7 +103,7 @@ std::vector<std::string> ModulePaths(const Options& options)
     std::vector<std::string> paths;
     for (const std::string& name : names) {
         paths.push_back(SDK::StrUtils::Format("%s/lib%s_module.so", dir.c_str(), name.c_str()));
-        if (::access(paths.back().c_str(), R_OK) != 0) {
+        if (!IsAllowed(paths.back(), R_OK)) {
             throw BadInput("module " + paths.back() + ": " + std::strerror(errno));
         }
     }

@@ -13,6 +13,7 @@ namespace {
 
 constexpr unsigned int leastBufferKb = 4;           // a page
 constexpr unsigned int maxBufferKb = 1U << 20U;     // a GiB for each CPU
+constexpr unsigned int maxRealtimePercent = 95;     // what the kernel leaves to real-time threads, sched(7)
 constexpr unsigned int maxIntervalSeconds = 86400;  // a day
 
 const char closingText[] =
@@ -50,6 +51,11 @@ void AddRunCommand(CLI::App& program, Options& options)
     addText("--syscalls", options.syscallSource, "SOURCE",
             "Where system calls come from: bpf, tracefs, or auto (the default): bpf where it can be had")
         ->check(CLI::IsMember({"auto", "bpf", "tracefs"}));
+    run->add_option("--realtime", options.realtimePercent,
+                    "CPU time in each second, in percent of one CPU, that detection may take at real-time priority "
+                    "(70; 0: none)")
+        ->option_text("PERCENT")
+        ->check(CLI::Range(0U, maxRealtimePercent));
     addText("--stats", options.statsFile, "FILE",
             "Write all counters to FILE as JSON, at every status line and at the stop");
     run->add_option_function<unsigned int>(

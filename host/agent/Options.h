@@ -20,6 +20,7 @@ struct Options {
     bool namespaceCheck = false;
     unsigned int bufferKb = 0;  // KiB for each CPU; 0: the trace module's own choice
     std::string syscallSource = "auto";
+    unsigned int realtimePercent = 70;       // of one CPU; 0: normal priority
     std::string statsFile;                   // empty: none
     std::chrono::seconds statusInterval{0};  // 0: no status lines
 };

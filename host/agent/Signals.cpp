@@ -22,6 +22,7 @@ Signals::Signals()
     ::pthread_sigmask(SIG_BLOCK, &taken, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN);
+    ::signal(SIGXCPU, SIG_IGN);
     descriptor.Reset(::signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!descriptor) {
         throw std::system_error(errno, std::generic_category(), "signalfd");

@@ -17,8 +17,8 @@ public:
     };
 
     // Blocks the three signals in this thread and in all that it starts afterwards, so make it before any other thread.
-    // Ignores SIGPIPE and SIGXFSZ: a reader that goes away and a file that may not grow are errors of the write. Throws
-    // std::system_error.
+    // Ignores SIGPIPE and SIGXFSZ: a reader that goes away and a file that may not grow are errors of the write.
+    // Ignores SIGXCPU: Limits puts a lowered limit back. Throws std::system_error.
     Signals();
 
     // Waits for the first of these. A stop goes before a reload, and once seen is told at every call.

@@ -7,12 +7,14 @@
 
 #include "host/container/ContainerLog.h"
 #include "host/sdk/CgroupPath.h"
+#include "host/sdk/Impairments.h"
 #include "sdk/NamespaceUtils.h"
 
 namespace Engine {
 
 namespace {
 
+constexpr std::chrono::seconds loudestPeriod{1};
 constexpr int maxAncestors = 16;
 constexpr std::size_t maxCommandName = 15;  // TASK_COMM_LEN without its zero byte (include/linux/sched.h)
 
@@ -76,6 +78,7 @@ TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource
         return notAdmitted;
     }
     Announce(tid, *entry, sequencer);
+    loudest.Count(entry->container);
     return OriginOf(*entry->container);
 }
 
@@ -99,6 +102,10 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
     }
     AnnounceLiving(registry.PromoteOverdue(now), sequencer);
     registry.Purge(now);
+    if (now >= nextLoudest) {
+        nextLoudest = now + loudestPeriod;
+        SDK::Impairments::SetLoudest(SDK::Impairments::Source::Trace, loudest.Take());
+    }
 }
 
 void RegistryObserver::OnLoss(TraceSequencer& sequencer)
@@ -119,6 +126,7 @@ void RegistryObserver::OnFork(const FtraceMessage& event, const RecordSource& so
         ExcludeHost(source.process, event.When(), sequencer.Filter());
         return;
     }
+    loudest.Count(registry.Find(parent)->container);
     // The event itself would make receivers know the parent, but neither its program nor its own parent.
     MakeRoom(2, sequencer);
     Announce(parent, *registry.Find(parent), sequencer);

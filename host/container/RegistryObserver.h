@@ -11,6 +11,7 @@
 
 #include "host/container/Announcements.h"
 #include "host/container/ContainerRegistry.h"
+#include "host/container/LoudestContainer.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
 #include "host/ftrace/TraceObserver.h"
@@ -70,6 +71,8 @@ private:
     NoticeReceivers& receivers;
     MetadataCache& cache;
     Announcements announcements;
+    LoudestContainer loudest;
+    Nanoseconds nextLoudest{0};  // when it is told
     bool mustResync = true;
     Nanoseconds lastEvent = ContainerTable::longAgo;
     Nanoseconds lastResync{0};

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/filenotify/NotifyLog.h"
+#include "host/sdk/Realtime.h"
 
 namespace Engine {
 
@@ -74,6 +75,7 @@ bool FileNotifyTask::ReadEvents()
             break;
         }
         total += size;
+        SDK::Realtime::Watch();
         notifier.Handle({buffer.data(), size}, Clock::now());
     }
     marks.CloseMounts();

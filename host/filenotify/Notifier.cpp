@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "host/filenotify/NotifyLog.h"
+#include "host/sdk/Impairments.h"
+#include "host/sdk/SystemView.h"
 
 namespace Engine {
 
@@ -52,6 +54,7 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
         notContainer.fetch_add(1, std::memory_order_relaxed);
         return;
     }
+    lastInside = event.pid;
     FindWatches(event, now);
 }
 
@@ -90,6 +93,9 @@ bool Notifier::Take(const FanotifyEvent& event, const std::string& path, TimePoi
 
 void Notifier::Lost(TimePoint now, const std::string& why)
 {
+    std::string container;
+    SDK::SystemView::Current().ContainerOf(lastInside, container);
+    SDK::Impairments::SetLoudest(SDK::Impairments::Source::Files, container);
     overflow.fetch_add(1, std::memory_order_relaxed);
     if (const auto times = losses.Occurred(now); times != 0) {
         NotifyLog::Warning("file notifications were lost, %?u times, how many is unknown: %s", times, why);

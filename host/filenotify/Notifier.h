@@ -58,6 +58,7 @@ private:
 
     int lastPid = -1;  // the process that lastIsOfHost is about; -1: none. Good for one buffer only
     bool lastIsOfHost = false;
+    int lastInside = -1;  // the last process that was not of the host; most likely one of those that make the most
 
     SDK::RepeatedReport losses;
     SDK::RepeatedReport unresolvedReport;

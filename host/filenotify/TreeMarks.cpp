@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "host/sdk/Realtime.h"
+
 namespace Engine {
 
 namespace {
@@ -63,6 +65,7 @@ std::error_code TreeMarks::Walk(const Tree& tree)
     std::error_code error;
     fs::recursive_directory_iterator entry{tree.top, fs::directory_options::skip_permission_denied, error};
     for (; !error && entry != fs::recursive_directory_iterator{}; entry.increment(error)) {
+        SDK::Realtime::Watch();
         std::error_code ignored;  // an entry that has gone meanwhile is none
         if (!fs::is_directory(entry->symlink_status(ignored))) {
             continue;

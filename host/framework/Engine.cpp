@@ -8,6 +8,7 @@
 #include "LogSite.h"
 #include "host/framework/EngineImpl.h"
 #include "host/framework/ExceptionText.h"
+#include "host/framework/TaskImpl.h"
 
 namespace Framework {
 
@@ -140,6 +141,13 @@ Engine::StartResult Engine::WaitStarted(const std::string& taskName, std::chrono
         default:
             return StartResult::NotRunning;
     }
+}
+
+std::chrono::steady_clock::time_point Engine::LastProgress(const std::string& taskName) const
+{
+    const auto now = std::chrono::steady_clock::now();
+    const auto entry = impl->registry.FindEntry(taskName);
+    return entry == nullptr ? now : entry->task->impl->lastProgress.load();
 }
 
 std::vector<std::string> Engine::RunningTasks() const

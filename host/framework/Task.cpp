@@ -9,6 +9,7 @@
 #include "host/framework/ExceptionText.h"
 #include "host/framework/TaskImpl.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/Realtime.h"
 
 namespace Framework {
 
@@ -124,6 +125,7 @@ int Task::BulkConsumeMsg(int max)
 
 int Task::Impl::HandleOne(Task& task, Queued& message)
 {
+    NoteProgress();
     const Message& queued = *message;
     if (typeid(queued) != typeid(SyncMessage)) {
         return Deliver(task, message);
@@ -153,6 +155,12 @@ int Task::Impl::Deliver(Task& task, Queued& message)
         }
         return -1;
     }
+}
+
+void Task::Impl::NoteProgress()
+{
+    SDK::Realtime::Watch();
+    lastProgress.store(std::chrono::steady_clock::now(), std::memory_order_relaxed);
 }
 
 void Task::Impl::CountLost(unsigned long events)

@@ -44,6 +44,7 @@ struct Task::Impl {
     void RunOnce(Task& task);
     int HandleOne(Task& task, Queued& message);
     int Deliver(Task& task, Queued& message);
+    void NoteProgress();  // in each pass and with each message
 
     // Any thread.
     void CountLost(unsigned long events);
@@ -62,6 +63,7 @@ struct Task::Impl {
     std::atomic<bool> accepting{true};
     std::atomic<bool> cancelled{false};
     std::atomic<unsigned long> lostEvents{0};
+    std::atomic<std::chrono::steady_clock::time_point> lastProgress{};
     const std::shared_ptr<RunState> state = std::make_shared<RunState>();
 
     // Whether a cancel cuts short what the task does: from the start of Init to the start of UnInit, which may still

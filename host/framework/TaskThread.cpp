@@ -11,6 +11,7 @@
 #include "host/framework/ExceptionText.h"
 #include "host/framework/PeriodicSchedule.h"
 #include "host/framework/TaskImpl.h"
+#include "host/sdk/Realtime.h"
 
 namespace Framework {
 
@@ -80,6 +81,7 @@ bool Task::Impl::Start(Task& task)
     task.reset();
     task.setState(TASK_RUNNING);
     state->Set(Phase::Starting);
+    lastProgress = std::chrono::steady_clock::now();
     try {
         const SignalsBlocked blocked;
         thread = std::thread([&task] { task.runTask(); });
@@ -114,6 +116,7 @@ void Task::cancel()
 void Task::runTask()
 {
     NameThread(name());
+    SDK::Realtime::Enter(name());
     impl->loopThread = std::this_thread::get_id();
     impl->state->Set(Phase::Starting);
     impl->interruptible = true;
@@ -173,6 +176,7 @@ void Task::Impl::Drain(Task& task)
 
 void Task::Impl::RunOnce(Task& task)
 {
+    NoteProgress();
     std::string failure;
     try {
         const int result = task.Run();

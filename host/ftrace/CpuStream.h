@@ -31,6 +31,10 @@ public:
     std::uint64_t Horizon() const override;
     void Advance() override;
 
+    // Records so far, and whether there are none that were read and not passed.
+    std::uint64_t Records() const { return records; }
+    bool IsEmpty() const { return waiting.empty() && head.data == nullptr; }
+
     // Pages that were damaged or that said that an unknown number of records is missing. Reset by the call.
     std::uint64_t TakeLostPages() override;
 
@@ -56,6 +60,7 @@ private:
     const std::byte* end = nullptr;  // of the front page's records
     bool loaded = false;
     bool drained = false;
+    std::uint64_t records = 0;
     std::uint64_t lostPages = 0;
 };
 

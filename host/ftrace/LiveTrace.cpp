@@ -35,7 +35,9 @@ LiveTrace::LiveTrace(const std::string& name, std::size_t bufferKb, std::unique_
         }
         pipes.push_back(pipe.get());
         descriptors.push_back(pipe->Descriptor());
-        streams.push_back(std::make_unique<CpuStream>(std::move(pipe), pageBytes, maxPages));
+        auto stream = std::make_unique<CpuStream>(std::move(pipe), pageBytes, maxPages);
+        readers.push_back({stream.get()});
+        streams.push_back(std::move(stream));
     }
     if (probe != nullptr) {
         for (auto& ring : probe->TakeStreams()) {
@@ -95,10 +97,18 @@ void LiveTrace::StopAll()
 KernelLoss LiveTrace::TakeLoss()
 {
     KernelLoss sum;
-    for (RawPipe* pipe : pipes) {
-        const KernelLoss loss = pipe->TakeLoss();
+    for (std::size_t i = 0; i < pipes.size(); ++i) {
+        const KernelLoss loss = pipes[i]->TakeLoss();
+        auto& [stream, events] = readers[i];
+        events += loss.read;
+        if (stream->IsEmpty()) {  // what another program reads is gone from the buffer
+            const std::uint64_t own = stream->Records();
+            sum.readByOthers += events > own && !loss.wasCleared ? events - own : 0;
+            events = own;
+        }
         sum.overrun += loss.overrun;
         sum.dropped += loss.dropped;
+        sum.wasCleared |= loss.wasCleared;
     }
     return sum;
 }

@@ -17,6 +17,8 @@
 
 namespace Engine {
 
+class CpuStream;
+
 // Thread: one at a time.
 class LiveTrace {
 public:
@@ -49,16 +51,25 @@ public:
     // Stops the recording of all events; what is in the buffers stays.
     void StopAll();
 
+    // As TracefsInstance's. Any thread.
+    std::vector<std::string> Repair() { return instance.Repair(); }
+
     // What the kernel lost since the last call, of all CPUs: events of the trace, and system calls from the probe.
     KernelLoss TakeLoss();
     SyscallLoss TakeSyscallLoss();
 
 private:
+    struct Readers {
+        const CpuStream* stream;   // the merger's
+        std::uint64_t events = 0;  // that the kernel has handed out, to any program
+    };
+
     std::optional<std::string> Format(const std::string& system, const std::string& event);
 
     TracefsInstance instance;  // first: what is open in it must be closed before it goes
     std::unique_ptr<SyscallProbe> probe;
     std::vector<RawPipe*> pipes;
+    std::vector<Readers> readers;
     std::vector<int> descriptors;
     std::unique_ptr<TraceMerger> merger;
     std::shared_ptr<EventCatalog> catalog;

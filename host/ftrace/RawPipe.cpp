@@ -29,7 +29,8 @@ std::uint64_t NumberAfter(std::string_view text, const std::string& key)
 KernelLoss KernelLoss::Parse(std::string_view stats)
 {
     return {NumberAfter(stats, "overrun: "),
-            NumberAfter(stats, "dropped events: ") + NumberAfter(stats, "commit overrun: ")};
+            NumberAfter(stats, "dropped events: ") + NumberAfter(stats, "commit overrun: "),
+            NumberAfter(stats, "read events: "), 0, false};
 }
 
 RawPipe::RawPipe(const TracefsInstance& instance, int cpu)
@@ -61,9 +62,10 @@ KernelLoss RawPipe::TakeLoss()
         return {};
     }
     const KernelLoss now = KernelLoss::Parse({text.data(), static_cast<std::size_t>(count)});
-    const KernelLoss fresh{now.overrun - seen.overrun, now.dropped - seen.dropped};
+    const bool wasCleared = now.read < seen.read || now.overrun < seen.overrun || now.dropped < seen.dropped;
+    const KernelLoss before = wasCleared ? KernelLoss{} : seen;
     seen = now;
-    return fresh;
+    return {now.overrun - before.overrun, now.dropped - before.dropped, now.read - before.read, 0, wasCleared};
 }
 
 }  // namespace Engine

@@ -16,6 +16,10 @@ class TracefsInstance;
 struct KernelLoss {
     std::uint64_t overrun = 0;  // written and overwritten before they were read
     std::uint64_t dropped = 0;  // never written: "dropped events" and "commit overrun" together
+    std::uint64_t read = 0;     // "read events", by whatever program; no loss
+    // Not in the file:
+    std::uint64_t readByOthers = 0;
+    bool wasCleared = false;  // another program began the counts, and so the buffer, anew
 
     // The counts in the text of a stats file; lines that are missing count as 0.
     static KernelLoss Parse(std::string_view stats);

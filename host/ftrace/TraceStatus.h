@@ -4,6 +4,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
@@ -13,6 +14,9 @@ public:
     // The events that have a subscriber or the observer now, "system:event", by the names under which they were asked
     // for.
     virtual std::set<std::string> RecordedEvents() = 0;
+
+    // Puts back what another program has changed in the trace's settings; a line for each. Waits for the kernel.
+    virtual std::vector<std::string> Repair() = 0;
 
 protected:
     ~TraceStatus() = default;

@@ -12,6 +12,7 @@
 
 #include "framework/Engine.h"
 #include "host/ftrace/Log.h"
+#include "host/sdk/Impairments.h"
 
 namespace Engine {
 namespace {
@@ -29,12 +30,20 @@ constexpr int idleWaitMs = 90;
 // same number of system calls; the first event after a pause is read at once.
 constexpr milliseconds roundDistance{1};
 
+// Longer without a round: the agent was stopped, or starved.
+constexpr milliseconds longestGap{2000};
+
 // How often the kernel's statistics are read.
 constexpr milliseconds lookDistance{1000};
 
 std::uint64_t Nanoseconds(std::chrono::steady_clock::time_point when)
 {
     return static_cast<std::uint64_t>(std::chrono::nanoseconds{when.time_since_epoch()}.count());
+}
+
+std::string Milliseconds(std::chrono::steady_clock::duration time)
+{
+    return std::to_string(std::chrono::duration_cast<milliseconds>(time).count()) + " ms";
 }
 
 Framework::Task* FindTask(const std::string& name)
@@ -70,6 +79,7 @@ int TraceTask::Init()
 {
     {
         const std::lock_guard lock{mutex};
+        lastRound = {};
         trace->ExcludeThread(::gettid());
         for (const KnownEvent* event : table.Events()) {
             trace->Record(*event);
@@ -114,7 +124,10 @@ Sending TraceTask::Send(const std::string& task, std::unique_ptr<Framework::Mess
 
 void TraceTask::Round()
 {
-    lastRound = Clock::now();
+    const Clock::time_point before = std::exchange(lastRound, Clock::now());
+    if (before != Clock::time_point{} && lastRound - before > longestGap) {
+        SDK::Impairments::Report("agent stopped", "no event was read for " + Milliseconds(lastRound - before));
+    }
     const std::uint64_t observed = trace->Merger().Round(Nanoseconds(lastRound), delivery);
     delivery.EndRound(std::chrono::nanoseconds{observed});
     ForgetTheDead();
@@ -154,6 +167,11 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
 {
     const KernelLoss loss = trace->TakeLoss();
     const SyscallLoss calls = trace->TakeSyscallLoss();
+    if (loss.wasCleared || loss.readByOthers != 0) {
+        wasTampered = true;
+        SDK::Impairments::Report("tracefs tampered with", loss.wasCleared ? "the trace buffer was cleared"
+                                                                          : "another program reads from the trace");
+    }
     counts.lostOverrun += loss.overrun;
     counts.lostDropped += loss.dropped + calls.dropped;
     counts.lostLives += calls.droppedLife;
@@ -161,7 +179,7 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
     counts.shedKernel += calls.shed;
     counts.late += trace->Merger().TakeLate();
     counts.lostPages += trace->Merger().TakeLostPages();
-    if (loss.dropped + calls.droppedLife != 0) {
+    if (wasTampered.exchange(false) || loss.dropped + calls.droppedLife != 0) {
         delivery.ReportLoss();
     }
     counts.Publish();
@@ -275,6 +293,15 @@ std::set<std::string> TraceTask::RecordedEvents()
         names.insert(event->kind.Name());
     }
     return names;
+}
+
+std::vector<std::string> TraceTask::Repair()
+{
+    std::vector<std::string> found = trace->Repair();
+    if (!found.empty()) {
+        wasTampered = true;
+    }
+    return found;
 }
 
 void TraceTask::RequestRound()

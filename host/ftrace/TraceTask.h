@@ -2,6 +2,7 @@
 // The task "ftrace_task": reads the kernel's trace and delivers its events.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -46,6 +47,7 @@ public:
     const SyscallFilter* Filter() override { return trace->Filter(); }
 
     std::set<std::string> RecordedEvents() override;
+    std::vector<std::string> Repair() override;
 
 private:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events
@@ -62,6 +64,7 @@ private:
     void LookAfterLosses(Clock::time_point now);
 
     std::unique_ptr<LiveTrace> trace;
+    std::atomic<bool> wasTampered{false};  // events may be missing
     std::mutex mutex;
     TraceCounts counts;
     TraceOutlet outlet;

@@ -68,12 +68,6 @@ char* CeTracefsRead(struct tracefs_instance* instance, const char* file)
     return tracefs_instance_file_read(instance, file, NULL);
 }
 
-int CeTracefsWriteEvent(struct tracefs_instance* instance, const char* system, const char* event, const char* file,
-                        const char* text)
-{
-    return tracefs_event_file_write(instance, system, event, file, text);
-}
-
 char* CeTracefsReadEvent(struct tracefs_instance* instance, const char* system, const char* event, const char* file)
 {
     return tracefs_event_file_read(instance, system, event, file, NULL);

@@ -32,8 +32,6 @@ void CeTracefsRelease(struct tracefs_instance* instance);
 int CeTracefsOpen(struct tracefs_instance* instance, const char* file, int flags);
 int CeTracefsWrite(struct tracefs_instance* instance, const char* file, const char* text);
 char* CeTracefsRead(struct tracefs_instance* instance, const char* file);
-int CeTracefsWriteEvent(struct tracefs_instance* instance, const char* system, const char* event, const char* file,
-                        const char* text);
 char* CeTracefsReadEvent(struct tracefs_instance* instance, const char* system, const char* event, const char* file);
 
 #ifdef __cplusplus

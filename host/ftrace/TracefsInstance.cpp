@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string_view>
 #include <system_error>
 
@@ -18,6 +20,15 @@
 
 namespace Engine {
 namespace {
+
+constexpr std::string_view eventsFolder = "events/";
+constexpr std::size_t maxShown = 64;    // characters of a changed setting
+constexpr std::size_t maxStopped = 64;  // events in one go: each takes a moment
+
+std::string FolderOf(const std::string& system, const std::string& event)
+{
+    return std::string{eventsFolder} + system + '/' + event + '/';
+}
 
 [[noreturn]] void Fail(const std::string& what, int error)
 {
@@ -129,6 +140,15 @@ void TracefsInstance::Configure(std::size_t bufferKb)
     if (!freeBuffer) {
         Fail("cannot open free_buffer of the trace instance " + name, errno);
     }
+    settings["trace_clock"].written = "mono";
+    for (const char* file :
+         {"trace_clock", "buffer_size_kb", "options/overwrite", "buffer_percent", "options/disable_on_free",
+          "tracing_on", "tracing_cpumask", "current_tracer", "set_event_pid", "set_event_notrace_pid"}) {
+        if (const auto shown = Read(file)) {  // an older kernel may lack it
+            Setting& setting = settings[file];
+            setting = {setting.written.empty() ? *shown : setting.written, *shown};
+        }
+    }
 }
 
 void TracefsInstance::Write(const char* file, const std::string& text) const
@@ -161,19 +181,115 @@ SDK::FileDescriptor TracefsInstance::OpenCpuFile(int cpu, const char* file, int 
     return SDK::FileDescriptor{CeTracefsOpen(handle, path.c_str(), flags)};
 }
 
-bool TracefsInstance::SetEvent(const std::string& system, const std::string& event, bool recorded) const
+bool TracefsInstance::SetEvent(const std::string& system, const std::string& event, bool recorded)
 {
-    return CeTracefsWriteEvent(handle, system.c_str(), event.c_str(), "enable", recorded ? "1" : "0") >= 0;
+    const std::lock_guard lock(mutex);
+    const std::string folder = FolderOf(system, event);
+    const std::string enable = folder + "enable";
+    if (CeTracefsWrite(handle, enable.c_str(), recorded ? "1" : "0") < 0) {
+        return false;
+    }
+    if (recorded) {
+        events.insert(system + ':' + event);
+        settings[enable] = {"1", "1"};
+        settings.try_emplace(folder + "filter", Setting{"0", "none"});
+    } else {
+        events.erase(system + ':' + event);
+        settings.erase(enable);
+        settings.erase(folder + "filter");
+    }
+    return true;
 }
 
-bool TracefsInstance::SetFilter(const std::string& system, const std::string& event, const std::string& filter) const
+bool TracefsInstance::SetFilter(const std::string& system, const std::string& event, const std::string& filter)
 {
-    return CeTracefsWriteEvent(handle, system.c_str(), event.c_str(), "filter", filter.c_str()) >= 0;
+    const std::lock_guard lock(mutex);
+    const std::string file = FolderOf(system, event) + "filter";
+    if (CeTracefsWrite(handle, file.c_str(), filter.c_str()) < 0) {
+        return false;
+    }
+    settings[file] = {filter, Read(file).value_or(filter)};
+    return true;
 }
 
-void TracefsInstance::StopEvents() const
+void TracefsInstance::StopEvents()
 {
+    const std::lock_guard lock(mutex);
     CeTracefsWrite(handle, "events/enable", "0");
+    std::erase_if(settings, [](const auto& setting) { return setting.first.starts_with(eventsFolder); });
+    events.clear();
+}
+
+std::vector<std::string> TracefsInstance::Repair()
+{
+    const std::lock_guard lock(mutex);
+    std::vector<std::string> found;
+    for (const auto& [file, setting] : settings) {
+        RepairSetting(file, setting, found);
+    }
+    StopUnasked(found);
+    return found;
+}
+
+void TracefsInstance::RepairSetting(const std::string& file, const Setting& setting,
+                                    std::vector<std::string>& found) const
+{
+    const std::optional<std::string> shown = Read(file);
+    if (shown == setting.shown) {
+        return;
+    }
+    if (shown && shown->ends_with('*')) {  // "0*", "1*": a trigger can switch it on and off
+        RemoveTriggers(file.substr(0, file.rfind('/')));
+    }
+    const bool isBack =
+        CeTracefsWrite(handle, file.c_str(), setting.written.c_str()) >= 0 && Read(file) == setting.shown;
+    found.push_back(file + (shown ? " was \"" + shown->substr(0, maxShown) + "\"" : " could not be read") +
+                    (isBack ? ", put back" : ", cannot be put back"));
+}
+
+void TracefsInstance::RemoveTriggers(const std::string& event) const
+{
+    const std::string file = event + "/trigger";
+    std::istringstream triggers(Read(file).value_or(""));
+    for (std::string line; std::getline(triggers, line);) {
+        // "traceoff:unlimited": the number is not part of what is removed.
+        if (!line.starts_with('#') && CeTracefsWrite(handle, file.c_str(), ('!' + line).c_str()) < 0) {
+            CeTracefsWrite(handle, file.c_str(), ('!' + line.substr(0, line.rfind(':'))).c_str());
+        }
+    }
+}
+
+// Events that are on unasked fill the buffer.
+void TracefsInstance::StopUnasked(std::vector<std::string>& found) const
+{
+    std::istringstream lines(Read("set_event").value_or(""));
+    std::size_t count = 0;
+    std::string last;
+    for (std::string event; count < maxStopped && std::getline(lines, event);) {
+        const std::size_t colon = event.find(':');
+        if (colon != std::string::npos && !events.contains(event)) {
+            CeTracefsWrite(handle, (FolderOf(event.substr(0, colon), event.substr(colon + 1)) + "enable").c_str(), "0");
+            last = event;
+            ++count;
+        }
+    }
+    if (count != 0) {
+        found.push_back(std::to_string(count) + " events were on unasked (" + last + "), put back");
+    }
+}
+
+// Without the newline at the end. The library's own reading takes an empty file for an error.
+std::optional<std::string> TracefsInstance::Read(const std::string& file) const
+{
+    const SDK::FileDescriptor opened{CeTracefsOpen(handle, file.c_str(), O_RDONLY)};
+    std::string shown;
+    std::array<char, 4096> part{};
+    ssize_t count = opened ? 0 : -1;
+    while (opened && (count = ::read(opened.Get(), part.data(), part.size())) > 0) {
+        shown.append(part.data(), static_cast<std::size_t>(count));
+    }
+    shown.erase(shown.find_last_not_of('\n') + 1);
+    return count < 0 ? std::nullopt : std::optional{shown};
 }
 
 std::optional<std::string> TracefsInstance::Format(const std::string& system, const std::string& event) const

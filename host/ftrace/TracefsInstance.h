@@ -3,7 +3,10 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,7 +17,7 @@ struct tracefs_instance;
 namespace Engine {
 
 // Owner: the trace task. Whatever was opened in the instance must be closed before the destructor, or the instance
-// stays until the next start. Thread: one at a time. Only the constructor throws.
+// stays until the next start. Thread: one at a time, Repair any. Only the constructor throws.
 class TracefsInstance {
 public:
     static constexpr const char* namePrefix = "containerescape-agent-";
@@ -46,13 +49,17 @@ public:
     SDK::FileDescriptor OpenCpuFile(int cpu, const char* file, int flags) const;
 
     // Starts or stops the recording of one event in this instance. False with errno.
-    bool SetEvent(const std::string& system, const std::string& event, bool recorded) const;
+    bool SetEvent(const std::string& system, const std::string& event, bool recorded);
 
     // The event's filter in the kernel's own language, "0" for none. False with errno.
-    bool SetFilter(const std::string& system, const std::string& event, const std::string& filter) const;
+    bool SetFilter(const std::string& system, const std::string& event, const std::string& filter);
 
     // Stops the recording of all events. Records made before stay readable.
-    void StopEvents() const;
+    void StopEvents();
+
+    // Compares the instance with what was set here, puts back what another program has changed, and returns a line for
+    // each such thing: settings, buffers, events that are off, filtered, or on unasked. A few reads for each event.
+    std::vector<std::string> Repair();
 
     // The text of an event's format file; empty when there is no such event.
     std::optional<std::string> Format(const std::string& system, const std::string& event) const;
@@ -63,11 +70,23 @@ public:
     const std::string& Name() const { return name; }
 
 private:
+    struct Setting {
+        std::string written;
+        std::string shown;  // when it is read back
+    };
+
     void Write(const char* file, const std::string& text) const;
+    std::optional<std::string> Read(const std::string& file) const;
     void Configure(std::size_t bufferKb);
+    void RepairSetting(const std::string& file, const Setting& setting, std::vector<std::string>& found) const;
+    void RemoveTriggers(const std::string& event) const;
+    void StopUnasked(std::vector<std::string>& found) const;
 
     std::string name;
     tracefs_instance* handle = nullptr;
+    std::mutex mutex;                         // of the settings, and of what is changed in the kernel by them
+    std::map<std::string, Setting> settings;  // by file below the instance
+    std::set<std::string> events;             // that are on, "system:event"
     SDK::FileDescriptor freeBuffer;
 };
 

@@ -178,11 +178,11 @@ def made(text):
 class Agent(contextlib.AbstractContextManager):
     """The agent under test."""
 
-    def __init__(self, policy, *options, socket=None):
+    def __init__(self, policy, *options, socket=None, prefix=()):
         self.folder = tempfile.TemporaryDirectory()
         self.policy = pathlib.Path(self.folder.name) / "policy.json"
         self.policy.write_text(policy if isinstance(policy, str) else json.dumps(policy))
-        command = [str(AGENT), "run", "--policy", str(self.policy), *options]
+        command = [*prefix, str(AGENT), "run", "--policy", str(self.policy), *options]
         command += ["--docker-socket", str(socket or pathlib.Path(self.folder.name) / "no-engine.sock")]
         self.started = time.monotonic_ns()
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,

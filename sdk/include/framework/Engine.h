@@ -50,6 +50,9 @@ public:
     // Names of the tasks whose threads run, in start order.
     std::vector<std::string> RunningTasks() const;
 
+    // Since when the task's thread has been at what it does: waiting, a message, a pass. Now, if there is no such task.
+    std::chrono::steady_clock::time_point LastProgress(const std::string& taskName) const;
+
 private:
     friend class Module;
     friend class Task;

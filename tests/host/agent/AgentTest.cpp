@@ -8,10 +8,13 @@
 
 #include "host/agent/Agent.h"
 #include "host/agent/Console.h"
+#include "host/agent/ImpairmentReport.h"
 #include "host/agent/Options.h"
 #include "host/agent/PolicyFile.h"
 #include "host/agent/Signals.h"
 #include "host/agent/Watchdog.h"
+#include "host/sdk/Impairments.h"
+#include "host/sdk/Realtime.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -32,6 +35,7 @@ TEST(OptionsTest, ABadCommandLineIsRefused)
         {{"run"}, "--policy is required"},
         {{"run", "--policy", policy, "--log-level", "loud"}, "--log-level: loud"},
         {{"run", "--policy", policy, "--buffer-kb=2"}, "not in range 4"},
+        {{"run", "--policy", policy, "--realtime=96"}, "not in range 0"},
         {{"run", "--policy", nowhere}, "y: No such file"},
         {{"run", "--policy", policy, "--modules", nowhere}, "module " + nowhere + "/libreport_module.so"},
         {{"run", "--policy", policy, "--modules", CE_MODULES, "--alarms", nowhere}, "alarms file"},
@@ -81,6 +85,38 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
                     HasSubstr("*/*q\""), HasSubstr("No such file"), HasSubstr("\"\"")));
+}
+
+TEST(ImpairmentReportTest, EachCauseIsToldOnceAMinuteForEachContainerWithWhatCameMeanwhile)
+{
+    std::vector<std::string> sent;
+    ImpairmentReport report([&sent](const std::string& document) { sent.push_back(document); });
+    const auto look = [&](std::chrono::seconds at, std::uint64_t dropped, const char* container) {
+        SDK::Impairments::SetLoudest(SDK::Impairments::Source::Trace, container);
+        sent.clear();
+        report.Look(ImpairmentReport::Clock::time_point{at}, {{"trace.lost_dropped", dropped}}, nullptr);
+        return sent;
+    };
+    EXPECT_THAT(look(1s, 0, "a"), testing::IsEmpty());
+    EXPECT_THAT(look(2s, 5, "a"),
+                testing::ElementsAre(
+                    testing::AllOf(HasSubstr(R"("event_name":"Detection impaired")"), HasSubstr(R"("count":5)"),
+                                   HasSubstr(R"("cause":"event ring overflow")"), HasSubstr(R"("container_id":"a")"))));
+    EXPECT_THAT(look(3s, 7, "a"), testing::IsEmpty());
+    EXPECT_THAT(look(4s, 8, "b"), testing::ElementsAre(HasSubstr(R"("container_id":"b")")));
+    SDK::Impairments::Report("agent stopped", "x");
+    EXPECT_THAT(look(61s, 8, "b"), testing::ElementsAre(HasSubstr(R"("cause":"agent stopped")")));
+    EXPECT_THAT(look(62s, 8, "b"), testing::ElementsAre(HasSubstr(R"("count":2)")));
+}
+
+TEST(RealtimeBudgetTest, IsSharedByAllAndBeginsAnewWithEachSecond)
+{
+    SDK::RealtimeBudget budget;
+    budget.Set(700ms);
+    EXPECT_TRUE(budget.Spend(10'000ms, 400ms));
+    EXPECT_FALSE(budget.Spend(10'500ms, 400ms));
+    EXPECT_FALSE(budget.Spend(10'999ms, 0ms));
+    EXPECT_TRUE(budget.Spend(11'000ms, 0ms));
 }
 
 // In a process of their own: they change what signals do there.

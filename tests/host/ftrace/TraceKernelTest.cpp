@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -247,6 +248,46 @@ TEST_F(TraceKernelTest, NothingStaysOfRefusedSettingsAndDeadOwnersAndNothingGoes
     EXPECT_GE(TracefsInstance::RemoveLeftovers(), 1U);
     EXPECT_FALSE(fs::exists(instances / (prefix + std::to_string(child))));
     EXPECT_TRUE(fs::exists(instances / other.Name()));
+}
+
+TEST_F(TraceKernelTest, WhatAnotherProgramChangesIsSaidOnceAndPutBack)
+{
+    Start(nullptr, 0);
+    const std::string root = std::string{CeTracefsDirectory()} + "/instances/" + name;
+    const std::string folder = root + "/events/syscalls/sys_enter_sched_get_priority_max/";
+    ASSERT_THAT(trace->Repair(), IsEmpty());
+    const std::vector<std::pair<std::string, std::string>> ways{
+        {folder + "enable", "0"},         {folder + "filter", "common_pid == 1"},
+        {folder + "trigger", "traceoff"}, {root + "/events/enable", "0"},
+        {root + "/events/enable", "1"},   {root + "/tracing_on", "0"},
+        {root + "/buffer_size_kb", "4"},  {root + "/per_cpu/cpu0/buffer_size_kb", "4"},
+        {root + "/set_event_pid", "1"},   {root + "/set_event_notrace_pid", std::to_string(::getpid())},
+        {root + "/tracing_cpumask", "0"}, {root + "/trace_clock", "local"},
+        {root + "/free_buffer", ""}};
+    for (const auto& [file, text] : ways) {
+        std::ofstream{file} << text << std::flush;
+        MakeCalls(1);  // may set a trigger off
+        std::vector<std::string> found = trace->Repair();
+        EXPECT_THAT(found, Not(IsEmpty())) << file;
+        for (int looks = 0; looks < 100 && !found.empty(); ++looks) {  // all events in several goes
+            EXPECT_THAT(found, Not(Contains(HasSubstr("cannot be put back")))) << file;
+            found = trace->Repair();
+        }
+        Read();
+        MakeCalls(3);
+        EXPECT_EQ(Read().size(), 3U) << "recorded as before: " << file << " " << text;
+    }
+    EXPECT_EQ(::rmdir(root.c_str()), -1) << "it is in use";
+    trace->TakeLoss();
+    MakeCalls(3);
+    std::ofstream{root + "/trace"} << std::flush;
+    EXPECT_TRUE(trace->TakeLoss().wasCleared);
+    MakeCalls(3);
+    const SDK::FileDescriptor other{::open((root + "/trace_pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    std::array<char, 4096> text{};
+    EXPECT_GT(::read(other.Get(), text.data(), text.size()), 0);
+    EXPECT_TRUE(Read().empty());
+    EXPECT_EQ(trace->TakeLoss().readByOthers, 3U);
 }
 
 }  // namespace
