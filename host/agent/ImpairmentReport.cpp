@@ -25,9 +25,10 @@ struct Loss {
     const char* detail;
 };
 
-constexpr std::array<Loss, 5> losses{{
+constexpr std::array<Loss, 6> losses{{
     {Name::traceLostOverrun, Source::Trace, "trace buffer overflow", "events were overwritten before they were read"},
     {Name::traceLostDropped, Source::Trace, "event ring overflow", "events found no room in the kernel"},
+    {Name::traceLostLives, Source::Trace, "event ring overflow", "forks, execs or exits found no room in the kernel"},
     {Name::traceLostPages, Source::Trace, "trace gap", "the trace has gaps or could not be read, events unknown"},
     {Name::queueLost, Source::Trace, "task queue overflow", "events were refused by a full queue"},
     {Name::notifyOverflow, Source::Files, "file notification overflow", "the kernel's queue was full, events unknown"},

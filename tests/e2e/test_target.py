@@ -47,12 +47,12 @@ class Target(harness.InDocker):
             agent.process.send_signal(signal.SIGCONT)
 
         for cause, text, deed in (
-                ("tracefs tampered with", "sched_process_fork/enable",
-                 lambda: (instance / "events/sched/sched_process_fork/enable").write_text("0", encoding="ascii")),
+                ("tracefs tampered with", "tracing_on",
+                 lambda: (instance / "tracing_on").write_text("0", encoding="ascii")),
                 ("limits tampered with", "NOFILE",
                  lambda: resource.prlimit(agent.pid, resource.RLIMIT_NOFILE, (9, limits[1]))),
                 ("limits tampered with", "CPU", lambda: resource.prlimit(agent.pid, resource.RLIMIT_CPU, (0, 3600))),
-                ("agent stopped", "ms", stop)):
+                ("agent stopped", "no ", stop)):
             with self.subTest(text):
                 deed()
                 if text != "CPU":  # the same cause, within the minute
