@@ -116,6 +116,7 @@ bool ListReader::TakeOne(char c)
         state = c == ']' ? State::After : state;
         return ids.size() < maxListed;
     }
+    const std::size_t before = depth;
     if (inText) {
         inText = c != '"' || isEscaped;
         isEscaped = c == '\\' && !isEscaped;
@@ -126,7 +127,8 @@ bool ListReader::TakeOne(char c)
     } else if (c == ']' || c == '}') {
         depth -= depth > 0 ? 1 : 0;
     }
-    if (element.size() <= maxElementBytes) {
+    // Of what is nested in a container (labels, mounts) only the brackets.
+    if (std::min(before, depth) <= 1 && element.size() <= maxElementBytes) {
         element += c;
     }
     return true;

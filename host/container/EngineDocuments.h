@@ -39,7 +39,8 @@ bool IsImageName(std::string_view text);
 std::string ParseImageId(const std::string& text);
 
 // "/containers/json", in parts as they come: the ids. What in it is no container is skipped, and so is an element of
-// more than maxElementBytes: only one element is in memory at a time.
+// more than maxElementBytes. What is nested in an element, labels for example, is passed over: only the outer members
+// of one element are in memory at a time.
 class ListReader {
 public:
     // False: no more is wanted, the text is no array or has enough containers.
@@ -61,7 +62,7 @@ private:
     std::size_t depth = 0;  // of arrays and objects within the element
     bool inText = false;
     bool isEscaped = false;  // the next character of the text
-    std::string element;     // what has come of it, cut at maxElementBytes + 1
+    std::string element;     // its outer members as far as they have come, cut at maxElementBytes + 1
     std::vector<std::string> ids;
     bool hasSkipped = false;
 };

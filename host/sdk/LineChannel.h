@@ -28,14 +28,13 @@ public:
 
     explicit LineChannel(int fd) : fd(fd) {}
 
+    // Writes what it can without waiting.
+    ~LineChannel() override;
+
     void log(const Poco::Message& record) override;
 
     // Waits until everything is written, at most that long.
     void Flush(std::chrono::milliseconds bound);
-
-protected:
-    // Writes what it can without waiting.
-    ~LineChannel() override;
 
 private:
     void Work();
