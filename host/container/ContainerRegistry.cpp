@@ -132,7 +132,8 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
         table.Erase(oldPid);
     }
     const bool wasKnown = Find(pid) != nullptr;
-    const Entry* entry = FindOrLoad(pid, when, source);
+    // The leader may have ended before the thread that takes over its id.
+    const Entry* entry = oldPid != pid && wasKnown ? Find(pid) : FindOrLoad(pid, when, source);
     if (entry == nullptr) {
         return std::nullopt;
     }
@@ -164,12 +165,17 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
 
 const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when, const RecordSource& source)
 {
-    if (const Entry* known = Find(tid); known != nullptr) {
+    const Entry* known = Find(tid);
+    if (known != nullptr && known->exit >= when) {
         return known;
     }
-    if (const Entry* process = Find(source.process); process != nullptr) {
+    // What acts after the exit has taken the id over: its fork was not told, as the host's are not, or was shed.
+    const Text before = known == nullptr ? nullptr : known->Visible();
+    const Nanoseconds since = known == nullptr ? ContainerTable::longAgo : when;
+    if (const Entry* process = Find(source.process); process != nullptr && process->exit >= when) {
         Entry made = *process;
-        made.exit = ContainerTable::alive;
+        made.before = known == nullptr ? made.before : before;
+        made.since = known == nullptr ? made.since : since;
         table.Put(tid, std::move(made));
         return Find(tid);
     }
@@ -182,7 +188,9 @@ const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanosecon
     }
     Adopt(*found);
     Identify(*found, source.identity);
-    table.Put(tid, MakeEntry(tid, *found, ContainerTable::longAgo, when));
+    Entry made = MakeEntry(tid, *found, since, when);
+    made.before = before;
+    table.Put(tid, std::move(made));
     return Find(tid);
 }
 

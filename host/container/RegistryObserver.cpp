@@ -72,6 +72,9 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, const RecordSource& s
 TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                                                      TraceSequencer& sequencer)
 {
+    if (const Entry* last = registry.Find(tid); last != nullptr && last->exit < event.When()) {
+        StopIfAnnounced(tid, sequencer);  // another bearer of the id, whose fork was not told
+    }
     const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
     if (entry == nullptr || !entry->IsInside()) {
         ExcludeHost(source.process, event.When(), sequencer.Filter());

@@ -51,6 +51,22 @@ TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAnd
     EXPECT_EQ(start(402, "mnt:[9]"), "mnt:[9]") << "the container was started again";
 }
 
+TEST_F(RegistryObserverTest, AnIdIsItsNextBearersAlsoWhenThatForkWasNotTold)
+{
+    Register();
+    for (const int pid : {400, 401}) {
+        StartInA(pid);
+        EXPECT_TRUE(Call(pid));
+        Exit(pid);
+    }
+    Run(400, "");
+    Run(401, idB);
+    EXPECT_FALSE(Call(400)) << "a process of the host";
+    EXPECT_TRUE(Call(401));
+    EXPECT_EQ(ContainerOf(401), idB);
+    EXPECT_THAT(Notices(), ElementsAre("+400", "+401", "-400", "-401", "+401"));
+}
+
 TEST_F(RegistryObserverTest, TheHostIsExcludedWithItsAncestorsAndNothingElse)
 {
     recorded = {shim, runtime, shell, 301, 302, 400, 401, 402, 403};
