@@ -14,7 +14,7 @@
 //       executes this program anew, and serves on)
 // WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
 //       crowd THREADS N (each thread as brute, 3 ms and more from call to call), decoys N NAME[,NAME...] (N children,
-//       one after the other), dirtycow, write PATH, read PATH, storm N NAME, enter PID
+//       one after the other), dirtycow, write PATH, read PATH, storm N NAME, enter PID, and those of Rearrange
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -29,6 +29,7 @@
 #include <sys/prctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -208,6 +209,38 @@ static void Read(const char* path)
     close(fd);
 }
 
+// What changes a directory without a write to a file of it.
+static void Rearrange(const char* how, const char* from, const char* to)
+{
+    int result = -1;
+    char path[4096];
+    if (strcmp(how, "rename") == 0) {
+        result = rename(from, to);
+    } else if (strcmp(how, "exchange") == 0) {
+        result = renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE);
+    } else if (strcmp(how, "link") == 0) {
+        result = link(from, to);
+    } else if (strcmp(how, "unnamed") == 0) {  // a file without a name in the directory `from` gets one
+        snprintf(path, sizeof path, "/proc/self/fd/%d", open(from, O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+        result = linkat(AT_FDCWD, path, AT_FDCWD, to, AT_SYMLINK_FOLLOW);
+    } else if (strcmp(how, "unlink") == 0) {
+        result = unlink(from);
+    } else if (strcmp(how, "chmod") == 0) {
+        result = chmod(from, 0600);
+    } else if (strcmp(how, "away") == 0) {
+        result = rename(from, to) | rename(to, from);
+    } else if (strcmp(how, "through") == 0) {  // the file is written by another name that is gone after
+        result = link(from, to);
+        Write(to);
+        result |= unlink(to);
+    } else {
+        errno = EINVAL;
+    }
+    if (result != 0) {
+        Fail(how);
+    }
+}
+
 static void Enter(const char* pid)
 {
     char path[64];
@@ -305,8 +338,7 @@ static void Do(const struct Deed* deed)
             MakeCall(deed->second);
         }
     } else {
-        errno = EINVAL;
-        Fail(what);
+        Rearrange(what, first, deed->second);
     }
     Say(when);
 }

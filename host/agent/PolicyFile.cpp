@@ -87,13 +87,14 @@ public:
         return texts;
     }
 
-    // Throws when the member is there and is none of the texts.
-    void CheckChoice(const char* key, const std::string& first, const std::string& second) const
+    // Whether the member is the second text; false when there is none. Throws when it is neither text.
+    bool IsSecond(const char* key, const std::string& first, const std::string& second) const
     {
         const Json::Value* member = object.find(key, key + std::strlen(key));
         if (member != nullptr && *member != first && *member != second) {
             throw BadInput(Join(place, key) + ": must be \"" + first + "\" or \"" + second + "\"");
         }
+        return member != nullptr && *member == second;
     }
 
     void NoteUnknownKeys(std::initializer_list<std::string_view> known, std::vector<std::string>& unknown) const
@@ -117,16 +118,22 @@ bool IsIdentifier(const std::string& name)
     });
 }
 
-// Empty: nothing is wrong with the entry.
-std::string WhyUseless(const std::string& directory)
+void ExamineDirectory(const std::string& directory, bool isScopeContainer, PolicyCoverage& coverage)
 {
     const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
-    if (entry.error != nullptr) {
-        return entry.error;
-    }
     const std::string path{entry.path};
     const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
-    return resolved == nullptr ? std::strerror(errno) : std::string{};
+    const std::string reason = entry.error != nullptr ? entry.error : std::strerror(errno);
+    const bool isGood = entry.error == nullptr;
+    const bool isAwaited = isGood && isScopeContainer && path.starts_with('/');
+    if (isGood && resolved != nullptr) {
+        ++coverage.directories;
+        return;
+    }
+    coverage.directories += isAwaited ? 1U : 0U;
+    coverage.warnings.push_back(SDK::StrUtils::Format("directory \"%s\": %s, it is %s", directory.c_str(),
+                                                      reason.c_str(),
+                                                      isAwaited ? "watched when it is there" : "not watched"));
 }
 
 // The name is looked at first: it must not lead the look-up elsewhere.
@@ -172,9 +179,9 @@ Policy ParsePolicy(std::string text)
     const Section detection = content.Object("container_escape_detect_task");
 
     content.Texts("image_white_namelist");
-    detection.CheckChoice("scope", "thread", "container");
 
     Policy policy;
+    policy.isScopeContainer = detection.IsSecond("scope", "thread", "container");
     policy.calls = detection.Texts("highrisk_calls");
     policy.directories = detection.Texts("host_directorys");
     document.NoteUnknownKeys({"content"}, policy.unknownKeys);
@@ -203,12 +210,7 @@ PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& record
         }
     }
     for (const std::string& directory : policy.directories) {
-        if (const std::string reason = WhyUseless(directory); reason.empty()) {
-            ++coverage.directories;
-        } else {
-            coverage.warnings.push_back(
-                SDK::StrUtils::Format("directory \"%s\": %s, it is not watched", directory.c_str(), reason.c_str()));
-        }
+        ExamineDirectory(directory, policy.isScopeContainer, coverage);
     }
     return coverage;
 }

@@ -17,6 +17,7 @@ struct Policy {
     std::string text;  // as it is delivered
     std::set<std::string> calls;
     std::set<std::string> directories;
+    bool isScopeContainer = false;
     std::vector<std::string> unknownKeys;  // their paths; no module reads them
 };
 
@@ -32,13 +33,13 @@ Policy ParsePolicy(std::string text);
 // What becomes of a policy's entries.
 struct PolicyCoverage {
     std::size_t calls = 0;              // that are watched
-    std::size_t directories = 0;        // that are watched
-    std::vector<std::string> warnings;  // a line for each entry that is not watched and for each unknown key
+    std::size_t directories = 0;        // that are watched, or will be when they are made
+    std::vector<std::string> warnings;  // a line for each entry that is not watched (yet) and for each unknown key
 };
 
 // `recordedEvents`: what the kernel records now, as "system:event". `callEventsDir`: tracefs's events/syscalls; it
 // tells a call that the kernel does not know from one that the detection module did not ask for. A directory that does
-// not exist, or has bad permission letters, is not watched.
+// not exist is watched when it is made in the scope "container" only; one with bad permission letters is not watched.
 PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& recordedEvents,
                        const std::string& callEventsDir);
 

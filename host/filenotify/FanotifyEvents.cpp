@@ -32,13 +32,13 @@ std::string_view NameIn(Bytes bytes)
 }
 
 // struct fanotify_event_info_fid: header, fsid, struct file_handle (length, type, bytes), and the name.
-void ReadDirectory(Bytes record, bool named, FanotifyEvent& event)
+void ReadHandle(Bytes record, unsigned int type, FanotifyEvent& event)
 {
     constexpr std::size_t fsidOffset = offsetof(fanotify_event_info_fid, fsid);
     constexpr std::size_t handleOffset = offsetof(fanotify_event_info_fid, handle);
     constexpr std::size_t bytesOffset = handleOffset + offsetof(file_handle, f_handle);
     std::uint32_t size = 0;
-    DirectoryHandle handle;
+    FileHandle handle;
     if (!ReadAt(record, fsidOffset, handle.fsid) || !ReadAt(record, handleOffset, size) ||
         !ReadAt(record, handleOffset + offsetof(file_handle, handle_type), handle.type)) {
         return;
@@ -47,16 +47,22 @@ void ReadDirectory(Bytes record, bool named, FanotifyEvent& event)
         return;
     }
     handle.bytes = record.subspan(bytesOffset, size);
+    if (type == FAN_EVENT_INFO_TYPE_FID) {
+        event.object = handle;
+        return;
+    }
     event.directory = handle;
-    event.name = named ? NameIn(record.subspan(bytesOffset + size)) : std::string_view{};
+    event.name =
+        type == FAN_EVENT_INFO_TYPE_DFID_NAME ? NameIn(record.subspan(bytesOffset + size)) : std::string_view{};
 }
 
 void ReadRecords(Bytes records, FanotifyEvent& event)
 {
     fanotify_event_info_header header{};
     while (ReadAt(records, 0, header) && header.len >= sizeof(header) && header.len <= records.size()) {
-        if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME || header.info_type == FAN_EVENT_INFO_TYPE_DFID) {
-            ReadDirectory(records.first(header.len), header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME, event);
+        if (header.info_type == FAN_EVENT_INFO_TYPE_DFID_NAME || header.info_type == FAN_EVENT_INFO_TYPE_DFID ||
+            header.info_type == FAN_EVENT_INFO_TYPE_FID) {
+            ReadHandle(records.first(header.len), header.info_type, event);
         }
         records = records.subspan(header.len);
     }

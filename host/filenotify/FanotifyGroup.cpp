@@ -18,14 +18,19 @@ std::error_code LastError()
 
 }  // namespace
 
-std::error_code FanotifyGroup::Open()
+std::error_code FanotifyGroup::Open(bool objects)
 {
-    const unsigned int flags = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME;
-    const int fd = fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    unsigned int flags = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME;
+    flags |= objects ? FAN_REPORT_FID | FAN_REPORT_TARGET_FID : 0U;
+    int fd = fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    if (fd < 0 && errno == EINVAL && objects) {
+        fd = fanotify_init(flags & ~FAN_REPORT_TARGET_FID, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
+    }
     if (fd < 0) {
         return LastError();
     }
     group.Reset(fd);
+    withObjects = objects;
     return {};
 }
 

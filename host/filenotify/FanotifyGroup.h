@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A fanotify group of the one kind used here: notifications only, with directory handle and name.
+// A fanotify group of the kinds used here: notifications only, with directory handle and name, and with the handle of
+// the object itself where that is wanted.
 //
 // FAN_CLASS_NOTIF and nothing else: a permission class could make every process of the host wait for the agent.
 // The queue keeps the kernel's bound (/proc/sys/fs/fanotify/max_queued_events, 16384 by default) and not
@@ -25,7 +26,10 @@ public:
     FanotifyGroup() = default;
 
     // Opens the group. EPERM without CAP_SYS_ADMIN, ENOSYS without fanotify, EINVAL before Linux 5.9 (no names).
-    std::error_code Open();
+    // `withObjects`: also tells which file an event is about; of those that are made, deleted or moved since Linux 5.17
+    // (FAN_REPORT_TARGET_FID).
+    std::error_code Open(bool withObjects = false);
+    bool WithObjects() const { return withObjects; }
 
     // Adds events to the mark of `path`, and makes it if there is none. `path` is not followed if it is a link.
     // ENODEV, EXDEV, EOPNOTSUPP: this filesystem cannot be marked in this scope (fanotify_mark(2)).
@@ -47,6 +51,7 @@ private:
     std::error_code Mark(unsigned int flags, Scope scope, const char* path, std::uint64_t events) const;
 
     SDK::FileDescriptor group;
+    bool withObjects = false;
 };
 
 }  // namespace Engine

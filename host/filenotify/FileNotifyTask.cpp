@@ -57,6 +57,8 @@ int FileNotifyTask::Run()
     }
     const Clock::time_point now = Clock::now();
     if (now >= nextCheck) {
+        // Every event is dearer with objects. Not as soon as the last watch goes: with a new policy it comes again.
+        ChangeGroup(watches.AnyChanges());
         marks.Update(watches);
         nextCheck = now + checkPeriod;
     }
@@ -129,11 +131,14 @@ int FileNotifyTask::Receive(const FileNotifyWatchMessage& message)
 // Returns why the watch is refused; empty: it is not.
 std::string FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
 {
-    const WatchEntry entry = ParseWatchEntry(message.path, message.eventMasks);
+    const WatchEntry entry = ParseWatchEntry(message.path, message.eventMasks, message.options.changes);
     if (message.requester == nullptr || !entry.error.empty()) {
         return message.requester == nullptr ? "no task to notify" : entry.error;
     }
     const int number = watches.Add(message.requester, message.path, entry);
+    if (watches.AnyChanges()) {
+        ChangeGroup(true);
+    }
     marks.Update(watches);
     const std::error_code error = marks.ErrorOf(number);
     if (!error) {
@@ -150,6 +155,27 @@ std::string FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
     }
     marks.Update(watches);
     return {};
+}
+
+// Update is to be called next.
+void FileNotifyTask::ChangeGroup(bool withObjects)
+{
+    if (withObjects == group.WithObjects()) {
+        return;
+    }
+    FanotifyGroup next;
+    if (const std::error_code error = next.Open(withObjects)) {
+        NotifyLog::Warning(
+            "file notifications go on %s: fanotify_init: %s",
+            withObjects ? "without hard links and moved directories" : "with what is not needed any more",
+            error.message());
+        return;
+    }
+    ReadEvents();
+    StopListening();
+    group = std::move(next);
+    marks.StartOver();
+    ListenAgain();
 }
 
 }  // namespace Engine

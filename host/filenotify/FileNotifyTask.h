@@ -39,6 +39,7 @@ private:
 
     std::string AddWatch(const FileNotifyWatchMessage& message);
     std::string RemoveWatch(const FileNotifyWatchMessage& message);
+    void ChangeGroup(bool withObjects);
     void StopListening();
     bool ReadEvents();
     bool ListenAgain();

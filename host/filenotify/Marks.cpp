@@ -48,6 +48,7 @@ void Marks::Update(WatchTable& watches)
         target.error = group.Add(Scope::FileSystem, target.place.directory, target.events);
     }
     Wanted wanted = WantedMarks(targets);
+    handles.Set(WantedHandles(targets));
     const std::error_code treeError = trees.Set(wanted.trees);
     RemoveUnwanted(wanted);
     std::map<int, Target> found;
@@ -77,11 +78,13 @@ std::vector<Marks::Target> Marks::FindTargets(WatchTable& watches)
     const std::vector<std::string> mounts = DataMounts(mountInfo);
     for (Watch& watch : watches.Watches()) {
         const std::uint64_t events = watch.entry.masks.Union();
-        const WatchPlace& top = targets.emplace_back(Target{watch.number, FindPlace(watch.entry.path), events}).place;
+        const bool changes = watch.entry.changes;
+        const WatchPlace& top =
+            targets.emplace_back(Target{watch.number, FindPlace(watch.entry.path), events, changes}).place;
         watch.path = top.path;
         for (const std::string& mount : mounts) {
             if (top.IsDirectory() && mount != top.path && LiesWithin(mount, top.path)) {
-                below.push_back({watch.number, FindPlace(mount), events, true});
+                below.push_back({watch.number, FindPlace(mount), events, changes, true});
             }
         }
     }
@@ -114,6 +117,23 @@ Marks::Wanted Marks::WantedMarks(const std::vector<Target>& targets)
         }
     }
     return wanted;
+}
+
+std::vector<WatchedHandles::Place> Marks::WantedHandles(const std::vector<Target>& targets)
+{
+    std::vector<WatchedHandles::Place> places;
+    for (const Target& target : targets) {
+        if (target.changes && !target.error) {
+            places.push_back({target.watch, target.isMountBelow, target.place});
+        }
+    }
+    return places;
+}
+
+void Marks::StartOver()
+{
+    trees.StartOver();
+    current.marks.clear();
 }
 
 void Marks::RemoveUnwanted(const Wanted& wanted) const
@@ -163,7 +183,7 @@ std::error_code Marks::ErrorOf(int watch) const
     return known == watched.end() ? std::error_code{} : known->second.error;
 }
 
-Marks::Answer Marks::PathsOf(const DirectoryHandle& directory, const std::function<bool(const std::string&)>& take)
+Marks::Answer Marks::PathsOf(const FileHandle& directory, const std::function<bool(const std::string&)>& take)
 {
     if (const std::string* path = trees.PathOf(directory); path != nullptr && take(*path)) {
         return Answer::Done;

@@ -19,6 +19,7 @@
 #include "host/filenotify/TreeMarks.h"
 #include "host/filenotify/WatchPlace.h"
 #include "host/filenotify/WatchTable.h"
+#include "host/filenotify/WatchedHandles.h"
 
 namespace Engine {
 
@@ -46,10 +47,16 @@ public:
 
     // Offers the directory's paths as the host names them, one for each watched mount that shows it, until `take`
     // returns true.
-    Answer PathsOf(const DirectoryHandle& directory, const std::function<bool(const std::string&)>& take);
+    Answer PathsOf(const FileHandle& directory, const std::function<bool(const std::string&)>& take);
 
     // A directory was made, moved or deleted in `parent`. Cheap: called for those that any process on the host changes.
-    void DirectoryChanged(const DirectoryHandle& parent) { trees.DirectoryChanged(parent); }
+    void DirectoryChanged(const FileHandle& parent) { trees.DirectoryChanged(parent); }
+
+    // The group is another one now, without marks. Update is to be called next.
+    void StartOver();
+
+    // What belongs to watches with `changes`, as of the last Update and the events since.
+    WatchedHandles& Handles() { return handles; }
 
     // As MountResolver::Close.
     void CloseMounts() { resolver.Close(); }
@@ -60,6 +67,7 @@ private:
         int watch = 0;
         WatchPlace place;
         std::uint64_t events = 0;
+        bool changes = false;  // as the watch's
         bool isMountBelow = false;
         std::error_code error{};  // the kernel's answer to the mark
     };
@@ -81,11 +89,13 @@ private:
 
     static std::vector<Target> FindTargets(WatchTable& watches);
     static Wanted WantedMarks(const std::vector<Target>& targets);
+    static std::vector<WatchedHandles::Place> WantedHandles(const std::vector<Target>& targets);
     void RemoveUnwanted(const Wanted& wanted) const;
     void Report(const WatchTable& watches, const std::map<int, Target>& found, const Wanted& wanted) const;
 
     const FanotifyGroup& group;
     TreeMarks trees;
+    WatchedHandles handles;
     MountResolver resolver;
     Wanted current;                 // what the last Update set
     std::map<int, Target> watched;  // by watch number, its own place

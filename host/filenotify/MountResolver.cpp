@@ -27,7 +27,7 @@ SDK::FileDescriptor OpenDirectory(const std::string& path)
     return SDK::FileDescriptor{open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
 }
 
-SDK::FileDescriptor OpenHandle(int mount, const DirectoryHandle& directory, std::error_code& error)
+SDK::FileDescriptor OpenHandle(int mount, const FileHandle& directory, std::error_code& error)
 {
     alignas(file_handle) std::array<std::byte, sizeof(file_handle) + MAX_HANDLE_SZ> buffer{};
     auto* handle = reinterpret_cast<file_handle*>(buffer.data());
@@ -84,7 +84,7 @@ int MountResolver::Anchor(const std::string& directory, std::error_code& error)
     return anchors.emplace(directory, std::move(opened)).first->second.Get();
 }
 
-std::string MountResolver::PathOf(const std::string& anchor, const DirectoryHandle& handle, std::error_code& error)
+std::string MountResolver::PathOf(const std::string& anchor, const FileHandle& handle, std::error_code& error)
 {
     error = {};
     const int mount = Anchor(anchor, error);

@@ -19,7 +19,7 @@ public:
     // ESTALE: no such directory any more; EXDEV: the mount does not show it; ENAMETOOLONG: longer than PATH_MAX;
     // EMFILE, ENFILE, ENOMEM: it could not be looked at. Opens `anchor` and keeps it open for the next call, until
     // Close.
-    std::string PathOf(const std::string& anchor, const DirectoryHandle& handle, std::error_code& error);
+    std::string PathOf(const std::string& anchor, const FileHandle& handle, std::error_code& error);
 
     // Closes the anchors. To be called as soon as there is nothing to resolve: an open directory makes umount(2) of its
     // filesystem fail, and the agent must not stand in the host's way.

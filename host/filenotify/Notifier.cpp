@@ -37,12 +37,14 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
 {
     if ((event.mask & FAN_Q_OVERFLOW) != 0) {
         Lost(now, "the kernel's queue was full");
+        marks.Handles().EventsLost();
         return;
     }
     read.fetch_add(1, std::memory_order_relaxed);
     if ((event.mask & FAN_ONDIR) != 0 && (event.mask & (FAN_CREATE | FAN_DELETE | FAN_MOVE)) != 0) {
         marks.DirectoryChanged(event.directory);
     }
+    marks.Handles().Follow(event);
     if (event.pid == self || !event.HasDirectory()) {
         return;
     }
@@ -60,9 +62,15 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
 
 void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
 {
+    std::string path;
+    matches.clear();
     const auto answer = marks.PathsOf(event.directory, [&](const std::string& directory) {
-        return Take(event, JoinPath(directory, event.name), now);
+        path = JoinPath(directory, event.name);
+        return Take(event, path, now);
     });
+    if (matches.empty() && TakeByHandle(event, path, now)) {
+        return;
+    }
     if (answer == Marks::Answer::Failing) {
         Lost(now, "no descriptor or memory to look a directory up");
     } else if (answer == Marks::Answer::Gone) {
@@ -80,15 +88,32 @@ void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
 bool Notifier::Take(const FanotifyEvent& event, const std::string& path, TimePoint now)
 {
     watches.Match(path, event.mask, matches);
+    Send(event, path, now);
+    return !matches.empty();
+}
+
+// By another path than the watched one, or by none that a watched mount shows: then the watch's own stands for it.
+bool Notifier::TakeByHandle(const FanotifyEvent& event, const std::string& path, TimePoint now)
+{
+    std::uint64_t mask = 0;
+    const std::vector<int> numbers = marks.Handles().WatchesOf(event, mask);
+    watches.Match(numbers, mask, matches);
+    Send(event, path, now);
+    return !numbers.empty();
+}
+
+// To the subscribers of `matches`.
+void Notifier::Send(const FanotifyEvent& event, const std::string& path, TimePoint now)
+{
     for (const WatchMatch& match : matches) {
         if (batch == nullptr) {
             batch = std::make_unique<AccessBatch>(now);
         }
-        FileNotifyMessage access{match.watch->number, path, static_cast<unsigned int>(match.mask)};
+        FileNotifyMessage access{match.watch->number, path.empty() ? match.watch->path : path,
+                                 static_cast<unsigned int>(match.mask)};
         access.SetProcess(static_cast<unsigned int>(event.pid), {});
         batch->Add(match.watch->subscriberName, std::move(access));
     }
-    return !matches.empty();
 }
 
 void Notifier::Lost(TimePoint now, const std::string& why)

@@ -47,6 +47,8 @@ private:
     void HandleEvent(const FanotifyEvent& event, TimePoint now);
     void FindWatches(const FanotifyEvent& event, TimePoint now);
     bool Take(const FanotifyEvent& event, const std::string& path, TimePoint now);
+    bool TakeByHandle(const FanotifyEvent& event, const std::string& path, TimePoint now);
+    void Send(const FanotifyEvent& event, const std::string& path, TimePoint now);
     void Lost(TimePoint now, const std::string& why);
 
     const WatchTable& watches;

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/TreeMarks.h"
 
-#include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <filesystem>
 
+#include "host/filenotify/KernelHandle.h"
 #include "host/sdk/Realtime.h"
 
 namespace Engine {
@@ -17,9 +16,6 @@ namespace {
 
 // Asked for beside what the watches want, to hear of directories that come and go.
 constexpr std::uint64_t changesOfTree = FAN_CREATE | FAN_DELETE | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_ONDIR;
-
-// name_to_handle_at(2), since Linux 6.5: a handle that need not be fit for opening. glibc 2.36 does not name it.
-constexpr int handleAsId = 0x200;
 
 std::error_code Error(int number)
 {
@@ -90,24 +86,17 @@ std::error_code TreeMarks::MarkOne(const std::string& directory, std::uint64_t e
     if (error) {
         return error;
     }
-    alignas(file_handle) std::array<char, sizeof(file_handle) + MAX_HANDLE_SZ> buffer{};
-    auto* handle = reinterpret_cast<file_handle*>(buffer.data());
-    handle->handle_bytes = MAX_HANDLE_SZ;
-    int mount = 0;
-    int result = name_to_handle_at(AT_FDCWD, directory.c_str(), handle, &mount, handleAsId);
-    if (result != 0 && errno == EINVAL) {
-        handle->handle_bytes = MAX_HANDLE_SZ;
-        result = name_to_handle_at(AT_FDCWD, directory.c_str(), handle, &mount, 0);
+    KernelHandle handle;
+    if (const std::error_code unnamed = handle.Read(AT_FDCWD, directory.c_str())) {
+        return unnamed;
     }
-    if (result != 0) {
-        return Error(errno);
-    }
-    Key key{handle->handle_type, std::string{buffer.data() + sizeof(file_handle), handle->handle_bytes}};
+    const FileHandle view = handle.View(0);
+    Key key{view.type, std::string{reinterpret_cast<const char*>(view.bytes.data()), view.bytes.size()}};
     paths.emplace(std::move(key), directory);
     return {};
 }
 
-const std::string* TreeMarks::PathOf(const DirectoryHandle& directory) const
+const std::string* TreeMarks::PathOf(const FileHandle& directory) const
 {
     if (paths.empty()) {
         return nullptr;

@@ -39,11 +39,14 @@ public:
     // Returns the last walk's first error; what could be marked is.
     std::error_code Set(const std::vector<Tree>& next);
 
+    // The group is another one, without marks: the next Set makes them all.
+    void StartOver() { trees.clear(); }
+
     // A directory was made, moved or deleted in `parent`: if that is one of these trees', the next Set walks again.
-    void DirectoryChanged(const DirectoryHandle& parent) { outdated = outdated || PathOf(parent) != nullptr; }
+    void DirectoryChanged(const FileHandle& parent) { outdated = outdated || PathOf(parent) != nullptr; }
 
     // The path at the last walk; null: not a directory of these trees.
-    const std::string* PathOf(const DirectoryHandle& directory) const;
+    const std::string* PathOf(const FileHandle& directory) const;
 
 private:
     using Key = std::pair<std::int32_t, std::string>;  // the handle's type and bytes

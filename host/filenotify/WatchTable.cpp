@@ -73,14 +73,17 @@ EventMasks& EventMasks::operator|=(const EventMasks& other)
     return *this;
 }
 
-WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks)
+WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks, bool changes)
 {
     const SDK::PathEntry parsed = SDK::ParsePathEntry(text);
-    WatchEntry entry{std::string{parsed.path}, {}, {}};
+    WatchEntry entry{std::string{parsed.path}, {}, {}, changes};
     while (entry.path.size() > 1 && entry.path.back() == '/') {
         entry.path.pop_back();
     }
     entry.masks = parsed.letters.empty() ? MasksOfMessage(masks, entry.error) : MasksOfLetters(parsed.letters);
+    if (changes && (entry.masks.files & (FAN_MODIFY | FAN_CLOSE_WRITE)) != 0) {
+        entry.masks |= MasksOfLetters("wa");
+    }
     if (entry.error.empty() && entry.masks.Union() == 0) {
         entry.error = "no event is asked for";
     }
@@ -108,6 +111,36 @@ std::string JoinPath(std::string_view directory, std::string_view name)
     return path;
 }
 
+namespace {
+
+bool IsAbout(const Watch& watch, std::string_view path, std::uint64_t mask)
+{
+    if (LiesWithin(path, watch.path)) {
+        return true;
+    }
+    const bool isMove = (mask & (FAN_MOVED_FROM | FAN_MOVED_TO)) != 0;
+    return watch.entry.changes && (path == watch.entry.path ||
+                                   (isMove && (LiesWithin(watch.path, path) || LiesWithin(watch.entry.path, path))));
+}
+
+void AddMatch(const Watch& watch, std::uint64_t mask, std::vector<WatchMatch>& matches)
+{
+    const std::uint64_t wanted = watch.entry.masks.Wanted(mask);
+    if (wanted == 0) {
+        return;
+    }
+    const auto same = std::find_if(matches.begin(), matches.end(), [&](const WatchMatch& match) {
+        return match.watch->subscriber == watch.subscriber;
+    });
+    if (same == matches.end()) {
+        matches.push_back({&watch, wanted});
+    } else {
+        same->mask |= wanted;
+    }
+}
+
+}  // namespace
+
 std::list<Watch>::iterator WatchTable::Find(const Framework::Task* subscriber, const std::string& text)
 {
     return std::find_if(watches.begin(), watches.end(),
@@ -120,6 +153,7 @@ int WatchTable::Add(const Framework::Task* subscriber, const std::string& text, 
     if (known != watches.end()) {
         ++known->count;
         known->entry.masks |= entry.masks;
+        known->entry.changes = known->entry.changes || entry.changes;
         return known->number;
     }
     watches.push_back({++lastNumber, subscriber, subscriber->name(), text, entry, entry.path});
@@ -138,21 +172,27 @@ bool WatchTable::Remove(const Framework::Task* subscriber, const std::string& te
     return true;
 }
 
+bool WatchTable::AnyChanges() const
+{
+    return std::any_of(watches.begin(), watches.end(), [](const Watch& watch) { return watch.entry.changes; });
+}
+
 void WatchTable::Match(std::string_view path, std::uint64_t mask, std::vector<WatchMatch>& matches) const
 {
     matches.clear();
     for (const Watch& watch : watches) {
-        const std::uint64_t wanted = watch.entry.masks.Wanted(mask);
-        if (wanted == 0 || !LiesWithin(path, watch.path)) {
-            continue;
+        if (IsAbout(watch, path, mask)) {
+            AddMatch(watch, mask, matches);
         }
-        const auto same = std::find_if(matches.begin(), matches.end(), [&](const WatchMatch& match) {
-            return match.watch->subscriber == watch.subscriber;
-        });
-        if (same == matches.end()) {
-            matches.push_back({&watch, wanted});
-        } else {
-            same->mask |= wanted;
+    }
+}
+
+void WatchTable::Match(const std::vector<int>& numbers, std::uint64_t mask, std::vector<WatchMatch>& matches) const
+{
+    matches.clear();
+    for (const Watch& watch : watches) {
+        if (std::find(numbers.begin(), numbers.end(), watch.number) != numbers.end()) {
+            AddMatch(watch, mask, matches);
         }
     }
 }

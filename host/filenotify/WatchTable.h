@@ -30,7 +30,8 @@ struct EventMasks {
 struct WatchEntry {
     std::string path;  // absolute, as given, without a slash at the end
     EventMasks masks;
-    std::string error;  // why the entry is refused; empty: it is not
+    std::string error;     // why the entry is refused; empty: it is not
+    bool changes = false;  // _FileNotifyOpt
 };
 
 // `text`: an absolute path, or one followed by "*/*" and permission letters (PathEntry.h). The letters choose the
@@ -42,9 +43,10 @@ struct WatchEntry {
 //   x  FAN_OPEN_EXEC.
 //   a  FAN_ATTRIB, of files and directories.
 // Without letters the masks hold as they are, combined, for directories only if FAN_ONDIR is among them.
+// With `changes` (_FileNotifyOpt) whatever asks for FAN_MODIFY or FAN_CLOSE_WRITE has all of w, and FAN_ATTRIB.
 // Refused: a path that is not absolute or holds a zero byte, wrong letters, no event at all, a permission event
 // (nothing on the host may ever wait for the agent), and bits that are not file events. Pure.
-WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks);
+WatchEntry ParseWatchEntry(const std::string& text, const std::vector<unsigned int>& masks, bool changes = false);
 
 // Whether `path` is `top` or lies below it. Both absolute, without a slash at the end (except "/" itself).
 bool LiesWithin(std::string_view path, std::string_view top);
@@ -79,8 +81,14 @@ public:
     bool Remove(const Framework::Task* subscriber, const std::string& text);
 
     // Fills `matches` with one for each subscriber to notify of the access, in the order of their first watch.
-    // `mask`: the event's bits.
+    // `mask`: the event's bits. A watch with `changes` is also about the move of a directory above its path, and about
+    // the symbolic link that its path is.
     void Match(std::string_view path, std::uint64_t mask, std::vector<WatchMatch>& matches) const;
+
+    // The same for the watches of these numbers, wherever their paths lead.
+    void Match(const std::vector<int>& numbers, std::uint64_t mask, std::vector<WatchMatch>& matches) const;
+
+    bool AnyChanges() const;
 
     std::list<Watch>& Watches() { return watches; }
     const std::list<Watch>& Watches() const { return watches; }

@@ -25,6 +25,9 @@ public:
     int Get() const { return fd; }
     explicit operator bool() const { return fd >= 0; }
 
+    // Hands it over: it is the caller's to close.
+    int Release() { return std::exchange(fd, -1); }
+
     void Reset(int next = -1)
     {
         if (fd >= 0) {

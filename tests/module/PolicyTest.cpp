@@ -46,8 +46,9 @@ TEST(PolicyTest, EachListOfASectionIsReplacedByItselfWithoutItsBadEntries)
                                                                         {R"("thread")", false},
                                                                         {R"("Container")", false},
                                                                         {R"(["container"])", false}}) {
-        policy.Parse(R"({"highrisk_calls": [], "host_directorys": [], "scope": )" + value + "}");
+        policy.Parse(R"({"highrisk_calls": [], "host_directorys": ["/no/such", "/e*/*q"], "scope": )" + value + "}");
         EXPECT_EQ(policy.GetContent().scope == Engine::Scope::Container, isContainer) << value;
+        EXPECT_EQ(policy.GetContent().hostDirectories.size(), isContainer ? 1U : 0U) << "a later path is waited for";
     }
     std::string path = "untouched";
     std::string perm = path;

@@ -67,6 +67,7 @@ struct FakeHost {
             line += message.options.mount ? " mount" : "";
             line += message.options.notifyOnly ? " notifyOnly" : "";
             line += message.options.keepOrder ? " keepOrder" : "";
+            line += message.options.changes ? " changes" : "";
             return Note("filenotify_task", message.watch, line);
         }
         int Receive(const Engine::ContainerRegisterMessage& message) override

@@ -95,6 +95,7 @@ void BaseSubmodule::RegisterFileMonitor(bool remove)
         }
         _FileNotifyOpt options;
         options.notifyOnly = true;
+        options.changes = task.GetScope() == Scope::Container;
         task.SendDirectMsg("filenotify_task", new FileNotifyWatchMessage(&task, path, fileEvents, options));
     }
 }

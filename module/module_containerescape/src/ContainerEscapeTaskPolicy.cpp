@@ -45,8 +45,9 @@ bool ContainerEscapeTaskPolicy::Parse(const std::string& text)
     if (!SDK::JsonUtils::GetArrayValue(root, "host_directorys", list)) {
         return false;
     }
-    content.hostDirectories = TextsOf(list, ContainerEscapeUtil::PathChecker);
     content.scope = ScopeIn(root);
+    content.hostDirectories = TextsOf(
+        list, content.scope == Scope::Container ? ContainerEscapeUtil::IsPathEntry : ContainerEscapeUtil::PathChecker);
     return true;
 }
 

@@ -14,9 +14,9 @@ public:
     ContainerEscapeTaskPolicy();
     ~ContainerEscapeTaskPolicy() override;
 
-    // Entries that are no system call's name, or no well-formed entry of an existing path, are skipped. A scope that is
-    // none counts as absent, with a warning. False when the text is no JSON or one of the two lists is missing; a list
-    // that was read by then stays replaced.
+    // Entries that are no system call's name, or no well-formed entry of an existing path (with the scope "container":
+    // of any path), are skipped. A scope that is none counts as absent, with a warning. False when the text is no JSON
+    // or one of the two lists is missing; a list that was read by then stays replaced.
     bool Parse(const std::string& text) override;
 
     const ContainerEscapeDetectPolicyContent& GetContent() const { return content; }

@@ -48,6 +48,13 @@ bool ContainerEscapeUtil::GetPathAndPerm(const std::string& entry, std::string& 
     return true;
 }
 
+bool ContainerEscapeUtil::IsPathEntry(const std::string& entry)
+{
+    std::string path;
+    std::string perm;
+    return GetPathAndPerm(entry, path, perm);
+}
+
 bool ContainerEscapeUtil::PathChecker(const std::string& entry)
 {
     std::string path;

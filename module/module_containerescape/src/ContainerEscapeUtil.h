@@ -32,7 +32,10 @@ public:
     // r, w, x, a. Without the separator `perm` stays as it is. False, with nothing assigned, for bad letters.
     static bool GetPathAndPerm(const std::string& entry, std::string& path, std::string& perm);
 
-    // Whether a path entry is well formed and its path exists on the host now.
+    // Whether a path entry is well formed.
+    static bool IsPathEntry(const std::string& entry);
+
+    // Whether it is, and its path exists on the host now.
     static bool PathChecker(const std::string& entry);
 
     // Whether `path` lies below `dir`. A directory without a slash at its end does not lie below itself; one with it

@@ -9,9 +9,9 @@
 #include "messages/AbstractMessageReceiver.h"
 #include "messages/AbstructMessage.h"
 
-// How a watch behaves. Set by position in the order of declaration. This host looks at none of them: it always notifies
-// after the access, in the order of the accesses, of all at and below the path, and waits for a path that does not
-// exist. NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the name is part of the contract.
+// How a watch behaves. Set by position in the order of declaration. This host looks at the last only: it always
+// notifies after the access, in the order of the accesses, of all at and below the path, and waits for a path that does
+// not exist. NOLINTNEXTLINE(clang-diagnostic-reserved-identifier): the name is part of the contract.
 struct _FileNotifyOpt {
     bool permission = false;    // ask before the access is allowed; never honoured: the agent cannot hang its host
     bool once = false;          // drop the watch after its first notification
@@ -25,7 +25,9 @@ struct _FileNotifyOpt {
     std::vector<std::string> excludedProcesses;
     bool keepOrder = false;  // deliver in the order of the accesses
     std::int32_t limit = 0;  // notifications a second; 0: no limit
-    bool reserved = false;
+    // A watch for what is written is also notified of what is made, deleted, moved or given other attributes there, and
+    // any watch of accesses through other paths: a hard link, or a directory that was moved away from its path.
+    bool changes = false;
 };
 
 namespace Engine {

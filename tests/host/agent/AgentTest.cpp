@@ -84,7 +84,9 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("key version"), HasSubstr("key content.other"),
                     HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
-                    HasSubstr("*/*q\""), HasSubstr("No such file"), HasSubstr("\"\"")));
+                    HasSubstr("*/*q\""), HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\"")));
+    policy.isScopeContainer = true;
+    EXPECT_EQ(Examine(policy, {}, good).directories, 3U) << "a later path is waited for, a bad entry is not";
 }
 
 TEST(ImpairmentReportTest, EachCauseIsToldOnceAMinuteForEachContainerWithWhatCameMeanwhile)

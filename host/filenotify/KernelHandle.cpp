@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/filenotify/KernelHandle.h"
+
+#include <cerrno>
+
+namespace Engine {
+
+namespace {
+
+// Since Linux 6.5: a handle that need not be fit for opening. glibc 2.36 does not name it.
+constexpr int handleAsId = 0x200;
+
+}  // namespace
+
+std::error_code KernelHandle::Read(int at, const char* path)
+{
+    auto* handle = reinterpret_cast<file_handle*>(buffer.data());
+    handle->handle_bytes = MAX_HANDLE_SZ;
+    int result = name_to_handle_at(at, path, handle, &mount, handleAsId);
+    if (result != 0 && errno == EINVAL) {
+        handle->handle_bytes = MAX_HANDLE_SZ;
+        result = name_to_handle_at(at, path, handle, &mount, 0);
+    }
+    return result == 0 ? std::error_code{} : std::error_code{errno, std::generic_category()};
+}
+
+FileHandle KernelHandle::View(std::uint64_t fsid) const
+{
+    const auto* handle = reinterpret_cast<const file_handle*>(buffer.data());
+    return {fsid, handle->handle_type, std::span{buffer}.subspan(sizeof(file_handle), handle->handle_bytes)};
+}
+
+SDK::FileDescriptor KernelHandle::OpenDirectory(int anchor) const
+{
+    KernelHandle copy = *this;  // the call takes it as its own
+    auto* handle = reinterpret_cast<file_handle*>(copy.buffer.data());
+    return SDK::FileDescriptor{open_by_handle_at(anchor, handle, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+}
+
+}  // namespace Engine
