@@ -30,7 +30,8 @@ namespace Engine {
 
 class WatchedHandles {
 public:
-    static constexpr std::size_t maxHandles = 131072;  // some 40 bytes each
+    // Some 40 bytes and 6 us each, in which no event is read: the kernel's queue has to hold what comes meanwhile.
+    static constexpr std::size_t maxHandles = 65536;
     static constexpr std::size_t maxFollowed = 4;
 
     // A watch and where it is now; several of one watch if filesystems are mounted below it.
