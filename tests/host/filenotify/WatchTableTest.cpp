@@ -23,6 +23,10 @@ TEST(WatchEntryTest, LettersChooseTheEventsAndMasksDoOtherwise)
     EXPECT_EQ(ParseWatchEntry("/etc", {8, 0x40000000}).masks, (EventMasks{FAN_CLOSE_WRITE, FAN_CLOSE_WRITE}));
     EXPECT_EQ(ParseWatchEntry("/etc*/*w", {}).masks, (EventMasks{FAN_MODIFY | FAN_CLOSE_WRITE | changes, changes}));
     EXPECT_EQ(ParseWatchEntry("/etc*/*xaa", {2}).masks, (EventMasks{FAN_OPEN_EXEC | FAN_ATTRIB, FAN_ATTRIB}));
+    for (const char* text : {"/etc", "/etc*/*w"}) {
+        EXPECT_EQ(ParseWatchEntry(text, {8}, true).masks, ParseWatchEntry("/etc*/*wa", {}).masks);
+    }
+    EXPECT_EQ(ParseWatchEntry("/etc*/*r", {8}, true).masks, ParseWatchEntry("/etc*/*r", {}).masks);
     EXPECT_EQ(ParseWatchEntry("/etc//*/*r", {}).path, "/etc");
     EXPECT_EQ(ParseWatchEntry("/", {2}).path, "/");
     const std::pair<std::string, std::vector<unsigned int>> refused[] = {
