@@ -19,8 +19,8 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
       socketWatch(socketPath),
-      view(table, system),
-      registry(table, system),
+      view(table, groups, system),
+      registry(table, groups, system),
       observer(registry, system, receivers, cache),
       engine(socketPath, cache, [this] { return isCancelled(); })
 {

@@ -60,6 +60,7 @@ private:
     SocketWatch socketWatch;
     MetadataCache cache;
     ContainerTable table;
+    ContainerGroups groups;
     ContainerView view;
     ContainerRegistry registry;
     NoticeReceivers receivers;

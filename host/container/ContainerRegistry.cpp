@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "host/ftrace/SyscallProbeLayout.h"
+#include "host/sdk/CgroupPath.h"
+
 namespace Engine {
 
 namespace {
@@ -48,7 +51,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
     }
     // A runtime made its child straight in the container's group, or the parent has gone before it was ever seen.
     if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
-        if (const auto found = RuntimeSetUp::Look(system, child); found && found->state != State::Host) {
+        if (const auto found = RuntimeSetUp::Look(system, groups, child); found && found->state != State::Host) {
             made.state = from == nullptr ? found->state : State::Entering;
             made.container = Shared(found->container);
         }
@@ -64,19 +67,29 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
         return false;
     }
     const int pid = move.pid;
-    const std::string& id = move.container;
+    const ContainerGroups::Claimed claimed = groups.Claim(move.group);
+    const std::string& id = claimed.id;
+    if (!claimed.displaced.empty()) {
+        Relabel(id, claimed.displaced);
+    }
     if (move.identity != 0 && !id.empty()) {
         identities.insert_or_assign(move.identity, Shared(id));
         if (identities.size() > maxIdentities) {
             identities.erase(identities.begin());
         }
     }
-    const Entry* entry = !id.empty() ? LoadMoved(move, when) : move.past ? Find(pid) : FindOrLoad(pid, when);
+    const Entry* entry = !id.empty() || move.past ? LoadMoved(move, when) : FindOrLoad(pid, when);
+    if (id.empty() && move.identity != 0 && move.group.path.size() > 1 && entry != nullptr && entry->inSetUp) {
+        setUpGroups[move.identity].push_back(move.group);
+        if (setUpGroups.size() > maxSetUps) {
+            setUpGroups.erase(setUpGroups.begin());
+        }
+    }
     if (entry == nullptr || !entry->IsAlive() || Same(entry->container, id)) {
         return false;
     }
     // It may have left the container's group in one hierarchy and be in it still in the others.
-    if (id.empty() && !system.CgroupContainer(pid).value_or(*entry->container).empty()) {
+    if (id.empty() && !ContainerByGroups(pid).value_or(*entry->container).empty()) {
         return false;
     }
     const bool wasInside = entry->IsInside();
@@ -98,13 +111,15 @@ const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, N
         Entry made;
         if (move.past) {
             made.parent = move.past->parent;
-            made.inSetUp = RuntimeSetUp::IsSelfExecution(move.past->executed);
-            made.bornInSetUp = made.inSetUp && move.past->bornInSetUp;
+            const bool isSelfExecuted = RuntimeSetUp::IsSelfExecution(move.past->executed);
+            made.inSetUp = isSelfExecuted || RuntimeSetUp::IsManager(system, made.parent);
+            made.bornInSetUp = isSelfExecuted && move.past->bornInSetUp;
         } else {
             SDK::ProcessUtils::procStatus status;
             made.parent = system.Status(move.pid, status) == 0 ? status.ppid : -1;
             provisional.emplace_back(move.pid, when + believeSetUp);
         }
+        made.seen = when;
         if (known != nullptr) {  // of the id's last bearer
             made.before = known->Visible();
             made.since = when;
@@ -119,14 +134,15 @@ void ContainerRegistry::MoveOthers(int leader, const Entry& like, Nanoseconds wh
 {
     const std::string target = like.container == nullptr ? std::string{} : *like.container;
     for (const int tid : system.Threads(leader)) {
-        if (tid != leader && IsInside(tid) && system.CgroupContainer(tid) == target) {
+        if (tid != leader && IsInside(tid) && ContainerByGroups(tid) == target) {
             table.Update(tid, [&](Entry& entry) { entry.MoveTo(like.state, like.container, when); });
         }
     }
 }
 
 std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, int oldPid, std::string_view filename,
-                                                                     Nanoseconds when, const RecordSource& source)
+                                                                     Nanoseconds when, const RecordSource& source,
+                                                                     unsigned int place)
 {
     if (oldPid != pid) {
         table.Erase(oldPid);
@@ -140,10 +156,13 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
     Exec exec{pid, entry->state, entry->container, RuntimeSetUp::IsSelfExecution(filename)};
     if (exec.state == State::Host) {
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
-        exec.container = Shared(system.CgroupContainer(pid).value_or(std::string{}));
+        exec.container = Shared(ContainerByGroups(pid).value_or(std::string{}));
+        if (exec.container == nullptr && !exec.isSelfExecution && IsSetUpByRuntime(pid, *entry, place)) {
+            exec.container = AdoptGroup(pid, source.identity);
+        }
     }
     if (exec.state != State::Inside && exec.container != nullptr) {
-        const bool isRuntime = RuntimeSetUp::Continues(system, pid, filename, entry->bornInSetUp);
+        const bool isRuntime = RuntimeSetUp::Continues(system, pid, filename, entry->bornInSetUp, place);
         exec.state = isRuntime ? State::Entering : State::Inside;
     }
     exec.enters = exec.state == State::Inside && !(wasKnown && entry->IsInside());
@@ -179,7 +198,7 @@ const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanosecon
         table.Put(tid, std::move(made));
         return Find(tid);
     }
-    std::optional<Found> found = RuntimeSetUp::Look(system, tid);
+    std::optional<Found> found = RuntimeSetUp::Look(system, groups, tid);
     if (!found && !identities.contains(source.identity)) {
         return nullptr;
     }
@@ -253,6 +272,9 @@ ContainerRegistry::Entry ContainerRegistry::MakeEntry(int tid, const Found& foun
 
 void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
 {
+    if (!IsSynced()) {
+        ClaimAll();
+    }
     const FoundList all = LookAtAll(filter);
     for (const auto& [tid, found] : all) {
         Merge(tid, found, since, now);
@@ -265,7 +287,7 @@ ContainerRegistry::FoundList ContainerRegistry::LookAtAll(const SyscallFilter* f
 {
     FoundList all;
     for (const int pid : system.Processes()) {
-        std::optional<Found> found = RuntimeSetUp::Look(system, pid);
+        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
         if (!found) {
             continue;
         }
@@ -344,6 +366,75 @@ void ContainerRegistry::Adopt(Found& found) const
         found.state = State::Inside;
         found.container = *parent->container;
     }
+}
+
+std::optional<std::string> ContainerRegistry::ContainerByGroups(int tid) const
+{
+    const auto of = system.Cgroups(tid);
+    return of ? std::optional{groups.Find(*of)} : std::nullopt;
+}
+
+// Those that are below the fewest others first: they have the better right to their ids.
+void ContainerRegistry::ClaimAll()
+{
+    std::vector<std::pair<std::size_t, SDK::Cgroup>> found;
+    for (const int pid : system.Processes()) {
+        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+            if (const std::size_t depth = SDK::CgroupPath::ContainerParts(group.path).size(); depth != 0) {
+                found.emplace_back(depth, std::move(group));
+            }
+        }
+    }
+    std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [depth, group] : found) {
+        groups.Claim(group);
+    }
+}
+
+// Those that had the id wrongly. Rare, so every entry may be looked at.
+void ContainerRegistry::Relabel(const std::string& id, const std::string& next)
+{
+    const Text label = Shared(next);
+    std::vector<int> wrong;
+    for (const auto& [tid, entry] : table.Entries()) {
+        if (Same(entry.container, id)) {
+            wrong.push_back(tid);
+        }
+    }
+    for (const int tid : wrong) {
+        table.Update(tid, [&label](Entry& entry) { entry.container = label; });
+    }
+    for (auto& [identity, container] : identities) {
+        container = Same(container, id) ? label : container;
+    }
+}
+
+// A group's name does not tell. What was moved there in set-up, and has now left the host's root directory and mounts,
+// is a container's first process.
+bool ContainerRegistry::IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const
+{
+    const bool hasLeft = (place & CE_PLACE_KNOWN) != 0
+                             ? (place & CE_OTHER_MOUNTS) != 0 && (place & CE_OTHER_ROOT) != 0
+                             : !system.HasHostRoot(pid).value_or(true) &&
+                                   !RuntimeSetUp::InHostMountNamespace(system, pid).value_or(true);
+    return hasLeft && entry.inSetUp;
+}
+
+ContainerRegistry::Text ContainerRegistry::AdoptGroup(int pid, std::uint32_t identity)
+{
+    Text id;
+    const auto moved = setUpGroups.extract(identity);
+    for (const SDK::Cgroup& group :
+         moved.empty() ? system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{}) : moved.mapped()) {
+        if (group.path.size() > 1) {
+            const std::string adopted = groups.Adopt(group);
+            id = id == nullptr ? Shared(adopted) : id;
+        }
+    }
+    if (id != nullptr && identity != 0) {
+        identities.insert_or_assign(identity, id);
+    }
+    return id;
 }
 
 // What was lost, and where it has moved itself, does not matter then.

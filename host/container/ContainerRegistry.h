@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/container/ContainerGroups.h"
 #include "host/container/ContainerTable.h"
 #include "host/container/RuntimeSetUp.h"
 #include "host/ftrace/RecordStream.h"
@@ -21,7 +22,7 @@ namespace Engine {
 
 // Identity is the control group, never the namespaces: those change exactly when a process escapes.
 //
-// Ownership: neither the table nor the system view is owned; both outlive the registry.
+// Ownership: table, groups and system view are not owned and outlive the registry.
 // Thread:    the one that sees the events; IsSynced from any.
 // Errors:    a thread that cannot be found anywhere counts as one of the host. Throws nothing but std::bad_alloc.
 // Times:     nanoseconds on the trace clock, CLOCK_MONOTONIC.
@@ -38,7 +39,13 @@ public:
     // Of so many identities the container is remembered: one for each process that a runtime has put into a container.
     static constexpr std::size_t maxIdentities = 65536;
 
-    ContainerRegistry(ContainerTable& table, SDK::SystemView& system) : table(table), system(system) {}
+    // So many runtimes may be in set-up at a time, in groups that are not called like a container's.
+    static constexpr std::size_t maxSetUps = 1024;
+
+    ContainerRegistry(ContainerTable& table, ContainerGroups& groups, SDK::SystemView& system)
+        : table(table), groups(groups), system(system)
+    {
+    }
 
     // sched:sched_process_fork. The child inherits everything and replaces the thread that had its id before.
     // `source`: the parent's.
@@ -48,9 +55,9 @@ public:
     // (cgroup_attach_task() in kernel/cgroup/cgroup.c). What a container moves by itself changes nothing: it must not
     // be able to leave its identity.
     struct Move {
-        int mover = -1;         // the thread that wrote the id into the group (common_pid)
-        int pid = -1;           // the thread that was moved
-        std::string container;  // that the group belongs to; empty for none
+        int mover = -1;  // the thread that wrote the id into the group (common_pid)
+        int pid = -1;    // the thread that was moved
+        SDK::Cgroup group;
         // Where the kernel tells what became of a process before: all that is known of one that was not followed then.
         struct Past {
             int parent;            // process id
@@ -74,9 +81,9 @@ public:
         bool isSelfExecution = false;
         bool enters = false;  // it is Inside from now on and was not before
     };
-    // Nothing when the thread has gone.
+    // `place`: as CePlace, 0 where the kernel does not tell. Nothing when the thread has gone.
     std::optional<Exec> DecideExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,
-                                   const RecordSource& source = {});
+                                   const RecordSource& source = {}, unsigned int place = 0);
     void ApplyExec(const Exec& exec, std::string_view filename, Nanoseconds when);
 
     // sched:sched_process_exit. An exit that comes before its fork is remembered for it.
@@ -91,6 +98,9 @@ public:
     const Entry* FindOrLoad(int tid, Nanoseconds when, const RecordSource& source = {});
 
     bool IsInside(int tid) const;
+
+    // The container that its control groups belong to, empty for none. Nothing when the thread has gone.
+    std::optional<std::string> ContainerByGroups(int tid) const;
 
     // Whether a container has a live process beside `tid` in it. Looks at every entry.
     bool HasOther(const std::string& container, int tid) const;
@@ -126,8 +136,16 @@ private:
     void Adopt(Found& found) const;
     void Identify(Found& found, std::uint32_t identity) const;
 
+    void ClaimAll();
+    void Relabel(const std::string& id, const std::string& next);
+    bool IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const;
+    Text AdoptGroup(int pid, std::uint32_t identity);
+
     ContainerTable& table;
+    ContainerGroups& groups;
     SDK::SystemView& system;
+    // Where runtimes in set-up were put, by identity: a container's program may have gone when it is looked for.
+    std::map<std::uint32_t, std::vector<SDK::Cgroup>> setUpGroups;
     std::map<std::uint32_t, Text> identities;              // the latest ones that belong to containers
     std::vector<std::pair<int, Nanoseconds>> provisional;  // believed to be in set-up, and until when
     std::atomic<bool> synced{false};

@@ -19,7 +19,7 @@ int ContainerView::ContainerOf(int pid, std::string& id)
         id.clear();
         return 0;
     }
-    const auto found = RuntimeSetUp::Look(system, pid);
+    const auto found = RuntimeSetUp::Look(system, groups, pid);
     if (!found) {
         return -1;
     }

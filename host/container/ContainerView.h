@@ -4,6 +4,7 @@
 #include <shared_mutex>
 #include <string>
 
+#include "host/container/ContainerGroups.h"
 #include "host/container/ContainerTable.h"
 #include "host/ftrace/SyscallFilter.h"
 #include "host/sdk/SystemView.h"
@@ -14,10 +15,13 @@ namespace Engine {
 // (SDK::TraceTime) as of that event's time, otherwise as of now. A thread that the table does not have is the host's if
 // the kernel excludes it, and looked up in /proc otherwise. Questions change nothing.
 //
-// Ownership: nothing is owned; table and system outlive the view.   Thread: any.
+// Ownership: nothing is owned; table, groups and system outlive the view.   Thread: any.
 class ContainerView final : public SDK::ContainerResolver {
 public:
-    ContainerView(const ContainerTable& table, SDK::SystemView& system) : table(table), system(system) {}
+    ContainerView(const ContainerTable& table, const ContainerGroups& groups, SDK::SystemView& system)
+        : table(table), groups(groups), system(system)
+    {
+    }
 
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override { return table.MayBeEntering(pid); }
@@ -29,6 +33,7 @@ private:
     bool IsExcluded(int pid);
 
     const ContainerTable& table;
+    const ContainerGroups& groups;
     SDK::SystemView& system;
     std::shared_mutex mutex;
     const SyscallFilter* filter = nullptr;

@@ -40,7 +40,7 @@ public:
     {
         const auto most = std::max_element(places.begin(), places.end(),
                                            [](const Place& a, const Place& b) { return a.count < b.count; });
-        const std::string loudest = most->count == 0 ? std::string{} : *most->container;
+        std::string loudest = most->count == 0 ? std::string{} : *most->container;
         places = {};
         return loudest;
     }

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "host/container/ContainerLog.h"
-#include "host/sdk/CgroupPath.h"
 #include "host/sdk/Impairments.h"
 #include "sdk/NamespaceUtils.h"
 
@@ -16,6 +15,9 @@ namespace {
 
 constexpr std::chrono::seconds loudestPeriod{1};
 constexpr int maxAncestors = 16;
+
+// A runtime in set-up that was moved to a group without a container's name is still followed for so long.
+constexpr std::chrono::seconds setUpPatience{10};
 constexpr std::size_t maxCommandName = 15;  // TASK_COMM_LEN without its zero byte (include/linux/sched.h)
 
 int Number(const FtraceMessage& event, std::string_view field)
@@ -148,7 +150,8 @@ void RegistryObserver::OnExec(const FtraceMessage& event, const RecordSource& so
     if (oldPid != pid) {
         StopIfAnnounced(oldPid, sequencer);
     }
-    const auto exec = registry.DecideExec(pid, oldPid, filename, event.When(), source);
+    const auto exec = registry.DecideExec(pid, oldPid, filename, event.When(), source,
+                                          static_cast<unsigned int>(event.get_number("place")));
     if (!exec) {
         return;
     }
@@ -171,8 +174,9 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, TraceSequencer& sequ
     move.mover = Number(event, "common_pid");
     move.pid = Number(event, "pid");
     const std::string& path = event.get_string("dst_path");
-    move.container = path.empty() ? system.ContainerOfCgroup(static_cast<std::uint64_t>(event.get_number("dst_id")))
-                                  : std::string{SDK::CgroupPath::ContainerId(path)};
+    move.group.path = path.empty() ? system.PathOfCgroup(static_cast<std::uint64_t>(event.get_number("dst_id"))) : path;
+    move.group.hierarchy = Number(event, "dst_root");
+    move.group.owner = static_cast<unsigned int>(event.get_number("owner"));
     // The kernel's own event does not tell.
     if (const int parent = Number(event, "parent"); parent != 0) {
         move.past = {parent, event.get_string("executed"), Number(event, "born_in_setup") != 0};
@@ -206,7 +210,8 @@ void RegistryObserver::ExcludeHost(int process, Nanoseconds when, SyscallFilter*
         const std::optional<SyscallFilter::Ticket> ticket = filter->TicketOf(process);
         const Entry* entry = ticket ? registry.FindOrLoad(process, when) : nullptr;
         if (entry == nullptr || entry->state != ContainerTable::State::Host ||
-            system.CgroupContainer(process) != std::string{}) {
+            (entry->inSetUp && when - entry->seen < setUpPatience) ||
+            registry.ContainerByGroups(process) != std::string{}) {
             return;
         }
         filter->Exclude(process, *ticket);

@@ -7,6 +7,8 @@
 #include <map>
 #include <utility>
 
+#include "host/ftrace/SyscallProbeLayout.h"
+
 namespace Engine::RuntimeSetUp {
 
 namespace {
@@ -43,17 +45,6 @@ std::string MountNamespace(SDK::SystemView& system, int pid)
     return system.Namespaces(pid, namespaces) == 0 ? namespaces["mnt"] : std::string{};
 }
 
-// Nothing when the process has gone. Process 1 has the host's mount namespace even where the agent runs in one of its
-// own. Where its link cannot be read (it needs ptrace access, namespaces(7)) the agent's own stands in.
-std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid)
-{
-    const std::string own = MountNamespace(system, pid);
-    if (own.empty()) {
-        return std::nullopt;
-    }
-    return own == MountNamespace(system, 1) || own == MountNamespace(system, ::getpid());
-}
-
 // The two ways in which a set-up process is a copy of the runtime: it runs a file without a name (memfd_create(2)), or
 // the very file that its parent runs.
 bool RunsCopyOfRuntime(SDK::SystemView& system, int tid, int parent)
@@ -80,14 +71,45 @@ bool IsSelfExecution(std::string_view filename)
 // One that has gone already cannot be asked. Runtimes do have helpers that live a millisecond, but these execute
 // themselves before they fork, not in the child that becomes the container's program: a child that does so and is gone
 // at once is an attacker's entry point, which has no need to live longer.
-bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp)
+bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp, unsigned int place)
 {
-    return IsSelfExecution(filename) && InHostMountNamespace(system, pid).value_or(!bornInSetUp);
+    if (!IsSelfExecution(filename)) {
+        return false;
+    }
+    return (place & CE_PLACE_KNOWN) != 0 ? (place & CE_OTHER_MOUNTS) == 0
+                                         : InHostMountNamespace(system, pid).value_or(!bornInSetUp);
 }
 
-std::optional<Found> Look(SDK::SystemView& system, int tid)
+// Process 1 has the host's mount namespace even where the agent runs in one of its
+// own. Where its link cannot be read (it needs ptrace access, namespaces(7)) the agent's own stands in.
+std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid)
 {
-    std::optional<std::string> container = system.CgroupContainer(tid);
+    const std::string own = MountNamespace(system, pid);
+    if (own.empty()) {
+        return std::nullopt;
+    }
+    return own == MountNamespace(system, 1) || own == MountNamespace(system, ::getpid());
+}
+
+bool IsManager(SDK::SystemView& system, int pid)
+{
+    constexpr std::string_view managers[] = {"/crun", "/youki", "/systemd-nspawn"};
+    std::string executable;
+    if (pid == 1 || system.ExecutablePath(static_cast<unsigned int>(pid), executable) != 0) {
+        return pid == 1;
+    }
+    return std::any_of(std::begin(managers), std::end(managers),
+                       [&](std::string_view name) { return executable.ends_with(name); }) &&
+           system.HasHostRoot(pid).value_or(false);
+}
+
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid)
+{
+    const auto containerOf = [&](int thread) {
+        const auto of = system.Cgroups(thread);
+        return of ? std::optional{groups.Find(*of)} : std::nullopt;
+    };
+    std::optional<std::string> container = containerOf(tid);
     if (!container) {
         return std::nullopt;
     }
@@ -95,7 +117,7 @@ std::optional<Found> Look(SDK::SystemView& system, int tid)
     const int parent = system.Status(tid, status) == 0 ? status.ppid : -1;
     Found found{ContainerTable::State::Host, std::move(*container), parent};
     if (!found.container.empty()) {
-        const bool parentIsInside = !system.CgroupContainer(parent).value_or(found.container).empty();
+        const bool parentIsInside = !containerOf(parent).value_or(found.container).empty();
         const bool isRuntime = !parentIsInside && RunsCopyOfRuntime(system, tid, parent);
         found.state = isRuntime ? ContainerTable::State::Entering : ContainerTable::State::Inside;
     }

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/container/ContainerGroups.h"
 #include "host/container/ContainerTable.h"
 #include "host/sdk/SystemView.h"
 
@@ -25,8 +26,8 @@ namespace RuntimeSetUp {
 bool IsSelfExecution(std::string_view filename);
 
 // Whether a process that is not known to be Inside and executes `filename` in a container's group is the runtime still.
-// `bornInSetUp`: a process in set-up forked it.
-bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp);
+// `bornInSetUp`: a process in set-up forked it. `place`: as CePlace; 0: /proc tells where it is.
+bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool bornInSetUp, unsigned int place);
 
 // What /proc says about a thread.
 struct Found {
@@ -38,7 +39,14 @@ struct Found {
 // Nothing when the thread has gone. State Entering is a guess: the process runs a copy of the runtime and its parent is
 // in no container. A container can arrange the first, not the second, except for the process that the runtime itself
 // starts in it; so this is to be believed for a short time only.
-std::optional<Found> Look(SDK::SystemView& system, int tid);
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid);
+
+// Whether a process has the mount namespace of process 1, or the agent's. Nothing when it has gone.
+std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid);
+
+// Whether a process makes containers without executing itself, and is the host's own: crun, youki, systemd-nspawn, and
+// process 1, which starts services with a root directory of their own (systemd.exec(5), RootDirectory=, RootImage=).
+bool IsManager(SDK::SystemView& system, int pid);
 
 }  // namespace RuntimeSetUp
 

@@ -16,7 +16,7 @@
 namespace Engine {
 namespace {
 
-constexpr std::size_t bytesPerRound = 384 * 1024;
+constexpr std::size_t bytesPerRound = 384UL * 1024;
 // The kernel looks at what was given back when it writes, so not each record is worth a write to that place.
 constexpr std::size_t giveBackAt = 8;  // one part in so many of the ring
 

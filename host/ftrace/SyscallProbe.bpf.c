@@ -20,14 +20,50 @@
 struct thread_info {
     __u32 status;
 };
+typedef struct {
+    __u32 val;
+} kuid_t;
+struct kernfs_iattrs {
+    kuid_t ia_uid;
+};
 struct kernfs_node {
     __u64 id;
+    struct kernfs_iattrs* iattr; /* null while nothing was changed: root owns it */
+};
+struct cgroup_root {
+    int hierarchy_id;
 };
 struct cgroup {
     struct kernfs_node* kn;
+    struct cgroup_root* root;
 };
 struct css_set {
     struct cgroup* dfl_cgrp;
+};
+struct ns_common {
+    unsigned int inum;
+};
+struct mnt_namespace {
+    struct ns_common ns;
+};
+struct nsproxy {
+    struct mnt_namespace* mnt_ns;
+};
+struct super_block {
+    __u32 s_dev;
+};
+struct inode {
+    unsigned long i_ino;
+    struct super_block* i_sb;
+};
+struct dentry {
+    struct inode* d_inode;
+};
+struct path {
+    struct dentry* dentry;
+};
+struct fs_struct {
+    struct path root;
 };
 struct task_struct {
     struct thread_info thread_info;
@@ -38,6 +74,8 @@ struct task_struct {
     struct task_struct* real_parent;
     struct task_struct* group_leader;
     struct css_set* cgroups;
+    struct fs_struct* fs;
+    struct nsproxy* nsproxy;
 };
 struct linux_binprm {
     const char* filename;
@@ -327,10 +365,13 @@ static __always_inline __u32 Location(__u32 offset, long bytes)
 }
 
 static __always_inline void FillMove(struct CeRecordHead* head, struct CeMoveEvent* event, struct task_struct* task,
-                                     __u64 group, __u32 identity)
+                                     const struct cgroup* group, __u32 identity)
 {
     Begin(head, &event->head, tables.life[CE_MOVE]);
-    event->group = group;
+    const struct kernfs_iattrs* attributes = group->kn->iattr;
+    event->group = group->kn->id;
+    event->hierarchy = group->root->hierarchy_id;
+    event->owner = attributes == NULL ? 0 : attributes->ia_uid.val;
     event->thread = task->pid;
     event->parent = task->real_parent->tgid;
     event->identity = identity;
@@ -345,7 +386,8 @@ static __always_inline void FillMove(struct CeRecordHead* head, struct CeMoveEve
 }
 
 /* Without a path: of a process that was made in that group. */
-static __always_inline void RecordMove(struct task_struct* task, __u64 group, const char* path, __u32 identity)
+static __always_inline void RecordMove(struct task_struct* task, const struct cgroup* group, const char* path,
+                                       __u32 identity)
 {
     void* ring = Ring();
     struct CeMoveRecord* record = ring == NULL ? NULL : bpf_ringbuf_reserve(ring, sizeof *record, 0);
@@ -379,6 +421,10 @@ static __always_inline __u32 Identify(struct task_struct* task, __u32 mover)
     if (kept == NULL) {
         return 0;
     }
+    /* A process is moved in one hierarchy after another, and stays the same one. */
+    if (kept->isSetUp && kept->identity != 0) {
+        return kept->identity;
+    }
     kept->isSetUp = 1;
     kept->isTold = 1;
     kept->identity = __sync_fetch_and_add(&tables.identities, 1) + 1;
@@ -405,7 +451,7 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
         RecordFork(parent, child, Kept(child, 0));
     }
     if (tables.life[CE_MOVE] != 0 && isMadeElsewhere) {
-        RecordMove(child, child->cgroups->dfl_cgrp->kn->id, NULL, identity);
+        RecordMove(child, child->cgroups->dfl_cgrp, NULL, identity);
     }
     return 0;
 }
@@ -434,13 +480,21 @@ static __always_inline struct CeTask* Remember(struct task_struct* task, const c
     return kept;
 }
 
+static __always_inline __u32 PlaceOf(const struct task_struct* task)
+{
+    const struct inode* root = task->fs->root.dentry->d_inode;
+    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
+    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
+    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
+}
+
 static __always_inline void FillExec(struct CeRecordHead* head, struct CeExecEvent* event,
                                      const struct task_struct* task, int oldThread)
 {
     Begin(head, &event->head, tables.life[CE_EXEC]);
     event->thread = task->pid;
     event->oldThread = oldThread;
-    event->reserved = 0;
+    event->place = PlaceOf(task);
 }
 
 SEC("tp_btf/sched_process_exec")
@@ -515,7 +569,7 @@ int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct*
 {
     MayBeInContainer(task->tgid);
     if (tables.life[CE_MOVE] != 0) {
-        RecordMove(task, group->kn->id, path, Identify(task, bpf_get_current_pid_tgid() >> 32));
+        RecordMove(task, group, path, Identify(task, bpf_get_current_pid_tgid() >> 32));
     }
     return 0;
 }

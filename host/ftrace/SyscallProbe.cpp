@@ -4,7 +4,9 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -81,6 +83,16 @@ bool HasX32()
     return ::syscall(SYS_getpid | x32Bit) > 0;
 }
 
+// What process 1 has; where that may not be looked at, the agent itself.
+struct stat OfHost(const std::string& file)
+{
+    struct stat found = {};
+    if (::stat(("/proc/1/" + file).c_str(), &found) != 0 && ::stat(("/proc/self/" + file).c_str(), &found) != 0) {
+        Fail("cannot look at /proc/self/" + file, errno);
+    }
+    return found;
+}
+
 std::size_t Elements(std::size_t processes)
 {
     return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
@@ -129,13 +141,20 @@ void SyscallProbe::Load(const Budgets& budgets)
     if (program == nullptr) {
         Fail("cannot read the BPF program", errno);
     }
-    program->rodata->settings = {static_cast<unsigned int>(processLimit),
-                                 WindowShift(),
-                                 budgets.guaranteed,
-                                 budgets.thread,
-                                 budgets.group,
-                                 budgets.life,
-                                 HasX32() ? 1U : 0U};
+    const struct stat mounts = OfHost("ns/mnt");
+    const struct stat root = OfHost("root");
+    CeProbeSettings& settings = program->rodata->settings;
+    settings.processLimit = static_cast<unsigned int>(processLimit);
+    settings.windowShift = WindowShift();
+    settings.guaranteed = budgets.guaranteed;
+    settings.threadBudget = budgets.thread;
+    settings.groupBudget = budgets.group;
+    settings.lifeBudget = budgets.life;
+    settings.hostMounts = static_cast<unsigned int>(mounts.st_ino);
+    // MKDEV() of include/linux/kdev_t.h.
+    settings.hostDevice = major(root.st_dev) << 20U | minor(root.st_dev);
+    settings.hostRoot = root.st_ino;
+    settings.hasX32 = HasX32() ? 1 : 0;
     bpf_map__set_max_entries(program->maps.processes, static_cast<unsigned int>(Elements(processLimit)));
     bpf_map__set_max_entries(program->maps.rings, static_cast<unsigned int>(perCpu.size()));
     if (const int error = SyscallProbeProgram::load(program.get()); error != 0) {

@@ -40,14 +40,17 @@ struct CeWatchedCall {
 
 /* Given before the program is loaded. */
 struct CeProbeSettings {
-    unsigned int processLimit; /* calls of processes with ids from here on are always recorded */
-    unsigned int windowShift;  /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int guaranteed;   /* calls of one kind that every thread may make in a window, always */
-    unsigned int threadBudget; /* that it may make while its control groups have not used up theirs */
-    unsigned int groupBudget;  /* that all threads in the same control groups may make in it on each CPU, not counting
-                                  the guaranteed ones; and calls that follow on one of another kind */
-    unsigned int lifeBudget;   /* forks and execs in the same control groups, in a window on each CPU */
-    unsigned int hasX32;       /* whether the kernel serves calls by x32's table */
+    unsigned int processLimit;   /* calls of processes with ids from here on are always recorded */
+    unsigned int windowShift;    /* a window of the budgets is 2^windowShift jiffies */
+    unsigned int guaranteed;     /* calls of one kind that every thread may make in a window, always */
+    unsigned int threadBudget;   /* that it may make while its control groups have not used up theirs */
+    unsigned int groupBudget;    /* that all threads in the same control groups may make in it on each CPU, not counting
+                                    the guaranteed ones; and calls that follow on one of another kind */
+    unsigned int lifeBudget;     /* forks and execs in the same control groups, in a window on each CPU */
+    unsigned int hostMounts;     /* number of the host's mount namespace, as in /proc/1/ns/mnt */
+    unsigned int hostDevice;     /* of the host's root directory, as the kernel has it */
+    unsigned long long hostRoot; /* its inode's number */
+    unsigned int hasX32;         /* whether the kernel serves calls by x32's table */
 };
 
 /* Shared memory while the program runs. */
@@ -118,12 +121,19 @@ struct CeExitEvent {
 #define CE_SHORT_PATH 128
 #define CE_LONG_PATH 3840
 
+/* What a program sees of the host when it is executed. */
+enum CePlace {
+    CE_PLACE_KNOWN = 1,
+    CE_OTHER_MOUNTS = 2, /* a mount namespace that is not the host's */
+    CE_OTHER_ROOT = 4    /* a root directory that is not the host's */
+};
+
 struct CeExecEvent {
     struct CeEventHead head;
     unsigned int filename;
     int thread;
     int oldThread;
-    unsigned int reserved;
+    unsigned int place; /* of CePlace */
 };
 
 /* The longest file name by which a program re-executes itself, "/proc/thread-self/fd/N", and its zero byte. */
@@ -141,6 +151,8 @@ struct CeMoveEvent {
     int thread;               /* that was moved: of a whole process the leader */
     int parent;               /* the process that is its parent */
     unsigned int path;        /* within its hierarchy; without length where there is none */
+    int hierarchy;            /* number of the group's; 0: version 2 */
+    unsigned int owner;       /* user id of the group's owner */
     unsigned int identity;    /* from now on; 0: the mover is no process of the host, so it stays as it was */
     unsigned int reserved;
     unsigned int bornInSetUp;      /* whether its parent had, when it made it, what `executed` tells */
@@ -152,7 +164,7 @@ struct CeMoveEvent {
 struct CeTask {
     char executed[CE_SET_UP_NAME]; /* as CeMoveEvent has it */
     unsigned int bornInSetUp;
-    unsigned int identity; /* of the process when the thread was made; kept up to date with the leader */
+    unsigned int identity; /* of its process when it was made; its leader's is the one that counts */
     unsigned int
         isSetUp; /* its move into other control groups, or its parent's, was followed by no exec of a program yet */
     unsigned int

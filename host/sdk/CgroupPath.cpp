@@ -2,6 +2,7 @@
 #include "host/sdk/CgroupPath.h"
 
 #include <algorithm>
+#include <charconv>
 
 namespace SDK {
 
@@ -75,9 +76,7 @@ std::string_view LxcName(std::string_view name, std::string_view parent)
 std::string_view IdOf(std::string_view component, std::string_view parent)
 {
     const std::string_view name = WithoutEnd(component, ".scope");
-    // Podman's pods, with plain groups: "libpod_parent/<pod>/libpod-<container>".
-    const bool isPod = parent == "libpod_parent" && name.size() == idLength;
-    if (const std::string_view id = HexId(name); !id.empty() && !isPod) {
+    if (const std::string_view id = HexId(name); !id.empty()) {
         return id;
     }
     if (const std::string_view id = BuildId(name, parent); !id.empty()) {
@@ -95,29 +94,54 @@ std::string_view CutUpTo(std::string_view& text, char separator)
 
 }  // namespace
 
-std::string_view CgroupPath::ContainerId(std::string_view path)
+std::vector<CgroupPath::Part> CgroupPath::ContainerParts(std::string_view path)
 {
+    std::vector<Part> parts;
     std::string_view parent;
-    while (!path.empty()) {
-        const std::string_view component = CutUpTo(path, '/');
+    bool isPod = false;
+    for (std::string_view rest = path; !rest.empty();) {
+        const std::string_view component = CutUpTo(rest, '/');
         if (const std::string_view id = IdOf(component, parent); !id.empty()) {
-            return id;
+            // Podman's pods, with plain groups: "libpod_parent/<pod>/libpod-<container>". A pod has no process itself.
+            if (isPod) {
+                parts.clear();
+            }
+            isPod = parent == "libpod_parent" && component == id;
+            parts.push_back({id, static_cast<std::size_t>(component.data() + component.size() - path.data())});
         }
         parent = component;
     }
-    return {};
+    return parts;
 }
 
-std::string_view CgroupPath::ContainerIdOfFile(std::string_view text)
+std::string_view CgroupPath::ContainerId(std::string_view path)
 {
+    const std::vector<Part> parts = ContainerParts(path);
+    return parts.empty() ? std::string_view{} : parts.front().id;
+}
+
+std::vector<Cgroup> CgroupPath::Groups(std::string_view text)
+{
+    std::vector<Cgroup> groups;
     while (!text.empty()) {
         std::string_view line = CutUpTo(text, '\n');
-        CutUpTo(line, ':');  // the hierarchy's number
+        const std::string_view number = CutUpTo(line, ':');
         CutUpTo(line, ':');  // its controllers
+        int hierarchy = 0;
+        std::from_chars(number.data(), number.data() + number.size(), hierarchy);
         // Of a dead process in a group that is removed (proc_cgroup_show() in kernel/cgroup/cgroup.c).
-        line = WithoutEnd(line, " (deleted)");
-        if (const std::string_view id = ContainerId(line); !id.empty()) {
-            return id;
+        if (line.starts_with('/')) {
+            groups.push_back({hierarchy, std::string{WithoutEnd(line, " (deleted)")}, 0});
+        }
+    }
+    return groups;
+}
+
+std::string CgroupPath::ContainerIdOfFile(std::string_view text)
+{
+    for (const Cgroup& group : Groups(text)) {
+        if (const std::string_view id = ContainerId(group.path); !id.empty()) {
+            return std::string{id};
         }
     }
     return {};

@@ -161,25 +161,25 @@ int LiveSystem::ContainerOf(int pid, std::string& id)
             return resolver->ContainerOf(pid, id);
         }
     }
-    std::optional<std::string> found = CgroupContainer(pid);
-    if (!found) {
+    std::string cgroups;
+    if (FileUtils::ReadFile(PathOf(pid, "cgroup"), cgroups, maxCgroupBytes) != 0) {
         return -1;
     }
-    id = std::move(*found);
+    id = CgroupPath::ContainerIdOfFile(cgroups);
     return 0;
 }
 
-std::optional<std::string> LiveSystem::CgroupContainer(int tid)
+std::optional<std::vector<Cgroup>> LiveSystem::Cgroups(int tid)
 {
     std::string cgroups;
     if (FileUtils::ReadFile(PathOf(tid, "cgroup"), cgroups, maxCgroupBytes) != 0) {
         return std::nullopt;
     }
-    return std::string{CgroupPath::ContainerIdOfFile(cgroups)};
+    return CgroupPath::Groups(cgroups);
 }
 
 // A control group's file handle is its id (kernfs_encode_fh() in fs/kernfs/mount.c).
-std::string LiveSystem::ContainerOfCgroup(std::uint64_t cgroup)
+std::string LiveSystem::PathOfCgroup(std::uint64_t cgroup)
 {
     constexpr int kernfsHandle = 0xfe;  // FILEID_KERNFS (include/linux/exportfs.h)
     alignas(file_handle) std::array<std::byte, sizeof(file_handle) + sizeof cgroup> space{};
@@ -189,8 +189,23 @@ std::string LiveSystem::ContainerOfCgroup(std::uint64_t cgroup)
     std::memcpy(space.data() + offsetof(file_handle, f_handle), &cgroup, sizeof cgroup);
     const FileDescriptor cgroups = OpenCgroups();
     const FileDescriptor found{::open_by_handle_at(cgroups.Get(), handle, O_PATH | O_CLOEXEC)};
-    const auto path = found ? LinkTarget(procRoot + "/self/fd/" + std::to_string(found.Get())) : std::nullopt;
-    return std::string{CgroupPath::ContainerId(path.value_or(std::string{}))};
+    const auto target = [this](const FileDescriptor& file) {
+        return LinkTarget(procRoot + "/self/fd/" + std::to_string(file.Get())).value_or(std::string{});
+    };
+    const std::string root = target(cgroups);
+    const std::string path = found ? target(found) : std::string{};
+    return path.starts_with(root) ? path.substr(root.size()) : path;
+}
+
+std::optional<bool> LiveSystem::HasHostRoot(int tid)
+{
+    struct stat own = {};
+    struct stat hosts = {};
+    if (::stat(PathOf(tid, "root").c_str(), &own) != 0 ||
+        (::stat(PathOf(1, "root").c_str(), &hosts) != 0 && ::stat("/", &hosts) != 0)) {
+        return std::nullopt;
+    }
+    return own.st_dev == hosts.st_dev && own.st_ino == hosts.st_ino;
 }
 
 bool LiveSystem::RunSameFile(int tid, int other)

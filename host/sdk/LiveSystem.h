@@ -24,8 +24,9 @@ public:
     std::vector<int> Processes() override;
     std::vector<int> Threads(int pid) override;
     int CommandLine(int pid, std::string& commandLine) override;
-    std::optional<std::string> CgroupContainer(int tid) override;
-    std::string ContainerOfCgroup(std::uint64_t cgroup) override;
+    std::optional<std::vector<Cgroup>> Cgroups(int tid) override;
+    std::string PathOfCgroup(std::uint64_t cgroup) override;
+    std::optional<bool> HasHostRoot(int tid) override;
     bool RunSameFile(int tid, int other) override;
     std::optional<std::chrono::nanoseconds> StartTime(int tid) override;
 

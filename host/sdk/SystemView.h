@@ -14,6 +14,12 @@
 
 namespace SDK {
 
+struct Cgroup {
+    int hierarchy = 0;  // its number, as in /proc/<pid>/cgroup; 0: that of version 2
+    std::string path;   // within the hierarchy, from a slash on
+    unsigned int owner = 0;
+};
+
 // Knows in which container a process is. Implemented by the container module, asked by the live view. Questions change
 // nothing.
 class ContainerResolver {
@@ -50,10 +56,13 @@ public:
     // What the kernel says about a thread at this moment, which may be later than the event that led to the question.
     // /proc/<tid> exists for every thread, also for those that /proc does not list (proc(5)).
     //
-    // The id of the container that its control groups belong to, empty for none. Nothing when the thread has gone.
-    virtual std::optional<std::string> CgroupContainer(int /*tid*/) { return std::nullopt; }
-    // The same for a control group of version 2, by its id (cgroup_id() in the kernel). Empty when that has gone, too.
-    virtual std::string ContainerOfCgroup(std::uint64_t /*cgroup*/) { return {}; }
+    // Its control groups. Nothing when the thread has gone.
+    virtual std::optional<std::vector<Cgroup>> Cgroups(int /*tid*/) { return std::nullopt; }
+    // The path of a control group of version 2, by its id (cgroup_id() in the kernel). Empty when that has gone.
+    virtual std::string PathOfCgroup(std::uint64_t /*cgroup*/) { return {}; }
+    // Whether it has the root directory that process 1 has, or the agent where that may not be looked at. Nothing when
+    // it has gone.
+    virtual std::optional<bool> HasHostRoot(int /*tid*/) { return std::nullopt; }
     // Whether both run the same file. False when either cannot be looked at.
     virtual bool RunSameFile(int /*tid*/, int /*other*/) { return false; }
     // When it started, on CLOCK_MONOTONIC, rounded down by up to 20 ms. Nothing when it has gone.

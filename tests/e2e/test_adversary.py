@@ -104,6 +104,22 @@ class Adversary(harness.InDocker):
             return misses
         self.compare("Shocker after decoys that used up all ids", (0, 0), 3, count)
 
+    def test_a_borrowed_group_neither_hides_nor_accuses(self):
+        victim = self.engine.inspect("victim", "{{.Id}}")
+        parents = ("/libpod_parent", f"/docker/{victim}", f"/docker/{'c' * 64}")
+        for name in ("libpod_parent", "c" * 64):
+            self.addCleanup(harness.remove_groups, name)
+        with self.agent(calls=CALLS, scope="container") as agent:
+            misses = 0
+            for call in CALLS[:len(parents)]:
+                parent = parents[CALLS.index(call)]
+                container = self.engine.docker("run", "-d", *harness.OPEN, *CAPABLE, "--cgroup-parent", parent, "probe:1",
+                                               "probe", "self", "call", call).strip()
+                misses += agent.alarm(is_call(call))[1]["resource_info"]["container_id"] != container
+                self.engine.docker("rm", "-f", container)
+        print(f"\n  groups below another's, misses of {len(parents)}: {misses}", end="", flush=True)
+        self.assertEqual(misses, 0)
+
     def test_ordinary_work_is_silent(self):
         policy = json.loads((harness.ROOT / "packaging/policy.json").read_text(encoding="ascii"))
         agents = []

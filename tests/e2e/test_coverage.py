@@ -242,15 +242,17 @@ class WithoutEngine(Watched):
         super().setUpClass()
 
     def both(self, name, run, join, id_of=lambda container: container):
-        """Attacks by the first process of a container and by one that is started in it later."""
+        """Attacks by the first process of a container and by one that is started in it later. Its group is named by an
+        engine's id or, every second time, as people name containers."""
+        names = itertools.cycle((lambda: secrets.token_hex(32), lambda: f"web-{secrets.token_hex(4)}"))
 
         def first():
-            container = secrets.token_hex(32)
+            container = next(names)()
             made = harness.made(harness.run(*run(container, *ATTACK)))
             return made, {"container_id": id_of(container)}
 
         self.try_way(f"{name}: first process", first)
-        container = secrets.token_hex(32)
+        container = next(names)()
         server = harness.Server(*run(container, "/bin/probe", "serve"))
         self.addCleanup(server.close)
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),

@@ -29,7 +29,7 @@ public:
     ~FakeSystem() override { SDK::SystemView::Exchange(before); }
 
     std::atomic<std::int64_t> now{1'700'000'000};
-    std::map<std::uint64_t, std::string> cgroups;  // containers by the ids of control groups
+    std::map<std::uint64_t, std::string> cgroups;  // paths by the ids of control groups
 
     // The process may be changed as long as no other thread asks.
     Process& Put(int pid, Process process)
@@ -70,12 +70,20 @@ public:
         Read(pid, &Process::threads, threads);
         return threads;
     }
-    std::optional<std::string> CgroupContainer(int tid) override
+    std::optional<std::vector<SDK::Cgroup>> Cgroups(int tid) override
     {
-        std::string id;
-        return ContainerOf(tid, id) == 0 ? std::optional{id} : std::nullopt;
+        std::string path;
+        if (Read(tid, &Process::container, path) != 0) {
+            return std::nullopt;
+        }
+        return std::vector<SDK::Cgroup>{{0, path.starts_with('/') ? path : "/docker/" + path, 0}};
     }
-    std::string ContainerOfCgroup(std::uint64_t cgroup) override { return cgroups[cgroup]; }
+    std::string PathOfCgroup(std::uint64_t cgroup) override { return cgroups[cgroup]; }
+    std::optional<bool> HasHostRoot(int tid) override
+    {
+        std::map<std::string, std::string> namespaces;
+        return Namespaces(tid, namespaces) == 0 ? std::optional{namespaces["mnt"] == "host"} : std::nullopt;
+    }
     bool RunSameFile(int tid, int other) override
     {
         std::string file;

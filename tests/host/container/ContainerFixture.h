@@ -140,8 +140,9 @@ protected:
     Support::FakeSystem proc;
     Engine::MetadataCache cache;
     Engine::ContainerTable table;
-    Engine::ContainerView view{table, proc};
-    Engine::ContainerRegistry registry{table, proc};
+    Engine::ContainerGroups groups;
+    Engine::ContainerView view{table, groups, proc};
+    Engine::ContainerRegistry registry{table, groups, proc};
     Engine::NoticeReceivers receivers;
     Engine::RegistryObserver observer{registry, proc, receivers, cache};
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};

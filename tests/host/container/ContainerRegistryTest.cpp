@@ -22,6 +22,34 @@ TEST(RuntimeSetUpTest, KnowsTheFormsOfSelfExecution)
     }
 }
 
+TEST(ContainerGroupsTest, AnIdBelongsToTheFirstGroupAndItsBettersAlone)
+{
+    Engine::ContainerGroups groups;
+    const auto claim = [&](const std::string& path, unsigned owner = 0, int hierarchy = 0) {
+        const auto [id, displaced] = groups.Claim({hierarchy, path, owner});
+        return id + (displaced.empty() ? "" : " not " + displaced);
+    };
+    const std::string own = "/docker/" + idA;
+    const std::string fake = "/user.slice/docker-" + idB + ".scope";
+    EXPECT_EQ(groups.Find({0, own}), idA) << "by its name alone";
+    EXPECT_EQ(claim(own), idA);
+    EXPECT_EQ(claim(own, 0, 3), idA) << "another hierarchy";
+    EXPECT_EQ(claim("/elsewhere/" + idA), "/elsewhere/" + idA);
+    EXPECT_EQ(claim(own + "/" + idB), idB) << "an engine was told to make it there";
+    EXPECT_EQ(groups.Find({0, own + "/" + idB + "/sub"}), idB);
+    EXPECT_EQ(groups.Find({0, own + "/docker/" + std::string(64, 'c')}), idA) << "what a container makes itself";
+    EXPECT_EQ(claim(own + "/init.scope"), idA);
+    EXPECT_EQ(claim("/docker/" + idB, 1000), "/docker/" + idB) << "root's group is the better one";
+    EXPECT_EQ(claim("/system.slice/docker-" + idB + ".scope"), idB + " not " + own + "/" + idB);
+    EXPECT_EQ(groups.Find({0, own + "/" + idB}), own + "/" + idB);
+    EXPECT_EQ(claim(fake, 1000, 5), idB);
+    EXPECT_EQ(claim("/docker/" + idB, 0, 5), idB + " not " + fake);
+    EXPECT_EQ(groups.Adopt({0, "/default/web"}), "web");
+    EXPECT_EQ(groups.Adopt({0, "/other/web"}), "/other/web");
+    EXPECT_EQ(groups.Find({0, "/default/web/below"}), "web");
+    EXPECT_EQ(claim("/default"), "");
+}
+
 // On a busy machine /proc is read when the helper has been moved, has forked and has ended already. An entry point that
 // is named like the runtime's own does not hide by ending at once.
 TEST_F(ContainerRegistryTest, SetUpHelperThatHasEndedIsStillTheRuntimeButNotItsChild)

@@ -100,7 +100,7 @@ TEST_F(RegistryObserverTest, TheHostIsExcludedWithItsAncestorsAndNothingElse)
 // Of the host's processes nothing is recorded. What comes into a container's group brings what is to be known of it.
 TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
 {
-    proc.cgroups[7] = idA;
+    proc.cgroups[7] = "/docker/" + idA;
     const auto move = [this](int pid, int group, const char* executed) {
         Observe(Move(runtime, pid)
                     .Number("dst_id", group)
@@ -127,6 +127,18 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     observer.OnLoss(*this);
     Round();
     EXPECT_EQ(ContainerOf(500) + ContainerOf(501), idB + idB);
+    proc.cgroups[8] = "/default/web";
+    Run(404, "/default/web");
+    move(404, 8, "/proc/self/exe");
+    Fork(404, 405);
+    Run(405, "/default/web");
+    EXPECT_TRUE(Exec(405, "/bin/sh")) << "whatever the group is called";
+    EXPECT_EQ(ContainerOf(405), "web");
+    Run(406, "/system.slice/x.service");
+    proc.cgroups[9] = "/system.slice/x.service";
+    move(406, 9, "/bin/x");
+    EXPECT_FALSE(Exec(406, "/bin/y")) << "not by a runtime";
+    proc.cgroups[8] = "/";
     move(402, 8, "");
     EXPECT_FALSE(Exec(402, "/bin/sh")) << "a group that is no container's";
     move(402, 7, "/proc/self/fd/6");  // the id's next process

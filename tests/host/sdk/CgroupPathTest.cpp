@@ -35,7 +35,8 @@ TEST(CgroupPathTest, FindsTheContainerAndTakesNothingElseForOne)
         // The engines' monitors, timers and pods belong to the host.
         {"/machine.slice/libpod-conmon-" + id + ".scope", ""},
         {podSlice, ""},
-        {"/libpod_parent/" + id, ""},
+        {"/libpod_parent/" + other + "/libpod-" + id, id},
+        {"/libpod_parent/" + id, id},  // an engine may be told to use that parent
         {"/lxc.monitor.web", ""},
         // Nearly an id.
         {"/docker/" + id.substr(1), ""},

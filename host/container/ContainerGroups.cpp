@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/ContainerGroups.h"
+
+#include <algorithm>
+#include <mutex>
+
+#include "host/sdk/CgroupPath.h"
+
+namespace Engine {
+
+namespace {
+
+using SDK::CgroupPath;
+
+constexpr std::size_t maxIdBytes = 255;
+
+// The end tells more than the beginning.
+std::string IdOfPath(std::string_view path)
+{
+    return std::string{path.substr(path.size() - std::min(path.size(), maxIdBytes))};
+}
+
+}  // namespace
+
+std::string ContainerGroups::Find(const SDK::Cgroup& group) const
+{
+    const std::shared_lock lock{mutex};
+    const std::string* known = ByPath(group);
+    return known != nullptr ? *known : ById(group);
+}
+
+std::string ContainerGroups::Find(const std::vector<SDK::Cgroup>& groups) const
+{
+    for (const SDK::Cgroup& group : groups) {
+        if (std::string id = Find(group); !id.empty()) {
+            return id;
+        }
+    }
+    return {};
+}
+
+// The longest path that is known of those that the group is in.
+const std::string* ContainerGroups::ByPath(const SDK::Cgroup& group) const
+{
+    std::string path = group.path;
+    while (!path.empty()) {
+        if (const auto found = ids.find({group.hierarchy, path}); found != ids.end()) {
+            return &found->second;
+        }
+        path.resize(std::min(path.rfind('/'), path.size() - 1));
+    }
+    return nullptr;
+}
+
+// By the name alone, of a group that nothing is known of.
+std::string ContainerGroups::ById(const SDK::Cgroup& group) const
+{
+    const std::vector<CgroupPath::Part> parts = CgroupPath::ContainerParts(group.path);
+    if (parts.empty()) {
+        return {};
+    }
+    const std::string id{parts.back().id};
+    const std::string path = group.path.substr(0, parts.back().end);
+    const auto holder = holders.find({group.hierarchy, id});
+    return holder == holders.end() || holder->second.path == path ? id : IdOfPath(path);
+}
+
+ContainerGroups::Claimed ContainerGroups::Claim(const SDK::Cgroup& group)
+{
+    const std::vector<CgroupPath::Part> parts = CgroupPath::ContainerParts(group.path);
+    const std::lock_guard lock{mutex};
+    if (const std::string* known = ByPath(group); known != nullptr && parts.size() <= 1) {
+        return {*known, {}};
+    }
+    if (parts.empty()) {
+        return {};
+    }
+    const std::string id{parts.back().id};
+    const Holder claim{group.path.substr(0, parts.back().end), group.owner == 0, parts.size()};
+    const Key path{group.hierarchy, claim.path};
+    if (const auto known = ids.find(path); known != ids.end()) {
+        return {known->second, {}};
+    }
+    const auto holder = holders.find({group.hierarchy, id});
+    if (holder == holders.end()) {
+        holders[{group.hierarchy, id}] = claim;
+        Keep(path, id);
+        return {id, {}};
+    }
+    const Holder before = holder->second;
+    const bool isBetter = claim.isRoots != before.isRoots ? claim.isRoots : claim.depth < before.depth;
+    if (!isBetter) {
+        Keep(path, IdOfPath(claim.path));
+        return {IdOfPath(claim.path), {}};
+    }
+    Claimed claimed{id, Displace(id, before)};
+    holders[{group.hierarchy, id}] = claim;
+    Keep(path, id);
+    return claimed;
+}
+
+// In every hierarchy in which it has the id by that path.
+std::string ContainerGroups::Displace(const std::string& id, const Holder& holder)
+{
+    std::string next = IdOfPath(holder.path);
+    std::erase_if(holders, [&](const auto& item) {
+        if (item.first.second != id || item.second.path != holder.path) {
+            return false;
+        }
+        ids[{item.first.first, holder.path}] = next;
+        return true;
+    });
+    return next;
+}
+
+std::string ContainerGroups::Adopt(const SDK::Cgroup& group)
+{
+    const std::string id = group.path.substr(group.path.rfind('/') + 1);
+    const std::lock_guard lock{mutex};
+    if (const std::string* known = ByPath(group); known != nullptr) {
+        return *known;
+    }
+    const auto [holder, isNew] = holders.try_emplace({group.hierarchy, id}, Holder{group.path, group.owner == 0, 1});
+    const bool isFree = isNew || holder->second.path == group.path;
+    Keep({group.hierarchy, group.path}, isFree ? id : IdOfPath(group.path));
+    return ids.at({group.hierarchy, group.path});
+}
+
+void ContainerGroups::Keep(const Key& path, std::string id)
+{
+    ids.insert_or_assign(path, std::move(id));
+    order.push_back(path);
+    while (order.size() > maxGroups) {
+        const auto oldest = ids.find(order.front());
+        order.pop_front();
+        if (oldest == ids.end()) {
+            continue;
+        }
+        const auto holder = holders.find({oldest->first.first, oldest->second});
+        if (holder != holders.end() && holder->second.path == oldest->first.second) {
+            holders.erase(holder);
+        }
+        ids.erase(oldest);
+    }
+}
+
+}  // namespace Engine
