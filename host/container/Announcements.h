@@ -47,6 +47,9 @@ public:
     // To be sent behind the stop notices of the generation that has just ended, to so many receivers.
     std::shared_ptr<Framework::Message> EndOfGeneration(int receivers) const;
 
+    // Whether the receivers have handled everything up to the end of the last generation.
+    bool IsEndHandled() const { return ended->load() >= generation; }
+
     // Forgets the ids whose stop notices have been handled.
     void ForgetStopped();
 

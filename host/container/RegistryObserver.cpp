@@ -100,9 +100,13 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
     announcements.ForgetStopped();
     if (mustResync && (!registry.IsSynced() || now - lastResync >= resyncPause)) {
         Resync(now, sequencer);
+        mustAnnounceAnew = true;
     }
-    const bool hasLost = receivers.TakeLoss();
-    if (receivers.TakeArrival() || hasLost) {
+    const bool hasArrived = receivers.TakeArrival();
+    mustAnnounceAnew = receivers.TakeLoss() || mustAnnounceAnew || hasArrived;
+    if (mustAnnounceAnew && (hasArrived || announcements.IsEndHandled() || now - lastAnew >= repeatPause)) {
+        mustAnnounceAnew = false;
+        lastAnew = now;
         AnnounceAnew(Announcements::Loss::Possible, sequencer);
     }
     AnnounceLiving(registry.PromoteOverdue(now), sequencer);
@@ -118,6 +122,7 @@ void RegistryObserver::OnLoss(TraceSequencer& sequencer)
     mustResync = true;
     if (lastEvent != ContainerTable::longAgo && lastEvent - lastResync >= resyncPause) {
         Resync(lastEvent, sequencer);
+        AnnounceAnew(Announcements::Loss::Possible, sequencer);
     }
 }
 
@@ -193,7 +198,6 @@ void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
     registry.Resync(lastEvent, now, sequencer.Filter());
     mustResync = false;
     lastResync = now;
-    AnnounceAnew(Announcements::Loss::Possible, sequencer);
     if (sequencer.Filter() != nullptr) {
         for (const int process : system.Processes()) {
             ExcludeHost(process, now, sequencer.Filter());

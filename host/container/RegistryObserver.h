@@ -34,6 +34,9 @@ public:
     static constexpr std::size_t maxAtOnce = 400;
     // After a loss /proc is read as a whole at most this often.
     static constexpr Nanoseconds resyncPause = std::chrono::seconds{1};
+    // After a receiver has refused notices, they are repeated when it has caught up, or at this distance: what is
+    // repeated sooner is refused, too.
+    static constexpr Nanoseconds repeatPause = std::chrono::milliseconds{20};
 
     RegistryObserver(ContainerRegistry& registry, SDK::SystemView& system, NoticeReceivers& receivers,
                      MetadataCache& cache);
@@ -74,6 +77,8 @@ private:
     LoudestContainer loudest;
     Nanoseconds nextLoudest{0};  // when it is told
     bool mustResync = true;
+    bool mustAnnounceAnew = false;
+    Nanoseconds lastAnew{0};
     Nanoseconds lastEvent = ContainerTable::longAgo;
     Nanoseconds lastResync{0};
 };
