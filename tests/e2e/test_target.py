@@ -147,5 +147,5 @@ class Started(unittest.TestCase):
                 with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as server:
                     server.bind(engine)
                     server.listen()
-                    server.settimeout(1)
+                    server.settimeout(2)
                     server.accept()[0].close()
