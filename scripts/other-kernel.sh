@@ -11,7 +11,7 @@ kernel=$1
 [[ $kernel != *.deb ]] || kernel=$(realpath "$kernel")
 cd "$(dirname "$0")/.."
 build=$(realpath "${2:-build/release}")
-tests=(test_ftrace test_ftrace_kernel test_filenotify_kernel test_agent_kernel)
+tests=(test_ftrace test_ftrace_kernel test_filenotify_kernel)
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

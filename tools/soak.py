@@ -297,7 +297,7 @@ def draw(rows, title, out):
               ("threads, descriptors", {key: [row[key] for row in rows] for key in ("threads", "descriptors")}),
               ("CPU, percent of one", {"cpu": rate("cpu_seconds", 100)}),
               ("events a second", {"read": rate("trace.read"), "delivered": rate("trace.delivered"),
-                                   "left out in the kernel": rate("trace.shed_kernel")}),
+                                   "excluded in the kernel": rate("trace.shed_kernel")}),
               ("lost a second", {key: rate(key) for key in ("trace.shed", "queue.lost", "trace.lost_dropped")}),
               ("alarms", {"sent": [row.get("alarms.sent", 0) for row in rows]})]
     (out / "soak.svg").write_text(chart.svg(title, [row["seconds"] for row in rows], panels))

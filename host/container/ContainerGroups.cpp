@@ -130,18 +130,38 @@ void ContainerGroups::Keep(const Key& path, std::string id)
 {
     ids.insert_or_assign(path, std::move(id));
     order.push_back(path);
-    while (order.size() > maxGroups) {
-        const auto oldest = ids.find(order.front());
+    if (order.size() > maxGroups) {
+        Forget(order.front());
         order.pop_front();
-        if (oldest == ids.end()) {
-            continue;
-        }
-        const auto holder = holders.find({oldest->first.first, oldest->second});
-        if (holder != holders.end() && holder->second.path == oldest->first.second) {
-            holders.erase(holder);
-        }
-        ids.erase(oldest);
     }
+}
+
+void ContainerGroups::Forget(const Key& path)
+{
+    const auto known = ids.find(path);
+    if (known == ids.end()) {
+        return;
+    }
+    const auto holder = holders.find({path.first, known->second});
+    if (holder != holders.end() && holder->second.path == path.second) {
+        holders.erase(holder);
+    }
+    ids.erase(known);
+}
+
+void ContainerGroups::Prune(const std::unordered_set<std::string_view>& living)
+{
+    const std::lock_guard lock{mutex};
+    const std::size_t old = order.size() - std::min(order.size(), keptGroups);
+    std::size_t at = 0;
+    std::erase_if(order, [&](const Key& path) {
+        const auto known = ++at > old ? ids.end() : ids.find(path);
+        const bool hasGone = known != ids.end() && !living.contains(known->second);
+        if (hasGone) {
+            Forget(path);
+        }
+        return hasGone;
+    });
 }
 
 }  // namespace Engine

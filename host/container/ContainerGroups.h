@@ -8,6 +8,7 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -24,12 +25,14 @@ namespace Engine {
 //   that have ids.
 // - What a container makes below its group, and moves itself to, is never claimed: it belongs to the container.
 //
-// Ownership: copies what it keeps.   Thread: Claim and Adopt the registry's, Find any.
+// Ownership: copies what it keeps.   Thread: the registry's, Find any.
 // Errors:    throws nothing but std::bad_alloc.
 class ContainerGroups {
 public:
-    // So many groups are remembered; more push out those that were claimed first.
+    // So many groups are remembered at most; more push out those that were claimed first.
     static constexpr std::size_t maxGroups = 65536;
+    // Of containers that have gone, so many of the latest; a container has one in each hierarchy.
+    static constexpr std::size_t keptGroups = 1024;
 
     // The container's id, empty for none. Of a process's groups, the first one that has a container.
     std::string Find(const SDK::Cgroup& group) const;
@@ -45,6 +48,9 @@ public:
     // A runtime has set a container up there, whatever the group is called. Its id: the last part of the path.
     std::string Adopt(const SDK::Cgroup& group);
 
+    // Forgets older groups of containers that are not among `living`.
+    void Prune(const std::unordered_set<std::string_view>& living);
+
 private:
     using Key = std::pair<int, std::string>;  // hierarchy, and path or id
     struct Holder {
@@ -56,6 +62,7 @@ private:
     std::string ById(const SDK::Cgroup& group) const;
     const std::string* ByPath(const SDK::Cgroup& group) const;
     void Keep(const Key& path, std::string id);
+    void Forget(const Key& path);
     std::string Displace(const std::string& id, const Holder& holder);
 
     mutable std::shared_mutex mutex;

@@ -63,7 +63,11 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
 
 bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
 {
-    if (const Entry* by = FindOrLoad(move.mover, when); by != nullptr && by->IsInside()) {
+    // A mover that is not known is not kept: nothing would tell of its end.
+    const Entry* by = Find(move.mover);
+    const auto mover = by == nullptr ? RuntimeSetUp::Look(system, groups, move.mover) : std::nullopt;
+    if (by != nullptr ? by->IsInside()
+                      : identities.contains(move.source.identity) || (mover && mover->state == State::Inside)) {
         return false;
     }
     const int pid = move.pid;
@@ -240,6 +244,31 @@ bool ContainerRegistry::HasOther(const std::string& container, int tid) const
         const Entry& entry = item.second;
         return item.first != tid && entry.IsInside() && entry.IsAlive() && Same(entry.container, container);
     });
+}
+
+void ContainerRegistry::Purge(Nanoseconds now)
+{
+    table.Purge(now);
+    if (now >= nextPrune) {
+        nextPrune = now + prunePeriod;
+        PruneGone();
+    }
+}
+
+// What is remembered of containers by which nothing is left in the table.
+void ContainerRegistry::PruneGone()
+{
+    std::unordered_set<std::string_view> living;
+    for (const auto& [tid, entry] : table.Entries()) {
+        if (entry.container != nullptr) {
+            living.insert(*entry.container);
+        }
+    }
+    groups.Prune(living);
+    std::size_t old = identities.size() - std::min(identities.size(), keptIdentities);
+    for (auto each = identities.begin(); old > 0; --old) {
+        each = living.contains(*each->second) ? std::next(each) : identities.erase(each);
+    }
 }
 
 std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)

@@ -38,6 +38,9 @@ public:
 
     // Of so many identities the container is remembered: one for each process that a runtime has put into a container.
     static constexpr std::size_t maxIdentities = 65536;
+    // Of containers that have gone, so many of the latest; looked at once in a period.
+    static constexpr std::size_t keptIdentities = 1024;
+    static constexpr Nanoseconds prunePeriod = std::chrono::minutes{1};
 
     // So many runtimes may be in set-up at a time, in groups that are not called like a container's.
     static constexpr std::size_t maxSetUps = 1024;
@@ -55,8 +58,9 @@ public:
     // (cgroup_attach_task() in kernel/cgroup/cgroup.c). What a container moves by itself changes nothing: it must not
     // be able to leave its identity.
     struct Move {
-        int mover = -1;  // the thread that wrote the id into the group (common_pid)
-        int pid = -1;    // the thread that was moved
+        int mover = -1;       // the thread that wrote the id into the group (common_pid)
+        RecordSource source;  // the mover's
+        int pid = -1;         // the thread that was moved
         SDK::Cgroup group;
         // Where the kernel tells what became of a process before: all that is known of one that was not followed then.
         struct Past {
@@ -113,7 +117,7 @@ public:
     void ForgetHost(int process);
 
     // Drops what has been dead for long enough.
-    void Purge(Nanoseconds now) { table.Purge(now); }
+    void Purge(Nanoseconds now);
 
     // Set-up processes that were only believed to be some, for too long by now: they are Inside, and returned.
     std::vector<int> PromoteOverdue(Nanoseconds now);
@@ -137,6 +141,7 @@ private:
     void Identify(Found& found, std::uint32_t identity) const;
 
     void ClaimAll();
+    void PruneGone();
     void Relabel(const std::string& id, const std::string& next);
     bool IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const;
     Text AdoptGroup(int pid, std::uint32_t identity);
@@ -146,7 +151,8 @@ private:
     SDK::SystemView& system;
     // Where runtimes in set-up were put, by identity: a container's program may have gone when it is looked for.
     std::map<std::uint32_t, std::vector<SDK::Cgroup>> setUpGroups;
-    std::map<std::uint32_t, Text> identities;              // the latest ones that belong to containers
+    std::map<std::uint32_t, Text> identities;  // the latest ones that belong to containers
+    Nanoseconds nextPrune{0};
     std::vector<std::pair<int, Nanoseconds>> provisional;  // believed to be in set-up, and until when
     std::atomic<bool> synced{false};
 };

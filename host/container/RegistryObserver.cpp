@@ -67,7 +67,7 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, const RecordSource& s
     } else if (name == "sched:sched_process_exec") {
         OnExec(event, source, sequencer);
     } else if (name == "cgroup:cgroup_attach_task") {
-        OnAttach(event, sequencer);
+        OnAttach(event, source, sequencer);
     }
 }
 
@@ -173,10 +173,11 @@ void RegistryObserver::OnExec(const FtraceMessage& event, const RecordSource& so
 }
 
 // What the host takes out of its container, or moves to another, is announced anew with all others: that is rare.
-void RegistryObserver::OnAttach(const FtraceMessage& event, TraceSequencer& sequencer)
+void RegistryObserver::OnAttach(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer)
 {
     ContainerRegistry::Move move;
     move.mover = Number(event, "common_pid");
+    move.source = source;
     move.pid = Number(event, "pid");
     const std::string& path = event.get_string("dst_path");
     move.group.path = path.empty() ? system.PathOfCgroup(static_cast<std::uint64_t>(event.get_number("dst_id"))) : path;

@@ -54,7 +54,7 @@ private:
 
     void OnFork(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer);
     void OnExec(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer);
-    void OnAttach(const FtraceMessage& event, TraceSequencer& sequencer);
+    void OnAttach(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer);
 
     void Resync(Nanoseconds now, TraceSequencer& sequencer);
     void ExcludeHost(int process, Nanoseconds when, SyscallFilter* filter);
