@@ -159,7 +159,7 @@ bool CpuStream::Take(const std::byte* record, std::uint64_t when)
     }
     std::memcpy(&id, record, sizeof id);
     ++records;
-    head = {record, static_cast<std::uint32_t>(size), id, false, when, 0};
+    head = {record, static_cast<std::uint32_t>(size), id, false, when, {}};
     return true;
 }
 

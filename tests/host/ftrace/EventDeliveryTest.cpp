@@ -88,7 +88,7 @@ protected:
         const Support::Bytes bytes = Support::Record(id, pid);
         const bool afterLoss = id == forkId && pid == lossPid;
         for (; times > 0; --times) {
-            delivery.OnRecord({bytes.data(), static_cast<std::uint32_t>(bytes.size()), id, afterLoss, ++clock, 0});
+            delivery.OnRecord({bytes.data(), static_cast<std::uint32_t>(bytes.size()), id, afterLoss, ++clock, {}});
         }
     }
     // Returns how many of the calls were not excluded.
