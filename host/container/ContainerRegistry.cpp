@@ -64,10 +64,13 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
 bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
 {
     // A mover that is not known is not kept: nothing would tell of its end.
+    // One that gives an identity is the host's, whatever /proc says by now: it may have moved itself.
     const Entry* by = Find(move.mover);
-    const auto mover = by == nullptr ? RuntimeSetUp::Look(system, groups, move.mover) : std::nullopt;
-    if (by != nullptr ? by->IsInside()
-                      : identities.contains(move.source.identity) || (mover && mover->state == State::Inside)) {
+    const auto mover =
+        by == nullptr && move.identity == 0 ? RuntimeSetUp::Look(system, groups, move.mover) : std::nullopt;
+    if (move.identity == 0 &&
+        (by != nullptr ? by->IsInside()
+                       : identities.contains(move.source.identity) || (mover && mover->state == State::Inside))) {
         return false;
     }
     const int pid = move.pid;

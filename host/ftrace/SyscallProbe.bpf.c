@@ -567,9 +567,11 @@ int BPF_PROG(OnExit, struct task_struct* task)
 SEC("tp_btf/cgroup_attach_task")
 int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct* task)
 {
+    /* First: a process of the host may move itself. */
+    const __u32 identity = Identify(task, bpf_get_current_pid_tgid() >> 32);
     MayBeInContainer(task->tgid);
     if (tables.life[CE_MOVE] != 0) {
-        RecordMove(task, group, path, Identify(task, bpf_get_current_pid_tgid() >> 32));
+        RecordMove(task, group, path, identity);
     }
     return 0;
 }
