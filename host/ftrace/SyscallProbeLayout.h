@@ -174,12 +174,6 @@ struct CeTask {
     unsigned short used[CE_KINDS];
 };
 
-#define CE_LIFE_RECORD(event, bytes) \
-    {                                \
-        struct CeRecordHead head;    \
-        struct event entry;          \
-        char text[bytes];            \
-    }
 struct CeForkRecord {
     struct CeRecordHead head;
     struct CeForkEvent entry;
@@ -188,7 +182,13 @@ struct CeExitRecord {
     struct CeRecordHead head;
     struct CeExitEvent entry;
 };
-struct CeExecRecord CE_LIFE_RECORD(CeExecEvent, CE_SHORT_PATH);
-struct CeLongExecRecord CE_LIFE_RECORD(CeExecEvent, CE_LONG_PATH);
-struct CeMoveRecord CE_LIFE_RECORD(CeMoveEvent, CE_SHORT_PATH);
-struct CeLongMoveRecord CE_LIFE_RECORD(CeMoveEvent, CE_LONG_PATH);
+struct CeExecRecord {
+    struct CeRecordHead head;
+    struct CeExecEvent entry;
+    char text[CE_SHORT_PATH]; /* or CE_LONG_PATH */
+};
+struct CeMoveRecord {
+    struct CeRecordHead head;
+    struct CeMoveEvent entry;
+    char text[CE_SHORT_PATH]; /* or CE_LONG_PATH */
+};

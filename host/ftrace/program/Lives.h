@@ -1,0 +1,163 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
+/* Forks, execs and exits, and what is kept of them with a thread. */
+#pragma once
+
+#include "host/ftrace/program/Budgets.h"
+#include "host/ftrace/program/Moves.h"
+
+/* Only what a container or a runtime in set-up makes has something to inherit. */
+static __always_inline void Inherit(struct task_struct* parent, struct task_struct* child)
+{
+    const struct CeTask* from = Kept(parent, 0);
+    const __u32 identity = IdentityOf(parent);
+    const int isInSetUp = from != NULL && from->executed[0] != 0;
+    if (identity == 0 && !isInSetUp) {
+        return;
+    }
+    struct CeTask* kept = Kept(child, BPF_LOCAL_STORAGE_GET_F_CREATE);
+    if (kept == NULL) {
+        return;
+    }
+    kept->identity = identity;
+    kept->isSetUp = from != NULL && from->isSetUp;
+    if (from != NULL && isInSetUp) {
+        __builtin_memcpy(kept->executed, from->executed, sizeof kept->executed);
+        kept->bornInSetUp = 1;
+    }
+}
+
+static __always_inline void RecordFork(struct task_struct* parent, struct task_struct* child, struct CeTask* kept)
+{
+    if (kept != NULL && kept->identity != 0) {
+        if (!kept->isSetUp && !IsWithinLifeBudget(parent)) {
+            Count(CE_SHED_LIFE);
+            return;
+        }
+        kept->isTold = 1;
+    }
+    struct CeForkRecord* record = Reserve(sizeof *record, CE_DROPPED_LIFE);
+    if (record == NULL) {
+        return;
+    }
+    Begin(&record->head, &record->entry.head, tables.life[CE_FORK]);
+    __builtin_memcpy(record->entry.parentName, parent->comm, CE_NAME_BYTES);
+    record->entry.parent = parent->pid;
+    __builtin_memcpy(record->entry.childName, child->comm, CE_NAME_BYTES);
+    record->entry.child = child->pid;
+    bpf_ringbuf_submit(record, 0);
+}
+
+/* Before the child runs. */
+SEC("tp_btf/sched_process_fork")
+int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
+{
+    const int isThread = child->tgid == parent->tgid;
+    const int isMadeElsewhere = !isThread && parent->cgroups != child->cgroups;
+    Inherit(parent, child);
+    if (isThread || isMadeElsewhere || !IsHost(parent->tgid)) {
+        MayBeInContainer(child->pid); /* a thread's own number is never the host's: its process decides */
+    } else {
+        __u16* state = StateOf(child->pid);
+        if (state != NULL) {
+            *(volatile __u16*)state = 1;
+        }
+    }
+    const __u32 identity = isMadeElsewhere ? Identify(child, parent->tgid) : 0;
+    if (tables.life[CE_FORK] != 0 && !IsHost(child->tgid)) {
+        RecordFork(parent, child, Kept(child, 0));
+    }
+    if (tables.life[CE_MOVE] != 0 && isMadeElsewhere) {
+        RecordMove(child, child->cgroups->dfl_cgrp, NULL, identity);
+    }
+    return 0;
+}
+
+/* Whether a file name may be one by which a program executes itself again; the agent looks more closely. */
+static __always_inline int MayBeSetUp(const char* name)
+{
+    return (name[0] == '/' && name[1] == 'p' && name[2] == 'r' && name[3] == 'o' && name[4] == 'c' && name[5] == '/') ||
+           (name[0] == '/' && name[1] == 'd' && name[2] == 'e' && name[3] == 'v' && name[4] == '/' && name[5] == 'f');
+}
+
+static __always_inline struct CeTask* Remember(struct task_struct* task, const char* filename)
+{
+    char name[CE_SET_UP_NAME] = {0};
+    bpf_probe_read_kernel_str(name, sizeof name, filename);
+    const int mayBeSetUp = MayBeSetUp(name);
+    struct CeTask* kept = Kept(task, mayBeSetUp ? BPF_LOCAL_STORAGE_GET_F_CREATE : 0);
+    if (kept == NULL) {
+        return NULL;
+    }
+    if (mayBeSetUp) {
+        __builtin_memcpy(kept->executed, name, sizeof name);
+    } else {
+        kept->executed[0] = 0;
+    }
+    return kept;
+}
+
+static __always_inline __u32 PlaceOf(const struct task_struct* task)
+{
+    const struct inode* root = task->fs->root.dentry->d_inode;
+    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
+    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
+    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
+}
+
+static __always_inline void RecordExec(const struct task_struct* task, int oldThread, const char* filename)
+{
+    __u32 location = 0;
+    struct CeExecRecord* record = ReserveWithText(offsetof(struct CeExecRecord, text), filename, &location);
+    if (record == NULL) {
+        return;
+    }
+    Begin(&record->head, &record->entry.head, tables.life[CE_EXEC]);
+    record->entry.filename = location;
+    record->entry.thread = task->pid;
+    record->entry.oldThread = oldThread;
+    record->entry.place = PlaceOf(task);
+    bpf_ringbuf_submit(record, 0);
+}
+
+SEC("tp_btf/sched_process_exec")
+int BPF_PROG(OnExec, struct task_struct* task, int oldThread, struct linux_binprm* program)
+{
+    const char* filename = program->filename;
+    struct CeTask* kept = Remember(task, filename);
+    if (tables.life[CE_EXEC] == 0 || IsHost(task->tgid)) {
+        return 0;
+    }
+    if (kept != NULL && kept->identity != 0) {
+        if (!kept->isSetUp && !IsWithinLifeBudget(task)) {
+            Count(CE_SHED_LIFE);
+            return 0;
+        }
+        kept->isTold = 1;
+        kept->isSetUp = kept->isSetUp && kept->executed[0] != 0;
+    }
+    RecordExec(task, oldThread, filename);
+    return 0;
+}
+
+SEC("tp_btf/sched_process_exit")
+int BPF_PROG(OnExit, struct task_struct* task)
+{
+    if (tables.life[CE_EXIT] == 0 || IsHost(task->tgid)) {
+        return 0;
+    }
+    const struct CeTask* kept = Kept(task, 0);
+    if (kept != NULL && kept->identity != 0 && !kept->isTold) {
+        Count(CE_SHED_LIFE);
+        return 0;
+    }
+    struct CeExitRecord* record = Reserve(sizeof *record, CE_DROPPED_LIFE);
+    if (record == NULL) {
+        return 0;
+    }
+    Begin(&record->head, &record->entry.head, tables.life[CE_EXIT]);
+    __builtin_memcpy(record->entry.name, task->comm, CE_NAME_BYTES);
+    record->entry.thread = task->pid;
+    record->entry.priority = task->prio;
+    bpf_ringbuf_submit(record, 0);
+    return 0;
+}

@@ -1,0 +1,64 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
+/* Moves into other control groups, and the identities that they give. */
+#pragma once
+
+#include "host/ftrace/program/Ring.h"
+
+/* Without a path: of a process that was made in that group. */
+static __always_inline void RecordMove(struct task_struct* task, const struct cgroup* group, const char* path,
+                                       __u32 identity)
+{
+    __u32 location = 0;
+    struct CeMoveRecord* record = ReserveWithText(offsetof(struct CeMoveRecord, text), path, &location);
+    if (record == NULL) {
+        return;
+    }
+    struct CeMoveEvent* event = &record->entry;
+    Begin(&record->head, &event->head, tables.life[CE_MOVE]);
+    const struct kernfs_iattrs* attributes = group->kn->iattr;
+    event->group = group->kn->id;
+    event->thread = task->pid;
+    event->parent = task->real_parent->tgid;
+    event->path = location;
+    event->hierarchy = group->root->hierarchy_id;
+    event->owner = attributes == NULL ? 0 : attributes->ia_uid.val;
+    event->identity = identity;
+    event->reserved = 0;
+    event->bornInSetUp = 0;
+    __builtin_memset(event->executed, 0, sizeof event->executed);
+    const struct CeTask* kept = Kept(task, 0);
+    if (kept != NULL) {
+        __builtin_memcpy(event->executed, kept->executed, sizeof event->executed);
+        event->bornInSetUp = kept->bornInSetUp;
+    }
+    bpf_ringbuf_submit(record, 0);
+}
+
+/* Nothing is recorded of the host's processes, so a mover of which something is recorded may be a container's. */
+static __always_inline __u32 Identify(struct task_struct* task, __u32 mover)
+{
+    struct CeTask* kept = IsHost(mover) ? Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE) : NULL;
+    if (kept == NULL) {
+        return 0;
+    }
+    /* A process is moved in one hierarchy after another, and stays the same one. */
+    if (kept->isSetUp && kept->identity != 0) {
+        return kept->identity;
+    }
+    kept->isSetUp = 1;
+    kept->isTold = 1;
+    kept->identity = __sync_fetch_and_add(&tables.identities, 1) + 1;
+    return kept->identity;
+}
+
+SEC("tp_btf/cgroup_attach_task")
+int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct* task)
+{
+    /* First: a process of the host may move itself. */
+    const __u32 identity = Identify(task, bpf_get_current_pid_tgid() >> 32);
+    MayBeInContainer(task->tgid);
+    if (tables.life[CE_MOVE] != 0) {
+        RecordMove(task, group, path, identity);
+    }
+    return 0;
+}

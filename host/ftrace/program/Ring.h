@@ -1,0 +1,63 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
+/* The ring of each CPU, and how a record gets into it: Reserve, fill with Begin first, bpf_ringbuf_submit. */
+#pragma once
+
+#include "host/ftrace/program/State.h"
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY_OF_MAPS);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __array(
+        values, struct {
+            __uint(type, BPF_MAP_TYPE_RINGBUF);
+            __uint(max_entries, 4096);
+        });
+} rings SEC(".maps");
+
+/* Room for a record of so many bytes, a constant. Null, and counted, when the ring is full. */
+static __always_inline void* Reserve(__u64 bytes, enum CeCount whenFull)
+{
+    const __u32 cpu = bpf_get_smp_processor_id();
+    void* ring = bpf_map_lookup_elem(&rings, &cpu);
+    void* record = ring == NULL ? NULL : bpf_ringbuf_reserve(ring, bytes, 0);
+    if (record == NULL) {
+        Count(whenFull);
+    }
+    return record;
+}
+
+/* The time is taken after the reservation: a reader that took its time before and finds no reservation will see no
+ * earlier record. */
+static __always_inline void Begin(struct CeRecordHead* record, struct CeEventHead* event, __u16 type)
+{
+    const __u64 ids = bpf_get_current_pid_tgid();
+    record->when = bpf_ktime_get_ns();
+    record->process = (int)(ids >> 32);
+    record->identity = IdentityOf(bpf_get_current_task_btf());
+    event->type = type;
+    event->flags = 0;
+    event->preemptCount = 0;
+    event->thread = (int)(__u32)ids;
+}
+
+/* Room for a record of `head` bytes and the text that follows, which is copied: nearly all texts fit into the short
+ * form. `location` becomes the record's field that says where the text lies in its event. A text of null is empty. */
+static __always_inline void* ReserveWithText(__u64 head, const char* text, __u32* location)
+{
+    char* record = Reserve(head + CE_SHORT_PATH, CE_DROPPED_LIFE);
+    if (record == NULL) {
+        return NULL;
+    }
+    long bytes = text == NULL ? 0 : bpf_probe_read_kernel_str(record + head, CE_SHORT_PATH, text);
+    if (bytes == CE_SHORT_PATH) {
+        bpf_ringbuf_discard(record, 0);
+        record = Reserve(head + CE_LONG_PATH, CE_DROPPED_LIFE);
+        if (record == NULL) {
+            return NULL;
+        }
+        bytes = bpf_probe_read_kernel_str(record + head, CE_LONG_PATH, text);
+    }
+    *location = (__u32)(head - sizeof(struct CeRecordHead)) | (bytes > 0 ? (__u32)bytes << 16 : 0);
+    return record;
+}

@@ -1,0 +1,75 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
+/* What the programs share: the tables of the agent, and what is known of processes and threads. */
+#pragma once
+
+#include "host/ftrace/program/KernelTypes.h"
+
+#include <bpf/bpf_helpers.h>
+#include <bpf/bpf_tracing.h>
+
+const volatile struct CeProbeSettings settings;
+struct CeProbeTables tables;
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, struct CeProcesses);
+} processes SEC(".maps");
+
+/* Of every thread that something is to be known about. */
+struct {
+    __uint(type, BPF_MAP_TYPE_TASK_STORAGE);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __type(key, int);
+    __type(value, struct CeTask);
+} tasks SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, CE_COUNTS);
+    __type(key, __u32);
+    __type(value, __u64);
+} counts SEC(".maps");
+
+static __always_inline __u16* StateOf(__u32 process)
+{
+    const __u32 element = process / CE_PROCESSES_PER_ELEMENT;
+    struct CeProcesses* found = process < settings.processLimit ? bpf_map_lookup_elem(&processes, &element) : NULL;
+    return found == NULL ? NULL : &found->state[process % CE_PROCESSES_PER_ELEMENT];
+}
+
+static __always_inline int IsHost(__u32 process)
+{
+    const __u16* state = StateOf(process);
+    return state != NULL && (*state & 1) != 0;
+}
+
+static __always_inline void MayBeInContainer(__u32 process)
+{
+    __u16* state = StateOf(process);
+    if (state != NULL) {
+        *(volatile __u16*)state = (__u16)(__sync_fetch_and_add(&tables.changes, 2) + 2);
+    }
+}
+
+static __always_inline void Count(enum CeCount what)
+{
+    const __u32 key = what;
+    __u64* count = bpf_map_lookup_elem(&counts, &key);
+    if (count != NULL) {
+        __sync_fetch_and_add(count, 1); /* exact also where another call may come in between */
+    }
+}
+
+static __always_inline struct CeTask* Kept(struct task_struct* task, __u64 flags)
+{
+    return bpf_task_storage_get(&tasks, task, NULL, flags);
+}
+
+static __always_inline __u32 IdentityOf(struct task_struct* task)
+{
+    const struct CeTask* leader = Kept(task->group_leader, 0);
+    return leader == NULL ? 0 : leader->identity;
+}
