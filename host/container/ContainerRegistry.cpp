@@ -9,20 +9,6 @@
 
 namespace Engine {
 
-namespace {
-
-bool Same(const ContainerTable::Text& text, std::string_view other)
-{
-    return (text == nullptr ? std::string_view{} : std::string_view{*text}) == other;
-}
-
-ContainerTable::Text Shared(std::string_view text)
-{
-    return text.empty() ? nullptr : std::make_shared<const std::string>(text);
-}
-
-}  // namespace
-
 void ContainerRegistry::ApplyFork(int parent, int child, Nanoseconds when, const RecordSource& source)
 {
     Entry made = ChildOf(parent, child, when, source);
@@ -53,7 +39,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
     if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
         if (const auto found = RuntimeSetUp::Look(system, groups, child); found && found->state != State::Host) {
             made.state = from == nullptr ? found->state : State::Entering;
-            made.container = Shared(found->container);
+            made.container = ContainerTable::Shared(found->container);
         }
     }
     made.seen = when;
@@ -68,9 +54,9 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     const Entry* by = Find(move.mover);
     const auto mover =
         by == nullptr && move.identity == 0 ? RuntimeSetUp::Look(system, groups, move.mover) : std::nullopt;
-    if (move.identity == 0 &&
-        (by != nullptr ? by->IsInside()
-                       : identities.contains(move.source.identity) || (mover && mover->state == State::Inside))) {
+    if (move.identity == 0 && (by != nullptr ? by->IsInside()
+                                             : identities.Find(move.source.identity) != nullptr ||
+                                                   (mover && mover->state == State::Inside))) {
         return false;
     }
     const int pid = move.pid;
@@ -80,19 +66,13 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
         Relabel(id, claimed.displaced);
     }
     if (move.identity != 0 && !id.empty()) {
-        identities.insert_or_assign(move.identity, Shared(id));
-        if (identities.size() > maxIdentities) {
-            identities.erase(identities.begin());
-        }
+        identities.Put(move.identity, ContainerTable::Shared(id));
     }
     const Entry* entry = !id.empty() || move.past ? LoadMoved(move, when) : FindOrLoad(pid, when);
     if (id.empty() && move.identity != 0 && move.group.path.size() > 1 && entry != nullptr && entry->inSetUp) {
-        setUpGroups[move.identity].push_back(move.group);
-        if (setUpGroups.size() > maxSetUps) {
-            setUpGroups.erase(setUpGroups.begin());
-        }
+        identities.AddSetUpGroup(move.identity, move.group);
     }
-    if (entry == nullptr || !entry->IsAlive() || Same(entry->container, id)) {
+    if (entry == nullptr || !entry->IsAlive() || ContainerTable::Same(entry->container, id)) {
         return false;
     }
     // It may have left the container's group in one hierarchy and be in it still in the others.
@@ -101,7 +81,7 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     }
     const bool wasInside = entry->IsInside();
     const State next = id.empty() ? State::Host : wasInside ? State::Inside : State::Entering;
-    table.Update(pid, [&](Entry& moved) { moved.MoveTo(next, Shared(id), when); });
+    table.Update(pid, [&](Entry& moved) { moved.MoveTo(next, ContainerTable::Shared(id), when); });
     if (wasInside) {
         MoveOthers(pid, *entry, when);
     }
@@ -124,7 +104,7 @@ const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, N
         } else {
             SDK::ProcessUtils::procStatus status;
             made.parent = system.Status(move.pid, status) == 0 ? status.ppid : -1;
-            provisional.emplace_back(move.pid, when + believeSetUp);
+            proc.Believe(move.pid, when);
         }
         made.seen = when;
         if (known != nullptr) {  // of the id's last bearer
@@ -163,7 +143,7 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
     Exec exec{pid, entry->state, entry->container, RuntimeSetUp::IsSelfExecution(filename)};
     if (exec.state == State::Host) {
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
-        exec.container = Shared(ContainerByGroups(pid).value_or(std::string{}));
+        exec.container = ContainerTable::Shared(ContainerByGroups(pid).value_or(std::string{}));
         if (exec.container == nullptr && !exec.isSelfExecution && IsSetUpByRuntime(pid, *entry, place)) {
             exec.container = AdoptGroup(pid, source.identity);
         }
@@ -178,7 +158,7 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
 
 void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, Nanoseconds when)
 {
-    const Text executable = exec.state == State::Host ? nullptr : Shared(filename);
+    const Text executable = exec.state == State::Host ? nullptr : ContainerTable::Shared(filename);
     table.Update(exec.pid, [&](Entry& entry) {
         entry.exit = ContainerTable::alive;  // the leader may have ended before the thread that takes over its id
         entry.inSetUp = exec.isSelfExecution;
@@ -205,18 +185,12 @@ const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanosecon
         table.Put(tid, std::move(made));
         return Find(tid);
     }
-    std::optional<Found> found = RuntimeSetUp::Look(system, groups, tid);
-    if (!found && !identities.contains(source.identity)) {
+    std::optional<Entry> made = proc.Load(tid, source.identity, since, when);
+    if (!made) {
         return nullptr;
     }
-    if (!found) {
-        found.emplace();
-    }
-    Adopt(*found);
-    Identify(*found, source.identity);
-    Entry made = MakeEntry(tid, *found, since, when);
-    made.before = before;
-    table.Put(tid, std::move(made));
+    made->before = before;
+    table.Put(tid, std::move(*made));
     return Find(tid);
 }
 
@@ -245,7 +219,8 @@ bool ContainerRegistry::HasOther(const std::string& container, int tid) const
 {
     return std::any_of(table.Entries().begin(), table.Entries().end(), [&](const auto& item) {
         const Entry& entry = item.second;
-        return item.first != tid && entry.IsInside() && entry.IsAlive() && Same(entry.container, container);
+        return item.first != tid && entry.IsInside() && entry.IsAlive() &&
+               ContainerTable::Same(entry.container, container);
     });
 }
 
@@ -268,136 +243,16 @@ void ContainerRegistry::PruneGone()
         }
     }
     groups.Prune(living);
-    std::size_t old = identities.size() - std::min(identities.size(), keptIdentities);
-    for (auto each = identities.begin(); old > 0; --old) {
-        each = living.contains(*each->second) ? std::next(each) : identities.erase(each);
-    }
-}
-
-std::vector<int> ContainerRegistry::PromoteOverdue(Nanoseconds now)
-{
-    std::vector<int> promoted;
-    for (const auto& [tid, until] : provisional) {
-        const Entry* entry = Find(tid);
-        if (until <= now && entry != nullptr && entry->state == State::Entering && entry->IsAlive()) {
-            table.Update(tid, [now](Entry& overdue) { overdue.MoveTo(State::Inside, overdue.container, now); });
-            promoted.push_back(tid);
-        }
-    }
-    std::erase_if(provisional, [now](const auto& item) { return item.second <= now; });
-    return promoted;
-}
-
-ContainerRegistry::Entry ContainerRegistry::MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
-{
-    Entry entry;
-    entry.state = found.state;
-    entry.container = Shared(found.container);
-    entry.since = since;
-    entry.seen = now;
-    entry.parent = found.parent;
-    if (found.state == State::Entering) {
-        provisional.emplace_back(tid, now + believeSetUp);
-    }
-    return entry;
+    identities.Prune(living);
 }
 
 void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
 {
     if (!IsSynced()) {
-        ClaimAll();
+        proc.ClaimGroups();
     }
-    const FoundList all = LookAtAll(filter);
-    for (const auto& [tid, found] : all) {
-        Merge(tid, found, since, now);
-    }
-    MarkMissing(all, now);
+    proc.UpdateAll(since, now, filter);
     synced.store(true, std::memory_order_relaxed);
-}
-
-ContainerRegistry::FoundList ContainerRegistry::LookAtAll(const SyscallFilter* filter) const
-{
-    FoundList all;
-    for (const int pid : system.Processes()) {
-        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
-        if (!found) {
-            continue;
-        }
-        if (filter != nullptr && !filter->IsExcluded(pid)) {
-            Identify(*found, filter->IdentityOf(pid));
-        }
-        all.emplace_back(pid, *found);
-        for (const int tid : system.Threads(pid)) {
-            if (tid != pid) {
-                all.emplace_back(tid, Found{found->state, found->container, pid});
-            }
-        }
-    }
-    return all;
-}
-
-void ContainerRegistry::Merge(int tid, Found found, Nanoseconds since, Nanoseconds now)
-{
-    Adopt(found);
-    const Entry* known = Find(tid);
-    if (known == nullptr) {
-        table.PutIfRoom(tid, MakeEntry(tid, found, since, now));
-        return;
-    }
-    // The events knew better: a process that was Inside stays there, one that /proc shows as the runtime still is it,
-    // and a dead process that is still listed is a zombie.
-    if (Same(known->container, found.container) &&
-        (known->state != State::Entering || found.state == State::Entering)) {
-        return;
-    }
-    // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
-    if (known->IsInside() && IsSince(tid, *known)) {
-        return;
-    }
-    Entry made = MakeEntry(tid, found, since, now);
-    table.Update(tid, [&](Entry& entry) {
-        entry.exit = ContainerTable::alive;
-        entry.executable = nullptr;
-        entry.seen = now;
-        entry.parent = found.parent;
-        entry.MoveTo(made.state, std::move(made.container), since);
-    });
-}
-
-void ContainerRegistry::MarkMissing(const FoundList& found, Nanoseconds when)
-{
-    std::unordered_set<int> present;
-    present.reserve(found.size());
-    for (const auto& item : found) {
-        present.insert(item.first);
-    }
-    std::vector<int> missing;
-    for (const auto& [tid, entry] : table.Entries()) {
-        if (entry.IsAlive() && present.count(tid) == 0) {
-            missing.push_back(tid);
-        }
-    }
-    for (const int tid : missing) {
-        table.MarkExit(tid, when);
-    }
-}
-
-// Whether the thread of that id is still the one that the entry is about.
-bool ContainerRegistry::IsSince(int tid, const Entry& entry) const
-{
-    const std::optional<Nanoseconds> start = system.StartTime(tid);
-    return start && *start <= entry.seen;
-}
-
-// Outside of every container by its groups, but a child of a process that is known to be Inside: its parent has left
-// its groups, as a container that can write to them may, and the fork was lost.
-void ContainerRegistry::Adopt(Found& found) const
-{
-    const Entry* parent = found.container.empty() ? Find(found.parent) : nullptr;
-    if (parent != nullptr && parent->IsInside() && IsSince(found.parent, *parent)) {
-        found.state = State::Inside;
-        found.container = *parent->container;
-    }
 }
 
 std::optional<std::string> ContainerRegistry::ContainerByGroups(int tid) const
@@ -406,39 +261,20 @@ std::optional<std::string> ContainerRegistry::ContainerByGroups(int tid) const
     return of ? std::optional{groups.Find(*of)} : std::nullopt;
 }
 
-// Those that are below the fewest others first: they have the better right to their ids.
-void ContainerRegistry::ClaimAll()
-{
-    std::vector<std::pair<std::size_t, SDK::Cgroup>> found;
-    for (const int pid : system.Processes()) {
-        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
-            if (const std::size_t depth = SDK::CgroupPath::ContainerParts(group.path).size(); depth != 0) {
-                found.emplace_back(depth, std::move(group));
-            }
-        }
-    }
-    std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (const auto& [depth, group] : found) {
-        groups.Claim(group);
-    }
-}
-
 // Those that had the id wrongly. Rare, so every entry may be looked at.
 void ContainerRegistry::Relabel(const std::string& id, const std::string& next)
 {
-    const Text label = Shared(next);
+    const Text label = ContainerTable::Shared(next);
     std::vector<int> wrong;
     for (const auto& [tid, entry] : table.Entries()) {
-        if (Same(entry.container, id)) {
+        if (ContainerTable::Same(entry.container, id)) {
             wrong.push_back(tid);
         }
     }
     for (const int tid : wrong) {
         table.Update(tid, [&label](Entry& entry) { entry.container = label; });
     }
-    for (auto& [identity, container] : identities) {
-        container = Same(container, id) ? label : container;
-    }
+    identities.Relabel(id, label);
 }
 
 // A group's name does not tell. What was moved there in set-up, and has now left the host's root directory and mounts,
@@ -455,28 +291,17 @@ bool ContainerRegistry::IsSetUpByRuntime(int pid, const Entry& entry, unsigned i
 ContainerRegistry::Text ContainerRegistry::AdoptGroup(int pid, std::uint32_t identity)
 {
     Text id;
-    const auto moved = setUpGroups.extract(identity);
-    for (const SDK::Cgroup& group :
-         moved.empty() ? system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{}) : moved.mapped()) {
+    const std::vector<SDK::Cgroup> moved = identities.TakeSetUpGroups(identity);
+    for (const SDK::Cgroup& group : moved.empty() ? system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{}) : moved) {
         if (group.path.size() > 1) {
             const std::string adopted = groups.Adopt(group);
-            id = id == nullptr ? Shared(adopted) : id;
+            id = id == nullptr ? ContainerTable::Shared(adopted) : id;
         }
     }
     if (id != nullptr && identity != 0) {
-        identities.insert_or_assign(identity, id);
+        identities.Put(identity, id);
     }
     return id;
-}
-
-// What was lost, and where it has moved itself, does not matter then.
-void ContainerRegistry::Identify(Found& found, std::uint32_t identity) const
-{
-    const auto known = identities.find(identity);
-    if (known != identities.end() && found.container != *known->second) {
-        found.state = State::Inside;
-        found.container = *known->second;
-    }
 }
 
 }  // namespace Engine

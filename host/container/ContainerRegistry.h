@@ -4,16 +4,15 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "host/container/ContainerGroups.h"
+#include "host/container/ContainerIdentities.h"
 #include "host/container/ContainerTable.h"
-#include "host/container/RuntimeSetUp.h"
+#include "host/container/ProcSync.h"
 #include "host/ftrace/RecordStream.h"
 #include "host/ftrace/SyscallFilter.h"
 #include "host/sdk/SystemView.h"
@@ -33,17 +32,8 @@ public:
     using Entry = ContainerTable::Entry;
     using State = ContainerTable::State;
 
-    // How long a process that /proc alone shows as a runtime's set-up is believed to be one.
-    static constexpr Nanoseconds believeSetUp = std::chrono::seconds{2};
-
-    // Of so many identities the container is remembered: one for each process that a runtime has put into a container.
-    static constexpr std::size_t maxIdentities = 65536;
-    // Of containers that have gone, so many of the latest; looked at once in a period.
-    static constexpr std::size_t keptIdentities = 1024;
+    // What is remembered of containers that have gone is looked at once in a period.
     static constexpr Nanoseconds prunePeriod = std::chrono::minutes{1};
-
-    // So many runtimes may be in set-up at a time, in groups that are not called like a container's.
-    static constexpr std::size_t maxSetUps = 1024;
 
     ContainerRegistry(ContainerTable& table, ContainerGroups& groups, SDK::SystemView& system)
         : table(table), groups(groups), system(system)
@@ -119,28 +109,16 @@ public:
     // Drops what has been dead for long enough.
     void Purge(Nanoseconds now);
 
-    // Set-up processes that were only believed to be some, for too long by now: they are Inside, and returned.
-    std::vector<int> PromoteOverdue(Nanoseconds now);
+    // As ProcSync's.
+    std::vector<int> PromoteOverdue(Nanoseconds now) { return proc.PromoteOverdue(now); }
 
     // Whether Resync has run. Any thread.
     bool IsSynced() const { return synced.load(std::memory_order_relaxed); }
 
 private:
-    using Found = RuntimeSetUp::Found;
-    using FoundList = std::vector<std::pair<int, Found>>;
-
-    Entry MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
     Entry ChildOf(int parent, int child, Nanoseconds when, const RecordSource& source);
     const Entry* LoadMoved(const Move& move, Nanoseconds when);
     void MoveOthers(int leader, const Entry& like, Nanoseconds when);
-    FoundList LookAtAll(const SyscallFilter* filter) const;
-    void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
-    void MarkMissing(const FoundList& found, Nanoseconds when);
-    bool IsSince(int tid, const Entry& entry) const;
-    void Adopt(Found& found) const;
-    void Identify(Found& found, std::uint32_t identity) const;
-
-    void ClaimAll();
     void PruneGone();
     void Relabel(const std::string& id, const std::string& next);
     bool IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const;
@@ -149,11 +127,9 @@ private:
     ContainerTable& table;
     ContainerGroups& groups;
     SDK::SystemView& system;
-    // Where runtimes in set-up were put, by identity: a container's program may have gone when it is looked for.
-    std::map<std::uint32_t, std::vector<SDK::Cgroup>> setUpGroups;
-    std::map<std::uint32_t, Text> identities;  // the latest ones that belong to containers
+    ContainerIdentities identities;
+    ProcSync proc{table, groups, identities, system};
     Nanoseconds nextPrune{0};
-    std::vector<std::pair<int, Nanoseconds>> provisional;  // believed to be in set-up, and until when
     std::atomic<bool> synced{false};
 };
 

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -57,6 +58,16 @@ public:
         // Keeps what others were told until then.
         void MoveTo(State next, Text nextContainer, Nanoseconds when);
     };
+
+    // Null for an empty text, and the other way round.
+    static Text Shared(std::string_view text)
+    {
+        return text.empty() ? nullptr : std::make_shared<const std::string>(text);
+    }
+    static bool Same(const Text& text, std::string_view other)
+    {
+        return (text == nullptr ? std::string_view{} : std::string_view{*text}) == other;
+    }
 
     // Null for an unknown id. The dead are found, too, for a while. Good until the next call that changes the table.
     const Entry* Find(int tid) const;

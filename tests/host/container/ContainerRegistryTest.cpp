@@ -172,8 +172,8 @@ TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
     registry.Resync(Engine::ContainerTable::longAgo, now);
     EXPECT_EQ(registry.Find(400)->state, State::Entering);
     EXPECT_EQ(registry.Find(401)->state, State::Inside);
-    EXPECT_THAT(registry.PromoteOverdue(now + ContainerRegistry::believeSetUp / 2), testing::ElementsAre());
-    EXPECT_THAT(registry.PromoteOverdue(now + ContainerRegistry::believeSetUp), testing::ElementsAre(400));
+    EXPECT_THAT(registry.PromoteOverdue(now + Engine::ProcSync::believeSetUp / 2), testing::ElementsAre());
+    EXPECT_THAT(registry.PromoteOverdue(now + Engine::ProcSync::believeSetUp), testing::ElementsAre(400));
     EXPECT_EQ(ContainerOf(400), idA);
 }
 

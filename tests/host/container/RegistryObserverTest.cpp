@@ -111,7 +111,7 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     move(400, 7, "/proc/self/exe");  // /proc has none of them any more
     Fork(400, 401);
     EXPECT_EQ(ContainerOf(401), "") << "it still sets up";
-    now += Engine::ContainerRegistry::believeSetUp;
+    now += Engine::ProcSync::believeSetUp;
     Round();
     EXPECT_EQ(ContainerOf(401), "") << "however long it takes";
     EXPECT_TRUE(Exec(401, "/bin/sh"));

@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/container/ProcSync.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "host/sdk/CgroupPath.h"
+
+namespace Engine {
+
+ProcSync::Entry ProcSync::MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
+{
+    Entry entry;
+    entry.state = found.state;
+    entry.container = ContainerTable::Shared(found.container);
+    entry.since = since;
+    entry.seen = now;
+    entry.parent = found.parent;
+    if (found.state == State::Entering) {
+        Believe(tid, now);
+    }
+    return entry;
+}
+
+void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
+{
+    const FoundList all = LookAtAll(filter);
+    for (const auto& [tid, found] : all) {
+        Merge(tid, found, since, now);
+    }
+    MarkMissing(all, now);
+}
+
+std::optional<ProcSync::Entry> ProcSync::Load(int tid, std::uint32_t identity, Nanoseconds since, Nanoseconds now)
+{
+    std::optional<Found> found = RuntimeSetUp::Look(system, groups, tid);
+    if (!found && identities.Find(identity) == nullptr) {
+        return std::nullopt;
+    }
+    if (!found) {
+        found.emplace();
+    }
+    Adopt(*found);
+    Identify(*found, identity);
+    return MakeEntry(tid, *found, since, now);
+}
+
+ProcSync::FoundList ProcSync::LookAtAll(const SyscallFilter* filter) const
+{
+    FoundList all;
+    for (const int pid : system.Processes()) {
+        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
+        if (!found) {
+            continue;
+        }
+        if (filter != nullptr && !filter->IsExcluded(pid)) {
+            Identify(*found, filter->IdentityOf(pid));
+        }
+        all.emplace_back(pid, *found);
+        for (const int tid : system.Threads(pid)) {
+            if (tid != pid) {
+                all.emplace_back(tid, Found{found->state, found->container, pid});
+            }
+        }
+    }
+    return all;
+}
+
+void ProcSync::Merge(int tid, Found found, Nanoseconds since, Nanoseconds now)
+{
+    Adopt(found);
+    const Entry* known = table.Find(tid);
+    if (known == nullptr) {
+        table.PutIfRoom(tid, MakeEntry(tid, found, since, now));
+        return;
+    }
+    // The events knew better: a process that was Inside stays there, one that /proc shows as the runtime still is it,
+    // and a dead process that is still listed is a zombie.
+    if (ContainerTable::Same(known->container, found.container) &&
+        (known->state != State::Entering || found.state == State::Entering)) {
+        return;
+    }
+    // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
+    if (known->IsInside() && IsSince(tid, *known)) {
+        return;
+    }
+    Entry made = MakeEntry(tid, found, since, now);
+    table.Update(tid, [&](Entry& entry) {
+        entry.exit = ContainerTable::alive;
+        entry.executable = nullptr;
+        entry.seen = now;
+        entry.parent = found.parent;
+        entry.MoveTo(made.state, std::move(made.container), since);
+    });
+}
+
+void ProcSync::MarkMissing(const FoundList& found, Nanoseconds when)
+{
+    std::unordered_set<int> present;
+    present.reserve(found.size());
+    for (const auto& item : found) {
+        present.insert(item.first);
+    }
+    std::vector<int> missing;
+    for (const auto& [tid, entry] : table.Entries()) {
+        if (entry.IsAlive() && present.count(tid) == 0) {
+            missing.push_back(tid);
+        }
+    }
+    for (const int tid : missing) {
+        table.MarkExit(tid, when);
+    }
+}
+
+// Whether the thread of that id is still the one that the entry is about.
+bool ProcSync::IsSince(int tid, const Entry& entry) const
+{
+    const std::optional<Nanoseconds> start = system.StartTime(tid);
+    return start && *start <= entry.seen;
+}
+
+// Outside of every container by its groups, but a child of a process that is known to be Inside: its parent has left
+// its groups, as a container that can write to them may, and the fork was lost.
+void ProcSync::Adopt(Found& found) const
+{
+    const Entry* parent = found.container.empty() ? table.Find(found.parent) : nullptr;
+    if (parent != nullptr && parent->IsInside() && IsSince(found.parent, *parent)) {
+        found.state = State::Inside;
+        found.container = *parent->container;
+    }
+}
+
+// Those that are below the fewest others first: they have the better right to their ids.
+void ProcSync::ClaimGroups()
+{
+    std::vector<std::pair<std::size_t, SDK::Cgroup>> found;
+    for (const int pid : system.Processes()) {
+        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+            if (const std::size_t depth = SDK::CgroupPath::ContainerParts(group.path).size(); depth != 0) {
+                found.emplace_back(depth, std::move(group));
+            }
+        }
+    }
+    std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    for (const auto& [depth, group] : found) {
+        groups.Claim(group);
+    }
+}
+
+// What was lost, and where it has moved itself, does not matter then.
+void ProcSync::Identify(Found& found, std::uint32_t identity) const
+{
+    const Text known = identities.Find(identity);
+    if (known != nullptr && found.container != *known) {
+        found.state = State::Inside;
+        found.container = *known;
+    }
+}
+
+std::vector<int> ProcSync::PromoteOverdue(Nanoseconds now)
+{
+    std::vector<int> promoted;
+    for (const auto& [tid, until] : provisional) {
+        const Entry* entry = table.Find(tid);
+        if (until <= now && entry != nullptr && entry->state == State::Entering && entry->IsAlive()) {
+            table.Update(tid, [now](Entry& overdue) { overdue.MoveTo(State::Inside, overdue.container, now); });
+            promoted.push_back(tid);
+        }
+    }
+    std::erase_if(provisional, [now](const auto& item) { return item.second <= now; });
+    return promoted;
+}
+
+}  // namespace Engine

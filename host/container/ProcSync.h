@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// Makes the container table agree with /proc: as a whole, at the start and after a loss, or for one unknown thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "host/container/ContainerGroups.h"
+#include "host/container/ContainerIdentities.h"
+#include "host/container/ContainerTable.h"
+#include "host/container/RuntimeSetUp.h"
+#include "host/ftrace/SyscallFilter.h"
+#include "host/sdk/SystemView.h"
+
+namespace Engine {
+
+// The events know better than /proc, which tells only where a process is by now: a container that can write to control
+// groups moves its processes wherever it likes. An identity knows better than both.
+//
+// Ownership: nothing passed to the constructor is owned; all of it outlives this.
+// Thread:    the registry's.
+// Errors:    throws nothing but std::bad_alloc.
+// Times:     nanoseconds on the trace clock, CLOCK_MONOTONIC.
+class ProcSync {
+public:
+    using Nanoseconds = ContainerTable::Nanoseconds;
+    using Entry = ContainerTable::Entry;
+
+    // How long a process that /proc alone shows as a runtime's set-up is believed to be one.
+    static constexpr Nanoseconds believeSetUp = std::chrono::seconds{2};
+
+    ProcSync(ContainerTable& table, ContainerGroups& groups, ContainerIdentities& identities, SDK::SystemView& system)
+        : table(table), groups(groups), identities(identities), system(system)
+    {
+    }
+
+    // Gives the container groups that have processes to their containers, before anything else is asked.
+    void ClaimGroups();
+
+    // As of `since` holds what differs from the table. `filter`: tells identities; null for none.
+    void UpdateAll(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter);
+
+    // What is to be had of a thread that is not in the table. Nothing when it has gone and its identity tells nothing.
+    std::optional<Entry> Load(int tid, std::uint32_t identity, Nanoseconds since, Nanoseconds now);
+
+    // A thread that is in set-up only by what /proc says, or as a guess.
+    void Believe(int tid, Nanoseconds now) { provisional.emplace_back(tid, now + believeSetUp); }
+    // Those that were believed to be in set-up for too long by now: they are Inside, and returned.
+    std::vector<int> PromoteOverdue(Nanoseconds now);
+
+private:
+    using Text = ContainerTable::Text;
+    using State = ContainerTable::State;
+    using Found = RuntimeSetUp::Found;
+    using FoundList = std::vector<std::pair<int, Found>>;
+
+    FoundList LookAtAll(const SyscallFilter* filter) const;
+    void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
+    void MarkMissing(const FoundList& found, Nanoseconds when);
+    Entry MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
+    bool IsSince(int tid, const Entry& entry) const;
+    void Adopt(Found& found) const;
+    void Identify(Found& found, std::uint32_t identity) const;
+
+    ContainerTable& table;
+    ContainerGroups& groups;
+    ContainerIdentities& identities;
+    SDK::SystemView& system;
+    std::vector<std::pair<int, Nanoseconds>> provisional;  // believed to be in set-up, and until when
+};
+
+}  // namespace Engine
