@@ -49,13 +49,19 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
     if (call.event == 0 || IsHost(process) || task->pid == tables.ownThread) {
         return 0;
     }
-    if (!IsWithinBudgets(task, &call)) {
+    struct CeTask* kept = Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE);
+    struct Account* account;
+    enum Need need;
+    if (!IsWithinBudgets(task, kept, call.kind, &account, &need)) {
         Count(CE_SHED);
         return 0;
     }
-    struct CeSyscallRecord* record = Reserve(sizeof *record, CE_DROPPED);
+    struct CeSyscallRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED);
     if (record == NULL) {
         return 0;
+    }
+    if (kept != NULL) {
+        kept->isTold = 1;
     }
     Begin(&record->head, &record->entry.head, call.event);
     record->entry.number = call.number;

@@ -124,9 +124,11 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : process
         Fail("cannot count the CPUs", cpus);
     }
     perCpu.resize(static_cast<std::size_t>(cpus));
-    Load(budgets);
+    const std::size_t ringBytes =
+        std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))));
+    Load(budgets, ringBytes);
     MapStates();
-    MakeRings(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))));
+    MakeRings(ringBytes);
     if (const int error = SyscallProbeProgram::attach(program.get()); error != 0) {
         Fail("cannot attach the BPF program", error);
     }
@@ -134,7 +136,7 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : process
 
 SyscallProbe::~SyscallProbe() = default;
 
-void SyscallProbe::Load(const Budgets& budgets)
+void SyscallProbe::Load(const Budgets& budgets, std::size_t ringBytes)
 {
     libbpf_set_print(Print);
     program.reset(SyscallProbeProgram::open());
@@ -150,6 +152,7 @@ void SyscallProbe::Load(const Budgets& budgets)
     settings.threadBudget = budgets.thread;
     settings.groupBudget = budgets.group;
     settings.lifeBudget = budgets.life;
+    settings.ringBytes = static_cast<unsigned int>(ringBytes);
     settings.hostMounts = static_cast<unsigned int>(mounts.st_ino);
     // MKDEV() of include/linux/kdev_t.h.
     settings.hostDevice = major(root.st_dev) << 20U | minor(root.st_dev);

@@ -19,8 +19,8 @@ namespace Engine {
 
 // What the kernel did not keep, in events.
 struct SyscallLoss {
-    std::uint64_t dropped = 0;      // system calls: a ring was full
-    std::uint64_t droppedLife = 0;  // forks, execs, exits and moves: the same, or the program could not run
+    std::uint64_t dropped = 0;      // system calls: a ring was full, or their container had its part
+    std::uint64_t droppedLife = 0;  // forks, execs, exits, moves: likewise, or the program could not run
     std::uint64_t shed = 0;         // system calls: their thread or container made too many
     std::uint64_t shedLife = 0;     // forks, execs and exits: likewise
 };
@@ -35,12 +35,12 @@ class SyscallProbe final : public SyscallFilter {
 public:
     // How many calls of one kind, unless said otherwise, may be recorded in a window of 100 to 200 ms.
     struct Budgets {
-        unsigned int guaranteed = 8;  // of each thread, always
-        unsigned int thread = 512;    // of a thread, while its control groups have quota left; beyond detectors' limits
-        // Of all threads in the same control groups, on each CPU; what detection handles beside all else. As many again
-        // may follow on a call of another kind by the same thread.
+        unsigned int guaranteed = 8;  // of each thread, while its container has not filled its part of the ring
+        unsigned int thread = 512;    // of a thread, while its container has quota left; beyond detectors' limits
+        // Of all threads of a container, on each CPU, at most 65535; what detection handles beside all else. As many
+        // again may follow on a call of another kind by the same thread.
         unsigned int group = 4096;
-        unsigned int life = 2048;  // forks and execs in the same control groups, on each CPU
+        unsigned int life = 2048;  // forks and execs of a container, on each CPU
     };
 
     // Where nothing is set: KiB of each CPU's ring. All rings together take no more than 16 MiB of the kernel's memory,
@@ -88,7 +88,7 @@ private:
         void operator()(std::uint16_t* memory) const;
     };
 
-    void Load(const Budgets& budgets);
+    void Load(const Budgets& budgets, std::size_t ringBytes);
     void MapStates();
     void MakeRings(std::size_t bytes);
     std::uint64_t Sum(unsigned int count);

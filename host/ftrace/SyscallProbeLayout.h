@@ -11,17 +11,13 @@
 /* The tables of calls by which a program may enter the kernel: x86-64's, i386's through the 32-bit entry, x32's. */
 enum CeCallTable { CE_NATIVE, CE_COMPAT, CE_X32, CE_CALL_TABLES };
 
-/* In place of an event's id, for the budget of calls that follow on one of another kind. */
-#define CE_CHANGES 0x10000
-#define CE_LIVES 0x10001 /* for that of forks and execs */
-
 /* Process ids up to 2^22 (PID_MAX_LIMIT, include/linux/threads.h), so many to an element of the map of processes. */
 #define CE_PROCESSES_PER_ELEMENT 2048
 
 /* What a CPU counted since the program was loaded, in events. */
 enum CeCount {
-    CE_DROPPED,      /* system calls: the ring was full */
-    CE_DROPPED_LIFE, /* forks, execs, exits and moves: the ring was full */
+    CE_DROPPED,      /* system calls: the ring was full, or the container's part of it */
+    CE_DROPPED_LIFE, /* forks, execs, exits and moves: likewise */
     CE_SHED,         /* system calls: excluded because their thread or container makes too many */
     CE_SHED_LIFE,    /* forks, execs and exits: likewise */
     CE_COUNTS
@@ -42,11 +38,12 @@ struct CeWatchedCall {
 struct CeProbeSettings {
     unsigned int processLimit;   /* calls of processes with ids from here on are always recorded */
     unsigned int windowShift;    /* a window of the budgets is 2^windowShift jiffies */
-    unsigned int guaranteed;     /* calls of one kind that every thread may make in a window, always */
-    unsigned int threadBudget;   /* that it may make while its control groups have not used up theirs */
-    unsigned int groupBudget;    /* that all threads in the same control groups may make in it on each CPU, not counting
-                                    the guaranteed ones; and calls that follow on one of another kind */
-    unsigned int lifeBudget;     /* forks and execs in the same control groups, in a window on each CPU */
+    unsigned int guaranteed;     /* calls of one kind that every thread may make in a window, while there is room */
+    unsigned int threadBudget;   /* that it may make while its container has not used up its own budget */
+    unsigned int groupBudget;    /* that all threads of a container may make in it on each CPU, not counting the
+                                    guaranteed ones; and calls that follow on one of another kind */
+    unsigned int lifeBudget;     /* forks and execs of a container, in a window on each CPU */
+    unsigned int ringBytes;      /* of each CPU's ring */
     unsigned int hostMounts;     /* number of the host's mount namespace, as in /proc/1/ns/mnt */
     unsigned int hostDevice;     /* of the host's root directory, as the kernel has it */
     unsigned long long hostRoot; /* its inode's number */

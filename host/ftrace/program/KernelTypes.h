@@ -56,6 +56,14 @@ struct path {
 struct fs_struct {
     struct path root;
 };
+struct pid_namespace;
+struct upid {
+    struct pid_namespace* ns;
+};
+struct pid {
+    unsigned int level;
+    struct upid numbers[];
+};
 struct task_struct {
     struct thread_info thread_info;
     int prio;
@@ -66,6 +74,7 @@ struct task_struct {
     struct task_struct* group_leader;
     struct css_set* cgroups;
     struct fs_struct* fs;
+    struct pid* thread_pid;
     struct nsproxy* nsproxy;
 };
 struct linux_binprm {

@@ -2,7 +2,6 @@
 /* Forks, execs and exits, and what is kept of them with a thread. */
 #pragma once
 
-#include "host/ftrace/program/Budgets.h"
 #include "host/ftrace/program/Moves.h"
 
 /* Only what a container or a runtime in set-up makes has something to inherit. */
@@ -26,18 +25,21 @@ static __always_inline void Inherit(struct task_struct* parent, struct task_stru
     }
 }
 
-static __always_inline void RecordFork(struct task_struct* parent, struct task_struct* child, struct CeTask* kept)
+static __always_inline void RecordFork(struct Account* account, const struct task_struct* parent,
+                                       struct task_struct* child)
 {
-    if (kept != NULL && kept->identity != 0) {
-        if (!kept->isSetUp && !IsWithinLifeBudget(parent)) {
-            Count(CE_SHED_LIFE);
-            return;
-        }
-        kept->isTold = 1;
+    struct CeTask* kept = Kept(child, 0);
+    enum Need need;
+    if (!IsWithinLifeBudget(account, kept, &need)) {
+        Count(CE_SHED_LIFE);
+        return;
     }
-    struct CeForkRecord* record = Reserve(sizeof *record, CE_DROPPED_LIFE);
+    struct CeForkRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED_LIFE);
     if (record == NULL) {
         return;
+    }
+    if (kept != NULL) {
+        kept->isTold = 1;
     }
     Begin(&record->head, &record->entry.head, tables.life[CE_FORK]);
     __builtin_memcpy(record->entry.parentName, parent->comm, CE_NAME_BYTES);
@@ -63,11 +65,15 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
         }
     }
     const __u32 identity = isMadeElsewhere ? Identify(child, parent->tgid) : 0;
-    if (tables.life[CE_FORK] != 0 && !IsHost(child->tgid)) {
-        RecordFork(parent, child, Kept(child, 0));
+    if (IsHost(child->tgid)) {
+        return 0;
+    }
+    struct Account* account = IsHost(parent->tgid) ? NULL : AccountOf(parent, Kept(parent, 0));
+    if (tables.life[CE_FORK] != 0) {
+        RecordFork(account, parent, child);
     }
     if (tables.life[CE_MOVE] != 0 && isMadeElsewhere) {
-        RecordMove(child, child->cgroups->dfl_cgrp, NULL, identity);
+        RecordMove(account, child, child->cgroups->dfl_cgrp, NULL, identity);
     }
     return 0;
 }
@@ -104,12 +110,20 @@ static __always_inline __u32 PlaceOf(const struct task_struct* task)
     return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
 }
 
-static __always_inline void RecordExec(const struct task_struct* task, int oldThread, const char* filename)
+static __always_inline int RecordExec(const struct task_struct* task, const struct CeTask* kept, int oldThread,
+                                      const char* filename)
 {
+    struct Account* account = AccountOf(task, kept);
+    enum Need need;
+    if (!IsWithinLifeBudget(account, kept, &need)) {
+        Count(CE_SHED_LIFE);
+        return 0;
+    }
     __u32 location = 0;
-    struct CeExecRecord* record = ReserveWithText(offsetof(struct CeExecRecord, text), filename, &location);
+    struct CeExecRecord* record =
+        ReserveWithText(account, need, offsetof(struct CeExecRecord, text), filename, &location);
     if (record == NULL) {
-        return;
+        return 0;
     }
     Begin(&record->head, &record->entry.head, tables.life[CE_EXEC]);
     record->entry.filename = location;
@@ -117,6 +131,7 @@ static __always_inline void RecordExec(const struct task_struct* task, int oldTh
     record->entry.oldThread = oldThread;
     record->entry.place = PlaceOf(task);
     bpf_ringbuf_submit(record, 0);
+    return 1;
 }
 
 SEC("tp_btf/sched_process_exec")
@@ -127,15 +142,13 @@ int BPF_PROG(OnExec, struct task_struct* task, int oldThread, struct linux_binpr
     if (tables.life[CE_EXEC] == 0 || IsHost(task->tgid)) {
         return 0;
     }
-    if (kept != NULL && kept->identity != 0) {
-        if (!kept->isSetUp && !IsWithinLifeBudget(task)) {
-            Count(CE_SHED_LIFE);
-            return 0;
-        }
+    const int isRecorded = RecordExec(task, kept, oldThread, filename);
+    if (kept != NULL && isRecorded) {
         kept->isTold = 1;
+    }
+    if (kept != NULL) {
         kept->isSetUp = kept->isSetUp && kept->executed[0] != 0;
     }
-    RecordExec(task, oldThread, filename);
     return 0;
 }
 
@@ -150,7 +163,7 @@ int BPF_PROG(OnExit, struct task_struct* task)
         Count(CE_SHED_LIFE);
         return 0;
     }
-    struct CeExitRecord* record = Reserve(sizeof *record, CE_DROPPED_LIFE);
+    struct CeExitRecord* record = Reserve(AccountOf(task, kept), ESSENTIAL, sizeof *record, CE_DROPPED_LIFE);
     if (record == NULL) {
         return 0;
     }

@@ -5,11 +5,12 @@
 #include "host/ftrace/program/Ring.h"
 
 /* Without a path: of a process that was made in that group. */
-static __always_inline void RecordMove(struct task_struct* task, const struct cgroup* group, const char* path,
-                                       __u32 identity)
+static __always_inline void RecordMove(struct Account* account, struct task_struct* task, const struct cgroup* group,
+                                       const char* path, __u32 identity)
 {
     __u32 location = 0;
-    struct CeMoveRecord* record = ReserveWithText(offsetof(struct CeMoveRecord, text), path, &location);
+    struct CeMoveRecord* record =
+        ReserveWithText(account, ESSENTIAL, offsetof(struct CeMoveRecord, text), path, &location);
     if (record == NULL) {
         return;
     }
@@ -58,7 +59,9 @@ int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct*
     const __u32 identity = Identify(task, bpf_get_current_pid_tgid() >> 32);
     MayBeInContainer(task->tgid);
     if (tables.life[CE_MOVE] != 0) {
-        RecordMove(task, group, path, identity);
+        struct task_struct* mover = bpf_get_current_task_btf();
+        struct Account* account = IsHost(mover->tgid) ? NULL : AccountOf(mover, Kept(mover, 0));
+        RecordMove(account, task, group, path, identity);
     }
     return 0;
 }

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
-/* The ring of each CPU, and how a record gets into it: Reserve, fill with Begin first, bpf_ringbuf_submit. */
+/* The ring of each CPU, and how a record gets into it: Reserve, Begin, the fields, bpf_ringbuf_submit. */
 #pragma once
 
-#include "host/ftrace/program/State.h"
+#include "host/ftrace/program/Budgets.h"
 
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY_OF_MAPS);
@@ -15,14 +15,23 @@ struct {
         });
 } rings SEC(".maps");
 
-/* Room for a record of so many bytes, a constant. Null, and counted, when the ring is full. */
-static __always_inline void* Reserve(__u64 bytes, enum CeCount whenFull)
+/* Room for a record of so many bytes, a constant. Null, and counted, when there is none, or the container has had its
+ * part; an account of null is held to none. `dropped`: CE_DROPPED or CE_DROPPED_LIFE. */
+static __always_inline void* Reserve(struct Account* account, enum Need need, __u64 bytes, enum CeCount dropped)
 {
     const __u32 cpu = bpf_get_smp_processor_id();
     void* ring = bpf_map_lookup_elem(&rings, &cpu);
-    void* record = ring == NULL ? NULL : bpf_ringbuf_reserve(ring, bytes, 0);
+    if (ring == NULL) {
+        Count(dropped);
+        return NULL;
+    }
+    if (account != NULL && !TakeRoom(account, ring, need, bytes + BPF_RINGBUF_HDR_SZ)) {
+        Count(need == ESSENTIAL ? dropped : dropped == CE_DROPPED ? CE_SHED : CE_SHED_LIFE);
+        return NULL;
+    }
+    void* record = bpf_ringbuf_reserve(ring, bytes, 0);
     if (record == NULL) {
-        Count(whenFull);
+        Count(dropped);
     }
     return record;
 }
@@ -43,16 +52,17 @@ static __always_inline void Begin(struct CeRecordHead* record, struct CeEventHea
 
 /* Room for a record of `head` bytes and the text that follows, which is copied: nearly all texts fit into the short
  * form. `location` becomes the record's field that says where the text lies in its event. A text of null is empty. */
-static __always_inline void* ReserveWithText(__u64 head, const char* text, __u32* location)
+static __always_inline void* ReserveWithText(struct Account* account, enum Need need, __u64 head, const char* text,
+                                             __u32* location)
 {
-    char* record = Reserve(head + CE_SHORT_PATH, CE_DROPPED_LIFE);
+    char* record = Reserve(account, need, head + CE_SHORT_PATH, CE_DROPPED_LIFE);
     if (record == NULL) {
         return NULL;
     }
     long bytes = text == NULL ? 0 : bpf_probe_read_kernel_str(record + head, CE_SHORT_PATH, text);
     if (bytes == CE_SHORT_PATH) {
         bpf_ringbuf_discard(record, 0);
-        record = Reserve(head + CE_LONG_PATH, CE_DROPPED_LIFE);
+        record = Reserve(account, need, head + CE_LONG_PATH, CE_DROPPED_LIFE);
         if (record == NULL) {
             return NULL;
         }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <linux/sched.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -182,6 +183,34 @@ TEST_F(TraceKernelTest, WhatFollowsOnAnotherKindOfCallIsRecordedWhateverWasSpent
     MakeCalls(20);
     EXPECT_EQ(kinds().substr(0, 2), "ba");
     EXPECT_EQ(trace->TakeSyscallLoss().dropped, 0U);
+}
+
+// By what is guaranteed to each of its processes, in process id namespaces that it makes.
+TEST_F(TraceKernelTest, AContainerThatFillsTheRingLeavesRoomForAnother)
+{
+    Start(std::make_unique<SyscallProbe>(64), 0);
+    const auto inNewNamespace = [](auto deed) {
+        InChild([&deed] {
+            ::unshare(CLONE_NEWPID);
+            InChild(deed);
+        });
+    };
+    cpu_set_t before;
+    ::sched_getaffinity(0, sizeof before, &before);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<unsigned int>(::sched_getcpu()), &one);
+    ::sched_setaffinity(0, sizeof one, &one);
+    inNewNamespace([&] {
+        for (int i = 0; i < 200; ++i) {
+            inNewNamespace([] { MakeCalls(8); });
+        }
+    });
+    EXPECT_GT(trace->TakeSyscallLoss().dropped, 800U);
+    inNewNamespace([] { MakeCalls(8); });
+    EXPECT_EQ(trace->TakeSyscallLoss().dropped, 0U);
+    EXPECT_THAT(Read().size(), AllOf(Ge(400U), Le(600U)));
+    ::sched_setaffinity(0, sizeof before, &before);
 }
 
 TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
