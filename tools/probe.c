@@ -14,7 +14,8 @@
 //       executes this program anew, and serves on)
 // WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
 //       crowd THREADS N (each thread as brute, 3 ms and more from call to call), decoys N NAME[,NAME...] (N children,
-//       one after the other), dirtycow, write PATH, read PATH, storm N NAME, enter PID, and those of Rearrange
+//       one after the other), dirtycow, write PATH, read PATH, storm N NAME[,NAME...], enter PID, and those of
+//       Rearrange
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -335,7 +336,7 @@ static void Do(const struct Deed* deed)
         Enter(first);
     } else if (strcmp(what, "storm") == 0) {
         for (long i = atol(first); i > 0; --i) {
-            MakeCall(deed->second);
+            MakeCalls(deed->second, MakeCall);
         }
     } else {
         Rearrange(what, first, deed->second);

@@ -22,7 +22,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("CE_BUILD_DIR", ROOT / "build/release"))
-AGENT = BUILD / "bin/containerescape-agent"
+AGENT = pathlib.Path(os.environ.get("CE_AGENT", BUILD / "bin/containerescape-agent"))
 PROBE = BUILD / "tools/probe"
 INSTANCES = pathlib.Path("/sys/kernel/tracing/instances")
 DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"

@@ -11,10 +11,15 @@ import statistics
 import time
 
 import harness
-from harness import HOST_FILE, SHOCKER, named
+from harness import FILES, HOST_FILE, SHOCKER, named
 
 CPUS = sorted(os.sched_getaffinity(0))
 TRIES = 20
+# Storms of many processes: so many attacks each, and at normal priority, too, when all is to be measured.
+#   CE_STORM_TRIES=16 run.py storm_of_processes; CE_AGENT=PATH: another build of the agent
+MEASURED = int(os.environ.get("CE_STORM_TRIES", "0"))
+CALLS = ("getdents64,capset,setns,unshare,mount,umount2,pivot_root,chroot,ptrace,init_module,keyctl,bpf,"
+         "process_vm_readv")
 # Processes that do nothing but fork, as many as a container may be expected to have.
 FORKS = ("sh", "-c", "for each in $(seq 100); do (while :; do /bin/true; done) & done; wait")
 
@@ -23,7 +28,10 @@ class Storms(harness.InDocker):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.other = cls.engine.start("--name", "other", "--cap-add", "DAC_READ_SEARCH")
+        cls.watched = cls.folder / "watched"
+        cls.watched.mkdir()
+        cls.folder.chmod(0o755)
+        cls.other = cls.engine.start("--name", "other", "--cap-add", "DAC_READ_SEARCH", "-v", f"{cls.watched}:/host")
 
     def loud_containers(self, *options):
         """One for each CPU, which it stays on."""
@@ -37,16 +45,16 @@ class Storms(harness.InDocker):
         for name in names:
             self.engine.docker("exec", "-d", name, *command)
 
-    def attack_in(self, what, server, agent):
+    def attack_in(self, what, server, agent, tries=TRIES, deed=f"fork shocker {HOST_FILE}", name=SHOCKER):
         """Attacks some times, then ends the agent and the storm. Returns how many alarms came within half a second, and
         the agent's counts."""
         took = []
-        for _ in range(TRIES):
+        for _ in range(tries):
             agent.reload()  # or the alarms of two tries would be merged
             time.sleep(0.2)  # detection is as far behind as it gets
-            made, _ = server.do(f"fork shocker {HOST_FILE}")
+            made, _ = server.do(deed)
             try:
-                arrived, alarm = agent.alarm(named(SHOCKER), patience=1)
+                arrived, alarm = agent.alarm(named(name), patience=1)
             except AssertionError:
                 continue
             self.assertEqual(alarm["resource_info"]["container_id"], self.other)
@@ -56,7 +64,7 @@ class Storms(harness.InDocker):
         counts = agent.stop()
         self.doCleanups()
         in_time = sum(each <= 500 for each in took)
-        print(f"\n  {what}: {in_time} of {TRIES} within 500 ms, {len(took)} at all; median "
+        print(f"\n  {what}: {in_time} of {tries} within 500 ms, {len(took)} at all; median "
               f"{statistics.median(took or [0]):.1f} ms, maximum {max(took, default=0):.1f} ms; "
               f"{resident:.1f} MiB; {counts}")
         return in_time, counts
@@ -89,6 +97,34 @@ class Storms(harness.InDocker):
         in_time, counts = self.attack_in("a flood of accesses", other, agent)
         self.assertGreater(counts["events_read"], 20000, "the flood was none")
         self.assertEqual(in_time, TRIES)
+
+    def test_no_storm_of_processes_hides_an_attack_in_another_container(self):
+        many, endless = "for p in $(seq {}); do (while :; do {}; done) & done; wait", 10**15
+        loops = many.format(40, "for f in $(seq 9999); do echo x >/host/$p.$f; done")
+        storms = (("200 forking processes", ("--user", "65534"), many.format(200, "/bin/true"), False),
+                  ("400 processes x 13 calls", ("--user", "65534"),
+                   many.format(400, f"probe self storm {endless} {CALLS}"), True),
+                  ("40 writers beside a watched directory", ("-v", f"{self.folder}:/host"), loops, False))
+        for (what, options, storm, is_unlimited), priority in itertools.product(
+                storms, ((), ("--realtime", "0")) if MEASURED and "CE_AGENT" not in os.environ else ((),)):
+            with self.subTest(storm=what, priority=priority):
+                loud = self.start("-v", f"{self.folder}:/go", *options,
+                                  command=("sh", "-c", f"until [ -e /go/go ]; do sleep 0.1; done; {storm}"))
+                if is_unlimited:  # out of the group that the CPU controller bounds
+                    root = pathlib.Path("/sys/fs/cgroup/cpu")
+                    self.assertTrue(root.is_dir() or not MEASURED, "needs the CPU controller of version 1")
+                    if root.is_dir():
+                        (root / "cgroup.procs").write_text(self.engine.inspect(loud, "{{.State.Pid}}"))
+                server = self.server("other")
+                agent = self.agent(*priority, calls=CALLS.split(","), directories=[str(self.watched)], scope="container")
+                (self.folder / "go").touch()
+                time.sleep(2)
+                attack = ("fork write /host/target", FILES) if "watched" in what else ()
+                tries = MEASURED or 4
+                in_time, _ = self.attack_in(" ".join((what, *priority)), server, agent, tries, *attack)
+                (self.folder / "go").unlink()
+                if not priority and "CE_AGENT" not in os.environ:
+                    self.assertEqual(in_time, tries)
 
     def account_for(self, servers, calls, source, kb, slowed):
         """Has each server make that many calls at once. Returns the agent's counters at its end."""
