@@ -13,9 +13,9 @@
 //       runtime (a child that looks like a container runtime which executes a copy of itself), exec (a server only: it
 //       executes this program anew, and serves on)
 // WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
-//       crowd THREADS N (each thread as brute, 3 ms and more from call to call), decoys N NAME[,NAME...] (N children,
-//       one after the other), dirtycow, write PATH, read PATH, storm N NAME[,NAME...], enter PID, and those of
-//       Rearrange
+//       crowd THREADS N (each thread as brute, 3 ms and more from call to call), volley N NAME[,NAME...] (20 threads as
+//       brute at once, then the calls), decoys N NAME[,NAME...] (N children, one after the other), dirtycow, write PATH,
+//       read PATH, storm N NAME[,NAME...], enter PID, and those of Rearrange
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -84,6 +84,12 @@ static const struct Call calls[] = {
     {"keyctl", SYS_keyctl},
     {"init_module", SYS_init_module},
     {"process_vm_readv", SYS_process_vm_readv},
+    {"process_vm_writev", SYS_process_vm_writev},
+    {"finit_module", SYS_finit_module},
+    {"delete_module", SYS_delete_module},
+    {"kexec_load", SYS_kexec_load},
+    {"kexec_file_load", SYS_kexec_file_load},
+    {"userfaultfd", SYS_userfaultfd},
     {"getdents64", SYS_getdents64},
     {"capset", SYS_capset},
     {"mknodat", SYS_mknodat},
@@ -253,16 +259,24 @@ static void Enter(const char* pid)
     close(fd);
 }
 
-static void* GuessSlowly(void* calls)
+static void* Guess(void* calls)
 {
     for (long i = atol(calls); i > 0; --i) {
         syscall(SYS_open_by_handle_at, -1, 0, 0);
+    }
+    return NULL;
+}
+
+static void* GuessSlowly(void* calls)
+{
+    for (long i = atol(calls); i > 0; --i) {
+        Guess("1");
         usleep(3000);
     }
     return NULL;
 }
 
-static void Crowd(long count, const char* calls)
+static void Crowd(long count, void* (*guess)(void* calls), const char* calls)
 {
     pthread_t threads[64];
     if (count < 0 || count > 64) {
@@ -270,7 +284,7 @@ static void Crowd(long count, const char* calls)
         Fail("crowd");
     }
     for (long i = 0; i < count; ++i) {
-        if (pthread_create(&threads[i], NULL, GuessSlowly, (void*)calls) != 0) {
+        if (pthread_create(&threads[i], NULL, guess, (void*)calls) != 0) {
             Fail("pthread_create");
         }
     }
@@ -315,11 +329,12 @@ static void Do(const struct Deed* deed)
     } else if (strcmp(what, "list") == 0) {
         List(first);
     } else if (strcmp(what, "brute") == 0) {
-        for (long i = atol(first); i > 0; --i) {
-            syscall(SYS_open_by_handle_at, -1, 0, 0);
-        }
+        Guess((void*)first);
     } else if (strcmp(what, "crowd") == 0) {
-        Crowd(atol(first), deed->second);
+        Crowd(atol(first), GuessSlowly, deed->second);
+    } else if (strcmp(what, "volley") == 0) {
+        Crowd(20, Guess, first);
+        MakeCalls(deed->second, MakeCall);
     } else if (strcmp(what, "decoys") == 0) {
         Decoys(atol(first), deed->second);
     } else if (strcmp(what, "dirtycow") == 0) {

@@ -67,12 +67,14 @@ class Lines:
 
     def __init__(self, pipe):
         self.queue = queue.Queue()
-        self.seen = []
+        self.arrived = []  # all of them with their times
+        self.seen = []  # those taken from the queue
         threading.Thread(target=self._read, args=(pipe,), daemon=True).start()
 
     def _read(self, pipe):
         for line in pipe:
-            self.queue.put((time.monotonic_ns(), line.rstrip("\n")))
+            self.arrived.append((time.monotonic_ns(), line.rstrip("\n")))
+            self.queue.put(self.arrived[-1])
         self.queue.put((time.monotonic_ns(), None))
 
     def wait_for(self, wanted, patience=PATIENCE):
@@ -170,6 +172,19 @@ class Server:
         self.process.stdout.close()
 
 
+class Resident(Server):
+    """The first process of a container as a server, reached by named pipes: it outlives the engine that started it.
+    `before`: what a shell does first in the container."""
+
+    def __init__(self, engine, folder, name, *options, before=":", serve="probe serve", **more):
+        for pipe in ("in", "out"):
+            os.mkfifo(folder / f"{name}.{pipe}")
+            (folder / f"{name}.{pipe}").chmod(0o666)  # whichever user it runs as
+        self.id = engine.start("--name", name, "-v", f"{folder}:/pipes", *options, **more, command=(
+            "sh", "-c", f"{before}; exec {serve} </pipes/{name}.in >/pipes/{name}.out"))
+        super().__init__("sh", "-c", f"cat {folder}/{name}.out & exec cat >{folder}/{name}.in")
+
+
 def made(text):
     """From a probe's output: when its deed began, and the id of the thread that did it."""
     return tuple(map(int, re.search(r"^made (\d+) (\d+)$", text, re.M).groups()))
@@ -233,6 +248,27 @@ class Agent(contextlib.AbstractContextManager):
 
     def __exit__(self, *_):
         self.close()
+
+
+def unprivileged(user):
+    """Before a command: it runs as this user, with what the agent needs. CAP_SYS_NICE stands for the service's limit of
+    real-time priority, which cannot be raised on every machine."""
+    capabilities = "+sys_admin,+sys_ptrace,+dac_read_search,+dac_override,+sys_nice"
+    return ("setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", f"--inh-caps={capabilities}",
+            f"--ambient-caps={capabilities}", f"--bounding-set=-all,{capabilities}", "--no-new-privs")
+
+
+def bundle(folder, root, group, words):
+    """Fills a new folder with what a runtime needs to run a container in that control group. Returns it."""
+    folder.mkdir()
+    run("runc", "spec", "-b", folder)
+    described = json.loads((folder / "config.json").read_text())
+    described["root"] = {"path": str(root), "readonly": True}
+    described["process"].update(terminal=False, args=list(words))
+    del described["process"]["rlimits"]
+    described["linux"].update(cgroupsPath=group, resources={})
+    (folder / "config.json").write_text(json.dumps(described))
+    return folder
 
 
 def policy(calls=(), directories=(), whitelist=(), scope=None):

@@ -169,12 +169,7 @@ class RunningContainers(Watched, Containers):
         self.try_way("containers that live on when the engine restarts", *attacks)
 
     def resident(self, name):
-        """The first process of a container, reached by named pipes: it outlives the engine that started it."""
-        for pipe in ("in", "out"):
-            os.mkfifo(self.folder / f"{name}.{pipe}")
-        self.engine.start("--name", name, "-v", f"{self.folder}:/host",
-                          command=("sh", "-c", f"exec probe serve </host/{name}.in >/host/{name}.out"))
-        server = harness.Server("sh", "-c", f"cat {self.folder}/{name}.out & exec cat >{self.folder}/{name}.in")
+        server = harness.Resident(self.engine, self.folder, name)
         self.addCleanup(server.close)
         return server, self.known(name)
 
@@ -262,20 +257,9 @@ class WithoutEngine(Watched):
         for name, command in {"runc": ("runc",), **{f"crun, {view}": (*VIEWS[view], "crun") for view in VIEWS}}.items():
             command = (*command, "--root", self.folder / name)
             self.both(name, lambda container, *words, command=command: (
-                *command, "run", "-b", self.bundle(container, words), container),
+                *command, "run", "-b", harness.bundle(
+                    self.folder / container, self.folder / "root", f"/{GROUPS}/{container}", words), container),
                       lambda container, *words, command=command: (*command, "exec", container, *words))
-
-    def bundle(self, container, words):
-        folder = self.folder / container
-        folder.mkdir()
-        harness.run("runc", "spec", "-b", folder)
-        described = json.loads((folder / "config.json").read_text())
-        described["root"] = {"path": str(self.folder / "root"), "readonly": True}
-        described["process"].update(terminal=False, args=list(words))
-        del described["process"]["rlimits"]
-        described["linux"].update(cgroupsPath=f"/{GROUPS}/{container}", resources={})
-        (folder / "config.json").write_text(json.dumps(described))
-        return folder
 
     def test_podman(self):
         archive = harness.make_archive(self.folder / "image")

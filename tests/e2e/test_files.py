@@ -25,6 +25,26 @@ TECHNIQUES = {
 }
 
 
+def prepare(folder):
+    """Makes anew what a technique finds below the folder that is a container's /host."""
+    for name in ("watched", "out", "later"):
+        shutil.rmtree(folder / name, ignore_errors=True)
+    for name in ("watched", "out"):
+        (folder / name).mkdir(parents=True)
+    for name in ("watched/kept", "out/file"):
+        (folder / name).write_text("x\n")
+    (folder / "out/linked").hardlink_to(folder / "watched/kept")
+
+
+def aim(folder, order):
+    """Does the host's part of a technique. Returns the paths of which one must be told."""
+    if "/later/" in order:
+        (folder / "later").mkdir()
+    if "/moved/" in order:
+        (folder / "watched").rename(folder / "out/moved")
+    return [word.replace("/host", str(folder)) for word in order.split()[1:]]
+
+
 class Files(harness.InDocker):
     def setUp(self):
         self.folders = [self.folder / str(number) for number in range(TRIES)]
@@ -35,24 +55,16 @@ class Files(harness.InDocker):
 
     def prepare(self):
         for folder in self.folders:
-            for name in ("watched", "out", "later"):
-                shutil.rmtree(folder / name, ignore_errors=True)
-            for name in ("watched", "out"):
-                (folder / name).mkdir()
-            for name in ("watched/kept", "out/file"):
-                (folder / name).write_text("x\n")
-            (folder / "out/linked").hardlink_to(folder / "watched/kept")
+            prepare(folder)
         time.sleep(MERGE_SECONDS)  # in which the agent sees the new directories, too
 
     def attack(self, order):
         """Returns the paths of which one must be told, for each container."""
+        paths = []
         for folder, server in zip(self.folders, self.servers):
-            if "/later/" in order:
-                (folder / "later").mkdir()
-            if "/moved/" in order:
-                (folder / "watched").rename(folder / "out/moved")
+            paths.append(aim(folder, order))
             server.do(f"fork {order}")
-        return [[word.replace("/host", str(folder)) for word in order.split()[1:]] for folder in self.folders]
+        return paths
 
     def misses(self, agent, order, scope):
         self.prepare()

@@ -18,7 +18,6 @@ from harness import is_call
 
 IMPAIRED = "Detection impaired"
 NOBODY = 65534
-CAPABILITIES = "+sys_admin,+sys_ptrace,+dac_read_search,+dac_override"
 
 
 def impaired(cause, text=""):
@@ -63,9 +62,7 @@ class Target(harness.InDocker):
         self.assertEqual(agent.exit_code, 0)
 
     def test_a_user_of_its_own_is_out_of_reach_of_the_hosts_uid_0_without_capabilities(self):
-        command = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", f"--inh-caps={CAPABILITIES}",
-                   f"--ambient-caps={CAPABILITIES}", f"--bounding-set=-all,{CAPABILITIES}", "--no-new-privs")
-        agent = self.agent(calls=["unshare"], directories=[str(self.folder)], prefix=command)
+        agent = self.agent(calls=["unshare"], directories=[str(self.folder)], prefix=harness.unprivileged(NOBODY))
         self.assertIn("1 of 1 listed calls, 1 of 1 listed directories", agent.ready_line)
         self.assertIn(f"\nUid:\t{NOBODY}", pathlib.Path(f"/proc/{agent.pid}/status").read_text())
         self.attacked(agent)
