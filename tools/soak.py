@@ -1,7 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """The agent under load for a long time: churn, storms, engine restarts, new policies, and an attack every few seconds.
 
-    soak.py [--minutes 20] [--build DIR] [--out DIR]
+    soak.py [--minutes 20] [--adversary] [--seed N] [--build DIR] [--out DIR]
+
+With --adversary the attacks are those of adversary.py, by an attacker that knows how the agent works: each technique at
+random, from a container of its own, against the alarms that must come of it, beside more storms and ordinary work. The
+seed, which is printed, decides their order. The agent runs as a user of its own and has the scope "container".
 
 Writes samples.csv, soak.svg, agent.log and verdict.txt into the folder of --out (build/soak). Exits with 1 when a check
 fails. Works with sanitized builds, too: what they report fails the run; their memory and descriptors are not judged.
@@ -43,8 +47,8 @@ NAMESPACE = "Namespace switch attack"
 DEEDS = ([(f"{how} {what}", name) for what, name in KINDS.items() for how in ("self", "fork")] +
          [(f"self call {call}", HIGH_RISK) for call in CALLS])
 
-# What may fluctuate, and no more: a reload ends the detection task's thread and starts it again; /proc files, sockets of
-# engine calls and the mounts that a path is looked up through are open for moments.
+# What may fluctuate, and no more: a reload ends the detection task's thread and starts it again; /proc files, sockets
+# of engine calls and the mounts that a path is looked up through are open for moments.
 THREAD_SLACK = 2
 DESCRIPTOR_SLACK = 12
 MEMORY_SLACK_KIB = 1024
@@ -140,26 +144,79 @@ class Sampler(threading.Thread):
         self.join()
 
 
-class Soak:
-    def __init__(self, engine, watched, out):
-        self.engine, self.out = engine, out
-        self.attacks, self.missed, self.latencies = 0, [], []
-        self.storms, self.reloads, self.restarts = 0, 0, 0
-        self.serial = itertools.count()
-        engine.make_image("probe:1")
+class Plain:
+    """Attacks by many processes of one container, each told by a signal what to do."""
+
+    def __init__(self, engine, watched, seconds):
         mount = ("-v", f"{watched}:/host")
+        self.engine, self.watched = engine, watched
         self.crowd = Crowd(engine, "crowd", 700, [deed for deed, _ in DEEDS], "--cap-add", "DAC_READ_SEARCH", *mount)
         self.switcher = Crowd(engine, "switcher", 1, ["self unshareuts"], "--cap-add", "SYS_ADMIN")
+        self.attacks, self.missed, self.latencies = 0, [], []
+        self.once = [number for number, (_, name) in enumerate(DEEDS) if name == HIGH_RISK]
+        self.again = itertools.cycle(number for number, (_, name) in enumerate(DEEDS) if name != HIGH_RISK)
+        self.every = max(2, int(seconds / ATTACK_SECONDS / (len(self.once) + 1)))
+        self.attackers = itertools.cycle(random.sample(self.crowd.pids, len(self.crowd.pids)))
+        self.workers = ()
+        self.running = None
+
+    def agent(self, *options):
+        self.running = harness.Agent(harness.policy(CALLS, [self.watched]), "--namespace-check", *options,
+                                     socket=self.engine.socket)
+        os.kill(self.switcher.pids[0], signal.SIGRTMIN)
+        return self.running
+
+    def attack(self):
+        begun = time.monotonic()
+        number = self.once.pop() if self.once and self.attacks % self.every == self.every - 1 else next(self.again)
+        self.do(next(self.attackers), number)
+        time.sleep(max(0.0, begun + ATTACK_SECONDS - time.monotonic()))
+
+    def do(self, pid, number):
+        deed, name = DEEDS[number]
+
+        def is_it(alarm):
+            own = alarm["process_info"][0]["process_pid"] == pid
+            return alarm["event_name"] == name and own == deed.startswith("self")
+        self.attacks += 1
+        begun = time.monotonic_ns()
+        os.kill(pid, signal.SIGRTMIN + number)
+        try:
+            arrived, _ = self.running.alarm(is_it, ATTACK_PATIENCE)
+            self.latencies.append((arrived - begun) / 1e6)
+        except AssertionError:
+            self.missed.append(f"{deed} by {pid} at {(begun - self.running.started) / 1e9:.0f} s")
+
+    def finish(self):
+        """Every attack's alarm was waited for."""
+
+    def check(self):
+        late = statistics.median(self.latencies) if self.latencies else 0
+        yield ("every attack is alarmed", self.attacks and not self.missed,
+               f"{self.attacks - len(self.missed)} of {self.attacks}, median {late:.1f} ms, "
+               f"maximum {max(self.latencies, default=0):.1f} ms; missed: {self.missed}")
+        alarms = self.running.alarms()
+        switched = sum(alarm["event_name"] == NAMESPACE for alarm in alarms)
+        yield "the switched namespace is told on and on", switched >= 2, f"{switched} times"
+        extra = [alarm for alarm in alarms if alarm.get("container_name") not in (
+            ("switcher",) if alarm["event_name"] == NAMESPACE else ("crowd",))]
+        yield "no other container is accused", not extra, f"{len(extra)} other alarms, the first: {extra[:1]}"
+
+
+class Soak:
+    def __init__(self, engine, watched, out, attacker):
+        self.engine, self.out, self.attacker = engine, out, attacker
+        self.storms, self.reloads, self.restarts = 0, 0, 0
+        self.refused = []
+        self.serial = itertools.count()
         self.stormers = []
         for cpu in sorted(os.sched_getaffinity(0)):
             stormer = Crowd(engine, f"storm{cpu}", 1, [f"self storm {STORM_CALLS} getdents64"])
             os.sched_setaffinity(stormer.pids[0], {cpu})
             self.stormers.append(stormer.pids[0])
-        engine.start("--name", "guest", *mount)
+        engine.start("--name", "guest", "-v", f"{watched}:/host")
         self.statistics = out / "statistics.json"
-        self.agent = harness.Agent(harness.policy(CALLS, [watched]), "--namespace-check", "--stats",
-                                   str(self.statistics), "--status-interval", str(SAMPLE_SECONDS),
-                                   socket=engine.socket)
+        self.agent = attacker.agent("--stats", str(self.statistics), "--status-interval", str(SAMPLE_SECONDS))
 
     def live_and_die(self):
         self.engine.docker("run", "--rm", "--network", "none", "--name", f"churn{next(self.serial)}", "probe:1", "sh",
@@ -170,41 +227,19 @@ class Soak:
         self.engine.restart()
         self.restarts += 1
 
-    def attack(self, pid, number):
-        deed, name = DEEDS[number]
-
-        def is_it(alarm):
-            own = alarm["process_info"][0]["process_pid"] == pid
-            return alarm["event_name"] == name and own == deed.startswith("self")
-        self.attacks += 1
-        begun = time.monotonic_ns()
-        os.kill(pid, signal.SIGRTMIN + number)
-        try:
-            arrived, _ = self.agent.alarm(is_it, ATTACK_PATIENCE)
-            self.latencies.append((arrived - begun) / 1e6)
-        except AssertionError:
-            self.missed.append(f"{deed} by {pid} at {(begun - self.agent.started) / 1e9:.0f} s")
-
     def run(self, seconds):
         """Attacks, storms, reloads and engine restarts in one thread: no attack falls into a change of the policy."""
-        os.kill(self.switcher.pids[0], signal.SIGRTMIN)
         end = time.monotonic() + seconds
         due = {self.storm: STORM_SECONDS / 2, self.reload: RELOAD_SECONDS, self.restart: ENGINE_SECONDS / 2}
         due = {what: time.monotonic() + first for what, first in due.items()}
         period = {self.storm: STORM_SECONDS, self.reload: RELOAD_SECONDS, self.restart: ENGINE_SECONDS}
-        once = [number for number, (_, name) in enumerate(DEEDS) if name == HIGH_RISK]
-        again = itertools.cycle(number for number, (_, name) in enumerate(DEEDS) if name != HIGH_RISK)
-        every = max(2, int(seconds / ATTACK_SECONDS / (len(once) + 1)))
-        attackers = itertools.cycle(random.sample(self.crowd.pids, len(self.crowd.pids)))
         while time.monotonic() < end and self.agent.process.poll() is None:
             begun = time.monotonic()
             for what, when in due.items():
                 if begun >= when:
                     what()
                     due[what] = begun + period[what]
-            number = once.pop() if once and self.attacks % every == every - 1 else next(again)
-            self.attack(next(attackers), number)
-            time.sleep(max(0.0, begun + ATTACK_SECONDS - time.monotonic()))
+            self.attacker.attack()
 
     def storm(self):
         for pid in self.stormers:
@@ -216,7 +251,7 @@ class Soak:
             self.agent.reload()
             self.reloads += 1
         except AssertionError as problem:  # it has ended, or hangs
-            self.missed.append(f"reload: {problem}")
+            self.refused.append(str(problem))
 
     def restart(self):
         threading.Thread(target=self.restart_engine, daemon=True).start()
@@ -237,7 +272,7 @@ def steady(rows, key, slack):
     return abs(last - first) <= 1 and max(abs(value - first) for value in rest) <= slack, text
 
 
-def judge(soak, rows, counts, churn, checked):
+def judge(soak, rows, counts, churn, others, checked):
     """(what, whether it holds, what was seen), for each check."""
     log, alarms, final = soak.agent.log.seen, soak.agent.alarms(), json.loads(soak.statistics.read_text())
     yield "exit code", soak.agent.exit_code == 0, str(soak.agent.exit_code)
@@ -246,16 +281,8 @@ def judge(soak, rows, counts, churn, checked):
     reports = [line for line in log if re.search(r"(ERROR|WARNING): \w+Sanitizer|runtime error:", line)]
     yield "no report of a sanitizer", not reports, f"{reports[:3]} ({checked or 'not a sanitized build'})"
 
-    late = statistics.median(soak.latencies) if soak.latencies else 0
-    yield ("every attack is alarmed", soak.attacks and not soak.missed,
-           f"{soak.attacks - len(soak.missed)} of {soak.attacks}, median {late:.1f} ms, "
-           f"maximum {max(soak.latencies, default=0):.1f} ms; missed: {soak.missed}")
-    names = [alarm["event_name"] for alarm in alarms]
-    switched = names.count(NAMESPACE)
-    yield "the switched namespace is told on and on", switched >= 2, f"{switched} times"
-    extra = [alarm for alarm in alarms
-             if alarm.get("container_name") not in (("switcher",) if alarm["event_name"] == NAMESPACE else ("crowd",))]
-    yield "no other container is accused", not extra, f"{len(extra)} other alarms, the first: {extra[:1]}"
+    yield from soak.attacker.check()
+    yield "every new policy is taken", not soak.refused, f"{soak.refused}"
 
     yield "threads", *steady(rows, "threads", THREAD_SLACK)
     if not checked:
@@ -275,9 +302,11 @@ def judge(soak, rows, counts, churn, checked):
     yield "alarms", sent == len(alarms) and lost == 0, f"{sent} sent, {len(alarms)} arrived, {lost} lost"
 
     lived = sum(worker.done for worker in churn)
-    yield ("there was load", lived and soak.storms and soak.reloads and soak.restarts,
+    yield ("there was load",
+           lived and soak.storms and soak.reloads and soak.restarts and all(one.done for one in others),
            f"{lived} containers lived and died ({sum(worker.failed for worker in churn)} refused by the engine), "
-           f"{soak.storms} storms, {soak.reloads} policies, {soak.restarts} engine restarts")
+           f"{soak.storms} storms, {soak.reloads} policies, {soak.restarts} engine restarts" +
+           "".join(f", {one.done} times {one.step.__name__} ({one.failed} failed)" for one in others))
 
 
 def write_samples(rows, out):
@@ -303,30 +332,34 @@ def draw(rows, title, out):
     (out / "soak.svg").write_text(chart.svg(title, [row["seconds"] for row in rows], panels))
 
 
-def soak_it(minutes, out, checked):
+def soak_it(minutes, out, checked, seed):
     engine = harness.Engine("--live-restore")
     try:
         with tempfile.TemporaryDirectory(prefix="ce-watched.") as watched:
-            soak = Soak(engine, watched, out)
+            engine.make_image("probe:1")
+            attacker = Plain(engine, watched, minutes * 60) if seed is None else adversary.Siege(engine, watched, seed)
+            soak = Soak(engine, watched, out, attacker)
             sampler = Sampler(soak.agent.pid, soak.statistics)
             churn = [Worker(soak.live_and_die) for _ in range(2)]
+            others = [Worker(step) for step in attacker.workers]
             try:
-                for thread in (sampler, *churn):
+                for thread in (sampler, *churn, *others):
                     thread.start()
                 try:
                     soak.run(minutes * 60)
                 finally:
-                    for thread in (*churn, sampler):
+                    for thread in (*others, *churn, sampler):
                         thread.finish()
+                attacker.finish()
                 counts = soak.agent.stop() or {}  # none when it did not stop by itself
-                results = list(judge(soak, sampler.rows, counts, churn, checked))
+                results = list(judge(soak, sampler.rows, counts, churn, others, checked))
             finally:
                 soak.agent.close()
                 (out / "agent.log").write_text("\n".join(soak.agent.log.seen) + "\n", errors="surrogateescape")
     finally:
         engine.close()
     write_samples(sampler.rows, out)
-    draw(sampler.rows, f"{minutes:g} minutes, {harness.BUILD.name}: {soak.attacks} attacks", out)
+    draw(sampler.rows, f"{minutes:g} minutes, {harness.BUILD.name}", out)
     return results
 
 
@@ -335,6 +368,8 @@ def options_of_the_command_line():
     words.add_argument("--minutes", type=float, default=20)
     words.add_argument("--build", type=lambda text: pathlib.Path(text).resolve(),
                        default=os.environ.get("CE_BUILD_DIR", str(ROOT / "build/release")))
+    words.add_argument("--adversary", action="store_true")
+    words.add_argument("--seed", type=int, default=random.getrandbits(32))
     words.add_argument("--out", type=pathlib.Path, default=ROOT / "build/soak")
     options = words.parse_args()
     if options.minutes < 2:
@@ -355,7 +390,7 @@ def main(options):
         # Thread sanitizer's fixed address ranges collide with what a kernel with much randomness chooses.
         ctypes.CDLL(None).personality(ADDR_NO_RANDOMIZE)
     with harness.alone_on_this_machine():
-        results = soak_it(options.minutes, out, checked)
+        results = soak_it(options.minutes, out, checked, options.seed if options.adversary else None)
     lines = [f"{'ok  ' if holds else 'FAIL'} {what}: {seen}" for what, holds, seen in results]
     failed = sum(not holds for _, holds, _ in results)
     lines.append(f"soak: {options.minutes:g} minutes, {len(results) - failed} checks hold, {failed} fail: "
@@ -370,6 +405,7 @@ if __name__ == "__main__":
     sys.path.append(str(ROOT / "tests/e2e"))
     chosen = options_of_the_command_line()
     os.environ["CE_BUILD_DIR"] = str(chosen.build)  # where the harness takes its programs from
+    import adversary
     import chart
     import harness
     import run
