@@ -116,7 +116,10 @@ static const struct {
     const char* name;
     int number;
 } calls32[] = {
-    {"unshare", 310}, {"setns", 346}, {"mount", 21}, {"ptrace", 26}, {"open_by_handle_at", 342}, {"readdir", 89},
+    {"unshare", 310}, {"setns", 346}, {"mount", 21},    {"ptrace", 26},       {"open_by_handle_at", 342},
+    {"readdir", 89},  {"umount", 22}, {"umount2", 52},  {"chroot", 61},       {"pivot_root", 217},
+    {"keyctl", 288},  {"bpf", 357},   {"capset", 185},  {"prctl", 172},       {"process_vm_readv", 347},
+    {"getppid", 64},  {"pause", 29},  {"mknodat", 297}, {"init_module", 128}, {"getdents64", 220},
 };
 
 static void MakeCall32(const char* name)

@@ -69,10 +69,16 @@ std::string Joined(const std::vector<std::string>& lines)
     return text.substr(0, maxBytes);
 }
 
+// Null when there is no trace.
+::Engine::TraceStatus* Trace(Framework::Engine& engine)
+{
+    return dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
+}
+
 // The events that the kernel records for detection.
 std::set<std::string> RecordedEvents(Framework::Engine& engine)
 {
-    auto* status = dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
+    auto* status = Trace(engine);
     return status != nullptr ? status->RecordedEvents() : std::set<std::string>{};
 }
 
@@ -279,7 +285,7 @@ bool HostAgent::IsAtWork() const
 
 void HostAgent::ReportImpairments()
 {
-    if (auto* trace = dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask)); trace != nullptr) {
+    if (auto* trace = Trace(engine); trace != nullptr) {
         if (const std::string found = Joined(trace->Repair()); !found.empty()) {
             SDK::Impairments::Report("tracefs tampered with", found);
         }
@@ -296,14 +302,16 @@ void HostAgent::SendAlarm(const std::string& document)
     }
 }
 
-void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage) const
+void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage)
 {
     const Policy& policy = plan.policy;
+    const auto* trace = Trace(engine);
     const std::string engineText =
         EngineAnswers(plan.options.dockerSocket) ? "engine " + plan.options.dockerSocket : "no engine";
     Say(SDK::StrUtils::Format("%s: watching %zu of %zu listed calls, %zu of %zu listed directories, %s, %zu containers",
                               occasion, coverage.calls, policy.calls.size(), coverage.directories,
-                              policy.directories.size(), engineText.c_str(), CountContainers()));
+                              policy.directories.size(), engineText.c_str(), CountContainers()) +
+        (trace == nullptr ? "" : ", system calls at " + trace->CallPlace()));
 }
 
 void HostAgent::ReportCounters(const char* occasion) const

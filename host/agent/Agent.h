@@ -55,7 +55,7 @@ private:
     bool IsAtWork() const;
     void ReportImpairments();
     void SendAlarm(const std::string& document);
-    void Announce(const char* occasion, const PolicyCoverage& coverage) const;
+    void Announce(const char* occasion, const PolicyCoverage& coverage);
     void ReportCounters(const char* occasion) const;
 
     StartPlan plan;

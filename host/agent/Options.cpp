@@ -49,8 +49,10 @@ void AddRunCommand(CLI::App& program, Options& options)
         ->option_text("N")
         ->check(CLI::Range(leastBufferKb, maxBufferKb));
     addText("--syscalls", options.syscallSource, "SOURCE",
-            "Where system calls come from: bpf, tracefs, or auto (the default): bpf where it can be had")
-        ->check(CLI::IsMember({"auto", "bpf", "tracefs"}));
+            "Where system calls are recorded: by BPF at the functions that serve them (function), by BPF at the event "
+            "sys_enter (enter), by either (bpf), as trace events (tracefs), or auto (the default): the first of these "
+            "that the kernel allows")
+        ->check(CLI::IsMember({"auto", "function", "enter", "bpf", "tracefs"}));
     run->add_option("--realtime", options.realtimePercent,
                     "CPU time in each second, in percent of one CPU, that detection may take at real-time priority "
                     "(70; 0: none)")

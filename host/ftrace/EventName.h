@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Engine::EventName {
 
@@ -18,13 +19,17 @@ std::string KernelAlias(std::string_view event);
 
 // The numbers under which a system call enters the kernel.
 struct SyscallNumbers {
-    int native = -1;  // x86-64's
-    int compat = -1;  // i386's, through int 0x80 and sysenter; -1: it has no such call
-    int older = -1;   // i386's call before that, which x86-64 never had: readdir(2), recorded as getdents
-    int x32 = -1;     // x32's, without its bit 30
+    int native = -1;          // x86-64's
+    int x32 = -1;             // x32's, without its bit 30
+    std::vector<int> compat;  // i386's, through int 0x80 and sysenter, of all its calls that do the same
 };
 
-// `event`: as subscribers name it ("sys_enter_unshare"). All are -1 when that is no system call's entry.
+// `event`: as subscribers name it ("sys_enter_unshare"). Empty when that is no system call's entry.
 SyscallNumbers NumbersOfEntry(const std::string& event);
+
+// What the functions may be called that serve a system call, without the prefix that tells the entry (SYSCALL_DEFINE
+// and COMPAT_SYSCALL_DEFINE; the tables in arch/x86/entry/syscalls name them). No kernel has all of them; none of them
+// serves another call of x86-64. `kernelEvent`: as tracefs names it.
+std::vector<std::string> FunctionsOf(const std::string& event, const std::string& kernelEvent);
 
 }  // namespace Engine::EventName

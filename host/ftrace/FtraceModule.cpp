@@ -25,17 +25,19 @@ std::size_t Cpus(int which)
     return static_cast<std::size_t>(::sysconf(which));
 }
 
-// Null where the trace alone is wanted, or where this kernel takes no program of ours: then calls of the host's
-// processes are read as well, and those through the 32-bit entry are not seen.
+// `source`: as the option --syscalls. Null where the trace alone is wanted, or where this kernel takes no program of
+// ours: then calls of the host's processes are read as well, and those through the 32-bit entry are not seen.
 std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb)
 {
     if (source == "tracefs") {
         return nullptr;
     }
+    using Where = SyscallProbe::Where;
+    const Where where = source == "function" ? Where::Functions : source == "enter" ? Where::Enter : Where::Best;
     try {
-        return std::make_unique<SyscallProbe>(ringKb);
+        return std::make_unique<SyscallProbe>(ringKb, where);
     } catch (const std::system_error& error) {
-        if (source == "bpf") {
+        if (source != "auto") {
             throw;
         }
         TraceLog::Warning("system calls come from the trace, without BPF: %s", error.what());

@@ -51,6 +51,9 @@ public:
     // Stops the recording of all events; what is in the buffers stays.
     void StopAll();
 
+    // As TraceStatus's. Any thread.
+    const char* CallPlace() const { return probe == nullptr ? "trace events" : probe->Place(); }
+
     // As TracefsInstance's. Any thread.
     std::vector<std::string> Repair() { return instance.Repair(); }
 

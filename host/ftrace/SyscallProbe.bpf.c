@@ -27,6 +27,40 @@ static __always_inline void FillArguments(__u64* arguments, const struct pt_regs
     }
 }
 
+static __always_inline int IsExcluded(const struct task_struct* task)
+{
+    return IsHost(task->tgid) || task->pid == tables.ownThread;
+}
+
+static __always_inline void RecordCall(struct task_struct* task, const struct CeWatchedCall* call,
+                                       const struct pt_regs* regs, int compat)
+{
+    struct CeTask* kept = Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE);
+    struct Account* account;
+    enum Need need;
+    if (!IsWithinBudgets(task, kept, call->kind, &account, &need)) {
+        Count(CE_SHED);
+        return;
+    }
+    struct CeSyscallRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED);
+    if (record == NULL) {
+        return;
+    }
+    if (kept != NULL) {
+        kept->isTold = 1;
+    }
+    Begin(&record->head, &record->entry.head, call->event);
+    record->entry.number = call->number;
+    record->entry.padding = 0;
+    FillArguments(record->entry.arguments, regs, compat);
+    bpf_ringbuf_submit(record, 0);
+}
+
+static __always_inline int IsCompat(const struct task_struct* task)
+{
+    return (task->thread_info.status & TS_COMPAT) != 0;
+}
+
 SEC("tp_btf/sys_enter")
 int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
 {
@@ -43,31 +77,24 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
         return 0;
     }
     struct task_struct* task = bpf_get_current_task_btf();
-    const int compat = (task->thread_info.status & TS_COMPAT) != 0;
+    const int compat = IsCompat(task);
     const struct CeWatchedCall call = calls[compat ? CE_COMPAT : isX32 ? CE_X32 : CE_NATIVE];
-    const __u32 process = task->tgid;
-    if (call.event == 0 || IsHost(process) || task->pid == tables.ownThread) {
-        return 0;
+    if (call.event != 0 && !call.hasFunctions && !IsExcluded(task)) {
+        RecordCall(task, &call, regs, compat);
     }
-    struct CeTask* kept = Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE);
-    struct Account* account;
-    enum Need need;
-    if (!IsWithinBudgets(task, kept, call.kind, &account, &need)) {
-        Count(CE_SHED);
-        return 0;
+    return 0;
+}
+
+/* At the entry of a function that serves a call, whichever the entry into the kernel. A copy is attached to each; the
+ * one that is named here shows whether the kernel takes such a program at all. */
+SEC("fentry/__x64_sys_ptrace")
+int BPF_PROG(OnCallFunction, struct pt_regs* regs)
+{
+    const struct CeWatchedCall call = tables.watched[bpf_get_attach_cookie(ctx) & (CE_CALLS - 1)][CE_NATIVE];
+    struct task_struct* task = bpf_get_current_task_btf();
+    if (call.event != 0 && !IsExcluded(task)) {
+        RecordCall(task, &call, regs, IsCompat(task));
     }
-    struct CeSyscallRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED);
-    if (record == NULL) {
-        return 0;
-    }
-    if (kept != NULL) {
-        kept->isTold = 1;
-    }
-    Begin(&record->head, &record->entry.head, call.event);
-    record->entry.number = call.number;
-    record->entry.padding = 0;
-    FillArguments(record->entry.arguments, regs, compat);
-    bpf_ringbuf_submit(record, 0);
     return 0;
 }
 

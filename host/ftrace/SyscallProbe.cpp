@@ -117,18 +117,18 @@ std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
     return std::bit_floor(std::min(perCpuKb, totalKb / std::max<std::size_t>(cpus, 1)));
 }
 
-SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : processLimit(ProcessLimit())
+SyscallProbe::SyscallProbe(std::size_t ringKb, Where where, const Budgets& budgets)
+    : processLimit(ProcessLimit()),
+      ringBytes(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))))
 {
     const int cpus = libbpf_num_possible_cpus();
     if (cpus <= 0) {
         Fail("cannot count the CPUs", cpus);
     }
     perCpu.resize(static_cast<std::size_t>(cpus));
-    const std::size_t ringBytes =
-        std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE))));
-    Load(budgets, ringBytes);
+    Load(where, budgets);
     MapStates();
-    MakeRings(ringBytes);
+    MakeRings();
     if (const int error = SyscallProbeProgram::attach(program.get()); error != 0) {
         Fail("cannot attach the BPF program", error);
     }
@@ -136,9 +136,24 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, const Budgets& budgets) : process
 
 SyscallProbe::~SyscallProbe() = default;
 
-void SyscallProbe::Load(const Budgets& budgets, std::size_t ringBytes)
+void SyscallProbe::Load(Where where, const Budgets& budgets)
 {
     libbpf_set_print(Print);
+    if (where != Where::Enter && TryLoad(true, budgets) == 0) {
+        functions = std::make_unique<CallFunctions>();
+        const bpf_program* copied = program->progs.OnCallFunction;
+        functions->Use(bpf_program__insns(copied), bpf_program__insn_cnt(copied));
+        return;
+    }
+    if (const int error = where == Where::Functions ? -ENOTSUP : TryLoad(false, budgets); error != 0) {
+        Fail(where == Where::Functions ? "the kernel takes no BPF program at its functions"
+                                       : "the kernel does not take the BPF program",
+             error);
+    }
+}
+
+int SyscallProbe::TryLoad(bool withFunctions, const Budgets& budgets)
+{
     program.reset(SyscallProbeProgram::open());
     if (program == nullptr) {
         Fail("cannot read the BPF program", errno);
@@ -160,9 +175,11 @@ void SyscallProbe::Load(const Budgets& budgets, std::size_t ringBytes)
     settings.hasX32 = HasX32() ? 1 : 0;
     bpf_map__set_max_entries(program->maps.processes, static_cast<unsigned int>(Elements(processLimit)));
     bpf_map__set_max_entries(program->maps.rings, static_cast<unsigned int>(perCpu.size()));
-    if (const int error = SyscallProbeProgram::load(program.get()); error != 0) {
-        Fail("the kernel does not take the BPF program", error);
-    }
+    // Attached as calls need them.
+    bpf_program__set_autoattach(program->progs.OnSystemCall, false);
+    bpf_program__set_autoattach(program->progs.OnCallFunction, false);
+    bpf_program__set_autoload(program->progs.OnCallFunction, withFunctions);
+    return SyscallProbeProgram::load(program.get());
 }
 
 void SyscallProbe::MapStates()
@@ -175,16 +192,16 @@ void SyscallProbe::MapStates()
     states = {static_cast<std::uint16_t*>(memory), StatesDeleter{bytes}};
 }
 
-void SyscallProbe::MakeRings(std::size_t bytes)
+void SyscallProbe::MakeRings()
 {
     for (unsigned int cpu = 0; cpu < perCpu.size(); ++cpu) {
         SDK::FileDescriptor ring{
-            bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ring", 0, 0, static_cast<unsigned int>(bytes), nullptr)};
+            bpf_map_create(BPF_MAP_TYPE_RINGBUF, "ring", 0, 0, static_cast<unsigned int>(ringBytes), nullptr)};
         const int fd = ring.Get();
         if (fd < 0) {
-            Fail("cannot make a ring of " + std::to_string(bytes / kib) + " KiB", errno);
+            Fail("cannot make a ring of " + std::to_string(ringBytes / kib) + " KiB", errno);
         }
-        streams.push_back(std::make_unique<RingStream>(std::move(ring), bytes));
+        streams.push_back(std::make_unique<RingStream>(std::move(ring), ringBytes));
         if (bpf_map_update_elem(bpf_map__fd(program->maps.rings), &cpu, &fd, BPF_ANY) != 0) {
             Fail("cannot give a CPU its ring", errno);
         }
@@ -212,16 +229,48 @@ bool SyscallProbe::Watch(const KnownEvent& event)
     if (!event.IsSyscall() || numbers.native < 0 || numbers.native >= CE_CALLS) {
         return false;
     }
-    const CeWatchedCall call{event.id, static_cast<unsigned short>(numbers.native), nextKind++, 0};
-    for (const auto& [number, callTable] : {std::pair{numbers.native, CE_NATIVE},
-                                            {numbers.compat, CE_COMPAT},
-                                            {numbers.older, CE_COMPAT},
-                                            {numbers.x32, CE_X32}}) {
-        if (number >= 0 && number < CE_CALLS) {
-            program->bss->tables.watched[number][callTable] = call;
-        }
+    const bool hasFunctions =
+        functions != nullptr && functions->Attach(EventName::FunctionsOf(event.kind.Event(), event.kernelEvent),
+                                                  static_cast<std::uint64_t>(numbers.native));
+    if (!hasFunctions && !AttachToEnter()) {
+        return false;
     }
+    const auto kind = static_cast<unsigned short>(kinds.size());
+    const CeWatchedCall call{event.id, static_cast<unsigned short>(numbers.native),
+                             kinds.try_emplace(event.id, kind).first->second,
+                             static_cast<unsigned short>(hasFunctions ? 1 : 0)};
+    auto& watched = program->bss->tables.watched;
+    const auto set = [&](int number, CeCallTable table) {
+        if (number >= 0 && number < CE_CALLS) {
+            watched[number][table] = call;
+        }
+    };
+    set(numbers.native, CE_NATIVE);
+    set(numbers.x32, CE_X32);
+    for (const int number : numbers.compat) {
+        set(number, CE_COMPAT);
+    }
+    (hasFunctions ? functionEvents : enterEvents).insert(event.id);
+    TellPlace();
     return true;
+}
+
+bool SyscallProbe::AttachToEnter()
+{
+    bpf_link*& link = program->links.OnSystemCall;
+    if (link == nullptr) {
+        link = bpf_program__attach(program->progs.OnSystemCall);
+    }
+    return link != nullptr;
+}
+
+void SyscallProbe::TellPlace()
+{
+    if (enterEvents.empty()) {
+        place = functionEvents.empty() ? "nowhere" : "functions";
+    } else {
+        place = functionEvents.empty() ? "sys_enter" : "functions and sys_enter";
+    }
 }
 
 bool SyscallProbe::Unwatch(const KnownEvent& event)
@@ -234,9 +283,15 @@ bool SyscallProbe::Unwatch(const KnownEvent& event)
     for (auto& entries : program->bss->tables.watched) {
         for (CeWatchedCall& call : entries) {
             was |= call.event == event.id;
+            if (call.event == event.id && call.hasFunctions != 0) {
+                functions->Detach(call.number);
+            }
             call = call.event == event.id ? CeWatchedCall{} : call;
         }
     }
+    enterEvents.erase(event.id);
+    functionEvents.erase(event.id);
+    TellPlace();
     return was;
 }
 
@@ -244,6 +299,9 @@ void SyscallProbe::UnwatchAll()
 {
     std::memset(program->bss->tables.watched, 0, sizeof program->bss->tables.watched);
     std::memset(program->bss->tables.life, 0, sizeof program->bss->tables.life);
+    enterEvents.clear();
+    functionEvents.clear();
+    TellPlace();
 }
 
 void SyscallProbe::ExcludeThread(int tid)
@@ -290,18 +348,14 @@ std::uint64_t SyscallProbe::Sum(unsigned int count)
     return isRead ? std::accumulate(perCpu.begin(), perCpu.end(), std::uint64_t{0}) : 0;
 }
 
-// How often a program was not run because it was at work on that CPU already (bpf_trace_run in
-// kernel/trace/bpf_trace.c).
-std::uint64_t SyscallProbe::Misses() const
+std::uint64_t SyscallProbe::LifeMisses() const
 {
     std::uint64_t misses = 0;
     bpf_program* each = nullptr;
     bpf_object__for_each_program(each, program->obj)
     {
-        bpf_prog_info info{};
-        unsigned int size = sizeof info;
-        if (bpf_obj_get_info_by_fd(bpf_program__fd(each), &info, &size) == 0) {
-            misses += info.recursion_misses;
+        if (each != program->progs.OnSystemCall && each != program->progs.OnCallFunction) {
+            misses += CallFunctions::MissesOf(bpf_program__fd(each));
         }
     }
     return misses;
@@ -309,13 +363,21 @@ std::uint64_t SyscallProbe::Misses() const
 
 SyscallLoss SyscallProbe::TakeLoss()
 {
-    const std::uint64_t misses = Misses();
-    if (misses != seenMisses) {
+    const std::uint64_t misses = LifeMisses();
+    if (misses != seenLifeMisses) {
         // What was missed may have been a process's way into a container: all may be in one again.
-        seenMisses = misses;
+        seenLifeMisses = misses;
         std::fill_n(states.get(), processLimit, std::uint16_t{0});
     }
-    const SyscallLoss now{Sum(CE_DROPPED), Sum(CE_DROPPED_LIFE) + misses, Sum(CE_SHED), Sum(CE_SHED_LIFE)};
+    std::uint64_t callMisses = CallFunctions::MissesOf(bpf_program__fd(program->progs.OnSystemCall));
+    if (functions != nullptr) {
+        functions->Purge(std::chrono::steady_clock::now());
+        callMisses += functions->Misses();
+    }
+    if (enterEvents.empty()) {
+        bpf_link__destroy(std::exchange(program->links.OnSystemCall, nullptr));
+    }
+    const SyscallLoss now{Sum(CE_DROPPED) + callMisses, Sum(CE_DROPPED_LIFE) + misses, Sum(CE_SHED), Sum(CE_SHED_LIFE)};
     const SyscallLoss fresh{now.dropped - seen.dropped, now.droppedLife - seen.droppedLife, now.shed - seen.shed,
                             now.shedLife - seen.shedLife};
     seen = now;

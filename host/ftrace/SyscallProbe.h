@@ -3,12 +3,16 @@
 // moves.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "host/ftrace/CallFunctions.h"
 #include "host/ftrace/EventCatalog.h"
 #include "host/ftrace/RingStream.h"
 #include "host/ftrace/SyscallFilter.h"
@@ -19,8 +23,9 @@ namespace Engine {
 
 // What the kernel did not keep, in events.
 struct SyscallLoss {
-    std::uint64_t dropped = 0;      // system calls: a ring was full, or their container had its part
-    std::uint64_t droppedLife = 0;  // forks, execs, exits, moves: likewise, or the program could not run
+    // system calls: a ring was full, or their container had its part, or the program could not run
+    std::uint64_t dropped = 0;
+    std::uint64_t droppedLife = 0;  // forks, execs, exits and moves: likewise
     std::uint64_t shed = 0;         // system calls: their thread or container made too many
     std::uint64_t shedLife = 0;     // forks, execs and exits: likewise
 };
@@ -43,13 +48,18 @@ public:
         unsigned int life = 2048;  // forks and execs of a container, on each CPU
     };
 
+    // Where calls are recorded: at the functions that serve them, which costs other calls nothing, or at the event
+    // sys_enter, which all calls pass. Best: at the functions as far as the kernel allows it and they are known, calls
+    // of which they are not at sys_enter. Functions: likewise, but an error where the kernel allows none.
+    enum class Where { Best, Functions, Enter };
+
     // Where nothing is set: KiB of each CPU's ring. All rings together take no more than 16 MiB of the kernel's memory,
     // which cannot be swapped out and counts in this process's resident memory.
     static std::size_t DefaultRingKb(std::size_t cpus);
 
     // `ringKb` is rounded up to a power of two of at least a page. Throws std::system_error, the text says why.
-    explicit SyscallProbe(std::size_t ringKb) : SyscallProbe(ringKb, Budgets{}) {}
-    SyscallProbe(std::size_t ringKb, const Budgets& budgets);
+    explicit SyscallProbe(std::size_t ringKb, Where where = Where::Best) : SyscallProbe(ringKb, where, Budgets{}) {}
+    SyscallProbe(std::size_t ringKb, Where where, const Budgets& budgets);
     SyscallProbe(const SyscallProbe&) = delete;
     SyscallProbe& operator=(const SyscallProbe&) = delete;
     virtual ~SyscallProbe();
@@ -76,8 +86,11 @@ public:
     void Exclude(int process, Ticket ticket) override;
     std::uint32_t IdentityOf(int process) const override;
 
-    // Since the last call.
+    // Since the last call. Ends what calls have needed that are not watched any more.
     SyscallLoss TakeLoss();
+
+    // Where the watched calls are recorded, in words. Any thread.
+    const char* Place() const { return place; }
 
 private:
     struct ProgramDeleter {
@@ -88,21 +101,29 @@ private:
         void operator()(std::uint16_t* memory) const;
     };
 
-    void Load(const Budgets& budgets, std::size_t ringBytes);
+    void Load(Where where, const Budgets& budgets);
+    int TryLoad(bool withFunctions, const Budgets& budgets);
+    bool AttachToEnter();
+    void TellPlace();
+    std::uint64_t LifeMisses() const;
     void MapStates();
-    void MakeRings(std::size_t bytes);
+    void MakeRings();
     std::uint64_t Sum(unsigned int count);
-    std::uint64_t Misses() const;
     std::uint16_t* StateOf(int process) const;
 
     std::unique_ptr<SyscallProbeProgram, ProgramDeleter> program;
+    std::unique_ptr<CallFunctions> functions;                // null: the kernel takes no program there
     std::unique_ptr<std::uint16_t[], StatesDeleter> states;  // of all processes, CeProcesses::state
     std::size_t processLimit;
+    std::size_t ringBytes;  // of each
     std::vector<std::unique_ptr<RingStream>> streams;
-    std::vector<std::uint64_t> perCpu;  // room for one counter of all CPUs
-    unsigned short nextKind = 0;        // CeWatchedCall::kind
+    std::vector<std::uint64_t> perCpu;              // room for one counter of all CPUs
+    std::map<std::uint16_t, unsigned short> kinds;  // CeWatchedCall::kind by event
+    std::set<std::uint16_t> enterEvents;            // those that are recorded at sys_enter
+    std::set<std::uint16_t> functionEvents;         // those that are recorded at functions
     SyscallLoss seen;
-    std::uint64_t seenMisses = 0;
+    std::uint64_t seenLifeMisses = 0;
+    std::atomic<const char*> place{"nowhere"};
 };
 
 }  // namespace Engine

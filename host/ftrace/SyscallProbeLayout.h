@@ -28,10 +28,10 @@ enum CeLifeEvent { CE_FORK, CE_EXEC, CE_EXIT, CE_MOVE, CE_LIFE_EVENTS };
 
 /* How a call is recorded that comes by one of the tables. */
 struct CeWatchedCall {
-    unsigned short event;  /* id of the trace event it is delivered as; 0: not watched */
-    unsigned short number; /* x86-64's number of the same call */
-    unsigned short kind;   /* its place among the watched events, which the budgets count by */
-    unsigned short reserved;
+    unsigned short event;        /* id of the trace event it is delivered as; 0: not watched */
+    unsigned short number;       /* x86-64's number of the same call */
+    unsigned short kind;         /* its place among the watched events, which the budgets count by */
+    unsigned short hasFunctions; /* a program at each function that serves it records it */
 };
 
 /* Given before the program is loaded. */

@@ -15,6 +15,10 @@ public:
     // for.
     virtual std::set<std::string> RecordedEvents() = 0;
 
+    // Where the kernel records the system calls: "functions", "sys_enter", both with "and", "trace events"; "nowhere"
+    // while none is subscribed to.
+    virtual std::string CallPlace() const = 0;
+
     // Puts back what another program has changed in the trace's settings; a line for each. Waits for the kernel.
     virtual std::vector<std::string> Repair() = 0;
 

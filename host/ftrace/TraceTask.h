@@ -47,6 +47,7 @@ public:
     const SyscallFilter* Filter() override { return trace->Filter(); }
 
     std::set<std::string> RecordedEvents() override;
+    std::string CallPlace() const override { return trace->CallPlace(); }
     std::vector<std::string> Repair() override;
 
 private:

@@ -163,7 +163,7 @@ TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
 // A container's other threads have spent its budget, and the thread its own part: its next step is still seen.
 TEST_F(TraceKernelTest, WhatFollowsOnAnotherKindOfCallIsRecordedWhateverWasSpent)
 {
-    Start(std::make_unique<SyscallProbe>(64, SyscallProbe::Budgets{2, 100, 4}), 0);
+    Start(std::make_unique<SyscallProbe>(64, SyscallProbe::Where::Best, SyscallProbe::Budgets{2, 100, 4}), 0);
     const KnownEvent* other = trace->Catalog()->Find("syscalls", "sys_enter_sched_get_priority_min");
     ASSERT_EQ(trace->Record(*other), 0);
     const auto kinds = [this] {
