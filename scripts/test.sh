@@ -3,7 +3,8 @@
 # Installs what is missing, builds everything and runs every test, those with the real kernel and a real Docker Engine
 # included. Ends with the names of what failed and a line of counts; exits with 0 only when nothing failed.
 #   test.sh [--thorough]   the unit and kernel tests once more with the address and undefined behaviour sanitizers, with
-#                          the thread sanitizer, and as built by the other compiler, clang
+#                          the thread sanitizer, and as built by the other compiler, clang; the release build also on
+#                          Debian's stock kernel, in an emulated machine
 #   CE_TESTS_MUST_RUN=1    a test that cannot run here fails instead of being skipped
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -82,6 +83,7 @@ step "end-to-end tests: real kernel, real containers"
 python3 tests/e2e/run.py | tee "$CE_BUILD_DIR/e2e.log" || true
 count "end-to-end" "$CE_BUILD_DIR/e2e.log"
 
+if [ ${#more[@]} -gt 0 ]; then check "Debian's stock kernel" scripts/other-kernel.sh stock; fi
 for preset in "${more[@]}"; do
     if build "$preset"; then unit_tests "$preset"; fi
 done
