@@ -2,10 +2,16 @@
 #include "host/sdk/Realtime.h"
 
 #include <sched.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <semaphore>
+#include <thread>
 
 #include "LogSite.h"
 #include "host/sdk/Counters.h"
@@ -21,9 +27,17 @@ constexpr unsigned int secondShift = 36;  // 2^36 ns are 68 s: more than all thr
 constexpr std::uint64_t spentMask = (std::uint64_t{1} << secondShift) - 1;
 constexpr std::chrono::milliseconds lookPause{1};
 
+// A thread that has the priority, or gets it back.
+struct Place {
+    std::atomic<pid_t> tid{0};  // 0: free
+    std::atomic<bool> isRaised{false};
+};
+
 struct Settings {
     RealtimeBudget budget;
     std::set<std::string> threads;
+    std::array<Place, 16> places;
+    std::counting_semaphore<> demotions{0};
 };
 
 Settings& All()
@@ -33,9 +47,18 @@ Settings& All()
 }
 
 struct Thread {
-    bool isWatched = false;
-    bool isRaised = false;
-    nanoseconds seen{0};  // its CPU time at the last look
+    Thread() = default;
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+    ~Thread()
+    {
+        if (place != nullptr) {
+            place->tid = 0;
+        }
+    }
+
+    Place* place = nullptr;  // null: it is not watched
+    nanoseconds seen{0};     // its CPU time at the last look
     Clock::time_point nextLook;
 };
 
@@ -48,10 +71,49 @@ nanoseconds CpuTime()
     return std::chrono::seconds{time.tv_sec} + nanoseconds{time.tv_nsec};
 }
 
-bool SetPriority(bool isRaised)
+// `tid`: 0: the calling thread.
+bool SetPriority(pid_t tid, bool isRaised)
 {
     const sched_param priority{isRaised ? 1 : 0};
-    return ::sched_setscheduler(0, (isRaised ? SCHED_RR : SCHED_OTHER) | SCHED_RESET_ON_FORK, &priority) == 0;
+    return ::sched_setscheduler(tid, (isRaised ? SCHED_RR : SCHED_OTHER) | SCHED_RESET_ON_FORK, &priority) == 0;
+}
+
+Place* TakePlace()
+{
+    for (Place& place : All().places) {
+        pid_t none = 0;
+        if (place.tid.compare_exchange_strong(none, ::gettid())) {
+            return &place;
+        }
+    }
+    return nullptr;
+}
+
+void RestoreAll()
+{
+    for (Place& place : All().places) {
+        const pid_t tid = place.tid;
+        if (tid != 0 && (::sched_getscheduler(tid) & ~SCHED_RESET_ON_FORK) != SCHED_RR && SetPriority(tid, true)) {
+            place.isRaised = true;
+        }
+    }
+}
+
+// The thread that gives the priority back. It waits for nothing that a thread without the priority may hold.
+[[noreturn]] void Restore()
+{
+    ::prctl(PR_SET_NAME, "realtime");
+    SetPriority(0, true);
+    for (;;) {
+        for (All().demotions.acquire(); All().demotions.try_acquire();) {
+        }
+        // Twice: the thread may just be on its way to lose it when the second is over.
+        for (int times = 0; times < 2; ++times) {
+            const auto second = std::chrono::floor<std::chrono::seconds>(Clock::now().time_since_epoch());
+            std::this_thread::sleep_until(Clock::time_point{second + RealtimeBudget::window});
+            RestoreAll();
+        }
+    }
 }
 
 }  // namespace
@@ -78,35 +140,50 @@ void Realtime::Configure(unsigned int percent, std::set<std::string> threads)
 void Realtime::Enter(const std::string& thread)
 {
     static std::atomic<bool> hasWarned{false};
-    if (!All().threads.contains(thread)) {
+    if (!All().threads.contains(thread) || self.place != nullptr) {
         return;
     }
-    if (!SetPriority(true)) {
+    if (!SetPriority(0, true)) {
         const std::string reason = std::strerror(errno);
         if (!hasWarned.exchange(true)) {
             RootLog::Warning("no real-time priority (%s): a storm of processes can delay detection", reason);
         }
         return;
     }
-    self = {true, true, CpuTime(), {}};
+    static std::once_flag isRestored;
+    std::call_once(isRestored, [] { std::thread{Restore}.detach(); });
+    self.place = TakePlace();
+    self.seen = CpuTime();
+    if (self.place == nullptr) {
+        SetPriority(0, false);  // more threads than any agent has
+        return;
+    }
+    self.place->isRaised = true;
 }
 
 void Realtime::Watch()
 {
-    const Clock::time_point now = self.isWatched ? Clock::now() : Clock::time_point::min();
-    if (!self.isWatched || now < self.nextLook) {
+    const Clock::time_point now = self.place != nullptr ? Clock::now() : Clock::time_point::min();
+    if (self.place == nullptr || now < self.nextLook) {
         return;
     }
     self.nextLook = now + lookPause;
     const nanoseconds spent = CpuTime() - self.seen;
     self.seen += spent;
-    const bool mayBeRaised = All().budget.Spend(now.time_since_epoch(), self.isRaised ? spent : nanoseconds{0});
-    if (mayBeRaised == self.isRaised || !SetPriority(mayBeRaised)) {
+    const bool isRaised = self.place->isRaised;
+    const bool mayBeRaised = All().budget.Spend(now.time_since_epoch(), isRaised ? spent : nanoseconds{0});
+    if (mayBeRaised == isRaised) {
         return;
     }
-    self.isRaised = mayBeRaised;
-    static Counters::Counter& demoted = Counters::Get(CounterName::demoted);
-    demoted += mayBeRaised ? 0 : 1;
+    self.place->isRaised = mayBeRaised;
+    if (!mayBeRaised) {  // before it may not run any more
+        static Counters::Counter& demoted = Counters::Get(CounterName::demoted);
+        ++demoted;
+        All().demotions.release();
+    }
+    if (!SetPriority(0, mayBeRaised)) {
+        self.place->isRaised = isRaised;
+    }
 }
 
 }  // namespace SDK

@@ -40,8 +40,9 @@ void Configure(unsigned int percent, std::set<std::string> threads);
 void Enter(const std::string& thread);
 
 // Counts what the calling thread has spent, at most once a millisecond, and takes the priority away until the second is
-// over when the budget is spent (sched.demoted). To be called often: in each pass and each longer loop. Without effect
-// in other threads.
+// over when the budget is spent (sched.demoted). It comes back also where a storm keeps the thread from running:
+// another thread, which does nothing else, gives it back. To be called often: in each pass and each longer loop.
+// Without effect in other threads.
 void Watch();
 
 }  // namespace Realtime

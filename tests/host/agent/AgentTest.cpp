@@ -2,9 +2,12 @@
 // What an operator gets wrong is refused before anything starts because of it, by its name; and the parts of the
 // process.
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <future>
+#include <thread>
 
 #include "host/agent/Agent.h"
 #include "host/agent/Console.h"
@@ -15,6 +18,7 @@
 #include "host/agent/Watchdog.h"
 #include "host/sdk/Impairments.h"
 #include "host/sdk/Realtime.h"
+#include "support/MustRun.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -23,6 +27,11 @@ using namespace Agent;
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
+
+bool IsRealtime(pid_t tid)
+{
+    return (::sched_getscheduler(tid) & ~SCHED_RESET_ON_FORK) == SCHED_RR;
+}
 
 TEST(OptionsTest, ABadCommandLineIsRefused)
 {
@@ -119,6 +128,32 @@ TEST(RealtimeBudgetTest, IsSharedByAllAndBeginsAnewWithEachSecond)
     EXPECT_FALSE(budget.Spend(10'500ms, 400ms));
     EXPECT_FALSE(budget.Spend(10'999ms, 0ms));
     EXPECT_TRUE(budget.Spend(11'000ms, 0ms));
+}
+
+// It does nothing for it: in a storm it would not run.
+TEST(RealtimeBudgetTest, AThreadGetsThePriorityBackWhenTheSecondIsOver)
+{
+    SDK::Realtime::Configure(1, {"spender"});
+    std::promise<pid_t> demoted;
+    std::promise<void> seen;
+    std::thread spender{[&] {
+        SDK::Realtime::Enter("spender");
+        const bool isRaised = IsRealtime(0);
+        while (isRaised && IsRealtime(0)) {
+            SDK::Realtime::Watch();
+        }
+        demoted.set_value(isRaised ? ::gettid() : 0);
+        seen.get_future().wait();
+    }};
+    const pid_t tid = demoted.get_future().get();
+    for (int tries = 0; tid != 0 && !IsRealtime(tid) && tries < 60'000; ++tries) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const bool isBack = IsRealtime(tid);
+    seen.set_value();
+    spender.join();
+    CE_REQUIRE(tid != 0, "needs CAP_SYS_NICE");
+    EXPECT_TRUE(isBack);
 }
 
 // In a process of their own: they change what signals do there.
