@@ -14,8 +14,8 @@
 //       executes this program anew, and serves on)
 // WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
 //       crowd THREADS N (each thread as brute, 3 ms and more from call to call), volley N NAME[,NAME...] (20 threads as
-//       brute at once, then the calls), decoys N NAME[,NAME...] (N children, one after the other), dirtycow, write PATH,
-//       read PATH, storm N NAME[,NAME...], enter PID, and those of Rearrange
+//       brute at once, then the calls), decoys N NAME[,NAME...] (N children, one after the other), dirtycow, write
+//       PATH, read PATH, flood DIRECTORY, storm N NAME[,NAME...], enter PID, and those of Rearrange
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -209,6 +209,20 @@ static void Write(const char* path)
     close(fd);
 }
 
+// One file after the other in that directory, for ever: the kernel merges what is told of one.
+static void Flood(const char* path)
+{
+    char file[4096];
+    for (unsigned int number = 0;; ++number) {
+        snprintf(file, sizeof file, "%s/%d.%u", path, getpid(), number % 500);
+        const int fd = open(file, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0 || write(fd, "x", 1) != 1) {
+            Fail(file);
+        }
+        close(fd);
+    }
+}
+
 static void Read(const char* path)
 {
     char buffer[16];
@@ -344,6 +358,8 @@ static void Do(const struct Deed* deed)
         DirtyCowSequence();
     } else if (strcmp(what, "write") == 0) {
         Write(first);
+    } else if (strcmp(what, "flood") == 0) {
+        Flood(first);
     } else if (strcmp(what, "read") == 0) {
         Read(first);
     } else if (strcmp(what, "unshareuts") == 0) {

@@ -11,10 +11,10 @@
 
 #include "host/container/Announcements.h"
 #include "host/container/ContainerRegistry.h"
-#include "host/container/LoudestContainer.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
 #include "host/ftrace/TraceObserver.h"
+#include "host/sdk/LoudestContainer.h"
 
 namespace Engine {
 
@@ -74,7 +74,7 @@ private:
     NoticeReceivers& receivers;
     MetadataCache& cache;
     Announcements announcements;
-    LoudestContainer loudest;
+    SDK::LoudestContainer loudest;
     Nanoseconds nextLoudest{0};  // when it is told
     bool mustResync = true;
     bool mustAnnounceAnew = false;

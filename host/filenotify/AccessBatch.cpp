@@ -49,15 +49,15 @@ void Count(const char* counter, std::size_t accesses)
 
 }  // namespace
 
-AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when)
+AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when, std::string& container)
 {
     SDK::TraceTime::Scope time;
     time.MoveTo(when.time_since_epoch());
-    std::string containerId;
-    if (SDK::ProcessUtils::GetContainerID(pid, containerId) != 0) {
+    container.clear();
+    if (SDK::ProcessUtils::GetContainerID(pid, container) != 0) {
         return AccessOrigin::Unknown;
     }
-    if (!containerId.empty()) {
+    if (!container.empty()) {
         return AccessOrigin::Container;
     }
     return SDK::SystemView::Current().MayBeEntering(pid) ? AccessOrigin::Entering : AccessOrigin::Host;
@@ -78,9 +78,10 @@ unsigned long AccessBatch::EventCount() const
 void AccessBatch::OnObserved(const ReportActive& reportActive)
 {
     const std::chrono::steady_clock::time_point readAt{When()};
+    std::string container;
     for (auto& [subscriber, of] : accesses) {
         Count(CounterName::notifyNotContainer, std::erase_if(of, [&](const FileNotifyMessage& access) {
-                  const AccessOrigin origin = OriginOf(static_cast<int>(access.GetEventProcessId()), readAt);
+                  const AccessOrigin origin = OriginOf(static_cast<int>(access.GetEventProcessId()), readAt, container);
                   return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
               }));
         for (const FileNotifyMessage& access : of) {

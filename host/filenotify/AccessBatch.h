@@ -28,8 +28,8 @@ inline constexpr char unresolved[] = "notify.unresolved";  // not of the host, i
 // Entering: of the host as far as is known, but what is known may lag behind the access.
 enum class AccessOrigin { Host, Container, Unknown, Entering };
 
-// As of that time. Any thread.
-AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when);
+// As of that time. `container`: its id, where the origin is one. Any thread.
+AccessOrigin OriginOf(int pid, std::chrono::steady_clock::time_point when, std::string& container);
 
 // The paths are looked up before: later the directory may be gone. Those of a watch that is withdrawn while they are on
 // their way, a millisecond or two, are still sent. What no subscriber's queue takes is counted as lost, and what a

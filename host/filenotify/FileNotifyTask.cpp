@@ -19,7 +19,8 @@ constexpr std::chrono::milliseconds readPause{5};       // between two reads whi
 constexpr std::chrono::milliseconds checkPeriod{1000};  // between two looks at where the watched paths are
 constexpr unsigned int queueCapacity = 1024;
 constexpr std::size_t bufferBytes = std::size_t{128} * 1024;
-constexpr int readsInARow = 32;  // then messages have their turn
+constexpr std::size_t flood = bufferBytes / 2;  // read at once: the next ones cannot wait
+constexpr int readsInARow = 32;                 // then messages have their turn
 constexpr int messagesInARow = 256;
 
 }  // namespace
@@ -71,12 +72,14 @@ bool FileNotifyTask::ReadEvents()
     readable = false;
     std::error_code error;
     std::size_t total = 0;
+    std::size_t largest = 0;
     for (int reads = 0; reads < readsInARow; ++reads) {
         const std::size_t size = group.Read(buffer, error);
         if (size == 0) {
             break;
         }
         total += size;
+        largest = std::max(largest, size);
         SDK::Realtime::Watch();
         notifier.Handle({buffer.data(), size}, Clock::now());
     }
@@ -89,7 +92,7 @@ bool FileNotifyTask::ReadEvents()
         return ListenAgain();
     }
     StopListening();
-    nextRead = Clock::now() + readPause;
+    nextRead = largest < flood ? Clock::now() + readPause : Clock::time_point{};
     return true;
 }
 

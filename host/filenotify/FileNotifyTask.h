@@ -30,6 +30,7 @@ public:
 
     // While events keep coming the group's descriptor is taken out of the waiter and read every 5 ms: the kernel
     // then merges the writes of one process to one file in its queue, and a busy host does not wake the agent for each.
+    // A flood is read without a pause, so that the queue is not full before the next read.
     int Run() override;
 
     int Receive(const FileNotifyWatchMessage& message) override;

@@ -194,7 +194,7 @@ Marks::Answer Marks::PathsOf(const FileHandle& directory, const std::function<bo
             continue;
         }
         std::error_code error;
-        const std::string path = resolver.PathOf(mount.directory, directory, error);
+        const std::string& path = resolver.PathOf(mount.directory, directory, error);
         if (!error && take(path)) {
             return Answer::Done;
         }

@@ -58,6 +58,9 @@ public:
     // What belongs to watches with `changes`, as of the last Update and the events since.
     WatchedHandles& Handles() { return handles; }
 
+    // As MountResolver::Forget.
+    void ForgetPaths() { resolver.Forget(); }
+
     // As MountResolver::Close.
     void CloseMounts() { resolver.Close(); }
 

@@ -84,15 +84,28 @@ int MountResolver::Anchor(const std::string& directory, std::error_code& error)
     return anchors.emplace(directory, std::move(opened)).first->second.Get();
 }
 
-std::string MountResolver::PathOf(const std::string& anchor, const FileHandle& handle, std::error_code& error)
+const std::string& MountResolver::PathOf(const std::string& anchor, const FileHandle& handle, std::error_code& error)
 {
-    error = {};
-    const int mount = Anchor(anchor, error);
-    if (mount < 0) {
-        return {};
+    key.assign(anchor);
+    key.append(reinterpret_cast<const char*>(&handle.type), sizeof handle.type);
+    key.append(reinterpret_cast<const char*>(handle.bytes.data()), handle.bytes.size());
+    auto known = answers.find(key);
+    if (known == answers.end()) {
+        known = answers.emplace(key, Ask(anchor, handle)).first;
     }
-    const SDK::FileDescriptor directory = OpenHandle(mount, handle, error);
-    return directory ? PathOfDescriptor(directory.Get(), error) : std::string{};
+    error = known->second.error;
+    return known->second.path;
+}
+
+MountResolver::Answer MountResolver::Ask(const std::string& anchor, const FileHandle& handle)
+{
+    Answer answer;
+    if (const int mount = Anchor(anchor, answer.error); mount >= 0) {
+        if (const SDK::FileDescriptor directory = OpenHandle(mount, handle, answer.error)) {
+            answer.path = PathOfDescriptor(directory.Get(), answer.error);
+        }
+    }
+    return answer;
 }
 
 }  // namespace Engine

@@ -8,9 +8,14 @@
 
 #include "host/filenotify/NotifyLog.h"
 #include "host/sdk/Impairments.h"
-#include "host/sdk/SystemView.h"
 
 namespace Engine {
+
+namespace {
+
+constexpr std::chrono::seconds loudestPeriod{1};
+
+}  // namespace
 
 Notifier::Notifier(const WatchTable& watches, Marks& marks, pid_t self, Sender sender)
     : watches(watches), marks(marks), self(self), sender(std::move(sender))
@@ -20,6 +25,11 @@ Notifier::Notifier(const WatchTable& watches, Marks& marks, pid_t self, Sender s
 void Notifier::Handle(std::span<const std::byte> buffer, TimePoint now)
 {
     lastPid = -1;
+    marks.ForgetPaths();
+    if (now - loudestSince > loudestPeriod) {
+        loudestSince = now;
+        loudest.Take();
+    }
     FanotifyEventReader reader{buffer};
     FanotifyEvent event;
     while (reader.Next(event)) {
@@ -49,15 +59,25 @@ void Notifier::HandleEvent(const FanotifyEvent& event, TimePoint now)
         return;
     }
     if (event.pid != lastPid) {
-        lastIsOfHost = OriginOf(event.pid, now) == AccessOrigin::Host;
+        lastIsOfHost = OriginOf(event.pid, now, container) == AccessOrigin::Host;
         lastPid = event.pid;
     }
     if (lastIsOfHost) {
         notContainer.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    lastInside = event.pid;
+    if (!container.empty()) {
+        CountEvent();
+    }
     FindWatches(event, now);
+}
+
+void Notifier::CountEvent()
+{
+    if (lastContainer == nullptr || *lastContainer != container) {
+        lastContainer = std::make_shared<const std::string>(container);
+    }
+    loudest.Count(lastContainer);
 }
 
 void Notifier::FindWatches(const FanotifyEvent& event, TimePoint now)
@@ -118,9 +138,9 @@ void Notifier::Send(const FanotifyEvent& event, const std::string& path, TimePoi
 
 void Notifier::Lost(TimePoint now, const std::string& why)
 {
-    std::string container;
-    SDK::SystemView::Current().ContainerOf(lastInside, container);
-    SDK::Impairments::SetLoudest(SDK::Impairments::Source::Files, container);
+    if (const std::string most = loudest.Take(); !most.empty()) {
+        SDK::Impairments::SetLoudest(SDK::Impairments::Source::Files, most);
+    }
     overflow.fetch_add(1, std::memory_order_relaxed);
     if (const auto times = losses.Occurred(now); times != 0) {
         NotifyLog::Warning("file notifications were lost, %?u times, how many is unknown: %s", times, why);

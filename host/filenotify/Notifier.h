@@ -23,6 +23,7 @@
 #include "host/filenotify/Marks.h"
 #include "host/filenotify/WatchTable.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/LoudestContainer.h"
 #include "host/sdk/RepeatedReport.h"
 
 namespace Engine {
@@ -45,6 +46,7 @@ public:
 
 private:
     void HandleEvent(const FanotifyEvent& event, TimePoint now);
+    void CountEvent();
     void FindWatches(const FanotifyEvent& event, TimePoint now);
     bool Take(const FanotifyEvent& event, const std::string& path, TimePoint now);
     bool TakeByHandle(const FanotifyEvent& event, const std::string& path, TimePoint now);
@@ -60,7 +62,11 @@ private:
 
     int lastPid = -1;  // the process that lastIsOfHost is about; -1: none. Good for one buffer only
     bool lastIsOfHost = false;
-    int lastInside = -1;  // the last process that was not of the host; most likely one of those that make the most
+    std::string container;                      // of lastPid; empty: none
+    SDK::LoudestContainer::Text lastContainer;  // the last one that was not empty
+
+    SDK::LoudestContainer loudest;  // of the events since `loudestSince`
+    TimePoint loudestSince;
 
     SDK::RepeatedReport losses;
     SDK::RepeatedReport unresolvedReport;

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace Engine {
+namespace SDK {
 
 // Which container most events come from, in constant memory: the algorithm of Misra and Gries. Whatever makes more than
 // a fifth of the events is among the places at the end, and the place with the highest count is taken.
@@ -54,4 +54,4 @@ private:
     std::array<Place, 4> places;
 };
 
-}  // namespace Engine
+}  // namespace SDK

@@ -15,6 +15,7 @@
 
 #include "host/filenotify/Marks.h"
 #include "host/filenotify/Notifier.h"
+#include "host/sdk/Impairments.h"
 #include "tests/host/filenotify/NotifyFixture.h"
 #include "tests/support/MustRun.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -253,8 +254,13 @@ TEST_F(MarksTest, LossesAreCountedAndAccessesOfTheHostCostNoLookUp)
     EXPECT_THAT(NotifiedOf("0123456789ab", writeInGone), IsEmpty());
     EXPECT_EQ(Counted("notify.unresolved"), 1U);
 
+    // The next container is the last one before the loss, and not the loudest.
+    for (const std::string container : {"0123456789ab", "ab0123456789"}) {
+        NotifiedOf(container, [&] { return WriteFile(watched + "/" + container); });
+    }
     const fanotify_event_metadata full{sizeof(full), FANOTIFY_METADATA_VERSION, 0, sizeof(full), FAN_Q_OVERFLOW, -1, 0};
     notifier.Handle(std::as_bytes(std::span{&full, 1}), now);
+    EXPECT_EQ(SDK::Impairments::Loudest(SDK::Impairments::Source::Files), "0123456789ab");
     notifier.Handle(std::as_bytes(std::span{"no event"}), now);
     notifier.ReadFailed(std::make_error_code(std::errc::too_many_files_open), now);
     EXPECT_EQ(Counted("notify.overflow"), 3U);
