@@ -43,7 +43,7 @@ constexpr std::array<const char*, 5> realtimeThreads{traceTask, fileNotifyTask, 
                                                      "alarm_sink"};
 constexpr auto flushBound = 200ms;
 constexpr auto stopBound = 2s;
-constexpr auto longestStandstill = 2s;  // of a task; it passes ten times a second and more
+constexpr auto longestStandstill = 2s;  // of a task; it passes once a second and more
 constexpr auto checkInterval = 1000ms;
 constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
 constexpr std::size_t maxWarnings = 20;

@@ -23,6 +23,9 @@ namespace {
 // descriptor's number came into use again, reaches no handler.
 constexpr std::uint64_t wakeUpNumber = 0;
 
+constexpr int shortWaitMs = 20;
+constexpr int restMs = 1000;
+
 SDK::FileDescriptor Checked(int fd, const char* what)
 {
     if (fd < 0) {
@@ -57,6 +60,7 @@ struct EventWaiter::Impl {
     std::atomic<WaitState> state{WaitState::Awake};
     std::function<bool()> hasPending;
     bool queuesTurn = false;
+    int idleMs = 0;  // waited since the last event
     std::uint64_t lastNumber = wakeUpNumber;
     std::unordered_map<std::uint64_t, Watch> watches;
     std::unordered_map<int, std::uint64_t> numbers;  // by descriptor
@@ -111,8 +115,12 @@ int EventWaiter::Impl::Fetch(int timeoutMs, int batch)
         state.store(WaitState::Awake);
         timeoutMs = 0;
     }
+    if (timeoutMs >= shortWaitMs && idleMs >= restMs) {
+        timeoutMs = std::max(timeoutMs, restMs);
+    }
     const int fetched = ::epoll_wait(epoll.Get(), ready.data(), static_cast<int>(ready.size()), timeoutMs);
     state.store(WaitState::Awake);
+    idleMs = fetched == 0 && timeoutMs > 0 ? std::min(idleMs, restMs) + std::min(timeoutMs, restMs) : 0;
     return std::max(fetched, 0);  // interrupted by a signal: as if the time were up
 }
 

@@ -22,7 +22,7 @@ constexpr int mostMessagesAtOnce = 1024;
 constexpr int bulkSize = 64;
 
 // A task that only handles messages is woken by them; the wait needs no end of its own.
-constexpr int idleWaitMs = 1000;
+constexpr int idleWaitMs = 60'000;  // messages and the end of the task wake it
 
 }  // namespace
 

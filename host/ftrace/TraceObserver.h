@@ -59,7 +59,7 @@ public:
     // Another source has seen that process act (TraceBarrier), and its subscribers will hear of it after this call.
     virtual void OnActivity(int pid, TraceSequencer& sequencer) = 0;
 
-    // After every round over the CPUs' buffers, and at least ten times a second. `now`: what is older has been
+    // After every round over the CPUs' buffers, and at least once a second. `now`: what is older has been
     // observed.
     virtual void OnRound(std::chrono::nanoseconds now, TraceSequencer& sequencer) = 0;
 

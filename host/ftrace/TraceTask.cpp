@@ -23,7 +23,7 @@ constexpr unsigned int queueCapacity = 1024;
 constexpr int maxMessages = 1024;
 constexpr int maxReady = 128;
 
-// Observers are told of a round at least ten times a second.
+// Observers are told of a round at least ten times a second while there are events now and then, see EventWaiter.
 constexpr int idleWaitMs = 90;
 
 // Under load the buffers are never empty. Rounds at this distance take many events at once instead of a few with the
