@@ -36,8 +36,8 @@ public:
     // has its queue to look after. After a wait that ran handlers a fed queue has its turn, -1 at once, so that busy
     // descriptors cannot starve it. A negative `timeoutMs` waits without limit. What a handler throws comes out here;
     // the other ready descriptors then have their turn at the next wait.
-    // A thread that has had nothing to do for a second is not woken for that more often than once a second: its waits of
-    // 20 ms and more then last as long, unless something comes.
+    // A thread that has had nothing to do for a second is not woken for that more often than once a second: its waits
+    // of 20 ms and more then last as long, unless something comes.
     int WaitAndHandleEvent(int timeoutMs, int batch);
 
     // Wakes the waiting thread. Any thread. Costs a system call only while that thread sleeps.
