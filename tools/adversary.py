@@ -158,7 +158,7 @@ def technique(name):
 
 # ---- who is who
 
-@technique("1 an id that decoys had")
+@technique("identity: an id that decoys had")
 def used_ids(field):
     limit = pathlib.Path("/proc/sys/kernel/pid_max")
     field.stack.callback(limit.write_text, limit.read_text())
@@ -170,14 +170,14 @@ def used_ids(field):
     return field.attacker().act(REAL)
 
 
-@technique("2 a group below another's")
+@technique("identity: a group below another's")
 def borrowed_group(field):
     parents = (f"/libpod_parent-{field.mark}", f"/docker/{field.innocent[1]}", f"/docker/{field.innocent[0]}")
     parent = parents[next(field.parents) % len(parents)]
     return field.attacker("--cgroup-parent", parent).act(REAL)
 
 
-@technique("2 a user's group with a container's name")
+@technique("identity: a user's group with a container's name")
 def forged_group(field):
     innocent = field.chance.choice(field.innocent)
     group = f"{field.mark}/docker-{innocent}.scope"
@@ -202,7 +202,7 @@ def forged_group(field):
     return [Expected("", innocent, (), begun, 3, unwanted=True)]
 
 
-@technique("3 a runtime's container with a plain name")
+@technique("identity: a runtime's container with a plain name")
 def plain_name(field):
     name = f"web-{field.mark}-{next(field.serial)}"
     bundle = harness.bundle(field.folder / name, field.folder / "root", f"/{field.mark}/{name}",
@@ -211,7 +211,7 @@ def plain_name(field):
     return [Expected(SHOCKER, name, (), begun)]
 
 
-@technique("4 out of its group, adopted by the host's init")
+@technique("identity: out of its group, adopted by the host's init")
 def leaves_group(field):
     attacker = field.attacker("--pid", "host", "--cgroupns", "host", "-v", "/sys/fs/cgroup:/groups", before=(
         "for g in /groups/cgroup.procs /groups/*/cgroup.procs; do echo $$ >$g; done 2>/dev/null"))
@@ -223,27 +223,27 @@ def leaves_group(field):
 
 # ---- what is heard
 
-@technique("6 beside a decoy")
+@technique("calls: beside a decoy")
 def beside_decoy(field):
     attacker, decoy = field.attacker(), field.attacker()
     decoy.do(f"fork call {ATTEMPT},unshare")
     return attacker.act(REAL) + attacker.act("fork call unshare", event=HIGH_RISK, said=("unshare",))
 
 
-@technique("6 all listed calls at once")
+@technique("calls: all listed calls at once")
 def listed_at_once(field):
     attacker = field.attacker()
     begun, _ = attacker.do("fork call " + ",".join(CALLS))
     return [Expected(HIGH_RISK, attacker.id, (call,), begun) for call in CALLS]
 
 
-for what, words in {"6 listing and opening by two threads": ("thread call getdents64,getdents64",
+for what, words in {"calls: listing and opening by two threads": ("thread call getdents64,getdents64",
                                                              "thread call open_by_handle_at"),
-                    "6 a single listing": ("fork call getdents64,open_by_handle_at",),
-                    "6 listings by i386's readdir": ("fork call32 readdir,readdir,open_by_handle_at",),
-                    "7 20 threads x 250 handles before its own listing": (f"self volley 250 {ATTEMPT}",)}.items():
+                    "calls: a single listing": ("fork call getdents64,open_by_handle_at",),
+                    "calls: listings by i386's readdir": ("fork call32 readdir,readdir,open_by_handle_at",),
+                    "calls: 20 threads x 250 handles before its own listing": (f"self volley 250 {ATTEMPT}",)}.items():
     TECHNIQUES[what] = lambda field, words=words: field.attacker().act(*words)
-TECHNIQUES["6 20 threads that guess 280 handles in a second each"] = lambda field: field.attacker().act(
+TECHNIQUES["calls: 20 threads that guess 280 handles in a second each"] = lambda field: field.attacker().act(
     "self crowd 20 280", event=BRUTE)
 
 
@@ -257,7 +257,7 @@ def target(field, options, deed, cause=None, **more):
     return told + attacker.act("fork call unshare", event=HIGH_RISK, said=("unshare",))
 
 
-@technique("9 the host's uid 0 without capabilities stops it or lowers its limits")
+@technique("agent: the host's uid 0 without capabilities stops it or lowers its limits")
 def powerless(field):
     pid = field.agent.pid
     deed = field.chance.choice((f"kill -STOP {pid}", f"/usr/bin/prlimit --fsize=1 --pid {pid}",
@@ -269,7 +269,7 @@ def powerless(field):
     return expected
 
 
-@technique("9 CAP_KILL stops it for three seconds")
+@technique("agent: CAP_KILL stops it for three seconds")
 def stopped(field):
     pid = field.agent.pid
     expected = target(field, POWERLESS, f"kill -STOP {pid}; (sleep 3; kill -CONT {pid}) & sleep 0.2", "agent stopped",
@@ -278,14 +278,14 @@ def stopped(field):
     return expected
 
 
-@technique("9 CAP_SETUID makes it the agent's user, which lowers its limits")
+@technique("agent: CAP_SETUID makes it the agent's user, which lowers its limits")
 def limited(field):
     deed = field.chance.choice(("--nofile=9:", "--fsize=1:"))
     return target(field, (*POWERLESS, "--user", f"{field.user}:{field.user}"),
                   f"/usr/bin/prlimit {deed} --pid {field.agent.pid}", "limits tampered with", mine=())
 
 
-@technique("10 tracefs tampered with")
+@technique("agent: tracefs tampered with")
 def tampered(field):
     instance = f"/tracing/instances/containerescape-agent-{field.agent.pid}"
     file, written = field.chance.choice((("tracing_on", "0"), ("set_event_pid", "1"), ("buffer_size_kb", "1"),
@@ -315,7 +315,7 @@ def files(order):
     return act
 
 
-TECHNIQUES.update({f"14 {what}": files(order) for what, order in test_files.TECHNIQUES.items()})
+TECHNIQUES.update({f"files: {what}": files(order) for what, order in test_files.TECHNIQUES.items()})
 
 
 # ---- what fails and what comes of it
