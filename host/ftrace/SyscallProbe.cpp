@@ -3,6 +3,7 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -127,6 +128,8 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, Where where, const Budgets& budge
     }
     perCpu.resize(static_cast<std::size_t>(cpus));
     Load(where, budgets);
+    // The kernel's types, which were read for each try, are some megabytes that the library has freed.
+    ::malloc_trim(0);
     MapStates();
     MakeRings();
     if (const int error = SyscallProbeProgram::attach(program.get()); error != 0) {
