@@ -4,6 +4,8 @@
 import concurrent.futures
 import json
 import pathlib
+import signal
+import subprocess
 import time
 
 import harness
@@ -26,6 +28,11 @@ echo 'int main(void) { return 0; }' >a.c; cc a.c; ./a.out
 """
 PROGRAMS = [word for path in ("/usr", "/lib", "/lib64", "/bin", "/etc/alternatives")
             for word in ("-v", f"{path}:{path}:ro")]
+
+# A process of the host moves itself into groups, and attacks when its input ends.
+JOINER = """
+probe=$1; shift; for group; do echo $$ >$group; done 2>/dev/null; echo moved; read -r end; exec $probe self call {}
+"""
 
 
 class Adversary(harness.InDocker):
@@ -119,6 +126,28 @@ class Adversary(harness.InDocker):
                 self.engine.docker("rm", "-f", container)
         print(f"\n  groups below another's, misses of {len(parents)}: {misses}", end="", flush=True)
         self.assertEqual(misses, 0)
+
+    def test_a_host_process_that_joins_a_container_is_its(self):
+        """Moves itself, into a container's groups or into some that are only named like one's. The agent sees it move,
+        but sees its attack when it has gone."""
+        victim, unknown = self.engine.inspect("victim", "{{.Id}}"), "d" * 64
+        self.addCleanup(harness.remove_groups, unknown)
+        for group in pathlib.Path("/sys/fs/cgroup").glob(f"**/{victim}/"):
+            (group.parent / unknown).mkdir()
+        with self.agent(calls=CALLS, scope="container") as agent:
+            for container, call in zip((victim, unknown) * TRIES, CALLS):
+                groups = [*pathlib.Path("/sys/fs/cgroup").glob(f"**/{container}/cgroup.procs")]
+                joiner = subprocess.Popen(["sh", "-c", JOINER.format(call), "sh", harness.PROBE, *groups],
+                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+                self.addCleanup(joiner.stdout.close)
+                joiner.stdout.readline()
+                self.decoy.do(f"self call {call}")
+                agent.alarm(is_call(call))
+                agent.process.send_signal(signal.SIGSTOP)
+                joiner.stdin.close()
+                joiner.wait(harness.PATIENCE)
+                agent.process.send_signal(signal.SIGCONT)
+                self.assertEqual(agent.alarm(is_call(call))[1]["resource_info"]["container_id"], container)
 
     def test_ordinary_work_is_silent(self):
         policy = json.loads((harness.ROOT / "packaging/policy.json").read_text(encoding="ascii"))
