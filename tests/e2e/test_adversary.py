@@ -2,6 +2,7 @@
 """An attacker that knows the detectors. In the scope of threads some attacks stay hidden, in that of containers none."""
 
 import concurrent.futures
+import contextlib
 import json
 import pathlib
 import signal
@@ -9,7 +10,7 @@ import subprocess
 import time
 
 import harness
-from harness import BRUTE, HOST_FILE, MERGE_SECONDS, SHOCKER, is_call, named
+from harness import BRUTE, HIGH_RISK, HOST_FILE, MERGE_SECONDS, SHOCKER, is_call, named
 
 CALLS = ("setns", "mount", "umount2", "ptrace", "pivot_root", "chroot")
 TRIES = len(CALLS)
@@ -33,6 +34,16 @@ PROGRAMS = [word for path in ("/usr", "/lib", "/lib64", "/bin", "/etc/alternativ
 JOINER = """
 probe=$1; shift; for group; do echo $$ >$group; done 2>/dev/null; echo moved; read -r end; exec $probe self call {}
 """
+
+# Leaves its groups at the second order, storms, and has orphans carry out that order and those to come.
+LEAVER = """
+read -r order; probe $order; echo done; read -r order
+for group in /cg/cgroup.procs /cg/*/cgroup.procs; do echo 0 >$group; done 2>/dev/null
+for each in 1 2 3 4 5 6 7 8; do probe spread 20 getdents64 & storm="$storm $!"; done
+while ( ( sleep 0.5; probe $order; : ) & ); read -r order; do :; done
+kill $storm
+"""
+LATE = 10  # seconds in which an alarm has to come
 
 
 class Adversary(harness.InDocker):
@@ -148,6 +159,30 @@ class Adversary(harness.InDocker):
                 joiner.wait(harness.PATIENCE)
                 agent.process.send_signal(signal.SIGCONT)
                 self.assertEqual(agent.alarm(is_call(call))[1]["resource_info"]["container_id"], container)
+
+    def test_a_container_that_leaves_its_groups_is_still_it(self):
+        """It can write to the control groups. The host adopts what attacks, while a storm of the container's makes the
+        agent lose events and the kernel exclude forks. One container is older than the agent."""
+        calls, misses = {*CALLS, "keyctl", "process_vm_readv"}, {}
+        for age in ("older", "younger"):
+            self.start("--name", age, *CAPABLE, "--pid", "host", "--cgroupns", "host", "-v", "/sys/fs/cgroup:/cg")
+            leaver = self.server(age, ("sh", "-c", LEAVER))
+            if age == "older":
+                agent = self.agent("--buffer-kb", "64", calls=calls, scope="container")
+            for call in calls:
+                leaver.process.stdin.write(f"daemon call {call}\n")
+                leaver.process.stdin.flush()
+            missed = misses[age] = set(calls)
+            with contextlib.suppress(AssertionError):
+                while missed:
+                    alarm = agent.alarm(lambda alarm, age=age: named(HIGH_RISK)(alarm) and alarm["container_name"] == age,
+                                        LATE)[1]
+                    missed.discard(alarm["forensic_info"]["sys_call"])
+            leaver.close()
+        counts = agent.stop()
+        print(f"\n  out of all groups, adopted, in a storm, misses of {len(calls)} each: {misses}; {counts}", end="", flush=True)
+        self.assertGreater(counts["shed_kernel"], 10000)
+        self.assertEqual(misses, dict.fromkeys(misses, set()))
 
     def test_ordinary_work_is_silent(self):
         policy = json.loads((harness.ROOT / "packaging/policy.json").read_text(encoding="ascii"))
