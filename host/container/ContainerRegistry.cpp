@@ -250,6 +250,7 @@ void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, const Syscall
 {
     if (!IsSynced()) {
         proc.ClaimGroups();
+        proc.AdoptGroups();
     }
     proc.UpdateAll(since, now, filter);
     synced.store(true, std::memory_order_relaxed);
@@ -281,10 +282,8 @@ void ContainerRegistry::Relabel(const std::string& id, const std::string& next)
 // is a container's first process.
 bool ContainerRegistry::IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const
 {
-    const bool hasLeft = (place & CE_PLACE_KNOWN) != 0
-                             ? (place & CE_OTHER_MOUNTS) != 0 && (place & CE_OTHER_ROOT) != 0
-                             : !system.HasHostRoot(pid).value_or(true) &&
-                                   !RuntimeSetUp::InHostMountNamespace(system, pid).value_or(true);
+    const bool hasLeft = (place & CE_PLACE_KNOWN) != 0 ? (place & CE_OTHER_MOUNTS) != 0 && (place & CE_OTHER_ROOT) != 0
+                                                       : RuntimeSetUp::HasLeftHost(system, pid);
     return hasLeft && entry.inSetUp;
 }
 

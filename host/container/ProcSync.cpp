@@ -2,11 +2,37 @@
 #include "host/container/ProcSync.h"
 
 #include <algorithm>
+#include <map>
+#include <string>
+#include <string_view>
 #include <unordered_set>
 
 #include "host/sdk/CgroupPath.h"
 
 namespace Engine {
+
+namespace {
+
+// systemd as a container's first process puts itself there, and its services beside that.
+void CutInitScope(std::string& path)
+{
+    constexpr std::string_view scope = "/init.scope";
+    if (path.ends_with(scope)) {
+        path.resize(path.size() - scope.size());
+    }
+}
+
+using GroupMap = std::map<std::pair<int, std::string>, SDK::Cgroup>;  // by hierarchy and path
+
+// The group, and all that it is below.
+void EraseAbove(GroupMap& groups, const SDK::Cgroup& group)
+{
+    for (std::string path = group.path; !path.empty(); path.resize(std::min(path.rfind('/'), path.size() - 1))) {
+        groups.erase({group.hierarchy, path});
+    }
+}
+
+}  // namespace
 
 ProcSync::Entry ProcSync::MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
 {
@@ -43,6 +69,38 @@ std::optional<ProcSync::Entry> ProcSync::Load(int tid, std::uint32_t identity, N
     Adopt(*found);
     Identify(*found, identity);
     return MakeEntry(tid, *found, since, now);
+}
+
+void ProcSync::AdoptGroups()
+{
+    GroupMap found;  // outer ones before those below them
+    std::unordered_set<int> makers;
+    for (const int pid : system.Processes()) {
+        const std::optional<int> maker = RuntimeSetUp::MakerOf(system, pid);
+        if (!maker) {
+            continue;
+        }
+        makers.insert(*maker);
+        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+            CutInitScope(group.path);
+            if (group.path.size() > 1 && groups.Find(group).empty()) {
+                found.try_emplace({group.hierarchy, group.path}, group);
+            }
+        }
+    }
+    if (found.empty()) {
+        return;
+    }
+    for (const int pid : system.Processes()) {
+        if (makers.contains(pid) || RuntimeSetUp::IsVisitor(system, pid)) {
+            for (const SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+                EraseAbove(found, group);
+            }
+        }
+    }
+    for (const auto& [key, group] : found) {
+        groups.Adopt(group);
+    }
 }
 
 ProcSync::FoundList ProcSync::LookAtAll(const SyscallFilter* filter) const

@@ -39,6 +39,11 @@ public:
     // Gives the container groups that have processes to their containers, before anything else is asked.
     void ClaimGroups();
 
+    // Then takes the groups whose names say nothing and that a runtime has put a container's processes into. Not those
+    // that the host's own processes are in or below: a runtime may leave a container's process where it is itself, and
+    // a container that can write to control groups may have moved into a group of the host's.
+    void AdoptGroups();
+
     // As of `since` holds what differs from the table. `filter`: tells identities; null for none.
     void UpdateAll(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter);
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -54,6 +55,47 @@ bool RunsCopyOfRuntime(SDK::SystemView& system, int tid, int parent)
     return (isKnown && executable.starts_with("/memfd:")) || (parent > 0 && system.RunSameFile(tid, parent));
 }
 
+constexpr std::string_view managers[] = {"/crun", "/youki", "/systemd-nspawn"};
+// What stays beside a container that it made, or has had made.
+constexpr std::string_view makers[] = {"/crun",   "/youki",           "/systemd-nspawn",         "/runc",
+                                       "/conmon", "/containerd-shim", "/containerd-shim-runc-v2"};
+constexpr int maxGenerations = 64;
+
+// The path of the program that a process runs. A copy that a runtime made of itself has none: of a file in memory, or
+// on a mount that is in no namespace (crun). Its first argument stands in then, which for a process of the host is as
+// good. Empty when the process has gone.
+std::string ProgramOf(SDK::SystemView& system, int pid)
+{
+    std::string program;
+    if (pid <= 0 || system.ExecutablePath(static_cast<unsigned int>(pid), program) != 0) {
+        return {};
+    }
+    if (program == "/" || program.starts_with("/memfd:")) {
+        std::string line;
+        system.CommandLine(pid, line);
+        return "/" + line.substr(0, line.find(' '));
+    }
+    if (constexpr std::string_view replaced = " (deleted)"; program.ends_with(replaced)) {  // proc(5), /proc/<pid>/exe
+        program.resize(program.size() - replaced.size());
+    }
+    return program;
+}
+
+template <std::size_t Count>
+bool RunsOneOf(SDK::SystemView& system, int pid, const std::string_view (&names)[Count])
+{
+    const std::string program = ProgramOf(system, pid);
+    return std::any_of(std::begin(names), std::end(names),
+                       [&](std::string_view name) { return program.ends_with(name); });
+}
+
+// -1 when it has gone.
+int ParentOf(SDK::SystemView& system, int pid)
+{
+    SDK::ProcessUtils::procStatus status;
+    return system.Status(pid, status) == 0 ? status.ppid : -1;
+}
+
 }  // namespace
 
 bool IsSelfExecution(std::string_view filename)
@@ -91,16 +133,34 @@ std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid)
     return own == MountNamespace(system, 1) || own == MountNamespace(system, ::getpid());
 }
 
+bool HasLeftHost(SDK::SystemView& system, int pid)
+{
+    return !system.HasHostRoot(pid).value_or(true) && !InHostMountNamespace(system, pid).value_or(true);
+}
+
+std::optional<int> MakerOf(SDK::SystemView& system, int pid)
+{
+    if (!HasLeftHost(system, pid)) {
+        return std::nullopt;
+    }
+    for (int generation = 0; generation < maxGenerations; ++generation) {
+        pid = ParentOf(system, pid);
+        if (!HasLeftHost(system, pid)) {
+            return pid == 1 || RunsOneOf(system, pid, makers) ? std::optional{pid} : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+bool IsVisitor(SDK::SystemView& system, int pid)
+{
+    return system.HasHostRoot(pid).value_or(false) && InHostMountNamespace(system, pid).value_or(false) &&
+           !RunsOneOf(system, ParentOf(system, pid), makers);
+}
+
 bool IsManager(SDK::SystemView& system, int pid)
 {
-    constexpr std::string_view managers[] = {"/crun", "/youki", "/systemd-nspawn"};
-    std::string executable;
-    if (pid == 1 || system.ExecutablePath(static_cast<unsigned int>(pid), executable) != 0) {
-        return pid == 1;
-    }
-    return std::any_of(std::begin(managers), std::end(managers),
-                       [&](std::string_view name) { return executable.ends_with(name); }) &&
-           system.HasHostRoot(pid).value_or(false);
+    return pid == 1 || (RunsOneOf(system, pid, managers) && system.HasHostRoot(pid).value_or(false));
 }
 
 std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid)
@@ -113,8 +173,7 @@ std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups
     if (!container) {
         return std::nullopt;
     }
-    SDK::ProcessUtils::procStatus status;
-    const int parent = system.Status(tid, status) == 0 ? status.ppid : -1;
+    const int parent = ParentOf(system, tid);
     Found found{ContainerTable::State::Host, std::move(*container), parent};
     if (!found.container.empty()) {
         const bool parentIsInside = !containerOf(parent).value_or(found.container).empty();

@@ -44,6 +44,18 @@ std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups
 // Whether a process has the mount namespace of process 1, or the agent's. Nothing when it has gone.
 std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid);
 
+// Whether a process has left both the host's root directory and the host's mount namespace. False when it has gone.
+bool HasLeftHost(SDK::SystemView& system, int pid);
+
+// The process of the host that has made the container of a process which is there already: of a process that has left
+// the host, the nearest ancestor that has not, if that is a runtime, a shim that stays beside a container, or process
+// 1, which adopts containers whose runtime has ended. Nothing for every other process: programs of the host that lock
+// themselves in have parents of other kinds.
+std::optional<int> MakerOf(SDK::SystemView& system, int pid);
+
+// Whether a process in a container's groups is of the host and none that a runtime starts there.
+bool IsVisitor(SDK::SystemView& system, int pid);
+
 // Whether a process makes containers without executing itself, and is the host's own: crun, youki, systemd-nspawn, and
 // process 1, which starts services with a root directory of their own (systemd.exec(5), RootDirectory=, RootImage=).
 bool IsManager(SDK::SystemView& system, int pid);

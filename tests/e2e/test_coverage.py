@@ -247,9 +247,14 @@ class WithoutEngine(Watched):
             return made, {"container_id": id_of(container)}
 
         self.try_way(f"{name}: first process", first)
-        container = next(names)()
+        container = f"later-{secrets.token_hex(4)}"
         server = harness.Server(*run(container, "/bin/probe", "serve"))
         self.addCleanup(server.close)
+        # A call that the other agents do not watch.
+        with harness.Agent(harness.policy(["mknodat"])) as late:
+            begun, _ = server.do("self call mknodat")
+            report(f"{name}: older than the agent", [latency(late.alarm(patience=NOTICED), begun,
+                                                             {"container_id": id_of(container)}, HIGH_RISK)])
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
                                                                {"container_id": id_of(container)}))
 

@@ -165,6 +165,42 @@ TEST_F(ContainerRegistryTest, ProcCorrectsWhatWasLostButWhatMovedItselfOutStaysI
     EXPECT_EQ(registry.Find(401), nullptr);
 }
 
+TEST_F(ContainerRegistryTest, GroupsThatRuntimesFilledBeforeTheStartAreContainersWhateverTheyAreCalled)
+{
+    struct Row {
+        int pid, parent;
+        const char *group, *mounts, *executable, *container;
+    };
+    const Row rows[] = {
+        {90, 1, "/engine", "host", "/usr/bin/containerd-shim-runc-v2 (deleted)", ""},
+        {91, 90, "/default/web", "own", "/bin/sh", "web"},
+        {92, 91, "/default/web/below", "own", "/bin/sh", "web"},
+        {93, 90, "/default/web", "host", "/usr/bin/runc", "web"},  // its exec is under way
+        {94, 93, "/default/web", "host", "/proc/self/exe", "web"},
+        {95, 1, "/machine/os/init.scope", "own", "/lib/systemd/systemd", "os"},
+        {96, 95, "/machine/os/system.slice/x", "own", "/bin/x", "os"},
+        {97, shell, "/sandbox", "own", "/bin/browser", ""},
+        {98, 90, "/shared", "own", "/bin/sh", ""},
+        {99, shell, "/shared/below", "host", "/bin/sh", ""},
+        {110, shell, "/session", "host", "/", ""},  // crun
+        {111, 110, "/session", "own", "/bin/sh", ""},
+        {112, 110, "/other", "own", "/bin/sh", "other"},
+    };
+    for (const Row& row : rows) {
+        Support::FakeSystem::Process& process = Run(row.pid, row.group, row.parent);
+        process.executable = row.executable;
+        process.name = row.executable == std::string{"/"} ? "crun run" : "sh";
+        process.namespaces["mnt"] = row.mounts;
+    }
+    Engine::ContainerTable later;
+    Engine::ContainerGroups unclaimed;
+    ContainerRegistry started{later, unclaimed, proc};
+    started.Resync(Engine::ContainerTable::longAgo, now);
+    for (const Row& row : rows) {
+        EXPECT_TRUE(Engine::ContainerTable::Same(started.Find(row.pid)->container, row.container)) << row.pid;
+    }
+}
+
 TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
 {
     Run(runtime, "").executable = Run(400, idA, runtime).executable = "/runtime";  // its parent is the host's
