@@ -246,7 +246,7 @@ void ContainerRegistry::PruneGone()
     identities.Prune(living);
 }
 
-void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
+void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)
 {
     if (!IsSynced()) {
         proc.ClaimGroups();

@@ -101,7 +101,7 @@ public:
 
     // Makes the table agree with /proc and with the identities. `since`: as of when what differs holds; longAgo at the
     // start. `filter`: null for none.
-    void Resync(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter = nullptr);
+    void Resync(Nanoseconds since, Nanoseconds now, SyscallFilter* filter = nullptr);
 
     // Forgets a process of the host with its threads: the kernel excludes it and will not tell of its end.
     void ForgetHost(int process);

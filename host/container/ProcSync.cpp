@@ -48,7 +48,7 @@ ProcSync::Entry ProcSync::MakeEntry(int tid, const Found& found, Nanoseconds sin
     return entry;
 }
 
-void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter)
+void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)
 {
     const FoundList all = LookAtAll(filter);
     for (const auto& [tid, found] : all) {
@@ -103,16 +103,26 @@ void ProcSync::AdoptGroups()
     }
 }
 
-ProcSync::FoundList ProcSync::LookAtAll(const SyscallFilter* filter) const
+ProcSync::FoundList ProcSync::LookAtAll(SyscallFilter* filter)
 {
     FoundList all;
+    std::map<std::string, std::uint32_t> given;
     for (const int pid : system.Processes()) {
         std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
         if (!found) {
             continue;
         }
         if (filter != nullptr && !filter->IsExcluded(pid)) {
-            Identify(*found, filter->IdentityOf(pid));
+            const std::uint32_t identity = filter->IdentityOf(pid);
+            Identify(*found, identity);
+            if (identity == 0 && found->state == State::Inside) {
+                // It is older than the agent. One number serves all of a container.
+                std::uint32_t& number = given[found->container];
+                number = filter->GiveIdentity(pid, number);
+                if (number != 0 && identities.Find(number) == nullptr) {
+                    identities.Put(number, ContainerTable::Shared(found->container));
+                }
+            }
         }
         all.emplace_back(pid, *found);
         for (const int tid : system.Threads(pid)) {

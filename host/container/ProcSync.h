@@ -45,7 +45,7 @@ public:
     void AdoptGroups();
 
     // As of `since` holds what differs from the table. `filter`: tells identities; null for none.
-    void UpdateAll(Nanoseconds since, Nanoseconds now, const SyscallFilter* filter);
+    void UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter);
 
     // What is to be had of a thread that is not in the table. Nothing when it has gone and its identity tells nothing.
     std::optional<Entry> Load(int tid, std::uint32_t identity, Nanoseconds since, Nanoseconds now);
@@ -61,7 +61,7 @@ private:
     using Found = RuntimeSetUp::Found;
     using FoundList = std::vector<std::pair<int, Found>>;
 
-    FoundList LookAtAll(const SyscallFilter* filter) const;
+    FoundList LookAtAll(SyscallFilter* filter);
     void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
     void MarkMissing(const FoundList& found, Nanoseconds when);
     Entry MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now);

@@ -31,6 +31,10 @@ public:
     // inherited since; nothing that it does changes it. 0: none, or not to be had. Numbers are not used again.
     virtual std::uint32_t IdentityOf(int process) const = 0;
 
+    // Gives a process that has none an identity, `number`, or a new one if that is 0: it came into its control groups
+    // before the kernel was asked to tell. What it has forked until then has none. The number; 0 when it fails.
+    virtual std::uint32_t GiveIdentity(int process, std::uint32_t number) = 0;
+
 protected:
     ~SyscallFilter() = default;
 };

@@ -94,6 +94,11 @@ struct stat OfHost(const std::string& file)
     return found;
 }
 
+SDK::FileDescriptor PidFd(int process)
+{
+    return SDK::FileDescriptor{static_cast<int>(::syscall(SYS_pidfd_open, process, 0))};
+}
+
 std::size_t Elements(std::size_t processes)
 {
     return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
@@ -339,10 +344,28 @@ void SyscallProbe::Exclude(int process, Ticket ticket)
 
 std::uint32_t SyscallProbe::IdentityOf(int process) const
 {
-    const SDK::FileDescriptor pidfd{static_cast<int>(::syscall(SYS_pidfd_open, process, 0))};
+    const SDK::FileDescriptor pidfd = PidFd(process);
     const int key = pidfd.Get();
     CeTask kept{};
     return bpf_map_lookup_elem(bpf_map__fd(program->maps.tasks), &key, &kept) == 0 ? kept.identity : 0;
+}
+
+std::uint32_t SyscallProbe::GiveIdentity(int process, std::uint32_t number)
+{
+    const int tasks = bpf_map__fd(program->maps.tasks);
+    const SDK::FileDescriptor pidfd = PidFd(process);
+    const int key = pidfd.Get();
+    CeTask kept{};
+    bpf_map_lookup_elem(tasks, &key, &kept);  // there may be nothing yet
+    if (kept.identity != 0) {
+        return kept.identity;
+    }
+    const auto next = [this] {
+        return std::atomic_ref<unsigned int>(program->bss->tables.identities).fetch_add(1) + 1;
+    };
+    kept.identity = number == 0 ? next() : number;
+    kept.isTold = 1;
+    return bpf_map_update_elem(tasks, &key, &kept, BPF_ANY) == 0 ? kept.identity : 0;
 }
 
 std::uint64_t SyscallProbe::Sum(unsigned int count)

@@ -21,8 +21,14 @@ protected:
     void Exclude(int process, Ticket ticket) override { recorded.erase(process == ticket ? process : -1); }
 
     std::uint32_t IdentityOf(int process) const override { return process == 500 ? 9 : 0; }
+    std::uint32_t GiveIdentity(int process, std::uint32_t number) override
+    {
+        given.insert(process);
+        return number == 0 ? 77 : number;
+    }
 
     std::set<int> recorded;
+    std::set<int> given;
 };
 
 TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAndSetsTheNamespaces)
@@ -119,7 +125,8 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     EXPECT_EQ(registry.Find(400)->parent, shim);
 
     Observe(Move(runtime, 403).Text("dst_path", "/docker/" + idB).Number("parent", shim).Number("identity", 9));
-    recorded = {500, 501};
+    recorded = {500, 501, 503};
+    Run(503, idA);    // it is older than the agent
     Run(500, "", 1);  // its forks were lost, and it has left its control groups and its parent
     EXPECT_TRUE(Call(501, 9)) << "has gone";
     EXPECT_FALSE(Call(502, 10)) << "no container's";
@@ -127,6 +134,8 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     observer.OnLoss(*this);
     Round();
     EXPECT_EQ(ContainerOf(500) + ContainerOf(501), idB + idB);
+    EXPECT_TRUE(given.contains(503) && !given.contains(500));
+    EXPECT_TRUE(Call(504, 77)) << "a child that inherits what it was given";
     proc.cgroups[8] = "/default/web";
     Run(404, "/default/web");
     move(404, 8, "/proc/self/exe");
