@@ -156,7 +156,7 @@ def technique(name):
     return lambda function: TECHNIQUES.setdefault(name, function)
 
 
-# ---- who is who
+# ---- identity
 
 @technique("identity: an id that decoys had")
 def used_ids(field):

@@ -73,7 +73,7 @@ std::string ProgramOf(SDK::SystemView& system, int pid)
     if (program == "/" || program.starts_with("/memfd:")) {
         std::string line;
         system.CommandLine(pid, line);
-        return "/" + line.substr(0, line.find(' '));
+        return std::string{"/"}.append(line, 0, line.find(' '));
     }
     if (constexpr std::string_view replaced = " (deleted)"; program.ends_with(replaced)) {  // proc(5), /proc/<pid>/exe
         program.resize(program.size() - replaced.size());
