@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# What the running agent takes: resident memory and CPU time when idle, and resident memory after a million calls from
-# one process of a made-up container. Needs root.
+# What the running agent takes: resident memory, CPU time and wake-ups when idle, and resident memory after a million
+# calls from one process of a made-up container. Needs root.
 #   footprint.sh [BUILD_DIR [SECONDS]]   default build/release, 10 s of idling
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -33,12 +33,16 @@ until read -r -t 30 -u 3 line && [[ $line == *": ready"* ]]; do [ -n "${line:-}"
 
 memory() { awk '/^VmRSS|^VmHWM/ { printf "%s %.1f MB  ", $1, $2 / 1024 } END { print "" }' "/proc/$agent_pid/status"; }
 ticks() { awk '{ print $14 + $15 }' "/proc/$agent_pid/stat"; }  # proc(5): utime, stime
+wake_ups() { awk '/^voluntary_ctxt/ { sum += $2 } END { print sum }' "/proc/$agent_pid"/task/*/status; }
 
 echo "ready:                  $(memory)"
 before=$(ticks)
+woken=$(wake_ups)
 sleep "$idle"
-awk -v ticks=$(($(ticks) - before)) -v hz="$(getconf CLK_TCK)" -v seconds="$idle" \
-    'BEGIN { printf "idle for %d s:           %.2f %% of one CPU\n", seconds, 100 * ticks / hz / seconds }'
+woken=$(($(wake_ups) - woken))
+awk -v ticks=$(($(ticks) - before)) -v hz="$(getconf CLK_TCK)" -v seconds="$idle" -v woken=$woken \
+    'BEGIN { printf "idle for %d s:           %.2f %% of one CPU, %.1f wake-ups a second\n", seconds,
+             100 * ticks / hz / seconds, woken / seconds }'
 sh -c 'echo $$ >"$1/cgroup.procs"; exec "$2" self brute 1000000' sh "$group" "$work/probe" >"$work/said"
 echo "after a million calls:  $(memory)"
 sleep 2

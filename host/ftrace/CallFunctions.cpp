@@ -145,11 +145,15 @@ bool CallFunctions::AttachTo(const std::string& function, std::uint64_t cookie)
         entry.unused = entry.cookie == cookie ? Clock::time_point::max() : entry.unused;
         return entry.cookie == cookie;
     }
-    LIBBPF_OPTS(bpf_prog_load_opts, load, .expected_attach_type = BPF_TRACE_FENTRY,
-                .attach_btf_id = functions.find(function)->second);
+    bpf_prog_load_opts load{};
+    load.sz = sizeof load;
+    load.expected_attach_type = BPF_TRACE_FENTRY;
+    load.attach_btf_id = functions.find(function)->second;
     SDK::FileDescriptor loaded{
         bpf_prog_load(BPF_PROG_TYPE_TRACING, "OnCallFunction", "GPL", program.data(), program.size(), &load)};
-    LIBBPF_OPTS(bpf_link_create_opts, options, .tracing = {.cookie = cookie});
+    bpf_link_create_opts options{};
+    options.sz = sizeof options;
+    options.tracing.cookie = cookie;
     SDK::FileDescriptor link{loaded ? bpf_link_create(loaded.Get(), 0, BPF_TRACE_FENTRY, &options) : -1};
     if (!link) {
         TraceLog::Debug("no program at the function %s: errno %d", function, errno);
