@@ -35,6 +35,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
         made.container = from->container;
         made.executable = from->executable;
     }
+    made.identity = source.identity.number;
     // A runtime made its child straight in the container's group, or the parent has gone before it was ever seen.
     if (from == nullptr || (made.state == State::Host && made.inSetUp)) {
         if (const auto found = RuntimeSetUp::Look(system, groups, child); found && found->state != State::Host) {
@@ -55,7 +56,7 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     const auto mover =
         by == nullptr && move.identity == 0 ? RuntimeSetUp::Look(system, groups, move.mover) : std::nullopt;
     if (move.identity == 0 && (by != nullptr ? by->IsInside()
-                                             : identities.Find(move.source.identity) != nullptr ||
+                                             : identities.Find(move.source.identity.number) != nullptr ||
                                                    (mover && mover->state == State::Inside))) {
         return false;
     }
@@ -71,6 +72,9 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     const Entry* entry = !id.empty() || move.past ? LoadMoved(move, when) : FindOrLoad(pid, when);
     if (id.empty() && move.identity != 0 && move.group.path.size() > 1 && entry != nullptr && entry->inSetUp) {
         identities.AddSetUpGroup(move.identity, move.group);
+    }
+    if (entry != nullptr && move.identity != 0) {
+        table.Update(pid, [&](Entry& moved) { moved.identity = move.identity; });
     }
     if (entry == nullptr || !entry->IsAlive() || ContainerTable::Same(entry->container, id)) {
         return false;
@@ -94,7 +98,9 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
 const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, Nanoseconds when)
 {
     const Entry* known = Find(move.pid);
-    if (known == nullptr || (move.past && (known->state == State::Host || !known->IsAlive()))) {
+    // The last bearer of the id had an identity and this one had none: that one's end was not told.
+    const bool isAnother = known != nullptr && known->identity != 0 && move.identity != 0 && move.identityBefore == 0;
+    if (known == nullptr || (move.past && (known->state == State::Host || !known->IsAlive() || isAnother))) {
         Entry made;
         if (move.past) {
             made.parent = move.past->parent;
@@ -145,7 +151,7 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
         exec.container = ContainerTable::Shared(ContainerByGroups(pid).value_or(std::string{}));
         if (exec.container == nullptr && !exec.isSelfExecution && IsSetUpByRuntime(pid, *entry, place)) {
-            exec.container = AdoptGroup(pid, source.identity);
+            exec.container = AdoptGroup(pid, source.identity.number);
         }
     }
     if (exec.state != State::Inside && exec.container != nullptr) {
@@ -172,13 +178,13 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
 const ContainerRegistry::Entry* ContainerRegistry::FindOrLoad(int tid, Nanoseconds when, const RecordSource& source)
 {
     const Entry* known = Find(tid);
-    if (known != nullptr && known->exit >= when) {
+    if (known != nullptr && !IsAnother(*known, when, source)) {
         return known;
     }
     // What acts after the exit has taken the id over: its fork was not told, as the host's are not, or was shed.
     const Text before = known == nullptr ? nullptr : known->Visible();
     const Nanoseconds since = known == nullptr ? ContainerTable::longAgo : when;
-    if (const Entry* process = Find(source.process); process != nullptr && process->exit >= when) {
+    if (const Entry* process = Find(source.process); process != nullptr && !IsAnother(*process, when, source)) {
         Entry made = *process;
         made.before = known == nullptr ? made.before : before;
         made.since = known == nullptr ? made.since : since;

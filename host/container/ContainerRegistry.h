@@ -59,7 +59,8 @@ public:
             bool bornInSetUp;
         };
         std::optional<Past> past;
-        std::uint32_t identity = 0;  // that it has from then on, as SyscallFilter's; 0: as before
+        std::uint32_t identity = 0;        // the number that it has from then on, as ProcessIdentity's; 0: as before
+        std::uint32_t identityBefore = 0;  // and until then
     };
     // Returns whether a process was taken out of the container that it was Inside of.
     bool ApplyAttach(const Move& move, Nanoseconds when);
@@ -90,6 +91,14 @@ public:
     // The same, with what is to be had about a thread that is not known yet. It is what its process is; if that is not
     // known either, /proc tells, and its identity has the last word about its container. Null when nothing does.
     const Entry* FindOrLoad(int tid, Nanoseconds when, const RecordSource& source = {});
+
+    // Whether what is recorded at `when` is by another thread than the entry is about, which had the id before: neither
+    // its end nor the other's fork need be told.
+    static bool IsAnother(const Entry& entry, Nanoseconds when, const RecordSource& source)
+    {
+        const std::uint32_t identity = source.identity.number;
+        return entry.exit < when || (identity != 0 && entry.identity != 0 && identity != entry.identity);
+    }
 
     bool IsInside(int tid) const;
 

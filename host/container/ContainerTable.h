@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -48,6 +49,7 @@ public:
         Text before;                  // the one until then, null for none
         Nanoseconds seen = longAgo;   // it is known to have started by then
         int parent = -1;              // the thread that forked it
+        std::uint32_t identity = 0;   // ProcessIdentity::number of its process; 0: none, or not known
         Nanoseconds exit = alive;
         Text executable;  // as its last exec named it; null when that was not seen
 

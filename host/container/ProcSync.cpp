@@ -34,33 +34,34 @@ void EraseAbove(GroupMap& groups, const SDK::Cgroup& group)
 
 }  // namespace
 
-ProcSync::Entry ProcSync::MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now)
+ProcSync::Entry ProcSync::MakeEntry(const Seen& seen, Nanoseconds since, Nanoseconds now)
 {
     Entry entry;
-    entry.state = found.state;
-    entry.container = ContainerTable::Shared(found.container);
+    entry.state = seen.found.state;
+    entry.container = ContainerTable::Shared(seen.found.container);
     entry.since = since;
     entry.seen = now;
-    entry.parent = found.parent;
-    if (found.state == State::Entering) {
-        Believe(tid, now);
+    entry.parent = seen.found.parent;
+    entry.identity = seen.identity;
+    if (entry.state == State::Entering && entry.identity == 0) {
+        Believe(seen.tid, now);
     }
     return entry;
 }
 
 void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)
 {
-    const FoundList all = LookAtAll(filter);
-    for (const auto& [tid, found] : all) {
-        Merge(tid, found, since, now);
+    const std::vector<Seen> all = LookAtAll(filter);
+    for (const Seen& seen : all) {
+        Merge(seen, since, now);
     }
     MarkMissing(all, now);
 }
 
-std::optional<ProcSync::Entry> ProcSync::Load(int tid, std::uint32_t identity, Nanoseconds since, Nanoseconds now)
+std::optional<ProcSync::Entry> ProcSync::Load(int tid, ProcessIdentity identity, Nanoseconds since, Nanoseconds now)
 {
     std::optional<Found> found = RuntimeSetUp::Look(system, groups, tid);
-    if (!found && identities.Find(identity) == nullptr) {
+    if (!found && identities.Find(identity.number) == nullptr) {
         return std::nullopt;
     }
     if (!found) {
@@ -68,7 +69,7 @@ std::optional<ProcSync::Entry> ProcSync::Load(int tid, std::uint32_t identity, N
     }
     Adopt(*found);
     Identify(*found, identity);
-    return MakeEntry(tid, *found, since, now);
+    return MakeEntry({tid, *found, identity.number}, since, now);
 }
 
 void ProcSync::AdoptGroups()
@@ -103,71 +104,81 @@ void ProcSync::AdoptGroups()
     }
 }
 
-ProcSync::FoundList ProcSync::LookAtAll(SyscallFilter* filter)
+std::vector<ProcSync::Seen> ProcSync::LookAtAll(SyscallFilter* filter)
 {
-    FoundList all;
-    std::map<std::string, std::uint32_t> given;
+    std::vector<Seen> all;
+    NumberMap given;
     for (const int pid : system.Processes()) {
         std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
         if (!found) {
             continue;
         }
-        if (filter != nullptr && !filter->IsExcluded(pid)) {
-            const std::uint32_t identity = filter->IdentityOf(pid);
-            Identify(*found, identity);
-            if (identity == 0 && found->state == State::Inside) {
-                // It is older than the agent. One number serves all of a container.
-                std::uint32_t& number = given[found->container];
-                number = filter->GiveIdentity(pid, number);
-                if (number != 0 && identities.Find(number) == nullptr) {
-                    identities.Put(number, ContainerTable::Shared(found->container));
-                }
-            }
-        }
-        all.emplace_back(pid, *found);
+        const bool isAsked = filter != nullptr && !filter->IsExcluded(pid);
+        const std::uint32_t identity = isAsked ? Identified(pid, *found, *filter, given) : 0;
+        all.push_back({pid, *found, identity});
         for (const int tid : system.Threads(pid)) {
             if (tid != pid) {
-                all.emplace_back(tid, Found{found->state, found->container, pid});
+                all.push_back({tid, Found{found->state, found->container, pid}, identity});
             }
         }
     }
     return all;
 }
 
-void ProcSync::Merge(int tid, Found found, Nanoseconds since, Nanoseconds now)
+// The number that the process has, or is given when it is older than the agent: one serves all of a container.
+std::uint32_t ProcSync::Identified(int pid, Found& found, SyscallFilter& filter, NumberMap& given)
 {
+    const ProcessIdentity identity = filter.IdentityOf(pid);
+    Identify(found, identity);
+    if (identity.number != 0 || found.state != State::Inside) {
+        return identity.number;
+    }
+    std::uint32_t& number = given[found.container];
+    number = filter.GiveIdentity(pid, number);
+    if (number != 0 && identities.Find(number) == nullptr) {
+        identities.Put(number, ContainerTable::Shared(found.container));
+    }
+    return number;
+}
+
+void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
+{
+    Found& found = seen.found;
     Adopt(found);
-    const Entry* known = table.Find(tid);
+    const Entry* known = table.Find(seen.tid);
     if (known == nullptr) {
-        table.PutIfRoom(tid, MakeEntry(tid, found, since, now));
+        table.PutIfRoom(seen.tid, MakeEntry(seen, since, now));
         return;
     }
+    // Otherwise the id is another process's by now, and neither that one's exit nor this one's fork was told.
+    const bool isSame = known->identity == 0 || seen.identity == 0 || known->identity == seen.identity;
     // The events knew better: a process that was Inside stays there, one that /proc shows as the runtime still is it,
     // and a dead process that is still listed is a zombie.
-    if (ContainerTable::Same(known->container, found.container) &&
+    if (isSame && ContainerTable::Same(known->container, found.container) &&
         (known->state != State::Entering || found.state == State::Entering)) {
         return;
     }
     // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
-    if (known->IsInside() && IsSince(tid, *known)) {
+    if (isSame && known->IsInside() && IsSince(seen.tid, *known)) {
         return;
     }
-    Entry made = MakeEntry(tid, found, since, now);
-    table.Update(tid, [&](Entry& entry) {
+    Entry made = MakeEntry(seen, since, now);
+    table.Update(seen.tid, [&](Entry& entry) {
         entry.exit = ContainerTable::alive;
         entry.executable = nullptr;
         entry.seen = now;
         entry.parent = found.parent;
+        entry.identity = seen.identity;
         entry.MoveTo(made.state, std::move(made.container), since);
     });
 }
 
-void ProcSync::MarkMissing(const FoundList& found, Nanoseconds when)
+void ProcSync::MarkMissing(const std::vector<Seen>& all, Nanoseconds when)
 {
     std::unordered_set<int> present;
-    present.reserve(found.size());
-    for (const auto& item : found) {
-        present.insert(item.first);
+    present.reserve(all.size());
+    for (const Seen& seen : all) {
+        present.insert(seen.tid);
     }
     std::vector<int> missing;
     for (const auto& [tid, entry] : table.Entries()) {
@@ -216,12 +227,13 @@ void ProcSync::ClaimGroups()
 }
 
 // What was lost, and where it has moved itself, does not matter then.
-void ProcSync::Identify(Found& found, std::uint32_t identity) const
+void ProcSync::Identify(Found& found, ProcessIdentity identity) const
 {
-    const Text known = identities.Find(identity);
-    if (known != nullptr && found.container != *known) {
-        found.state = State::Inside;
+    if (const Text known = identities.Find(identity.number); known != nullptr) {
         found.container = *known;
+    }
+    if (identity.number != 0 && !found.container.empty()) {
+        found.state = identity.isInSetUp ? State::Entering : State::Inside;
     }
 }
 

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,7 +30,8 @@ public:
     using Nanoseconds = ContainerTable::Nanoseconds;
     using Entry = ContainerTable::Entry;
 
-    // How long a process that /proc alone shows as a runtime's set-up is believed to be one.
+    // How long a process that /proc alone shows as a runtime's set-up is believed to be one. The kernel knows it of
+    // those that have an identity, however long a busy machine takes.
     static constexpr Nanoseconds believeSetUp = std::chrono::seconds{2};
 
     ProcSync(ContainerTable& table, ContainerGroups& groups, ContainerIdentities& identities, SDK::SystemView& system)
@@ -48,7 +51,7 @@ public:
     void UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter);
 
     // What is to be had of a thread that is not in the table. Nothing when it has gone and its identity tells nothing.
-    std::optional<Entry> Load(int tid, std::uint32_t identity, Nanoseconds since, Nanoseconds now);
+    std::optional<Entry> Load(int tid, ProcessIdentity identity, Nanoseconds since, Nanoseconds now);
 
     // A thread that is in set-up only by what /proc says, or as a guess.
     void Believe(int tid, Nanoseconds now) { provisional.emplace_back(tid, now + believeSetUp); }
@@ -59,15 +62,21 @@ private:
     using Text = ContainerTable::Text;
     using State = ContainerTable::State;
     using Found = RuntimeSetUp::Found;
-    using FoundList = std::vector<std::pair<int, Found>>;
+    using NumberMap = std::map<std::string, std::uint32_t>;  // by container
+    struct Seen {
+        int tid;
+        Found found;
+        std::uint32_t identity;
+    };
 
-    FoundList LookAtAll(SyscallFilter* filter);
-    void Merge(int tid, Found found, Nanoseconds since, Nanoseconds now);
-    void MarkMissing(const FoundList& found, Nanoseconds when);
-    Entry MakeEntry(int tid, const Found& found, Nanoseconds since, Nanoseconds now);
+    std::vector<Seen> LookAtAll(SyscallFilter* filter);
+    std::uint32_t Identified(int pid, Found& found, SyscallFilter& filter, NumberMap& given);
+    void Merge(Seen seen, Nanoseconds since, Nanoseconds now);
+    void MarkMissing(const std::vector<Seen>& all, Nanoseconds when);
+    Entry MakeEntry(const Seen& seen, Nanoseconds since, Nanoseconds now);
     bool IsSince(int tid, const Entry& entry) const;
     void Adopt(Found& found) const;
-    void Identify(Found& found, std::uint32_t identity) const;
+    void Identify(Found& found, ProcessIdentity identity) const;
 
     ContainerTable& table;
     ContainerGroups& groups;

@@ -74,7 +74,8 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, const RecordSource& s
 TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                                                      TraceSequencer& sequencer)
 {
-    if (const Entry* last = registry.Find(tid); last != nullptr && last->exit < event.When()) {
+    if (const Entry* last = registry.Find(tid);
+        last != nullptr && ContainerRegistry::IsAnother(*last, event.When(), source)) {
         StopIfAnnounced(tid, sequencer);  // another bearer of the id, whose fork was not told
     }
     const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
@@ -188,6 +189,7 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, const RecordSource& 
         move.past = {parent, event.get_string("executed"), Number(event, "born_in_setup") != 0};
     }
     move.identity = static_cast<std::uint32_t>(event.get_number("identity"));
+    move.identityBefore = static_cast<std::uint32_t>(event.get_number("identity_before"));
     if (registry.ApplyAttach(move, event.When())) {
         EndGeneration(Announcements::Loss::None, sequencer);
     }

@@ -61,6 +61,7 @@ const std::vector<Field>& FieldsOf(CeLifeEvent event)
          {"int parent", offsetof(CeMoveEvent, parent), 4, true},
          {"__data_loc char[] dst_path", offsetof(CeMoveEvent, path), 4, false},
          {"u32 identity", offsetof(CeMoveEvent, identity), 4, false},
+         {"u32 identity_before", offsetof(CeMoveEvent, identityBefore), 4, false},
          {"unsigned int born_in_setup", offsetof(CeMoveEvent, bornInSetUp), 4, false},
          {"char executed[32]", offsetof(CeMoveEvent, executed), CE_SET_UP_NAME, false}},
     }};

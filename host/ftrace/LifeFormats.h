@@ -18,8 +18,7 @@ std::optional<CeLifeEvent> EventOf(const std::string& system, const std::string&
 //   exec                filename, pid, old_pid, and of the program's own: place (CePlace)
 //   exit                comm, pid, prio
 //   cgroup_attach_task  dst_root, dst_id, pid, dst_path, and of the program's own: owner, parent, identity,
-//                       born_in_setup, executed
-//                       (CeMoveEvent)
+//                       identity_before, born_in_setup, executed (CeMoveEvent)
 std::string Format(CeLifeEvent event, const std::string& kernelFormat);
 
 }  // namespace Engine::LifeFormats

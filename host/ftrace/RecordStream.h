@@ -5,12 +5,14 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/ftrace/ProcessIdentity.h"
+
 namespace Engine {
 
 // What the kernel tells of the thread that made a record, beside its id.
 struct RecordSource {
-    std::int32_t process = 0;    // 0: not known
-    std::uint32_t identity = 0;  // as SyscallFilter's; 0: none, or not known
+    std::int32_t process = 0;  // 0: not known
+    ProcessIdentity identity;  // the process's
 };
 
 // A record where it lies: valid until its stream moves on.

@@ -136,7 +136,7 @@ void RingStream::LoadHead()
     head.size = (length & ~flags) - static_cast<std::uint32_t>(sizeof(CeRecordHead));
     head.id = reinterpret_cast<const CeEventHead*>(head.data)->type;
     head.when = begin->when;
-    head.source = {begin->process, begin->identity};
+    head.source = {begin->process, {begin->identity, begin->isInSetUp != 0}};
 }
 
 void RingStream::GiveBack()

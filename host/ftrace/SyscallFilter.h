@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <optional>
 
+#include "host/ftrace/ProcessIdentity.h"
+
 namespace Engine {
 
 // Where the kernel itself excludes the processes of the host, it starts with all processes included, and includes again
@@ -27,9 +29,7 @@ public:
     // `process` is the host's. Its later children are excluded, too, as long as they stay in its control groups.
     virtual void Exclude(int process, Ticket ticket) = 0;
 
-    // The number that a process got when a process of the host last moved it into other control groups, or that it
-    // inherited since; nothing that it does changes it. 0: none, or not to be had. Numbers are not used again.
-    virtual std::uint32_t IdentityOf(int process) const = 0;
+    virtual ProcessIdentity IdentityOf(int process) const = 0;
 
     // Gives a process that has none an identity, `number`, or a new one if that is 0: it came into its control groups
     // before the kernel was asked to tell. What it has forked until then has none. The number; 0 when it fails.

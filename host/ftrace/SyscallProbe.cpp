@@ -342,12 +342,13 @@ void SyscallProbe::Exclude(int process, Ticket ticket)
     }
 }
 
-std::uint32_t SyscallProbe::IdentityOf(int process) const
+ProcessIdentity SyscallProbe::IdentityOf(int process) const
 {
     const SDK::FileDescriptor pidfd = PidFd(process);
     const int key = pidfd.Get();
     CeTask kept{};
-    return bpf_map_lookup_elem(bpf_map__fd(program->maps.tasks), &key, &kept) == 0 ? kept.identity : 0;
+    bpf_map_lookup_elem(bpf_map__fd(program->maps.tasks), &key, &kept);  // there may be nothing
+    return {kept.identity, kept.isSetUp != 0};
 }
 
 std::uint32_t SyscallProbe::GiveIdentity(int process, std::uint32_t number)

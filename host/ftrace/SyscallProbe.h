@@ -84,7 +84,7 @@ public:
     bool IsExcluded(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;
     void Exclude(int process, Ticket ticket) override;
-    std::uint32_t IdentityOf(int process) const override;
+    ProcessIdentity IdentityOf(int process) const override;
     std::uint32_t GiveIdentity(int process, std::uint32_t number) override;
 
     // Since the last call. Ends what calls have needed that are not watched any more.

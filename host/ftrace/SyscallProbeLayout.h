@@ -69,7 +69,8 @@ struct CeProcesses {
 struct CeRecordHead {
     unsigned long long when; /* nanoseconds, CLOCK_MONOTONIC */
     int process;             /* of the thread that made it */
-    unsigned int identity;   /* likewise; see CeMoveEvent */
+    unsigned int identity : 31; /* of that process; see CeMoveEvent */
+    unsigned int isInSetUp : 1; /* likewise; see CeTask */
 };
 
 /* How every event begins, as the kernel's own (struct trace_entry in include/linux/trace_events.h). */
@@ -151,7 +152,7 @@ struct CeMoveEvent {
     int hierarchy;            /* number of the group's; 0: version 2 */
     unsigned int owner;       /* user id of the group's owner */
     unsigned int identity;    /* from now on; 0: the mover is no process of the host, so it stays as it was */
-    unsigned int reserved;
+    unsigned int identityBefore;
     unsigned int bornInSetUp;      /* whether its parent had, when it made it, what `executed` tells */
     char executed[CE_SET_UP_NAME]; /* the file name of its last exec, its parent's included, if that begins like one by
                                       which a program re-executes itself; otherwise empty */
@@ -162,8 +163,8 @@ struct CeTask {
     char executed[CE_SET_UP_NAME]; /* as CeMoveEvent has it */
     unsigned int bornInSetUp;
     unsigned int identity; /* of its process when it was made; its leader's is the one that counts */
-    unsigned int
-        isSetUp; /* its move into other control groups, or its parent's, was followed by no exec of a program yet */
+    unsigned int isSetUp;  /* a process of the host put it, or its parent, into a container's control groups, and what it
+                              has executed since may be the runtime still: in the host's mount namespace, itself */
     unsigned int
         isTold; /* the agent knows the thread: its fork, its exec or a call was recorded, so its exit must be, too */
     unsigned int lastKind;     /* of a watched call */

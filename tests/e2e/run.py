@@ -6,6 +6,7 @@ import pathlib
 import shutil
 import signal
 import sys
+import time
 import unittest
 
 sys.dont_write_bytecode = True
@@ -13,6 +14,18 @@ import harness  # noqa: E402
 
 HERE = pathlib.Path(__file__).resolve().parent
 PROGRAMS = {"dockerd": "docker.io", "ctr": "containerd", "runc": "runc", "podman": "podman", "crun": "crun"}
+
+
+class TimedResult(unittest.TextTestResult):
+    """Says how long each test took."""
+
+    def startTest(self, test):
+        self.began = time.monotonic()
+        super().startTest(test)
+
+    def stopTest(self, test):
+        super().stopTest(test)
+        self.stream.writeln(f"  {time.monotonic() - self.began:.1f} s")
 
 
 def why_not():
@@ -42,7 +55,7 @@ def run_tests():
     suite = loader.discover(str(HERE))
     unittest.installHandler()  # the first signal ends the run with the test that runs, the second one at once
     signal.signal(signal.SIGTERM, signal.getsignal(signal.SIGINT))
-    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2).run(suite)
+    result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2, resultclass=TimedResult).run(suite)
     failed = sorted({getattr(test, "test_case", test).id() for test, _ in result.failures + result.errors})
     print(f"passed: {result.testsRun - len(failed) - len(result.skipped)}", f"skipped: {len(result.skipped)}",
           *(f"failed: {name}" for name in failed), sep="\n")

@@ -4,11 +4,13 @@
 
 #include "host/ftrace/program/Moves.h"
 
-/* Only what a container or a runtime in set-up makes has something to inherit. */
+/* Only what a container or a runtime in set-up makes has something to inherit. A process of the host may have an
+ * identity, too: of the service that it was moved to. */
 static __always_inline void Inherit(struct task_struct* parent, struct task_struct* child)
 {
     const struct CeTask* from = Kept(parent, 0);
-    const __u32 identity = IdentityOf(parent);
+    const int isHost = IsHost(parent->tgid);
+    const __u32 identity = isHost ? 0 : IdentityOf(parent);
     const int isInSetUp = from != NULL && from->executed[0] != 0;
     if (identity == 0 && !isInSetUp) {
         return;
@@ -18,15 +20,14 @@ static __always_inline void Inherit(struct task_struct* parent, struct task_stru
         return;
     }
     kept->identity = identity;
-    kept->isSetUp = from != NULL && from->isSetUp;
+    kept->isSetUp = from != NULL && !isHost && from->isSetUp;
     if (from != NULL && isInSetUp) {
         __builtin_memcpy(kept->executed, from->executed, sizeof kept->executed);
         kept->bornInSetUp = 1;
     }
 }
 
-static __always_inline void RecordFork(struct Account* account, const struct task_struct* parent,
-                                       struct task_struct* child)
+static __always_inline void RecordFork(struct Account* account, struct task_struct* parent, struct task_struct* child)
 {
     struct CeTask* kept = Kept(child, 0);
     enum Need need;
@@ -40,6 +41,10 @@ static __always_inline void RecordFork(struct Account* account, const struct tas
     }
     if (kept != NULL) {
         kept->isTold = 1;
+    }
+    struct CeTask* keptOfParent = Kept(parent, 0);
+    if (keptOfParent != NULL) {
+        keptOfParent->isTold = 1; /* its own fork may have been shed */
     }
     Begin(&record->head, &record->entry.head, tables.life[CE_FORK]);
     __builtin_memcpy(record->entry.parentName, parent->comm, CE_NAME_BYTES);
@@ -73,7 +78,7 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
         RecordFork(account, parent, child);
     }
     if (tables.life[CE_MOVE] != 0 && isMadeElsewhere) {
-        RecordMove(account, child, child->cgroups->dfl_cgrp, NULL, identity);
+        RecordMove(account, child, child->cgroups->dfl_cgrp, NULL, identity, 0);
     }
     return 0;
 }
@@ -85,7 +90,15 @@ static __always_inline int MayBeSetUp(const char* name)
            (name[0] == '/' && name[1] == 'd' && name[2] == 'e' && name[3] == 'v' && name[4] == '/' && name[5] == 'f');
 }
 
-static __always_inline struct CeTask* Remember(struct task_struct* task, const char* filename)
+static __always_inline __u32 PlaceOf(const struct task_struct* task)
+{
+    const struct inode* root = task->fs->root.dentry->d_inode;
+    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
+    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
+    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
+}
+
+static __always_inline struct CeTask* Remember(struct task_struct* task, const char* filename, __u32 place)
 {
     char name[CE_SET_UP_NAME] = {0};
     bpf_probe_read_kernel_str(name, sizeof name, filename);
@@ -99,19 +112,12 @@ static __always_inline struct CeTask* Remember(struct task_struct* task, const c
     } else {
         kept->executed[0] = 0;
     }
+    kept->isSetUp = kept->isSetUp && mayBeSetUp && (place & CE_OTHER_MOUNTS) == 0;
     return kept;
 }
 
-static __always_inline __u32 PlaceOf(const struct task_struct* task)
-{
-    const struct inode* root = task->fs->root.dentry->d_inode;
-    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
-    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
-    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
-}
-
 static __always_inline int RecordExec(const struct task_struct* task, const struct CeTask* kept, int oldThread,
-                                      const char* filename)
+                                      const char* filename, __u32 place)
 {
     struct Account* account = AccountOf(task, kept);
     enum Need need;
@@ -129,7 +135,7 @@ static __always_inline int RecordExec(const struct task_struct* task, const stru
     record->entry.filename = location;
     record->entry.thread = task->pid;
     record->entry.oldThread = oldThread;
-    record->entry.place = PlaceOf(task);
+    record->entry.place = place;
     bpf_ringbuf_submit(record, 0);
     return 1;
 }
@@ -138,16 +144,14 @@ SEC("tp_btf/sched_process_exec")
 int BPF_PROG(OnExec, struct task_struct* task, int oldThread, struct linux_binprm* program)
 {
     const char* filename = program->filename;
-    struct CeTask* kept = Remember(task, filename);
+    const __u32 place = PlaceOf(task);
+    struct CeTask* kept = Remember(task, filename, place);
     if (tables.life[CE_EXEC] == 0 || IsHost(task->tgid)) {
         return 0;
     }
-    const int isRecorded = RecordExec(task, kept, oldThread, filename);
+    const int isRecorded = RecordExec(task, kept, oldThread, filename, place);
     if (kept != NULL && isRecorded) {
         kept->isTold = 1;
-    }
-    if (kept != NULL) {
-        kept->isSetUp = kept->isSetUp && kept->executed[0] != 0;
     }
     return 0;
 }

@@ -6,7 +6,7 @@
 
 /* Without a path: of a process that was made in that group. */
 static __always_inline void RecordMove(struct Account* account, struct task_struct* task, const struct cgroup* group,
-                                       const char* path, __u32 identity)
+                                       const char* path, __u32 identity, __u32 before)
 {
     __u32 location = 0;
     struct CeMoveRecord* record =
@@ -24,7 +24,7 @@ static __always_inline void RecordMove(struct Account* account, struct task_stru
     event->hierarchy = group->root->hierarchy_id;
     event->owner = attributes == NULL ? 0 : attributes->ia_uid.val;
     event->identity = identity;
-    event->reserved = 0;
+    event->identityBefore = before;
     event->bornInSetUp = 0;
     __builtin_memset(event->executed, 0, sizeof event->executed);
     const struct CeTask* kept = Kept(task, 0);
@@ -46,7 +46,7 @@ static __always_inline __u32 Identify(struct task_struct* task, __u32 mover)
     if (kept->isSetUp && kept->identity != 0) {
         return kept->identity;
     }
-    kept->isSetUp = 1;
+    kept->isSetUp = kept->identity == 0 || IsHost(task->tgid); /* a container's process stays one */
     kept->isTold = 1;
     kept->identity = __sync_fetch_and_add(&tables.identities, 1) + 1;
     return kept->identity;
@@ -56,12 +56,13 @@ SEC("tp_btf/cgroup_attach_task")
 int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct* task)
 {
     /* First: a process of the host may move itself. */
+    const __u32 before = IdentityOf(task);
     const __u32 identity = Identify(task, bpf_get_current_pid_tgid() >> 32);
     MayBeInContainer(task->tgid);
     if (tables.life[CE_MOVE] != 0) {
         struct task_struct* mover = bpf_get_current_task_btf();
         struct Account* account = IsHost(mover->tgid) ? NULL : AccountOf(mover, Kept(mover, 0));
-        RecordMove(account, task, group, path, identity);
+        RecordMove(account, task, group, path, identity, before);
     }
     return 0;
 }

@@ -68,6 +68,7 @@ static __always_inline struct CeTask* Kept(struct task_struct* task, __u64 flags
     return bpf_task_storage_get(&tasks, task, NULL, flags);
 }
 
+/* Of its process. */
 static __always_inline __u32 IdentityOf(struct task_struct* task)
 {
     const struct CeTask* leader = Kept(task->group_leader, 0);

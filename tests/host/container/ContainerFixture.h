@@ -85,7 +85,7 @@ protected:
     std::chrono::nanoseconds Next() { return now += std::chrono::milliseconds{1}; }
     static Engine::RecordSource SourceOf(const Engine::FtraceMessage& event)
     {
-        return {static_cast<int>(event.get_number("common_pid")), 0};
+        return {static_cast<int>(event.get_number("common_pid")), {}};
     }
     void Round() { observer.OnRound(Next(), *this); }
     void Purge() { registry.Purge(now + Engine::ContainerTable::keepDead * 2); }
@@ -124,7 +124,7 @@ protected:
         ASSERT_TRUE(Exec(pid, "/usr/bin/a-long-program-name"));
     }
     // Zero: not admitted.
-    Engine::TraceObserver::Origin Call(int tid, std::uint32_t identity = 0)
+    Engine::TraceObserver::Origin Call(int tid, Engine::ProcessIdentity identity = {})
     {
         auto event = Support::Syscall(tid, "mount");
         return observer.AdmitSyscall(tid, {tid, identity}, event.Message(Next()), *this);

@@ -20,7 +20,10 @@ protected:
     }
     void Exclude(int process, Ticket ticket) override { recorded.erase(process == ticket ? process : -1); }
 
-    std::uint32_t IdentityOf(int process) const override { return process == 500 ? 9 : 0; }
+    Engine::ProcessIdentity IdentityOf(int process) const override
+    {
+        return {process == 500 || process == 505 ? 9u : 0, process == 505};
+    }
     std::uint32_t GiveIdentity(int process, std::uint32_t number) override
     {
         given.insert(process);
@@ -125,17 +128,22 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     EXPECT_EQ(registry.Find(400)->parent, shim);
 
     Observe(Move(runtime, 403).Text("dst_path", "/docker/" + idB).Number("parent", shim).Number("identity", 9));
-    recorded = {500, 501, 503};
+    recorded = {500, 501, 503, 505};
     Run(503, idA);    // it is older than the agent
     Run(500, "", 1);  // its forks were lost, and it has left its control groups and its parent
-    EXPECT_TRUE(Call(501, 9)) << "has gone";
-    EXPECT_FALSE(Call(502, 10)) << "no container's";
+    EXPECT_TRUE(Call(501, {9})) << "has gone";
+    EXPECT_FALSE(Call(502, {10})) << "no container's";
+    EXPECT_FALSE(Call(506, {9, true})) << "the runtime, which has gone";
+    Run(505, idB);
     now += Engine::RegistryObserver::resyncPause;
     observer.OnLoss(*this);
     Round();
     EXPECT_EQ(ContainerOf(500) + ContainerOf(501), idB + idB);
+    now += Engine::ProcSync::believeSetUp;
+    Round();
+    EXPECT_EQ(ContainerOf(505), "") << "the kernel knows it to be in set-up, however long that takes";
     EXPECT_TRUE(given.contains(503) && !given.contains(500));
-    EXPECT_TRUE(Call(504, 77)) << "a child that inherits what it was given";
+    EXPECT_TRUE(Call(504, {77})) << "a child that inherits what it was given";
     proc.cgroups[8] = "/default/web";
     Run(404, "/default/web");
     move(404, 8, "/proc/self/exe");
@@ -152,6 +160,39 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     EXPECT_FALSE(Exec(402, "/bin/sh")) << "a group that is no container's";
     move(402, 7, "/proc/self/fd/6");  // the id's next process
     EXPECT_TRUE(Exec(402, "/dev/fd/7")) << "an entry point that has gone and is named like a runtime's";
+}
+
+// A container that forks like a storm has exits and forks that are not told, and its ids are used again.
+TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNorAForkWasTold)
+{
+    const auto move = [this](int pid, const std::string& id, unsigned int identity, unsigned int before) {
+        Observe(Move(runtime, pid)
+                    .Text("dst_path", "/docker/" + id)
+                    .Number("parent", shim)
+                    .Text("executed", "/proc/self/exe")
+                    .Number("identity", identity)
+                    .Number("identity_before", before));
+    };
+    Register();
+    for (const int pid : {400, 401}) {
+        move(pid, idA, static_cast<unsigned int>(pid), 0);
+        EXPECT_TRUE(Exec(pid, "/bin/a"));
+    }
+    EXPECT_TRUE(Call(402, {401})) << "a child";
+    move(403, idB, 403, 0);
+    EXPECT_TRUE(Exec(403, "/bin/b"));
+    Notices();
+
+    move(400, idB, 9, 0);
+    EXPECT_FALSE(Call(400, {9, true})) << "a runtime's process that has an id of container a's";
+    EXPECT_EQ(ContainerOf(400), "");
+    EXPECT_TRUE(Call(402, {403}));
+    EXPECT_EQ(ContainerOf(402), idB) << "a child of container b with an id of a's";
+    EXPECT_EQ(last.containerId, idB);
+    EXPECT_THAT(Notices(), ElementsAre("-402", "+402"));
+    move(401, idB, 10, 401);
+    EXPECT_TRUE(Call(401, {10})) << "the host moves what is inside";
+    EXPECT_EQ(ContainerOf(401), idB);
 }
 
 TEST_F(RegistryObserverTest, StopNoticesGoToAnIdThatTheHostTakesAndToWhatLeavesItsContainer)
