@@ -67,8 +67,8 @@ struct CeProcesses {
 
 /* How every record in a ring begins. */
 struct CeRecordHead {
-    unsigned long long when; /* nanoseconds, CLOCK_MONOTONIC */
-    int process;             /* of the thread that made it */
+    unsigned long long when;    /* nanoseconds, CLOCK_MONOTONIC */
+    int process;                /* of the thread that made it */
     unsigned int identity : 31; /* of that process; see CeMoveEvent */
     unsigned int isInSetUp : 1; /* likewise; see CeTask */
 };
@@ -163,8 +163,9 @@ struct CeTask {
     char executed[CE_SET_UP_NAME]; /* as CeMoveEvent has it */
     unsigned int bornInSetUp;
     unsigned int identity; /* of its process when it was made; its leader's is the one that counts */
-    unsigned int isSetUp;  /* a process of the host put it, or its parent, into a container's control groups, and what it
-                              has executed since may be the runtime still: in the host's mount namespace, itself */
+    /* A process of the host put it, or its parent, into a container's control groups, and what it has executed since
+     * may be the runtime still: itself, in the host's mount namespace. */
+    unsigned int isSetUp;
     unsigned int
         isTold; /* the agent knows the thread: its fork, its exec or a call was recorded, so its exit must be, too */
     unsigned int lastKind;     /* of a watched call */
