@@ -56,7 +56,7 @@ cat >"$work/policy.json" <<POLICY
 POLICY
 
 mkfifo "$work/log" "$work/alarms"
-"$agent" run --policy "$work/policy.json" --docker-socket "$work/no-engine.sock" >"$work/alarms" 2>"$work/log" &
+"$agent" run --policy "$work/policy.json" --docker-socket none >"$work/alarms" 2>"$work/log" &
 agent_pid=$!
 exec 3<"$work/alarms" 4<"$work/log"
 

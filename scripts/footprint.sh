@@ -25,7 +25,7 @@ trap clean_up EXIT
 mkdir -p "$group"
 cc -O1 -pthread -o "$work/probe" tools/probe.c
 mkfifo "$work/log"
-"$build/bin/containerescape-agent" run --policy packaging/policy.json --docker-socket "$work/no-engine.sock" \
+"$build/bin/containerescape-agent" run --policy packaging/policy.json --docker-socket none \
     >"$work/alarms" 2>"$work/log" &
 agent_pid=$!
 exec 3<"$work/log"
@@ -36,6 +36,7 @@ ticks() { awk '{ print $14 + $15 }' "/proc/$agent_pid/stat"; }  # proc(5): utime
 wake_ups() { awk '/^voluntary_ctxt/ { sum += $2 } END { print sum }' "/proc/$agent_pid"/task/*/status; }
 
 echo "ready:                  $(memory)"
+sleep 15  # what is idle waits longer after a while
 before=$(ticks)
 woken=$(wake_ups)
 sleep "$idle"

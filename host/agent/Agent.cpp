@@ -137,7 +137,7 @@ ExitCode HostAgent::Run()
 
 bool HostAgent::Start()
 {
-    if (!EngineAnswers(plan.options.dockerSocket)) {
+    if (plan.options.dockerSocket != SDK::Config::noEngine && !EngineAnswers(plan.options.dockerSocket)) {
         Say("warning: no container engine at " + plan.options.dockerSocket +
             ", alarms go without names of containers and images until there is one");
     }

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "host/sdk/Config.h"
+
 namespace Engine {
 
 namespace {
@@ -18,6 +20,7 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
+      hasEngine(socketPath != SDK::Config::noEngine),
       socketWatch(socketPath),
       view(table, groups, system),
       registry(table, groups, system),
@@ -127,6 +130,11 @@ bool ContainerCollectTask::GetContainerByPid(int pid, std::shared_ptr<ContainerI
 bool ContainerCollectTask::IsAvailable()
 {
     return engine.HasReadAll() || (engine.IsUnreachable() && (trace == nullptr || registry.IsSynced()));
+}
+
+bool ContainerCollectTask::AreAwaited() const
+{
+    return hasEngine && !engine.HasReadAll() && ContainerEngineClient::Clock::now() - begun < engineStarts;
 }
 
 int ContainerCollectTask::PauseMilliseconds() const

@@ -15,6 +15,7 @@
 #include "host/container/RegistryObserver.h"
 #include "host/container/SocketWatch.h"
 #include "host/ftrace/TraceObserver.h"
+#include "host/sdk/ContainerNames.h"
 #include "messages/ContainerMessages.h"
 
 namespace Engine {
@@ -24,6 +25,7 @@ namespace Engine {
 // Thread:    its own follows the engine; the registry and the notices live on the trace task's.
 class ContainerCollectTask : public Framework::Task,
                              public ContainerMetaInfo,
+                             public SDK::ContainerNames,
                              public AbstructMessage<ContainerRegisterMessage>::Receiver {
 public:
     static constexpr char taskName[] = "container_collect_task";
@@ -54,9 +56,15 @@ public:
     bool GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info) override;
     bool IsAvailable() override;
 
+    // How long after the start the engine is waited for.
+    static constexpr std::chrono::minutes engineStarts{1};
+    bool AreAwaited() const override;
+    std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override { return cache.Find(id); }
+
 private:
     int PauseMilliseconds() const;
 
+    const bool hasEngine;
     SocketWatch socketWatch;
     MetadataCache cache;
     ContainerTable table;
@@ -66,6 +74,7 @@ private:
     NoticeReceivers receivers;
     RegistryObserver observer;
     ContainerEngineClient engine;
+    const ContainerEngineClient::Clock::time_point begun = ContainerEngineClient::Clock::now();
     std::atomic<TraceObservable*> trace{nullptr};
 };
 

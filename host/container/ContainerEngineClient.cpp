@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/container/ContainerLog.h"
+#include "host/sdk/Config.h"
 #include "host/sdk/Counters.h"
 #include "sdk/NamespaceUtils.h"
 
@@ -29,6 +30,10 @@ ContainerEngineClient::ContainerEngineClient(const std::string& socketPath, Meta
                                              std::function<bool()> isCancelled, std::chrono::milliseconds timeout)
     : timeout(timeout), socketPath(socketPath), cache(cache), isCancelled(std::move(isCancelled))
 {
+    if (socketPath == SDK::Config::noEngine) {
+        isUnreachable = true;
+        nextAttempt = Clock::time_point::max();
+    }
 }
 
 void ContainerEngineClient::Step(Clock::time_point time)

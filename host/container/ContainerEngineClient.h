@@ -35,6 +35,7 @@ public:
     static constexpr std::chrono::milliseconds longestPause{30'000};
     static constexpr std::size_t maxLineBytes = 1024UL * 1024;  // of an event; a longer one is skipped
 
+    // `socketPath`: SDK::Config::noEngine for an engine that stays unreachable and is never tried.
     // `isCancelled` is asked between two calls to the engine: true ends what is under way. `timeout`: of each call.
     ContainerEngineClient(const std::string& socketPath, MetadataCache& cache, std::function<bool()> isCancelled,
                           std::chrono::milliseconds timeout = SDK::DockerClient::defaultTimeout);

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "framework/Engine.h"
 #include "framework/Module.h"
 #include "host/report/ReportLog.h"
 #include "host/report/ReportTasks.h"
@@ -13,6 +14,12 @@ namespace Engine {
 
 namespace {
 
+const SDK::ContainerNames* FindNames()
+{
+    auto* engine = dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance());
+    return dynamic_cast<SDK::ContainerNames*>(engine == nullptr ? nullptr : engine->FindTask("container_collect_task"));
+}
+
 class ReportModule : public Framework::Module {
 public:
     ReportModule() : Framework::Module("report_module") {}
@@ -20,7 +27,7 @@ public:
     int Init() override
     {
         commands = std::make_unique<CmdReportTask>();
-        data = std::make_unique<DataReportTask>(MakeSinks(Poco::Util::Application::instance().config()));
+        data = std::make_unique<DataReportTask>(MakeSinks(Poco::Util::Application::instance().config()), FindNames);
         if (RegisterTask(commands.get(), false) != 0 || RegisterTask(data.get(), false) != 0) {
             ReportLog::Error("report tasks refused: another module has their names");
             return -1;

@@ -14,6 +14,8 @@ constexpr unsigned int queueCapacity = 4096;
 constexpr char alarmType[] = "2";
 constexpr std::chrono::milliseconds drainBound{500};
 constexpr std::size_t maxLoggedBytes = 1024;
+constexpr int nameWaitMs = 20;
+constexpr int mostEventsAtOnce = 16;
 
 bool IsAlarm(const Framework::Message* message)
 {
@@ -23,8 +25,9 @@ bool IsAlarm(const Framework::Message* message)
 
 }  // namespace
 
-DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe)
-    : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity)
+DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, FindNames findNames)
+    : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity),
+      findNames(std::move(findNames))
 {
     for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
         sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
@@ -47,17 +50,29 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
         return -1;
     }
     if (IsAlarm(data)) {
-        return Report(*data);
+        const auto alarm = unnamed.Pass(data->Content(), Names(), NameWait::Clock::now());
+        return alarm ? Report(*alarm) : 0;
     }
     ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
 }
 
-int DataReportTask::Report(const Framework::DataMessage& alarm)
+int DataReportTask::Run()
 {
-    const std::shared_ptr<AlarmDocument> document = AlarmDocument::Make(alarm.Content(), sinks.size());
+    if (unnamed.IsEmpty()) {
+        return Framework::Task::Run();
+    }
+    Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
+    BulkConsumeMsg(static_cast<int>(queueCapacity));
+    unnamed.Release(Names(), NameWait::Clock::now(), [this](const std::string& alarm) { Report(alarm); });
+    return 0;
+}
+
+int DataReportTask::Report(const std::string& alarm)
+{
+    const std::shared_ptr<AlarmDocument> document = AlarmDocument::Make(alarm, sinks.size());
     if (document == nullptr) {
-        ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.Content().size());
+        ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.size());
         return -1;
     }
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
@@ -70,6 +85,7 @@ int DataReportTask::UnInit()
 {
     while (BulkConsumeMsg(queueCapacity) > 0) {
     }
+    unnamed.Release(nullptr, NameWait::Clock::now(), [this](const std::string& alarm) { Report(alarm); });
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->End(drainBound);
     }

@@ -2,12 +2,14 @@
 // The two tasks that take what leaves the agent. Both belong to no feature: they start at once and wait for no policy.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "framework/Message.h"
 #include "framework/Task.h"
 #include "host/report/AlarmSink.h"
+#include "host/report/NameWait.h"
 #include "host/report/SinkQueue.h"
 
 namespace Engine {
@@ -16,20 +18,27 @@ namespace Engine {
 // have no receiver here and are logged. Its thread never waits for a sink.
 class DataReportTask : public Framework::Task {
 public:
+    // Null while there are none: they come and go with their module.
+    using FindNames = std::function<const SDK::ContainerNames*()>;
+
     // `sinks`: at least one.
-    explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks);
+    explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks, FindNames findNames = {});
 
     // Counts an alarm that the queue of the task refuses as lost.
     int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override;
     // 0, or -1 for a message that is no report and for an alarm that is not a JSON object.
     int HandleMsg(const Framework::Message* message) override;
+    int Run() override;
     // Handles what is still queued, then gives all sinks together half a second to write what they hold.
     int UnInit() override;
 
 private:
-    int Report(const Framework::DataMessage& alarm);
+    const SDK::ContainerNames* Names() const { return findNames ? findNames() : nullptr; }
+    int Report(const std::string& alarm);
 
     std::vector<std::unique_ptr<SinkQueue>> sinks;
+    FindNames findNames;
+    NameWait unnamed;
 };
 
 // "cmd_comm_report_task": takes the commands meant for a management side. This agent has none, so it logs them.

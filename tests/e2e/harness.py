@@ -198,7 +198,7 @@ class Agent(contextlib.AbstractContextManager):
         self.policy = pathlib.Path(self.folder.name) / "policy.json"
         self.policy.write_text(policy if isinstance(policy, str) else json.dumps(policy))
         command = [*prefix, str(AGENT), "run", "--policy", str(self.policy), *options]
-        command += ["--docker-socket", str(socket or pathlib.Path(self.folder.name) / "no-engine.sock")]
+        command += ["--docker-socket", str(socket or "none")]
         self.started = time.monotonic_ns()
         self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                                         errors="surrogateescape")

@@ -51,6 +51,19 @@ class Detectors(harness.InDocker):
         self.assertLess(min(latencies), 50)  # the least of them, which other work on the machine changes least
         self.assertLess(min(starts), 0.5)
 
+    def test_an_alarm_waits_for_the_names_of_an_engine_that_starts_and_goes_without_in_the_end(self):
+        server, socket = self.server(), self.folder / "later.sock"
+        agent = self.agent(calls=CALLS, socket=socket)
+        made, _ = server.do("self call unshare")
+        arrived, alarm = agent.alarm()
+        self.assertGreater((arrived - made) / 1e9, 1.9)
+        self.assertEqual((alarm.get("container_name"), alarm["resource_info"]["container_id"]), (None, self.victim))
+        server.do("self call setns")
+        agent.log.wait_for(lambda line: "waits for the name" in line and "setns" in line)
+        socket.symlink_to(self.engine.socket)
+        _, alarm = agent.alarm()
+        self.assertEqual((alarm["container_name"], alarm["image_name"]), ("victim", "probe:1"))
+
     def test_high_risk_is_once_an_hour_for_each_call_of_containers_through_either_entry(self):
         agent, server = self.agent(calls=(*CALLS, "umount2")), self.server()
         for order in ("self call unshare", "fork call mount", "fork call32 setns"):

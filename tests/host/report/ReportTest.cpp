@@ -185,4 +185,48 @@ TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDro
     EXPECT_EQ(Grown("alarms.lost"), texts.size());
 }
 
+struct FakeNames final : SDK::ContainerNames {
+    bool AreAwaited() const override { return areAwaited; }
+    std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override
+    {
+        return id == known ? std::make_shared<ContainerInfo>(ContainerInfo{id, "web", "sha256:1", "nginx", {}, {}})
+                           : nullptr;
+    }
+
+    bool areAwaited = true;
+    std::string known;
+};
+
+TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNoLonger)
+{
+    const std::string nameless = R"({"event_name":"x","resource_info":{"container_id":"c1"}})";
+    const auto start = NameWait::Clock::now();
+    FakeNames names;
+    NameWait wait;
+    std::string sent;
+    const auto release = [&](std::chrono::milliseconds after) {
+        wait.Release(&names, start + after, [&](const std::string& text) { sent += text + '\n'; });
+        return std::exchange(sent, {});
+    };
+    for (const char* text : {"", "[]", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})",
+                             R"({"container_name":"a","resource_info":{"container_id":"c1"}})"}) {
+        EXPECT_EQ(wait.Pass(text, &names, start), text);
+    }
+    EXPECT_EQ(wait.Pass(nameless, nullptr, start), nameless);
+    EXPECT_FALSE(wait.Pass(nameless, &names, start));
+    EXPECT_FALSE(wait.Pass(nameless, &names, start + 1s));
+    EXPECT_EQ(release(1999ms), "");
+    EXPECT_EQ(release(2000ms), nameless + "\n");
+    names.known = "c1";
+    const std::string named = wait.Pass(nameless, &names, start).value_or("");
+    for (const char* part : {R"("container_name":"web")", R"("image_name":"nginx")", R"("image_id":"sha256:1")",
+                             R"("container_id":"c1")"}) {
+        EXPECT_NE(named.find(part), std::string::npos) << named;
+    }
+    names.areAwaited = false;
+    EXPECT_EQ(release(2000ms), named + "\n") << "the engine has answered";
+    names.known = "";
+    EXPECT_EQ(wait.Pass(nameless, &names, start), nameless) << "no engine's container";
+}
+
 }  // namespace

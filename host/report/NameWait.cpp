@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/report/NameWait.h"
+
+#include <json/value.h>
+
+#include "host/report/ReportLog.h"
+#include "host/sdk/Counters.h"
+#include "sdk/JsonUtils.h"
+
+namespace Engine {
+
+namespace {
+
+// The container of an alarm that does not name it; empty for every other text.
+std::string NamelessContainer(const std::string& text, Json::Value& alarm)
+{
+    const bool isObject = SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), alarm) == 0 && alarm.isObject();
+    if (!isObject || alarm.isMember("container_name") || !alarm["resource_info"].isObject()) {
+        return {};
+    }
+    const Json::Value& id = alarm["resource_info"]["container_id"];
+    return id.isString() ? id.asString() : std::string{};
+}
+
+std::string Named(const std::string& text, Json::Value& alarm, const ContainerInfo* container)
+{
+    if (container == nullptr) {
+        return text;
+    }
+    alarm["container_name"] = container->name;
+    alarm["image_name"] = container->imageName;
+    alarm["resource_info"]["image_id"] = container->imageId;
+    return SDK::JsonUtils::JsonToString(alarm);
+}
+
+}  // namespace
+
+std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::ContainerNames* names,
+                                          Clock::time_point now)
+{
+    static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
+    Json::Value alarm;
+    const std::string id = names == nullptr ? std::string{} : NamelessContainer(text, alarm);
+    if (id.empty()) {
+        return text;
+    }
+    const auto found = names->Find(id);
+    if (found != nullptr || !names->AreAwaited() || waiting.size() >= capacity) {
+        return Named(text, alarm, found.get());
+    }
+    ++deferred;
+    ReportLog::Warning("alarm waits for the name of its container: %s", text);
+    waiting.emplace_back(text, now + patience);
+    return std::nullopt;
+}
+
+void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, const Send& send)
+{
+    const bool areAwaited = names != nullptr && names->AreAwaited();
+    for (; !waiting.empty() && (!areAwaited || waiting.front().second <= now); waiting.pop_front()) {
+        Json::Value alarm;
+        const std::string& text = waiting.front().first;
+        const std::string id = NamelessContainer(text, alarm);
+        const auto found = names == nullptr ? nullptr : names->Find(id);
+        send(Named(text, alarm, found.get()));
+    }
+}
+
+}  // namespace Engine

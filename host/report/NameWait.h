@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// Alarms that wait for the name of their container. At boot the agent is ready before the container engine, which has
+// started its containers by the time it tells of them.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "host/sdk/ContainerNames.h"
+
+namespace Engine {
+
+// Thread: one at a time.
+class NameWait {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Send = std::function<void(const std::string& text)>;
+
+    // After it an alarm goes out as it is.
+    static constexpr std::chrono::seconds patience{2};
+    // Alarms that may wait; more go out as they are.
+    static constexpr std::size_t capacity = 1024;
+
+    // The alarm as it goes out now, with the name of its container if that has become known since it was raised.
+    // Nothing when it waits from now on: it has a container whose name is awaited. It is shown in the log meanwhile, as
+    // it may tell of an attack that ends the agent. `names`: null for none.
+    std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now);
+
+    // Hands over, with their names as far as these are known, the alarms that have waited for long enough; all of them
+    // when names are awaited no more.
+    void Release(const SDK::ContainerNames* names, Clock::time_point now, const Send& send);
+
+    bool IsEmpty() const { return waiting.empty(); }
+
+private:
+    std::deque<std::pair<std::string, Clock::time_point>> waiting;  // and until when, the first one first
+};
+
+}  // namespace Engine

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+// The names of containers, for what is told about them after the detection has seen them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "messages/ContainerMessages.h"
+
+namespace SDK {
+
+// Any thread.
+class ContainerNames {
+public:
+    // Whether the container engine has not told of its containers yet, and may do so soon.
+    virtual bool AreAwaited() const = 0;
+
+    // Null for a container that is not known.
+    virtual std::shared_ptr<const Engine::ContainerInfo> Find(const std::string& id) const = 0;
+
+protected:
+    ~ContainerNames() = default;
+};
+
+}  // namespace SDK
