@@ -20,6 +20,31 @@ std::string IdOfPath(std::string_view path)
     return std::string{path.substr(path.size() - std::min(path.size(), maxIdBytes))};
 }
 
+std::string_view CutLast(std::string_view& path)
+{
+    const std::string_view last = path.substr(path.rfind('/') + 1);
+    path.remove_suffix(std::min(path.size(), last.size() + 1));
+    return last;
+}
+
+std::string_view Without(std::string_view text, std::string_view start, std::string_view end)
+{
+    const bool isAround = text.starts_with(start) && text.ends_with(end) && text.size() > start.size() + end.size();
+    return isAround ? text.substr(start.size(), text.size() - start.size() - end.size()) : text;
+}
+
+// The last part of the path. systemd-nspawn calls each container's group "payload", below the machine's own: NAME in
+// "machine-NAME.scope", or "systemd-nspawn@NAME.service".
+std::string NameOf(std::string_view path)
+{
+    const std::string_view last = CutLast(path);
+    const std::string_view above = CutLast(path);
+    if (last != "payload" || above.empty()) {
+        return std::string{last};
+    }
+    return std::string{Without(Without(above, "machine-", ".scope"), "systemd-nspawn@", ".service")};
+}
+
 }  // namespace
 
 std::string ContainerGroups::Find(const SDK::Cgroup& group) const
@@ -115,7 +140,7 @@ std::string ContainerGroups::Displace(const std::string& id, const Holder& holde
 
 std::string ContainerGroups::Adopt(const SDK::Cgroup& group)
 {
-    const std::string id = group.path.substr(group.path.rfind('/') + 1);
+    const std::string id = NameOf(group.path);
     const std::lock_guard lock{mutex};
     if (const std::string* known = ByPath(group); known != nullptr) {
         return *known;

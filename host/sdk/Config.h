@@ -5,7 +5,7 @@
 
 namespace SDK::Config {
 
-inline constexpr char dockerSocket[] = "docker.socket";     // path of the engine's socket, or noEngine
+inline constexpr char dockerSocket[] = "docker.socket";  // path of the engine's socket, or noEngine
 inline constexpr char noEngine[] = "none";
 inline constexpr char alarmsFile[] = "alarms.file";         // file that alarms are appended to; absent: standard output
 inline constexpr char traceBufferKb[] = "trace.buffer_kb";  // size of the kernel's buffer for each CPU, in KiB

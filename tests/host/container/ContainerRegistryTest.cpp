@@ -48,6 +48,9 @@ TEST(ContainerGroupsTest, AnIdBelongsToTheFirstGroupAndItsBettersAlone)
     EXPECT_EQ(groups.Adopt({0, "/other/web"}), "/other/web");
     EXPECT_EQ(groups.Find({0, "/default/web/below"}), "web");
     EXPECT_EQ(claim("/default"), "");
+    EXPECT_EQ(groups.Adopt({0, "/machine.slice/machine-db.scope/payload"}), "db");
+    EXPECT_EQ(groups.Adopt({0, "/machine.slice/systemd-nspawn@ldap.service/payload"}), "ldap");
+    EXPECT_EQ(groups.Adopt({0, "/payload"}), "payload");
 }
 
 // On a busy machine /proc is read when the helper has been moved, has forked and has ended already. An entry point that
