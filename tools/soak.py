@@ -7,7 +7,7 @@ With --adversary the attacks are those of adversary.py, by an attacker that know
 random, from a container of its own, against the alarms that must come of it, beside more storms and ordinary work. The
 seed, which is printed, decides their order. The agent runs as a user of its own and has the scope "container".
 
-Writes samples.csv, soak.svg, agent.log and verdict.txt into the folder of --out (build/soak). Exits with 1 when a check
+Writes samples.csv, soak.svg, alarms.jsonl, agent.log and verdict.txt into the folder of --out (build/soak). Exits with 1 when a check
 fails. Works with sanitized builds, too: what they report fails the run; their memory and descriptors are not judged.
 """
 
@@ -355,6 +355,7 @@ def soak_it(minutes, out, checked, seed):
                 results = list(judge(soak, sampler.rows, counts, churn, others, checked))
             finally:
                 soak.agent.close()
+                (out / "alarms.jsonl").write_text("\n".join(soak.agent.output.seen) + "\n", errors="surrogateescape")
                 (out / "agent.log").write_text("\n".join(soak.agent.log.seen) + "\n", errors="surrogateescape")
     finally:
         engine.close()

@@ -35,7 +35,7 @@ void AddRunCommand(CLI::App& program, Options& options)
         "(\"scope\": \"thread\") or each by itself (\"container\")")
         ->required();
     addText("--alarms", options.alarmsFile, "FILE", "Append alarms to FILE instead of writing them to standard output");
-    addText("--docker-socket", options.dockerSocket, "PATH", 
+    addText("--docker-socket", options.dockerSocket, "PATH",
             "The container engine's socket (/var/run/docker.sock), or none: alarms carry no names then");
     addText("--log-level", options.logLevel, "LEVEL",
             "none, fatal, critical, error, warning, notice (the default), information, debug or trace")

@@ -147,6 +147,7 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
         return std::nullopt;
     }
     Exec exec{pid, entry->state, entry->container, RuntimeSetUp::IsSelfExecution(filename)};
+    exec.identity = source.identity.number;
     if (exec.state == State::Host) {
         // Newer runtimes create the child inside the group (clone3(2), CLONE_INTO_CGROUP): no attach event told us.
         exec.container = ContainerTable::Shared(ContainerByGroups(pid).value_or(std::string{}));
@@ -169,6 +170,7 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
         entry.exit = ContainerTable::alive;  // the leader may have ended before the thread that takes over its id
         entry.inSetUp = exec.isSelfExecution;
         entry.executable = executable;
+        entry.identity = exec.identity;  // a thread that takes its leader's id over may lack the leader's
         if (exec.state != entry.state) {
             entry.MoveTo(exec.state, exec.container, when);
         }

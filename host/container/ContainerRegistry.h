@@ -75,6 +75,7 @@ public:
         Text container;
         bool isSelfExecution = false;
         bool enters = false;  // it is Inside from now on and was not before
+        std::uint32_t identity = 0;
     };
     // `place`: as CePlace, 0 where the kernel does not tell. Nothing when the thread has gone.
     std::optional<Exec> DecideExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,
@@ -96,8 +97,7 @@ public:
     // its end nor the other's fork need be told.
     static bool IsAnother(const Entry& entry, Nanoseconds when, const RecordSource& source)
     {
-        const std::uint32_t identity = source.identity.number;
-        return entry.exit < when || (identity != 0 && entry.identity != 0 && identity != entry.identity);
+        return entry.exit < when || (source.process != 0 && source.identity.number != entry.identity);
     }
 
     bool IsInside(int tid) const;

@@ -130,6 +130,9 @@ std::uint32_t ProcSync::Identified(int pid, Found& found, SyscallFilter& filter,
 {
     const ProcessIdentity identity = filter.IdentityOf(pid);
     Identify(found, identity);
+    if (identity.number != 0) {
+        filter.FollowExit(pid);
+    }
     if (identity.number != 0 || found.state != State::Inside) {
         return identity.number;
     }
@@ -152,6 +155,9 @@ void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
     }
     // Otherwise the id is another process's by now, and neither that one's exit nor this one's fork was told.
     const bool isSame = known->identity == 0 || seen.identity == 0 || known->identity == seen.identity;
+    if (isSame && seen.identity != 0) {
+        table.Update(seen.tid, [&](Entry& entry) { entry.identity = seen.identity; });
+    }
     // The events knew better: a process that was Inside stays there, one that /proc shows as the runtime still is it,
     // and a dead process that is still listed is a zombie.
     if (isSame && ContainerTable::Same(known->container, found.container) &&

@@ -74,10 +74,7 @@ void RegistryObserver::OnEvent(const FtraceMessage& event, const RecordSource& s
 TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                                                      TraceSequencer& sequencer)
 {
-    if (const Entry* last = registry.Find(tid);
-        last != nullptr && ContainerRegistry::IsAnother(*last, event.When(), source)) {
-        StopIfAnnounced(tid, sequencer);  // another bearer of the id, whose fork was not told
-    }
+    StopLastBearer(tid, event.When(), source, sequencer);
     const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
     if (entry == nullptr || !entry->IsInside()) {
         ExcludeHost(source.process, event.When(), sequencer.Filter());
@@ -131,6 +128,7 @@ void RegistryObserver::OnFork(const FtraceMessage& event, const RecordSource& so
 {
     const int parent = Number(event, "parent_pid");
     const int child = Number(event, "child_pid");
+    StopLastBearer(parent, event.When(), source, sequencer);
     registry.ApplyFork(parent, child, event.When(), source);
     if (!registry.IsInside(parent)) {
         StopIfAnnounced(child, sequencer);
@@ -155,6 +153,8 @@ void RegistryObserver::OnExec(const FtraceMessage& event, const RecordSource& so
     const std::string& filename = event.get_string("filename");
     if (oldPid != pid) {
         StopIfAnnounced(oldPid, sequencer);
+    } else {
+        StopLastBearer(pid, event.When(), source, sequencer);
     }
     const auto exec = registry.DecideExec(pid, oldPid, filename, event.When(), source,
                                           static_cast<unsigned int>(event.get_number("place")));
@@ -190,6 +190,9 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, const RecordSource& 
     }
     move.identity = static_cast<std::uint32_t>(event.get_number("identity"));
     move.identityBefore = static_cast<std::uint32_t>(event.get_number("identity_before"));
+    if (move.identity != 0 && move.identityBefore == 0) {
+        StopIfAnnounced(move.pid, sequencer);  // it was in no container: another bearer of the id was
+    }
     if (registry.ApplyAttach(move, event.When())) {
         EndGeneration(Announcements::Loss::None, sequencer);
     }
@@ -279,6 +282,14 @@ void RegistryObserver::StopIfAnnounced(int tid, TraceSequencer& sequencer)
 {
     if (!receivers.IsEmpty() && announcements.Remove(tid)) {
         SendStop(tid, sequencer);
+    }
+}
+
+// A process has the id whose fork was not told.
+void RegistryObserver::StopLastBearer(int tid, Nanoseconds when, const RecordSource& source, TraceSequencer& sequencer)
+{
+    if (const Entry* last = registry.Find(tid); last != nullptr && ContainerRegistry::IsAnother(*last, when, source)) {
+        StopIfAnnounced(tid, sequencer);
     }
 }
 

@@ -66,6 +66,7 @@ private:
     void EndGeneration(Announcements::Loss loss, TraceSequencer& sequencer);
     void SendStop(int tid, TraceSequencer& sequencer);
     void StopIfAnnounced(int tid, TraceSequencer& sequencer);
+    void StopLastBearer(int tid, Nanoseconds when, const RecordSource& source, TraceSequencer& sequencer);
     void RecordNamespaces(int tid, const std::string& container);
     std::shared_ptr<ContainerProcMessage> StartNotice(int tid, const Entry& entry);
 

@@ -31,6 +31,9 @@ public:
 
     virtual ProcessIdentity IdentityOf(int process) const = 0;
 
+    // Has the kernel tell of the exits of that process and its threads, also where it has not told of their forks.
+    virtual void FollowExit(int process) = 0;
+
     // Gives a process that has none an identity, `number`, or a new one if that is 0: it came into its control groups
     // before the kernel was asked to tell. What it has forked until then has none. The number; 0 when it fails.
     virtual std::uint32_t GiveIdentity(int process, std::uint32_t number) = 0;

@@ -351,6 +351,14 @@ ProcessIdentity SyscallProbe::IdentityOf(int process) const
     return {kept.identity, kept.isSetUp != 0};
 }
 
+void SyscallProbe::FollowExit(int process)
+{
+    const SDK::FileDescriptor pidfd = PidFd(process);
+    const int key = pidfd.Get();
+    const std::uint32_t isFollowed = 1;
+    bpf_map_update_elem(bpf_map__fd(program->maps.followed), &key, &isFollowed, BPF_ANY);  // it may have ended
+}
+
 std::uint32_t SyscallProbe::GiveIdentity(int process, std::uint32_t number)
 {
     const int tasks = bpf_map__fd(program->maps.tasks);

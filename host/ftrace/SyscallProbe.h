@@ -85,6 +85,7 @@ public:
     std::optional<Ticket> TicketOf(int process) const override;
     void Exclude(int process, Ticket ticket) override;
     ProcessIdentity IdentityOf(int process) const override;
+    void FollowExit(int process) override;
     std::uint32_t GiveIdentity(int process, std::uint32_t number) override;
 
     // Since the last call. Ends what calls have needed that are not watched any more.

@@ -39,8 +39,11 @@ std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::Co
                                           Clock::time_point now)
 {
     static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
+    if (names == nullptr) {
+        return text;
+    }
     Json::Value alarm;
-    const std::string id = names == nullptr ? std::string{} : NamelessContainer(text, alarm);
+    const std::string id = NamelessContainer(text, alarm);
     if (id.empty()) {
         return text;
     }

@@ -115,8 +115,9 @@ class Adversary(harness.InDocker):
                     if scope == "thread":
                         time.sleep(MERGE_SECONDS)
                     name = f"{scope}{number}"
-                    self.engine.docker("run", "--rm", "--name", name, *harness.OPEN, *CAPABLE, "probe:1", "probe",
-                                       *ATTACK.split())
+                    how = ("self", "fork", "self")[number]  # the container's first process, which no fork tells of
+                    self.engine.docker("run", "--rm", "--name", name, *harness.OPEN, *CAPABLE, "probe:1", "probe", how,
+                                       *ATTACK.split()[1:])
                     misses += agent.alarm(lambda alarm: alarm["container_name"] != "decoy")[1]["container_name"] != name
                 PID_MAX.write_text(before, encoding="ascii")
             return misses

@@ -58,6 +58,7 @@ class Detectors(harness.InDocker):
         arrived, alarm = agent.alarm()
         self.assertGreater((arrived - made) / 1e9, 1.9)
         self.assertEqual((alarm.get("container_name"), alarm["resource_info"]["container_id"]), (None, self.victim))
+        time.sleep(MERGE_SECONDS)
         server.do("self call setns")
         agent.log.wait_for(lambda line: "waits for the name" in line and "setns" in line)
         socket.symlink_to(self.engine.socket)

@@ -163,7 +163,8 @@ int BPF_PROG(OnExit, struct task_struct* task)
         return 0;
     }
     const struct CeTask* kept = Kept(task, 0);
-    if (kept != NULL && kept->identity != 0 && !kept->isTold) {
+    if (kept != NULL && kept->identity != 0 && !kept->isTold &&
+        bpf_task_storage_get(&followed, task->group_leader, NULL, 0) == NULL) {
         Count(CE_SHED_LIFE);
         return 0;
     }

@@ -26,6 +26,15 @@ struct {
     __type(value, struct CeTask);
 } tasks SEC(".maps");
 
+/* Of the leaders of processes that the agent knows without having been told of them. A table of its own, which the
+ * programs do not change: the agent may write to it at any time. */
+struct {
+    __uint(type, BPF_MAP_TYPE_TASK_STORAGE);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __type(key, int);
+    __type(value, __u32);
+} followed SEC(".maps");
+
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
     __uint(max_entries, CE_COUNTS);

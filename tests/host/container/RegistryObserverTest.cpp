@@ -24,6 +24,7 @@ protected:
     {
         return {process == 500 || process == 505 ? 9u : 0, process == 505};
     }
+    void FollowExit(int process) override { followed.insert(process); }
     std::uint32_t GiveIdentity(int process, std::uint32_t number) override
     {
         given.insert(process);
@@ -32,6 +33,7 @@ protected:
 
     std::set<int> recorded;
     std::set<int> given;
+    std::set<int> followed;
 };
 
 TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAndSetsTheNamespaces)
@@ -143,6 +145,7 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     Round();
     EXPECT_EQ(ContainerOf(505), "") << "the kernel knows it to be in set-up, however long that takes";
     EXPECT_TRUE(given.contains(503) && !given.contains(500));
+    EXPECT_THAT(followed, ElementsAre(500, 505));
     EXPECT_TRUE(Call(504, {77})) << "a child that inherits what it was given";
     proc.cgroups[8] = "/default/web";
     Run(404, "/default/web");
@@ -173,14 +176,19 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
                     .Number("identity", identity)
                     .Number("identity_before", before));
     };
+    const auto start = [&](int pid, const std::string& id) {
+        const auto identity = static_cast<std::uint32_t>(pid);
+        move(pid, id, identity, 0);
+        observer.OnEvent(Support::Exec(pid, "/bin/x").Number("old_pid", pid).Message(Next()), {pid, {identity, true}},
+                         *this);
+        EXPECT_TRUE(Call(pid, {identity}));
+    };
     Register();
-    for (const int pid : {400, 401}) {
-        move(pid, idA, static_cast<unsigned int>(pid), 0);
-        EXPECT_TRUE(Exec(pid, "/bin/a"));
-    }
+    start(400, idA);
+    start(401, idA);
+    start(403, idB);
     EXPECT_TRUE(Call(402, {401})) << "a child";
-    move(403, idB, 403, 0);
-    EXPECT_TRUE(Exec(403, "/bin/b"));
+    EXPECT_TRUE(Call(404, {401})) << "a child";
     Notices();
 
     move(400, idB, 9, 0);
@@ -189,7 +197,10 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
     EXPECT_TRUE(Call(402, {403}));
     EXPECT_EQ(ContainerOf(402), idB) << "a child of container b with an id of a's";
     EXPECT_EQ(last.containerId, idB);
-    EXPECT_THAT(Notices(), ElementsAre("-402", "+402"));
+    Run(404, "");
+    EXPECT_FALSE(Call(404)) << "a process of the host with an id of a's";
+    EXPECT_TRUE(Call(404, {403})) << "a child of container b with an id that was the host's";
+    EXPECT_THAT(Notices(), ElementsAre("-400", "-402", "+402", "-404", "+404"));
     move(401, idB, 10, 401);
     EXPECT_TRUE(Call(401, {10})) << "the host moves what is inside";
     EXPECT_EQ(ContainerOf(401), idB);
