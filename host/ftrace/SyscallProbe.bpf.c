@@ -6,7 +6,7 @@
  * is in the control groups of its parent, until it is moved, or is made in others at once (clone3(2) with
  * CLONE_INTO_CGROUP). The agent looks at what is left and takes out the processes of the host. What it needs to know of
  * those that come into a container later is kept here with the process. */
-#include "host/ftrace/program/Lives.h"
+#include "host/ftrace/program/Ring.h"
 
 static __always_inline void FillArguments(__u64* arguments, const struct pt_regs* regs, int compat)
 {
@@ -61,6 +61,20 @@ static __always_inline int IsCompat(const struct task_struct* task)
     return (task->thread_info.status & TS_COMPAT) != 0;
 }
 
+/* At the entry of a function that serves a call, whichever the entry into the kernel. A copy is attached to each; the
+ * one that is named here shows whether the kernel takes such a program at all: it is the first in the file, so that a
+ * kernel that does not has checked no other one in vain. */
+SEC("fentry/__x64_sys_ptrace")
+int BPF_PROG(OnCallFunction, struct pt_regs* regs)
+{
+    const struct CeWatchedCall call = tables.watched[bpf_get_attach_cookie(ctx) & (CE_CALLS - 1)][CE_NATIVE];
+    struct task_struct* task = bpf_get_current_task_btf();
+    if (call.event != 0 && !IsExcluded(task)) {
+        RecordCall(task, &call, regs, IsCompat(task));
+    }
+    return 0;
+}
+
 SEC("tp_btf/sys_enter")
 int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
 {
@@ -85,17 +99,7 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
     return 0;
 }
 
-/* At the entry of a function that serves a call, whichever the entry into the kernel. A copy is attached to each; the
- * one that is named here shows whether the kernel takes such a program at all. */
-SEC("fentry/__x64_sys_ptrace")
-int BPF_PROG(OnCallFunction, struct pt_regs* regs)
-{
-    const struct CeWatchedCall call = tables.watched[bpf_get_attach_cookie(ctx) & (CE_CALLS - 1)][CE_NATIVE];
-    struct task_struct* task = bpf_get_current_task_btf();
-    if (call.event != 0 && !IsExcluded(task)) {
-        RecordCall(task, &call, regs, IsCompat(task));
-    }
-    return 0;
-}
-
 char licence[] SEC("license") = "GPL";
+
+/* The programs for processes' lives, which come after the one above. */
+#include "host/ftrace/program/Lives.h"
