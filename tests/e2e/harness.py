@@ -222,6 +222,11 @@ class Agent(contextlib.AbstractContextManager):
         """Every alarm taken from the output so far."""
         return [json.loads(line) for line in self.output.seen]
 
+    def cpu_seconds(self):
+        """What it has used, in the kernel, too."""
+        fields = pathlib.Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def reload(self):
         """Has it read its policy again, and waits until that is in force."""
         self.process.send_signal(signal.SIGHUP)
