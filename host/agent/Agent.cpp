@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <map>
 #include <set>
 #include <stdexcept>
 
 #include "host/agent/Machine.h"
 #include "host/agent/StatusReport.h"
 #include "host/agent/Watchdog.h"
+#include "host/filenotify/FileStatus.h"
 #include "host/ftrace/TraceStatus.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/Impairments.h"
@@ -75,11 +77,12 @@ std::string Joined(const std::vector<std::string>& lines)
     return dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
 }
 
-// The events that the kernel records for detection.
-std::set<std::string> RecordedEvents(Framework::Engine& engine)
+KernelCoverage Coverage(Framework::Engine& engine)
 {
-    auto* status = Trace(engine);
-    return status != nullptr ? status->RecordedEvents() : std::set<std::string>{};
+    auto* trace = Trace(engine);
+    const auto* files = dynamic_cast<::Engine::FileStatus*>(engine.FindTask(fileNotifyTask));
+    return {trace != nullptr ? trace->RecordedEvents() : std::set<std::string>{},
+            files != nullptr ? files->Watches() : std::map<std::string, std::string>{}, CallEventsDir()};
 }
 
 }  // namespace
@@ -163,7 +166,7 @@ bool HostAgent::Apply(const char* occasion)
     }
     AwaitFileWatches();
     expectedTasks = engine.RunningTasks();
-    const PolicyCoverage coverage = Examine(plan.policy, RecordedEvents(engine), CallEventsDir());
+    const PolicyCoverage coverage = Examine(plan.policy, Coverage(engine));
     Warn(coverage.warnings);
     Announce(occasion, coverage);
     serviceManager.Ready();

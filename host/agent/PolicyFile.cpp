@@ -118,22 +118,34 @@ bool IsIdentifier(const std::string& name)
     });
 }
 
-void ExamineDirectory(const std::string& directory, bool isScopeContainer, PolicyCoverage& coverage)
+// Why the directory is not watched now; empty: it is.
+std::string WhyUnwatched(const std::string& directory, const SDK::PathEntry& entry, const KernelCoverage& kernel)
 {
-    const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
-    const std::string path{entry.path};
-    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
-    const std::string reason = entry.error != nullptr ? entry.error : std::strerror(errno);
-    const bool isGood = entry.error == nullptr;
-    const bool isAwaited = isGood && isScopeContainer && path.starts_with('/');
-    if (isGood && resolved != nullptr) {
-        ++coverage.directories;
-        return;
+    if (entry.error != nullptr) {
+        return entry.error;
     }
-    coverage.directories += isAwaited ? 1U : 0U;
-    coverage.warnings.push_back(SDK::StrUtils::Format("directory \"%s\": %s, it is %s", directory.c_str(),
-                                                      reason.c_str(),
-                                                      isAwaited ? "watched when it is there" : "not watched"));
+    const auto watch = kernel.watches.find(directory);
+    if (watch == kernel.watches.end()) {
+        return "there are no file notifications for it";
+    }
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(std::string{entry.path}.c_str(), nullptr),
+                                                               &std::free);
+    return !watch->second.empty() || resolved != nullptr ? watch->second : std::strerror(errno);
+}
+
+void ExamineDirectory(const std::string& directory, bool isScopeContainer, const KernelCoverage& kernel,
+                      PolicyCoverage& coverage)
+{
+    const std::string reason = WhyUnwatched(directory, SDK::ParsePathEntry(directory), kernel);
+    const auto watch = kernel.watches.find(directory);
+    const bool isTaken = watch != kernel.watches.end() && watch->second.empty();
+    const bool isAwaited = !reason.empty() && isTaken && isScopeContainer;
+    coverage.directories += reason.empty() || isAwaited ? 1U : 0U;
+    if (!reason.empty()) {
+        coverage.warnings.push_back(SDK::StrUtils::Format("directory \"%s\": %s, it is %s", directory.c_str(),
+                                                          reason.c_str(),
+                                                          isAwaited ? "watched when it is there" : "not watched"));
+    }
 }
 
 // The name is looked at first: it must not lead the look-up elsewhere.
@@ -191,8 +203,7 @@ Policy ParsePolicy(std::string text)
     return policy;
 }
 
-PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& recordedEvents,
-                       const std::string& callEventsDir)
+PolicyCoverage Examine(const Policy& policy, const KernelCoverage& kernel)
 {
     PolicyCoverage coverage;
     for (const std::string& key : policy.unknownKeys) {
@@ -200,17 +211,17 @@ PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& record
     }
     for (const std::string& call : policy.calls) {
         // The kernel has some calls' events under other names: what is recorded needs no look at the names.
-        if (recordedEvents.contains("syscalls:sys_enter_" + call)) {
+        if (kernel.events.contains("syscalls:sys_enter_" + call)) {
             ++coverage.calls;
         } else {
             coverage.warnings.push_back("call \"" + call + "\": " +
-                                        (HasEntryEvent(call, callEventsDir)
+                                        (HasEntryEvent(call, kernel.callEventsDir)
                                              ? "the detection module does not know it, it is not watched"
                                              : "the kernel has no trace event for it, it is not watched"));
         }
     }
     for (const std::string& directory : policy.directories) {
-        ExamineDirectory(directory, policy.isScopeContainer, coverage);
+        ExamineDirectory(directory, policy.isScopeContainer, kernel, coverage);
     }
     return coverage;
 }

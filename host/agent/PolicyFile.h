@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -37,10 +38,14 @@ struct PolicyCoverage {
     std::vector<std::string> warnings;  // a line for each entry that is not watched (yet) and for each unknown key
 };
 
-// `recordedEvents`: what the kernel records now, as "system:event". `callEventsDir`: tracefs's events/syscalls; it
-// tells a call that the kernel does not know from one that the detection module did not ask for. A directory that does
-// not exist is watched when it is made in the scope "container" only; one with bad permission letters is not watched.
-PolicyCoverage Examine(const Policy& policy, const std::set<std::string>& recordedEvents,
-                       const std::string& callEventsDir);
+// What the kernel does for the agent now.
+struct KernelCoverage {
+    std::set<std::string> events;                // that are recorded, "system:event"
+    std::map<std::string, std::string> watches;  // as FileStatus::Watches
+    std::string callEventsDir;                   // tracefs's events/syscalls: the calls that the kernel knows
+};
+
+// A directory that does not exist is watched when it is made in the scope "container" only.
+PolicyCoverage Examine(const Policy& policy, const KernelCoverage& kernel);
 
 }  // namespace Agent

@@ -60,7 +60,7 @@ int FileNotifyTask::Run()
     if (now >= nextCheck) {
         // Every event is dearer with objects. Not as soon as the last watch goes: with a new policy it comes again.
         ChangeGroup(watches.AnyChanges());
-        marks.Update(watches);
+        UpdateMarks();
         nextCheck = now + checkPeriod;
     }
     return going ? 0 : -1;
@@ -126,9 +126,29 @@ int FileNotifyTask::Receive(const FileNotifyWatchMessage& message)
     if (refusal.empty()) {
         return 0;
     }
+    if (message.watch) {
+        const std::lock_guard lock(mutex);
+        states[message.path] = refusal;
+    }
     const char* what = message.watch ? "watch of" : "withdrawal of the watch of";
     NotifyLog::Warning("%s %s refused: %s", what, message.path, refusal);
     return -1;
+}
+
+void FileNotifyTask::UpdateMarks()
+{
+    marks.Update(watches);
+    const std::lock_guard lock(mutex);
+    for (const Watch& watch : watches.Watches()) {
+        const std::error_code error = marks.ErrorOf(watch.number);
+        states[watch.text] = error ? error.message() : std::string{};
+    }
+}
+
+std::map<std::string, std::string> FileNotifyTask::Watches() const
+{
+    const std::lock_guard lock(mutex);
+    return states;
 }
 
 // Returns why the watch is refused; empty: it is not.
@@ -142,7 +162,7 @@ std::string FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
     if (watches.AnyChanges()) {
         ChangeGroup(true);
     }
-    marks.Update(watches);
+    UpdateMarks();
     const std::error_code error = marks.ErrorOf(number);
     if (!error) {
         return {};
@@ -153,10 +173,15 @@ std::string FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
 
 std::string FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
 {
-    if (!watches.Remove(message.requester, message.path)) {
+    const bool isWatched = watches.Remove(message.requester, message.path);
+    {
+        const std::lock_guard lock(mutex);
+        states.erase(message.path);  // it comes back if another task watches it, too
+    }
+    if (!isWatched) {
         return "it is not watched";
     }
-    marks.Update(watches);
+    UpdateMarks();
     return {};
 }
 

@@ -3,16 +3,20 @@
 //
 // The answer to a FileNotifyWatchMessage is 0, or -1 with a log record: a malformed entry, a permission event, a
 // filesystem that can be marked in no way, or the withdrawal of a watch that there is not. A path that does not exist
-// is waited for. Thread: its own, for everything but construction and destruction.
+// is waited for. Thread: its own, for everything but construction, destruction and Watches.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include "framework/Task.h"
 #include "host/filenotify/FanotifyGroup.h"
+#include "host/filenotify/FileStatus.h"
 #include "host/filenotify/Marks.h"
 #include "host/filenotify/Notifier.h"
 #include "host/filenotify/WatchTable.h"
@@ -20,7 +24,9 @@
 
 namespace Engine {
 
-class FileNotifyTask : public Framework::Task, public AbstractMessage<FileNotifyWatchMessage>::Receiver {
+class FileNotifyTask : public Framework::Task,
+                       public FileStatus,
+                       public AbstractMessage<FileNotifyWatchMessage>::Receiver {
 public:
     // `opened`: a group that is open.
     explicit FileNotifyTask(FanotifyGroup opened);
@@ -35,9 +41,12 @@ public:
 
     int Receive(const FileNotifyWatchMessage& message) override;
 
+    std::map<std::string, std::string> Watches() const override;
+
 private:
     using Clock = std::chrono::steady_clock;
 
+    void UpdateMarks();
     std::string AddWatch(const FileNotifyWatchMessage& message);
     std::string RemoveWatch(const FileNotifyWatchMessage& message);
     void ChangeGroup(bool withObjects);
@@ -50,6 +59,8 @@ private:
     WatchTable watches;
     Marks marks{group};
     Notifier notifier;
+    mutable std::mutex mutex;  // of the next one
+    std::map<std::string, std::string> states;
     std::vector<std::byte> buffer;
     bool listening = false;      // the descriptor is in the waiter
     bool readable = false;       // it was reported ready
