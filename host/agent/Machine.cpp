@@ -37,6 +37,16 @@ bool IsAllowed(const std::string& path, int mode)
     return ::faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0;
 }
 
+// The kernel's events name processes by their ids in the first namespace, whose number is fixed (PROC_PID_INIT_INO in
+// include/linux/proc_ns.h).
+bool SeesHostProcessIds()
+{
+    constexpr char first[] = "pid:[4026531836]";
+    std::array<char, sizeof first> own{};
+    const ssize_t length = ::readlink("/proc/self/ns/pid", own.data(), own.size());
+    return length > 0 && std::string(own.data(), static_cast<std::size_t>(length)) == first;
+}
+
 // Those that nothing works without, with a space before each.
 std::string MissingCapabilities()
 {
@@ -77,6 +87,10 @@ std::string WhyNotHere()
 {
     if (const std::string missing = MissingCapabilities(); !missing.empty()) {
         return "lacks" + missing + ": start it as root or as a system service";
+    }
+    if (!SeesHostProcessIds()) {
+        return "is in a process id namespace of its own and would take processes for others: start it on the host, or "
+               "its container with the host's process ids";
     }
     if (Tracefs().empty()) {
         return "finds no tracefs: mount it with \"mount -t tracefs nodev /sys/kernel/tracing\", outside of a container";

@@ -12,9 +12,10 @@ import harness
 
 class Operator(unittest.TestCase):
     def test_a_policy_is_read_again_and_a_bad_one_refused_then_and_at_the_start(self):
-        with harness.Agent(harness.policy(("mount", "nosuchcall", "bpf"))) as agent:
-            self.assertIn("watching 1 of 3 listed calls", agent.ready_line)
+        with harness.Agent(harness.policy(("mount", "nosuchcall", "bpf"), ("/etc", "etc"))) as agent:
+            self.assertIn("watching 1 of 3 listed calls, 1 of 2 listed directories", agent.ready_line)
             log = "\n".join(agent.log.seen)
+            self.assertIn('directory "etc": not an absolute path, it is not watched', log)
             self.assertIn('call "nosuchcall": the kernel has no trace event', log)
             self.assertIn('call "bpf": the detection module does not know it', log)
             self.assertIn("always,exit -S madvise -S ptrace", log)  # the module's own odd wish harms nothing
@@ -30,6 +31,14 @@ class Operator(unittest.TestCase):
             self.assertIn("watching 2 of 2 listed calls", agent.log.seen[-1])
             self.assertIsNotNone(agent.stop())
             self.assertEqual(agent.exit_code, 0)
+
+    def test_it_does_not_start_where_it_would_miss_everything(self):
+        for prefix, why in ((("unshare", "--pid", "--fork", "--mount-proc"), "in a process id namespace of its own"),
+                            (("setpriv", "--bounding-set=-sys_admin"), "lacks CAP_SYS_ADMIN")):
+            done = subprocess.run([*prefix, harness.AGENT, "run", "--policy", harness.ROOT / "packaging/policy.json"],
+                                  stderr=subprocess.PIPE, text=True, check=False)
+            self.assertEqual(done.returncode, 77)
+            self.assertIn(why, done.stderr)
 
     def test_a_stop_during_the_start_is_clean(self):
         with tempfile.NamedTemporaryFile("w", suffix=".json") as policy:
