@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/TraceCounts.h"
 
+#include <string>
 #include <utility>
 
 #include "host/ftrace/Log.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/Impairments.h"
 
 namespace Engine {
 namespace {
@@ -55,17 +57,19 @@ void TraceCounts::Warn(std::chrono::steady_clock::time_point now)
     const std::pair<SDK::RepeatedReport&, const char*> places[] = {
         {inKernel,
          "%?u events were lost in the kernel's buffers, detection may have missed something: make them larger "
-         "(--buffer-kb)"},
+         "(--buffer-kb)%s"},
         {inQueues,
          "%?u trace events were refused by a subscriber's full queue, detection may have missed something: "
-         "watch fewer system calls"},
+         "watch fewer system calls%s"},
         {inStorms,
-         "%?u system calls were excluded so that containers that storm do not hide the others: find out which "
-         "container makes so many of the watched calls, or watch fewer"},
+         "%?u system calls were excluded so that containers that storm do not hide the others: watch fewer, or find "
+         "out why a container makes so many of them%s"},
     };
     for (const auto& [lost, text] : places) {
         if (const std::uint64_t events = lost.TakeDue(now); events != 0) {
-            TraceLog::Warning(text, events);
+            const std::string loudest = SDK::Impairments::Loudest(SDK::Impairments::Source::Trace);
+            TraceLog::Warning(text, events,
+                              loudest.empty() ? loudest : "; most events lately are of container " + loudest);
         }
     }
 }
