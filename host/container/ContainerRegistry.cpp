@@ -28,10 +28,12 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
 {
     Entry made;
     const Entry* from = FindOrLoad(parent, when, source);
+    FollowSetUp(parent, source, when);
     if (from != nullptr) {
         made.state = from->state;
         made.inSetUp = from->inSetUp;
         made.bornInSetUp = from->inSetUp;
+        made.wasMovedInside = from->wasMovedInside;
         made.container = from->container;
         made.executable = from->executable;
     }
@@ -85,7 +87,10 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     }
     const bool wasInside = entry->IsInside();
     const State next = id.empty() ? State::Host : wasInside ? State::Inside : State::Entering;
-    table.Update(pid, [&](Entry& moved) { moved.MoveTo(next, ContainerTable::Shared(id), when); });
+    table.Update(pid, [&](Entry& moved) {
+        moved.MoveTo(next, ContainerTable::Shared(id), when);
+        moved.wasMovedInside = wasInside;
+    });
     if (wasInside) {
         MoveOthers(pid, *entry, when);
     }
@@ -173,6 +178,8 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
         entry.identity = exec.identity;  // a thread that takes its leader's id over may lack the leader's
         if (exec.state != entry.state) {
             entry.MoveTo(exec.state, exec.container, when);
+        } else if (exec.state == State::Inside) {
+            entry.since = std::min(entry.since, when);  // it was promoted by the clock, which is ahead of the events
         }
     });
 }
@@ -215,6 +222,16 @@ void ContainerRegistry::ForgetHost(int process)
     for (const int tid : system.Threads(process)) {
         forget(tid);
     }
+}
+
+void ContainerRegistry::FollowSetUp(int tid, const RecordSource& source, Nanoseconds when)
+{
+    const Entry* entry = source.identity.number == 0 ? nullptr : Find(tid);
+    const State next = source.identity.isInSetUp ? State::Entering : State::Inside;
+    if (entry == nullptr || entry->container == nullptr || entry->state == next || entry->wasMovedInside) {
+        return;
+    }
+    table.Update(tid, [&](Entry& known) { known.MoveTo(next, known.container, when); });
 }
 
 bool ContainerRegistry::IsInside(int tid) const

@@ -41,10 +41,12 @@ public:
 
     struct Entry {
         State state = State::Host;
-        bool inSetUp = false;         // runs a runtime that re-executed itself, or was forked by one
-        bool bornInSetUp = false;     // was forked by one: it is what a runtime made for the container's program
-        bool hasForked = false;       // Inside, and has forked there or was forked there
-        Text container;               // null for the host
+        bool inSetUp = false;      // runs a runtime that re-executed itself, or was forked by one
+        bool bornInSetUp = false;  // was forked by one: it is what a runtime made for the container's program
+        bool hasForked = false;    // Inside, and has forked there or was forked there
+        bool wasMovedInside =
+            false;       // a process of the host has moved it, or what forked it, when it was Inside already
+        Text container;  // null for the host
         Nanoseconds since = longAgo;  // when the container that others see last changed
         Text before;                  // the one until then, null for none
         Nanoseconds seen = longAgo;   // it is known to have started by then

@@ -248,7 +248,9 @@ std::vector<int> ProcSync::PromoteOverdue(Nanoseconds now)
     std::vector<int> promoted;
     for (const auto& [tid, until] : provisional) {
         const Entry* entry = table.Find(tid);
-        if (until <= now && entry != nullptr && entry->state == State::Entering && entry->IsAlive()) {
+        // The kernel knows what has an identity.
+        const bool isGuess = entry != nullptr && entry->identity == 0;
+        if (until <= now && isGuess && entry->state == State::Entering && entry->IsAlive()) {
             table.Update(tid, [now](Entry& overdue) { overdue.MoveTo(State::Inside, overdue.container, now); });
             promoted.push_back(tid);
         }

@@ -76,6 +76,10 @@ TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource
 {
     StopLastBearer(tid, event.When(), source, sequencer);
     const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
+    registry.FollowSetUp(tid, source, event.When());
+    if (entry != nullptr && entry->IsInside() && entry->since > event.When() && entry->before == nullptr) {
+        return notAdmitted;  // it was not in the container yet
+    }
     if (entry == nullptr || !entry->IsInside()) {
         ExcludeHost(source.process, event.When(), sequencer.Filter());
         return notAdmitted;

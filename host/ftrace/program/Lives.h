@@ -69,7 +69,7 @@ int BPF_PROG(OnFork, struct task_struct* parent, struct task_struct* child)
             *(volatile __u16*)state = 1;
         }
     }
-    const __u32 identity = isMadeElsewhere ? Identify(child, parent->tgid) : 0;
+    const __u32 identity = isMadeElsewhere ? Identify(child, parent) : 0;
     if (IsHost(child->tgid)) {
         return 0;
     }
@@ -90,14 +90,6 @@ static __always_inline int MayBeSetUp(const char* name)
            (name[0] == '/' && name[1] == 'd' && name[2] == 'e' && name[3] == 'v' && name[4] == '/' && name[5] == 'f');
 }
 
-static __always_inline __u32 PlaceOf(const struct task_struct* task)
-{
-    const struct inode* root = task->fs->root.dentry->d_inode;
-    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
-    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
-    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
-}
-
 static __always_inline struct CeTask* Remember(struct task_struct* task, const char* filename, __u32 place)
 {
     char name[CE_SET_UP_NAME] = {0};
@@ -112,7 +104,9 @@ static __always_inline struct CeTask* Remember(struct task_struct* task, const c
     } else {
         kept->executed[0] = 0;
     }
-    kept->isSetUp = kept->isSetUp && mayBeSetUp && (place & CE_OTHER_MOUNTS) == 0;
+    if (!mayBeSetUp || (place & CE_OTHER_MOUNTS) != 0) {
+        kept->isSetUp = 0; /* written only then: a runtime is moved while it executes itself */
+    }
     return kept;
 }
 

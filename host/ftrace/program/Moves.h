@@ -35,10 +35,17 @@ static __always_inline void RecordMove(struct Account* account, struct task_stru
     bpf_ringbuf_submit(record, 0);
 }
 
-/* Nothing is recorded of the host's processes, so a mover of which something is recorded may be a container's. */
-static __always_inline __u32 Identify(struct task_struct* task, __u32 mover)
+/* A process that the agent has not excluded yet may be the host's all the same: the agent may lag behind or stand
+ * still, and a runtime is quick. What comes from a container has an identity, or a root directory or mounts of its own.
+ */
+static __always_inline int MayMove(struct task_struct* mover)
 {
-    struct CeTask* kept = IsHost(mover) ? Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE) : NULL;
+    return IsHost(mover->tgid) || (IdentityOf(mover) == 0 && PlaceOf(mover) == CE_PLACE_KNOWN);
+}
+
+static __always_inline __u32 Identify(struct task_struct* task, struct task_struct* mover)
+{
+    struct CeTask* kept = MayMove(mover) ? Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE) : NULL;
     if (kept == NULL) {
         return 0;
     }
@@ -52,17 +59,17 @@ static __always_inline __u32 Identify(struct task_struct* task, __u32 mover)
     return kept->identity;
 }
 
+/* The process is included last: nothing of it may be recorded, with an earlier time, before its move is. */
 SEC("tp_btf/cgroup_attach_task")
 int BPF_PROG(OnMove, struct cgroup* group, const char* path, struct task_struct* task)
 {
-    /* First: a process of the host may move itself. */
     const __u32 before = IdentityOf(task);
-    const __u32 identity = Identify(task, bpf_get_current_pid_tgid() >> 32);
-    MayBeInContainer(task->tgid);
+    struct task_struct* mover = bpf_get_current_task_btf();
+    const __u32 identity = Identify(task, mover);
     if (tables.life[CE_MOVE] != 0) {
-        struct task_struct* mover = bpf_get_current_task_btf();
         struct Account* account = IsHost(mover->tgid) ? NULL : AccountOf(mover, Kept(mover, 0));
         RecordMove(account, task, group, path, identity, before);
     }
+    MayBeInContainer(task->tgid);
     return 0;
 }

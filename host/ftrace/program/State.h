@@ -83,3 +83,11 @@ static __always_inline __u32 IdentityOf(struct task_struct* task)
     const struct CeTask* leader = Kept(task->group_leader, 0);
     return leader == NULL ? 0 : leader->identity;
 }
+
+static __always_inline __u32 PlaceOf(const struct task_struct* task)
+{
+    const struct inode* root = task->fs->root.dentry->d_inode;
+    const int isOtherRoot = root->i_ino != settings.hostRoot || root->i_sb->s_dev != settings.hostDevice;
+    const int isElsewhere = task->nsproxy->mnt_ns->ns.inum != settings.hostMounts;
+    return CE_PLACE_KNOWN | (isElsewhere ? CE_OTHER_MOUNTS : 0) | (isOtherRoot ? CE_OTHER_ROOT : 0);
+}

@@ -214,6 +214,9 @@ TEST_F(ContainerRegistryTest, WhatOnlyLooksLikeARuntimeIsBelievedForAShortTime)
     EXPECT_THAT(registry.PromoteOverdue(now + Engine::ProcSync::believeSetUp / 2), testing::ElementsAre());
     EXPECT_THAT(registry.PromoteOverdue(now + Engine::ProcSync::believeSetUp), testing::ElementsAre(400));
     EXPECT_EQ(ContainerOf(400), idA);
+    EXPECT_FALSE(Call(400)) << "what it did before, while the agent stood still";
+    Exec(400, "/bin/sh");
+    EXPECT_TRUE(Call(400)) << "likewise, but it is the container's program";
 }
 
 }  // namespace

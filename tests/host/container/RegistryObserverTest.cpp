@@ -179,8 +179,7 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
     const auto start = [&](int pid, const std::string& id) {
         const auto identity = static_cast<std::uint32_t>(pid);
         move(pid, id, identity, 0);
-        observer.OnEvent(Support::Exec(pid, "/bin/x").Number("old_pid", pid).Message(Next()), {pid, {identity, true}},
-                         *this);
+        observer.OnEvent(Support::Exec(pid, "/bin/x").Number("old_pid", pid).Message(Next()), {pid, {identity}}, *this);
         EXPECT_TRUE(Call(pid, {identity}));
     };
     Register();
@@ -189,6 +188,8 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
     start(403, idB);
     EXPECT_TRUE(Call(402, {401})) << "a child";
     EXPECT_TRUE(Call(404, {401})) << "a child";
+    EXPECT_FALSE(Call(403, {403, true})) << "recorded before the exec: what /proc says is ahead";
+    EXPECT_TRUE(Call(403, {403})) << "although no exec is told of";
     Notices();
 
     move(400, idB, 9, 0);
@@ -202,7 +203,7 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
     EXPECT_TRUE(Call(404, {403})) << "a child of container b with an id that was the host's";
     EXPECT_THAT(Notices(), ElementsAre("-400", "-402", "+402", "-404", "+404"));
     move(401, idB, 10, 401);
-    EXPECT_TRUE(Call(401, {10})) << "the host moves what is inside";
+    EXPECT_TRUE(Call(401, {10, true})) << "the host moves what is inside";
     EXPECT_EQ(ContainerOf(401), idB);
 }
 
