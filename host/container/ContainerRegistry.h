@@ -100,8 +100,8 @@ public:
         return entry.exit < when || (source.process != 0 && source.identity.number != entry.identity);
     }
 
-    // A record tells whether its process was in set-up then. The entry may be ahead of it, made from /proc after a loss,
-    // or behind, when an exec was lost. `source`: the record's, of a thread for which IsAnother is false.
+    // A record tells whether its process was in set-up then. The entry may be ahead of it, made from /proc after a
+    // loss, or behind, when an exec was lost. `source`: the record's, of a thread for which IsAnother is false.
     void FollowSetUp(int tid, const RecordSource& source, Nanoseconds when);
 
     bool IsInside(int tid) const;
