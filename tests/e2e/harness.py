@@ -29,6 +29,7 @@ DOCKER = "/usr/bin/docker" if os.path.exists("/usr/bin/docker") else "docker"
 
 # How long a step may take before it is called broken: far beyond what a busy machine needs.
 PATIENCE = 60.0
+PERCENT = int(os.environ.get("CE_TRIES_PERCENT", "100"))  # fewer tries, for many runs
 
 # What the detectors call their alarms.
 HIGH_RISK = "High-Risk System Invocation"
@@ -41,6 +42,10 @@ HOST_FILE = "/etc/hostname"
 OPEN = ("--network", "none", "--security-opt", "seccomp=unconfined")
 # Alarms of one name are merged while the first of them is at most 2 s old, counted in whole seconds.
 MERGE_SECONDS = 3.1
+
+
+def tries(number):
+    return max(2, number * PERCENT // 100)
 
 
 def run(*command, **options):

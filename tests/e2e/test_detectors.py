@@ -33,7 +33,7 @@ class Detectors(harness.InDocker):
         server = self.server()
         image_id = self.engine.inspect("victim", "{{.Image}}")
         latencies, starts, work = [], [], []
-        for _ in range(50):
+        for _ in range(harness.tries(50)):
             with self.agent(calls=CALLS) as agent:
                 work.append(agent.cpu_seconds())
                 made, pid = server.do("self call unshare")
@@ -47,7 +47,7 @@ class Detectors(harness.InDocker):
                 "image_name": "probe:1", "forensic_info": {"sys_call": "unshare"},
                 "resource_info": {"container_id": self.victim, "image_id": image_id},
                 "process_info": [{"process_pid": harness.host_pid(pid, "probe"), "process_name": "probe"}]})
-        print(f"\n  call to alarm: median {statistics.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of 50; "
+        print(f"\n  call to alarm: median {statistics.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of {len(work)}; "
               f"start to ready: median {statistics.median(starts):.3f} s, maximum {max(starts):.3f} s, of CPU time "
               f"{statistics.median(work):.3f} s")
         self.assertLess(min(latencies), 50)  # the least of them, which other work on the machine changes least
@@ -115,7 +115,7 @@ class Detectors(harness.InDocker):
 
     def test_shocker_from_every_kind_of_process(self):
         ways = ("self", "fork", "thread", "first")
-        for _ in range(20):
+        for _ in range(harness.tries(20)):
             with self.agent() as agent:
                 for how in ways:
                     if how == "first":

@@ -8,7 +8,7 @@ import time
 import harness
 from harness import MERGE_SECONDS
 
-TRIES = 20
+TRIES = harness.tries(20)
 # What a container does; the watched directories' parent is its /host.
 TECHNIQUES = {
     "rename into": "rename /host/out/file /host/watched/in",

@@ -62,9 +62,9 @@ class Precision(harness.InDocker):
         return super().start(*words, command=command)
 
     def benign(self, *words):
-        """A hundred times, three at a time."""
+        """Many times, three at a time."""
         with concurrent.futures.ThreadPoolExecutor(3) as pool:
-            list(pool.map(lambda _: self.engine.docker(*words, *BENIGN), range(100)))
+            list(pool.map(lambda _: self.engine.docker(*words, *BENIGN), range(harness.tries(100))))
 
     def build(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -117,7 +117,7 @@ class Precision(harness.InDocker):
             self.attack("self", *deed.split())
             agent.alarm(named(name))
         counts = agent.stop()
-        print(f"\n  100 runs, 100 execs: {len(agent.alarms())} alarms, of attacks all; call to alarm "
+        print(f"\n  {harness.tries(100)} runs and execs: {len(agent.alarms())} alarms, of attacks all; call to alarm "
               f"{min(latencies):.1f} to {max(latencies):.1f} ms; {counts}")
         self.assertEqual([(alarm["event_name"], alarm["resource_info"]["container_id"])
                           for alarm in agent.alarms()[:len(phases)]], expected)

@@ -15,7 +15,7 @@ import harness
 from harness import FILES, HOST_FILE, SHOCKER, named
 
 CPUS = sorted(os.sched_getaffinity(0))
-TRIES = 20
+TRIES = harness.tries(20)
 # Storms of many processes: so many attacks each, and at normal priority, too, when all is to be measured.
 #   CE_STORM_TRIES=16 run.py storm_of_processes; CE_AGENT=PATH: another build of the agent
 MEASURED = int(os.environ.get("CE_STORM_TRIES", "0"))
@@ -140,7 +140,7 @@ class Storms(harness.InDocker):
         return json.loads(stats.read_text())
 
     def test_every_call_of_a_storm_is_accounted_for(self):
-        calls = 4000000 // len(CPUS)  # more than the largest rings hold
+        calls = harness.tries(4000000) // len(CPUS)  # more than the largest rings hold
         servers = [self.server(name) for name in self.loud_containers()]
         runs = [("bpf", kb) for kb in (4, 64, 1024, 8192, 65536)] + [("tracefs", kb) for kb in (64, 65536)]
         for (source, kb), slowed in itertools.product(runs, (False, True)):
