@@ -124,6 +124,9 @@ std::string WhyUnwatched(const std::string& directory, const SDK::PathEntry& ent
     if (entry.error != nullptr) {
         return entry.error;
     }
+    if (!entry.path.starts_with('/')) {
+        return "not an absolute path";
+    }
     const auto watch = kernel.watches.find(directory);
     if (watch == kernel.watches.end()) {
         return "there are no file notifications for it";

@@ -84,9 +84,10 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
     Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
         "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"],
         "host_directorys": [], "x": 3}}})");
-    policy.directories = {good, good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", "", "etc", "/proc"};
+    policy.directories = {good,  good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", "",
+                          "etc", "/proc",          "/sys"};
     const KernelCoverage kernel{{"syscalls:sys_enter_mount", "sched:sched_switch"},
-                                {{good, ""}, {good + "*/*rwxa", ""}, {good + "/none*/*r", ""}, {"etc", "not absolute"}},
+                                {{good, ""}, {good + "*/*rwxa", ""}, {good + "/none*/*r", ""}, {"/sys", "refused"}},
                                 good};
     const PolicyCoverage coverage = Examine(policy, kernel);
     EXPECT_EQ(coverage.calls, 1U);
@@ -97,7 +98,8 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
                     HasSubstr("*/*q\""), HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\""),
-                    HasSubstr("\"etc\": not absolute, it is not watched"), HasSubstr("\"/proc\": there are no")));
+                    HasSubstr("\"etc\": not an absolute path, it is not watched"),
+                    HasSubstr("\"/sys\": refused, it is not watched"), HasSubstr("\"/proc\": there are no")));
     policy.isScopeContainer = true;
     EXPECT_EQ(Examine(policy, kernel).directories, 3U) << "a later path is waited for, a bad entry is not";
 }
