@@ -78,7 +78,7 @@ expect_calls() {
 }
 # agent ARGUMENT...: starts it
 agent() {
-    "$build/bin/containerescape-agent" run --policy /tmp/policy --docker-socket /tmp/none --alarms /tmp/alarms \
+    "$build/bin/containerescape-agent" run --policy /tmp/policy --docker-socket none --alarms /tmp/alarms \
         --syscalls $source --stats /tmp/stats "$@" 2>/tmp/log &
     agent=$!
     awaits 'agent: ready' /tmp/log
