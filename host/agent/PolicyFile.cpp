@@ -9,10 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <string_view>
 
 #include "PathEntry.h"
@@ -118,8 +116,8 @@ bool IsIdentifier(const std::string& name)
     });
 }
 
-// Why the directory is not watched now; empty: it is.
-std::string WhyUnwatched(const std::string& directory, const SDK::PathEntry& entry, const KernelCoverage& kernel)
+// Why the directory is not watched, there or not; empty: it is when it is there.
+std::string WhyRefused(const std::string& directory, const SDK::PathEntry& entry, const KernelCoverage& kernel)
 {
     if (entry.error != nullptr) {
         return entry.error;
@@ -128,26 +126,24 @@ std::string WhyUnwatched(const std::string& directory, const SDK::PathEntry& ent
         return "not an absolute path";
     }
     const auto watch = kernel.watches.find(directory);
-    if (watch == kernel.watches.end()) {
-        return "there are no file notifications for it";
-    }
-    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(std::string{entry.path}.c_str(), nullptr),
-                                                               &std::free);
-    return !watch->second.empty() || resolved != nullptr ? watch->second : std::strerror(errno);
+    return watch == kernel.watches.end() ? "there are no file notifications for it" : watch->second;
 }
 
 void ExamineDirectory(const std::string& directory, bool isScopeContainer, const KernelCoverage& kernel,
                       PolicyCoverage& coverage)
 {
-    const std::string reason = WhyUnwatched(directory, SDK::ParsePathEntry(directory), kernel);
-    const auto watch = kernel.watches.find(directory);
-    const bool isTaken = watch != kernel.watches.end() && watch->second.empty();
-    const bool isAwaited = !reason.empty() && isTaken && isScopeContainer;
-    coverage.directories += reason.empty() || isAwaited ? 1U : 0U;
+    const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
+    std::string reason = WhyRefused(directory, entry, kernel);
+    bool isWatched = reason.empty();
+    if (isWatched && ::access(std::string{entry.path}.c_str(), F_OK) != 0) {
+        reason = std::strerror(errno);
+        isWatched = isScopeContainer;
+    }
+    coverage.directories += isWatched ? 1U : 0U;
     if (!reason.empty()) {
         coverage.warnings.push_back(SDK::StrUtils::Format("directory \"%s\": %s, it is %s", directory.c_str(),
                                                           reason.c_str(),
-                                                          isAwaited ? "watched when it is there" : "not watched"));
+                                                          isWatched ? "watched when it is there" : "not watched"));
     }
 }
 

@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "host/sdk/Config.h"
-
 namespace Engine {
 
 namespace {
@@ -20,7 +18,6 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
-      hasEngine(socketPath != SDK::Config::noEngine),
       socketWatch(socketPath),
       view(table, groups, system),
       registry(table, groups, system),
@@ -134,7 +131,7 @@ bool ContainerCollectTask::IsAvailable()
 
 bool ContainerCollectTask::AreAwaited() const
 {
-    return hasEngine && !engine.HasReadAll() && ContainerEngineClient::Clock::now() - begun < engineStarts;
+    return engine.MayAnswer() && !engine.HasReadAll() && ContainerEngineClient::Clock::now() - begun < engineStarts;
 }
 
 int ContainerCollectTask::PauseMilliseconds() const

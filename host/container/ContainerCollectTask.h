@@ -64,7 +64,6 @@ public:
 private:
     int PauseMilliseconds() const;
 
-    const bool hasEngine;
     SocketWatch socketWatch;
     MetadataCache cache;
     ContainerTable table;

@@ -30,10 +30,15 @@ ContainerEngineClient::ContainerEngineClient(const std::string& socketPath, Meta
                                              std::function<bool()> isCancelled, std::chrono::milliseconds timeout)
     : timeout(timeout), socketPath(socketPath), cache(cache), isCancelled(std::move(isCancelled))
 {
-    if (socketPath == SDK::Config::noEngine) {
+    if (!MayAnswer()) {
         isUnreachable = true;
         nextAttempt = Clock::time_point::max();
     }
+}
+
+bool ContainerEngineClient::MayAnswer() const
+{
+    return socketPath != SDK::Config::noEngine;
 }
 
 void ContainerEngineClient::Step(Clock::time_point time)

@@ -53,6 +53,8 @@ public:
     // When Step has something to do without news on Fd().
     Clock::time_point NextStep() const { return nextAttempt; }
 
+    // False when there is none by the agent's options.
+    bool MayAnswer() const;
     // Whether the engine has been asked about all that exists once.
     bool HasReadAll() const { return hasReadAll; }
     // Whether the last attempt to reach the engine failed.

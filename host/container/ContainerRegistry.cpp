@@ -28,7 +28,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
 {
     Entry made;
     const Entry* from = FindOrLoad(parent, when, source);
-    FollowSetUp(parent, source, when);
+    FollowSetUp(parent, from, source, when);
     if (from != nullptr) {
         made.state = from->state;
         made.inSetUp = from->inSetUp;
@@ -224,11 +224,11 @@ void ContainerRegistry::ForgetHost(int process)
     }
 }
 
-void ContainerRegistry::FollowSetUp(int tid, const RecordSource& source, Nanoseconds when)
+void ContainerRegistry::FollowSetUp(int tid, const Entry* entry, const RecordSource& source, Nanoseconds when)
 {
-    const Entry* entry = source.identity.number == 0 ? nullptr : Find(tid);
     const State next = source.identity.isInSetUp ? State::Entering : State::Inside;
-    if (entry == nullptr || entry->container == nullptr || entry->state == next || entry->wasMovedInside) {
+    if (entry == nullptr || source.identity.number == 0 || entry->state == next || entry->container == nullptr ||
+        entry->wasMovedInside) {
         return;
     }
     table.Update(tid, [&](Entry& known) { known.MoveTo(next, known.container, when); });

@@ -101,8 +101,8 @@ public:
     }
 
     // A record tells whether its process was in set-up then. The entry may be ahead of it, made from /proc after a
-    // loss, or behind, when an exec was lost. `source`: the record's, of a thread for which IsAnother is false.
-    void FollowSetUp(int tid, const RecordSource& source, Nanoseconds when);
+    // loss, or behind, when an exec was lost. `entry`: the thread's, as FindOrLoad has it for that record; or null.
+    void FollowSetUp(int tid, const Entry* entry, const RecordSource& source, Nanoseconds when);
 
     bool IsInside(int tid) const;
 

@@ -76,7 +76,7 @@ TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource
 {
     StopLastBearer(tid, event.When(), source, sequencer);
     const Entry* entry = registry.FindOrLoad(tid, event.When(), source);
-    registry.FollowSetUp(tid, source, event.When());
+    registry.FollowSetUp(tid, entry, source, event.When());
     if (entry != nullptr && entry->IsInside() && entry->since > event.When() && entry->before == nullptr) {
         return notAdmitted;  // it was not in the container yet
     }

@@ -144,15 +144,15 @@ struct CeExecEvent {
  * inherits the number, and nothing that it does changes it: whatever control groups it goes to, and whatever the agent
  * fails to read, its records tell where it came from. */
 struct CeMoveEvent {
-    struct CeEventHead head;  /* the mover's thread; the parent's */
-    unsigned long long group; /* id of the control group */
-    int thread;               /* that was moved: of a whole process the leader */
-    int parent;               /* the process that is its parent */
-    unsigned int path;        /* within its hierarchy; without length where there is none */
-    int hierarchy;            /* number of the group's; 0: version 2 */
-    unsigned int owner;       /* user id of the group's owner */
-    unsigned int identity;    /* from now on; 0: the mover is no process of the host, so it stays as it was */
-    unsigned int identityBefore;
+    struct CeEventHead head;       /* the mover's thread; the parent's */
+    unsigned long long group;      /* id of the control group */
+    int thread;                    /* that was moved: of a whole process the leader */
+    int parent;                    /* the process that is its parent */
+    unsigned int path;             /* within its hierarchy; without length where there is none */
+    int hierarchy;                 /* number of the group's; 0: version 2 */
+    unsigned int owner;            /* user id of the group's owner */
+    unsigned int identity;         /* from now on; 0: the mover is no process of the host, so it stays as it was */
+    unsigned int identityBefore;   /* until then */
     unsigned int bornInSetUp;      /* whether its parent had, when it made it, what `executed` tells */
     char executed[CE_SET_UP_NAME]; /* the file name of its last exec, its parent's included, if that begins like one by
                                       which a program re-executes itself; otherwise empty */

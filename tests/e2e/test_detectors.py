@@ -47,11 +47,11 @@ class Detectors(harness.InDocker):
                 "image_name": "probe:1", "forensic_info": {"sys_call": "unshare"},
                 "resource_info": {"container_id": self.victim, "image_id": image_id},
                 "process_info": [{"process_pid": harness.host_pid(pid, "probe"), "process_name": "probe"}]})
-        print(f"\n  call to alarm: median {statistics.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of {len(work)}; "
-              f"start to ready: median {statistics.median(starts):.3f} s, maximum {max(starts):.3f} s, of CPU time "
-              f"{statistics.median(work):.3f} s")
-        self.assertLess(min(latencies), 50)  # the least of them, which other work on the machine changes least
-        self.assertLess(min(work), 0.5)
+        print(f"\n  call to alarm: median {statistics.median(latencies):.2f} ms, maximum {max(latencies):.2f} ms of "
+              f"{len(work)}; start to ready: median {statistics.median(starts):.3f} s, maximum {max(starts):.3f} s, of "
+              f"CPU time {statistics.median(work):.3f} s")
+        self.assertLess(statistics.median(latencies), 50)
+        self.assertLess(statistics.median(work), 0.5)  # other work on the machine makes only the whole start longer
 
     def test_an_alarm_waits_for_the_names_of_an_engine_that_starts_and_goes_without_in_the_end(self):
         server, socket = self.server(), self.folder / "later.sock"

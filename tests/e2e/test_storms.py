@@ -140,7 +140,7 @@ class Storms(harness.InDocker):
         return json.loads(stats.read_text())
 
     def test_every_call_of_a_storm_is_accounted_for(self):
-        calls = harness.tries(4000000) // len(CPUS)  # more than the largest rings hold
+        calls = harness.tries(10000000) // len(CPUS)
         servers = [self.server(name) for name in self.loud_containers()]
         runs = [("bpf", kb) for kb in (4, 64, 1024, 8192, 65536)] + [("tracefs", kb) for kb in (64, 65536)]
         for (source, kb), slowed in itertools.product(runs, (False, True)):
