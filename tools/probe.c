@@ -12,10 +12,11 @@
 // HOW:  self, fork, vfork, daemon (double fork and setsid), thread, namespaces (a child in new namespaces),
 //       runtime (a child that looks like a container runtime which executes a copy of itself), exec (a server only: it
 //       executes this program anew, and serves on)
-// WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), shocker PATH, list PATH, brute N,
-//       crowd THREADS N (each thread as brute, 3 ms and more from call to call), volley N NAME[,NAME...] (20 threads as
-//       brute at once, then the calls), decoys N NAME[,NAME...] (N children, one after the other), dirtycow, write
-//       PATH, read PATH, flood DIRECTORY, storm N NAME[,NAME...], enter PID, and those of Rearrange
+// WHAT: call NAME[,NAME...], call32 NAME[,NAME...] (through the 32-bit entry), callx32 NAME[,NAME...] (by x32's
+//       table), shocker PATH, list PATH, brute N, crowd THREADS N (each thread as brute, 3 ms and more from call to
+//       call), volley N NAME[,NAME...] (20 threads as brute at once, then the calls), decoys N NAME[,NAME...] (N
+//       children, one after the other), dirtycow, write PATH, read PATH, flood DIRECTORY, storm N NAME[,NAME...], enter
+//       PID, and those of Rearrange
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
@@ -97,18 +98,47 @@ static const struct Call calls[] = {
     {"pause", SYS_pause},
 };
 
-// Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
-static void MakeCall(const char* name)
+static long NumberOf(const struct Call* table, size_t size, const char* name)
 {
-    for (size_t i = 0; i < sizeof calls / sizeof calls[0]; ++i) {
-        if (strcmp(calls[i].name, name) == 0) {
-            const long argument = calls[i].number == SYS_unshare ? 0 : -1;
-            syscall(calls[i].number, argument, 0, 0, 0, 0);
-            return;
+    for (size_t i = 0; i < size; ++i) {
+        if (strcmp(table[i].name, name) == 0) {
+            return table[i].number;
         }
     }
-    errno = EINVAL;
-    Fail(name);
+    return -1;
+}
+
+static long KnownNumberOf(const char* name)
+{
+    const long number = NumberOf(calls, sizeof calls / sizeof calls[0], name);
+    if (number < 0) {
+        errno = EINVAL;
+        Fail(name);
+    }
+    return number;
+}
+
+// Arguments of -1 or 0 throughout: unshare(0) changes nothing, the others are refused.
+static long CallByNumber(long number)
+{
+    return syscall(number, number == SYS_unshare ? 0L : -1L, 0, 0, 0, 0);
+}
+
+static void MakeCall(const char* name)
+{
+    CallByNumber(KnownNumberOf(name));
+}
+
+// x86-64's number, or one of x32's own, with a bit on top (arch/x86/entry/syscalls/syscall_64.tbl).
+static void MakeCallX32(const char* name)
+{
+    static const struct Call own[] = {
+        {"ptrace", 521}, {"kexec_load", 528}, {"process_vm_readv", 539}, {"process_vm_writev", 540}};
+    const long number = NumberOf(own, sizeof own / sizeof own[0], name);
+    const long x32Bit = 0x40000000;
+    if (CallByNumber((number < 0 ? KnownNumberOf(name) : number) | x32Bit) < 0 && errno == ENOSYS) {
+        Fail("x32");
+    }
 }
 
 // i386's numbers (arch/x86/entry/syscalls/syscall_32.tbl): this program is a 64-bit one.
@@ -343,6 +373,8 @@ static void Do(const struct Deed* deed)
         MakeCalls(first, MakeCall);
     } else if (strcmp(what, "call32") == 0) {
         MakeCalls(first, MakeCall32);
+    } else if (strcmp(what, "callx32") == 0) {
+        MakeCalls(first, MakeCallX32);
     } else if (strcmp(what, "list") == 0) {
         List(first);
     } else if (strcmp(what, "brute") == 0) {
