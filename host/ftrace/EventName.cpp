@@ -87,6 +87,11 @@ bool IsPlain(std::string_view name)
     return !name.empty() && !IsDigit(name.front()) && name.find_first_not_of(plain) == std::string_view::npos;
 }
 
+bool IsAuditRule(std::string_view event)
+{
+    return event.starts_with(entryPrefix) && event.substr(entryPrefix.size()).starts_with("always,exit ");
+}
+
 std::string KernelAlias(std::string_view event)
 {
     for (const std::string_view prefix : {entryPrefix, exitPrefix}) {

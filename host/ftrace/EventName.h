@@ -12,6 +12,10 @@ namespace Engine::EventName {
 // else is let through.
 bool IsPlain(std::string_view name);
 
+// Whether it is a rule of the audit system (auditctl(8)) after the usual beginning, "sys_enter_always,exit -S ptrace".
+// Such a rule names no event.
+bool IsAuditRule(std::string_view event);
+
 // The name under which tracefs has the event of a system call, where it differs from the system-call table: the kernel
 // names these events after the function that serves the call (SYSCALL_DEFINE, fs/stat.c: newstat). "sys_enter_umount2"
 // gives "sys_enter_umount". Empty when there is no other name.

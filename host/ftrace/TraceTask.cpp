@@ -6,11 +6,13 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <thread>
 #include <utility>
 
 #include "framework/Engine.h"
+#include "host/ftrace/EventName.h"
 #include "host/ftrace/Log.h"
 #include "host/sdk/Impairments.h"
 
@@ -27,8 +29,9 @@ constexpr int maxReady = 128;
 constexpr int idleWaitMs = 90;
 
 // Under load the buffers are never empty. Rounds at this distance take many events at once instead of a few with the
-// same number of system calls; the first event after a pause is read at once.
+// same number of system calls. A few events are read at once: so many rounds may come ahead of their time.
 constexpr milliseconds roundDistance{1};
+constexpr int roundsAhead = 8;
 
 // Longer without a round: the agent was stopped, or starved.
 constexpr milliseconds longestGap{2000};
@@ -188,15 +191,18 @@ void TraceTask::LookAfterLosses(Clock::time_point now)
 
 int TraceTask::WaitMs() const
 {
-    return trace->Merger().Holding() || delivery.HasBarriers() ? static_cast<int>(roundDistance.count()) : idleWaitMs;
+    return trace->Merger().Holding() || delivery.HasBarriers() ? 0 : idleWaitMs;
 }
 
+// `evenly` is when the next round would come if they all kept their distance.
 void TraceTask::Pace()
 {
-    const Clock::duration since = Clock::now() - lastRound;
-    if (since < roundDistance && !trace->Merger().IsBehind()) {
-        std::this_thread::sleep_for(roundDistance - since);
+    constexpr Clock::duration ahead = roundsAhead * roundDistance;
+    const Clock::time_point now = Clock::now();
+    if (evenly - now > ahead && !trace->Merger().IsBehind()) {
+        std::this_thread::sleep_for(evenly - now - ahead);
     }
+    evenly = std::clamp(evenly, now, now + ahead + roundDistance) + roundDistance;
 }
 
 void TraceTask::WatchDescriptors()
@@ -232,6 +238,10 @@ int TraceTask::Receive(const FtraceWatchMessage& message)
 {
     if (message.requester == nullptr) {
         return EINVAL;
+    }
+    if (EventName::IsAuditRule(message.event)) {
+        TraceLog::Information("nothing is recorded for the audit rule %s", message.event);
+        return 0;
     }
     const std::lock_guard lock{mutex};
     const KnownEvent* event = trace->Catalog()->Find(message.system, message.event);

@@ -35,7 +35,8 @@ public:
     // One pass: waits for an event, a message or the time of the next report, serves the messages, reads one round.
     int Run() override;
 
-    // 0, or an errno: ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal.
+    // 0, or an errno. An audit rule is taken and records nothing: its subscriber gets the calls that others ask for.
+    // ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal.
     int Receive(const FtraceWatchMessage& message) override;
 
     // Keeps what follows the trace until the trace has got so far.
@@ -73,6 +74,7 @@ private:
     EventDelivery delivery;
     std::set<int> watched;  // by the waiter; task's thread only
     Clock::time_point lastRound;
+    Clock::time_point evenly;
     Clock::time_point lastLook;
 };
 
