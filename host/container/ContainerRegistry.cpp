@@ -249,19 +249,19 @@ bool ContainerRegistry::HasOther(const std::string& container, int tid) const
     });
 }
 
-void ContainerRegistry::Purge(Nanoseconds now)
+std::optional<ContainerRegistry::Ids> ContainerRegistry::Purge(Nanoseconds now)
 {
     table.Purge(now);
-    if (now >= nextPrune) {
-        nextPrune = now + prunePeriod;
-        PruneGone();
+    if (now < nextPrune) {
+        return std::nullopt;
     }
+    nextPrune = now + prunePeriod;
+    return PruneGone();
 }
 
-// What is remembered of containers by which nothing is left in the table.
-void ContainerRegistry::PruneGone()
+ContainerRegistry::Ids ContainerRegistry::PruneGone()
 {
-    std::unordered_set<std::string_view> living;
+    Ids living;
     for (const auto& [tid, entry] : table.Entries()) {
         if (entry.container != nullptr) {
             living.insert(*entry.container);
@@ -269,6 +269,7 @@ void ContainerRegistry::PruneGone()
     }
     groups.Prune(living);
     identities.Prune(living);
+    return living;
 }
 
 void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "host/container/ContainerGroups.h"
@@ -119,8 +120,10 @@ public:
     // Forgets a process of the host with its threads: the kernel excludes it and will not tell of its end.
     void ForgetHost(int process);
 
-    // Drops what has been dead for long enough.
-    void Purge(Nanoseconds now);
+    // Drops what has been dead for long enough, and once in a period what is remembered of containers by which no
+    // process is left. Returns the ids of the others then; good until the next non-const call.
+    using Ids = std::unordered_set<std::string_view>;
+    std::optional<Ids> Purge(Nanoseconds now);
 
     // As ProcSync's.
     std::vector<int> PromoteOverdue(Nanoseconds now) { return proc.PromoteOverdue(now); }
@@ -132,7 +135,7 @@ private:
     Entry ChildOf(int parent, int child, Nanoseconds when, const RecordSource& source);
     const Entry* LoadMoved(const Move& move, Nanoseconds when);
     void MoveOthers(int leader, const Entry& like, Nanoseconds when);
-    void PruneGone();
+    Ids PruneGone();
     void Relabel(const std::string& id, const std::string& next);
     bool IsSetUpByRuntime(int pid, const Entry& entry, unsigned int place) const;
     Text AdoptGroup(int pid, std::uint32_t identity);

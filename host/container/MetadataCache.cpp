@@ -41,7 +41,7 @@ void MetadataCache::RecordNamespaces(const std::string& id, const Namespaces& na
     if (recorded.insert_or_assign(id, namespaces).second) {
         recordedOrder.push_back(id);
     }
-    // Containers of an engine that is not asked are never reported gone: the oldest recordings make room.
+    // More of them than there are records for: the oldest make room.
     while (recordedOrder.size() > maxRecords) {
         recorded.erase(recordedOrder.front());
         recordedOrder.pop_front();
@@ -59,6 +59,20 @@ void MetadataCache::ForgetNamespaces(const std::string& id)
     if (recorded.erase(id) != 0) {
         std::erase(recordedOrder, id);
     }
+}
+
+void MetadataCache::PruneNamespaces(const std::unordered_set<std::string_view>& living)
+{
+    const std::lock_guard lock{mutex};
+    std::size_t old = recordedOrder.size() - std::min(recordedOrder.size(), keptNamespaces);
+    std::erase_if(recordedOrder, [&](const std::string& id) {
+        const bool hasGone = old != 0 && !living.contains(id);
+        old -= old != 0 ? 1 : 0;
+        if (hasGone) {
+            recorded.erase(id);
+        }
+        return hasGone;
+    });
 }
 
 void MetadataCache::MarkGone(const std::string& id, Clock::time_point now)

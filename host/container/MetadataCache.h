@@ -10,7 +10,9 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "messages/ContainerMessages.h"
 
@@ -26,6 +28,8 @@ public:
     static constexpr std::size_t maxRecords = 10000;
     // How long a container that was removed still has its record: alarms about it come late.
     static constexpr std::chrono::minutes keepGone{5};
+    // Of the namespaces of containers that have gone, so many of the latest.
+    static constexpr std::size_t keptNamespaces = 1024;
 
     // Null when the container is not known.
     std::shared_ptr<ContainerInfo> Find(const std::string& id) const;
@@ -41,6 +45,8 @@ public:
     // not have told about the container yet. The latest recording counts: a container may start again.
     void RecordNamespaces(const std::string& id, const Namespaces& namespaces);
     void ForgetNamespaces(const std::string& id);
+    // Forgets older recordings of containers that are not among `living`: no engine may tell of their ends.
+    void PruneNamespaces(const std::unordered_set<std::string_view>& living);
 
     // The container does not exist any more.
     void MarkGone(const std::string& id, Clock::time_point now);

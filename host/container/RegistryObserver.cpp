@@ -112,7 +112,9 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
         AnnounceAnew(Announcements::Loss::Possible, sequencer);
     }
     AnnounceLiving(registry.PromoteOverdue(now), sequencer);
-    registry.Purge(now);
+    if (const auto living = registry.Purge(now)) {
+        cache.PruneNamespaces(*living);
+    }
     if (now >= nextLoudest) {
         nextLoudest = now + loudestPeriod;
         SDK::Impairments::SetLoudest(SDK::Impairments::Source::Trace, loudest.Take());

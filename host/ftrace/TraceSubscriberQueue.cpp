@@ -7,7 +7,9 @@
 namespace Engine {
 namespace {
 
-constexpr std::size_t maxSpare = 64;  // 4 MiB stay after a storm
+// Of 64 KiB each: so many in a storm, so many when it is over.
+constexpr std::size_t maxSpare = 64;
+constexpr std::size_t keptSpare = 4;
 
 constexpr std::uint64_t countingBegins = 4;  // at one part in so many of the room
 constexpr std::uint64_t containerShare = 2;
@@ -57,6 +59,9 @@ void TraceSubscriberQueue::Flush()
     }
     TakeBack();
     JudgeBacklog();
+    if (waiting == 0 && spare.size() > keptSpare) {
+        spare.pop_back();  // one in a round: where storms come and go, what the next one needs is there
+    }
 }
 
 void TraceSubscriberQueue::Send()

@@ -193,4 +193,21 @@ TEST(MetadataCacheTest, GoneContainersMakeRoomForNewOnes)
     EXPECT_EQ(cache.Find("7"), nullptr);
 }
 
+TEST(MetadataCacheTest, NamespacesOfContainersThatHaveGoneAreForgotten)
+{
+    Engine::MetadataCache cache;
+    const std::size_t recorded = 2 * cache.keptNamespaces;
+    for (std::size_t id = 0; id < recorded; ++id) {
+        cache.RecordNamespaces(std::to_string(id), {{"mnt", "1"}});
+    }
+    cache.PruneNamespaces({"5"});
+    const auto hasNamespaces = [&](const std::string& id) {
+        cache.Put({id, "", "", "", {}, {}});
+        return !cache.Find(id)->namespaces.empty();
+    };
+    EXPECT_TRUE(hasNamespaces("5")) << "it lives";
+    EXPECT_FALSE(hasNamespaces("6"));
+    EXPECT_TRUE(hasNamespaces(std::to_string(recorded - 1)));
+}
+
 }  // namespace
