@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Agent.h"
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include "host/agent/Watchdog.h"
 #include "host/filenotify/FileStatus.h"
 #include "host/ftrace/TraceStatus.h"
+#include "host/sdk/ContainerNames.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/Impairments.h"
 #include "host/sdk/Realtime.h"
@@ -47,7 +49,9 @@ constexpr auto flushBound = 200ms;
 constexpr auto stopBound = 2s;
 constexpr auto longestStandstill = 2s;  // of a task; it passes once a second and more
 constexpr auto checkInterval = 1000ms;
-constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
+constexpr auto trimInterval = 60s;  // of memory that a storm, or many containers at once, left in pieces
+constexpr std::chrono::seconds statisticsInterval = 10s;  // of the statistics file, where no status lines are asked for
+constexpr auto signalCheck = 20ms;                        // while waiting for something that no descriptor tells
 constexpr std::size_t maxWarnings = 20;
 
 void Warn(const std::vector<std::string>& lines)
@@ -89,14 +93,9 @@ KernelCoverage Coverage(Framework::Engine& engine)
 
 StartPlan MakePlan(const Options& options)
 {
-    StartPlan plan{options, {}, ModulePaths(options)};
-    try {
-        plan.policy = ParsePolicy(ReadPolicyFile(options.policyFile));
-    } catch (const BadInput& problem) {
-        throw BadInput("policy " + options.policyFile + ": " + problem.what());
-    }
+    StartPlan plan{options, LoadPolicy(options.policyFile), ModulePaths(options), {}, {}};
     if (!options.alarmsFile.empty()) {
-        CheckAlarmsFile(options.alarmsFile);
+        plan.alarmsLock = CheckAlarmsFile(options.alarmsFile, plan.warnings);
     }
     if (!options.statsFile.empty()) {
         if (const std::error_code error = WriteStatistics(options.statsFile, {})) {
@@ -140,6 +139,7 @@ ExitCode HostAgent::Run()
 
 bool HostAgent::Start()
 {
+    Warn(plan.warnings);
     if (plan.options.dockerSocket != SDK::Config::noEngine && !EngineAnswers(plan.options.dockerSocket)) {
         Say("warning: no container engine at " + plan.options.dockerSocket +
             ", alarms go without names of containers and images until there is one");
@@ -207,8 +207,10 @@ void HostAgent::AwaitFileWatches()
 
 void HostAgent::Watch()
 {
-    const std::chrono::milliseconds interval = plan.options.statusInterval;
+    const bool hasStatus = plan.options.statusInterval > 0ms;
+    const auto interval = hasStatus ? plan.options.statusInterval : statisticsInterval;
     auto nextStatus = Clock::now() + interval;
+    auto nextTrim = Clock::now() + trimInterval;
     while (true) {
         const Signals::Event event = signals.Wait(checkInterval);
         if (event == Signals::Event::Stop || (event == Signals::Event::Reload && !Reload())) {
@@ -216,9 +218,13 @@ void HostAgent::Watch()
         }
         CheckTasks();
         LookAfterItself();
-        if (interval > 0ms && Clock::now() >= nextStatus) {
+        if (Clock::now() >= nextStatus) {
             nextStatus = Clock::now() + interval;
-            ReportCounters("status: ");
+            ReportCounters(hasStatus ? "status: " : nullptr);
+        }
+        if (Clock::now() >= nextTrim) {
+            nextTrim = Clock::now() + trimInterval;
+            ::malloc_trim(0);
         }
     }
 }
@@ -227,9 +233,9 @@ bool HostAgent::Reload()
 {
     Policy next;
     try {
-        next = ParsePolicy(ReadPolicyFile(plan.options.policyFile));
+        next = LoadPolicy(plan.options.policyFile);
     } catch (const BadInput& problem) {
-        Say("policy " + plan.options.policyFile + " refused, the running one stays: " + problem.what());
+        Say(std::string("refused, the running one stays: ") + problem.what());
         return true;
     }
     plan.policy = std::move(next);
@@ -309,18 +315,26 @@ void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage)
 {
     const Policy& policy = plan.policy;
     const auto* trace = Trace(engine);
+    const auto* names = dynamic_cast<SDK::ContainerNames*>(engine.FindTask(collectorTask));
     const std::string engineText =
-        EngineAnswers(plan.options.dockerSocket) ? "engine " + plan.options.dockerSocket : "no engine";
-    Say(SDK::StrUtils::Format("%s: watching %zu of %zu listed calls, %zu of %zu listed directories, %s, %zu containers",
-                              occasion, coverage.calls, policy.calls.size(), coverage.directories,
-                              policy.directories.size(), engineText.c_str(), CountContainers()) +
+        names != nullptr && names->HaveEngine() ? "engine " + plan.options.dockerSocket : "no engine";
+    std::string detectors;
+    for (const std::string& detector : coverage.detectors) {
+        detectors += ", " + detector;
+    }
+    Say(SDK::StrUtils::Format(
+            "%s: watching %zu of %zu listed calls, %zu of %zu listed directories%s, %s, %zu containers", occasion,
+            coverage.calls, policy.calls.size(), coverage.directories, policy.directories.size(), detectors.c_str(),
+            engineText.c_str(), CountContainers()) +
         (trace == nullptr ? "" : ", system calls at " + trace->CallPlace()));
 }
 
 void HostAgent::ReportCounters(const char* occasion) const
 {
     const auto counters = SDK::Counters::Snapshot();
-    Say(occasion + StatusLine(counters));
+    if (occasion != nullptr) {
+        Say(occasion + StatusLine(counters));
+    }
     if (plan.options.statsFile.empty()) {
         return;
     }

@@ -17,6 +17,7 @@
 #include "host/agent/PolicyFile.h"
 #include "host/agent/ServiceManager.h"
 #include "host/agent/Signals.h"
+#include "host/sdk/FileDescriptor.h"
 #include "host/sdk/LineChannel.h"
 
 namespace Agent {
@@ -25,7 +26,9 @@ namespace Agent {
 struct StartPlan {
     Options options;
     Policy policy;
-    std::vector<std::string> modules;  // paths of the shared libraries, in load order
+    std::vector<std::string> modules;   // paths of the shared libraries, in load order
+    std::vector<std::string> warnings;  // what goes on with a doubt
+    SDK::FileDescriptor alarmsLock;     // of the alarms file while the agent runs
 };
 
 // Throws BadInput. Touches nothing but the files for alarms and statistics, which must be writable.
@@ -56,6 +59,7 @@ private:
     void ReportImpairments();
     void SendAlarm(const std::string& document);
     void Announce(const char* occasion, const PolicyCoverage& coverage);
+    // Writes the statistics, and the status line after `occasion` unless that is null.
     void ReportCounters(const char* occasion) const;
 
     StartPlan plan;

@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/capability.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -124,14 +126,25 @@ std::vector<std::string> ModulePaths(const Options& options)
     return paths;
 }
 
-void CheckAlarmsFile(const std::string& path)
+SDK::FileDescriptor CheckAlarmsFile(const std::string& path, std::vector<std::string>& warnings)
 {
-    const SDK::FileDescriptor file(
+    SDK::FileDescriptor file(
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
     // A named pipe without a reader (ENXIO, fifo(7)) may get one later.
     if (!file && errno != ENXIO) {
         throw BadInput("alarms file " + path + ": " + std::strerror(errno));
     }
+    struct stat status {};
+    if (!file || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        warnings.push_back("alarms file " + path + " may be changed by every user of this host");
+    }
+    if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        warnings.push_back("alarms file " + path + " is another agent's, too: each alarm may be there twice");
+    }
+    return file;
 }
 
 bool EngineAnswers(const std::string& socketPath)

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/agent/Options.h"
+#include "host/sdk/FileDescriptor.h"
 
 namespace Agent {
 
@@ -19,8 +20,9 @@ std::string CallEventsDir();
 // The shared libraries to load, in load order: each may need those before it. Throws BadInput when one is not there.
 std::vector<std::string> ModulePaths(const Options& options);
 
-// Throws BadInput when alarms could not be appended to `path`. Makes the file if it is missing.
-void CheckAlarmsFile(const std::string& path);
+// Throws BadInput when alarms could not be appended to `path`. Makes the file if it is missing. Returns the lock on it,
+// by which another agent knows that the file is taken; without descriptor when it is no regular file.
+SDK::FileDescriptor CheckAlarmsFile(const std::string& path, std::vector<std::string>& warnings);
 
 // Whether something listens on the engine's socket.
 bool EngineAnswers(const std::string& socketPath);

@@ -17,6 +17,11 @@ constexpr unsigned int maxRealtimePercent = 95;     // what the kernel leaves to
 constexpr unsigned int maxIntervalSeconds = 86400;  // a day
 
 const char closingText[] =
+    "A policy is a JSON document:\n"
+    "  {\"content\": {\"image_white_namelist\": [\"trusted-image\"],\n"
+    "               \"container_escape_detect_task\": {\"highrisk_calls\": [\"setns\", \"mount\"],\n"
+    "                                                \"host_directorys\": [\"/etc\"], \"scope\": \"container\"}}}\n"
+    "\n"
     "SIGINT and SIGTERM stop it, SIGHUP makes it read the policy again.\n"
     "Exit codes: 0 clean stop, 1 failure while running, 2 bad usage or input, 77 this machine cannot run it.";
 
@@ -60,7 +65,7 @@ void AddRunCommand(CLI::App& program, Options& options)
         ->option_text("PERCENT")
         ->check(CLI::Range(0U, maxRealtimePercent));
     addText("--stats", options.statsFile, "FILE",
-            "Write all counters to FILE as JSON, at every status line and at the stop");
+            "Write all counters to FILE as JSON, at every status line or else every ten seconds, and at the stop");
     run->add_option_function<unsigned int>(
            "--status-interval",
            [&options](unsigned int seconds) { options.statusInterval = std::chrono::seconds{seconds}; },

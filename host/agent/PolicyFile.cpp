@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <json/value.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,13 +14,13 @@
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
+#include <utility>
 
 #include "PathEntry.h"
 #include "host/agent/Console.h"
 #include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
-#include "sdk/StrUtils.h"
 
 namespace Agent {
 
@@ -66,7 +68,7 @@ public:
     {
         const Json::Value* member = object.find(key, key + std::strlen(key));
         if (member == nullptr) {
-            throw BadInput(Join(place, key) + ": is missing");
+            throw BadInput(Join(place, key) + ": is missing; the help shows what a policy looks like");
         }
         Demand(*member, type, Join(place, key));
         return *member;
@@ -74,13 +76,16 @@ public:
 
     Section Object(const char* key) const { return {Member(key, Json::objectValue), Join(place, key)}; }
 
-    std::set<std::string> Texts(const char* key) const
+    std::set<std::string> Texts(const char* key, std::vector<std::string>& warnings) const
     {
         const Json::Value& list = Member(key, Json::arrayValue);
         std::set<std::string> texts;
         for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-            Demand(list[i], Json::stringValue, Join(place, key) + "[" + std::to_string(i) + "]");
-            texts.insert(list[i].asString());
+            const std::string itemPlace = Join(place, key) + "[" + std::to_string(i) + "]";
+            Demand(list[i], Json::stringValue, itemPlace);
+            if (!texts.insert(list[i].asString()).second) {
+                warnings.push_back("policy " + itemPlace + ": \"" + list[i].asString() + "\" is there twice");
+            }
         }
         return texts;
     }
@@ -95,11 +100,11 @@ public:
         return member != nullptr && *member == second;
     }
 
-    void NoteUnknownKeys(std::initializer_list<std::string_view> known, std::vector<std::string>& unknown) const
+    void NoteUnknownKeys(std::initializer_list<std::string_view> known, std::vector<std::string>& warnings) const
     {
         for (const std::string& key : object.getMemberNames()) {
             if (std::find(known.begin(), known.end(), key) == known.end()) {
-                unknown.push_back(Join(place, key));
+                warnings.push_back("policy key " + Join(place, key) + " is unknown and ignored");
             }
         }
     }
@@ -108,6 +113,15 @@ private:
     const Json::Value& object;
     std::string place;
 };
+
+void ExamineImages(const std::set<std::string>& images, std::vector<std::string>& warnings)
+{
+    for (const std::string& image : images) {
+        if (image.find_first_of("*?[") != std::string::npos) {
+            warnings.push_back("image \"" + image + "\": is compared as it stands, it is no pattern");
+        }
+    }
+}
 
 bool IsIdentifier(const std::string& name)
 {
@@ -133,17 +147,46 @@ void ExamineDirectory(const std::string& directory, bool isScopeContainer, const
                       PolicyCoverage& coverage)
 {
     const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
+    const std::string path{entry.path};
     std::string reason = WhyRefused(directory, entry, kernel);
+    const char* consequence = "it is not watched";
     bool isWatched = reason.empty();
-    if (isWatched && ::access(std::string{entry.path}.c_str(), F_OK) != 0) {
+    struct stat status {};
+    struct statfs fileSystem {};
+    if (isWatched && ::stat(path.c_str(), &status) != 0) {
         reason = std::strerror(errno);
         isWatched = isScopeContainer;
+        consequence = isWatched ? "it is watched when it is there" : consequence;
+    } else if (isWatched && !S_ISDIR(status.st_mode)) {
+        reason = "is not a directory";
+        consequence = "it alone is watched";
+    } else if (isWatched && ::statfs(path.c_str(), &fileSystem) == 0 && fileSystem.f_type == PROC_SUPER_MAGIC) {
+        reason = "is the host's own";
+        consequence = "what containers do in theirs is not watched";
     }
     coverage.directories += isWatched ? 1U : 0U;
     if (!reason.empty()) {
-        coverage.warnings.push_back(SDK::StrUtils::Format("directory \"%s\": %s, it is %s", directory.c_str(),
-                                                          reason.c_str(),
-                                                          isWatched ? "watched when it is there" : "not watched"));
+        coverage.warnings.push_back("directory \"" + directory + "\": " + reason + ", " + consequence);
+    }
+}
+
+// The calls by which the detectors work that look at every container, whatever the policy lists.
+void ExamineDetectors(const KernelCoverage& kernel, PolicyCoverage& coverage)
+{
+    const std::vector<std::pair<const char*, std::vector<const char*>>> detectors{
+        {"Shocker", {"getdents", "getdents64", "open_by_handle_at"}},
+        {"brute-forced file handles", {"open_by_handle_at"}},
+    };
+    for (const auto& [detector, calls] : detectors) {
+        const auto missing = std::find_if(calls.begin(), calls.end(), [&kernel](const char* call) {
+            return !kernel.events.contains(std::string("syscalls:sys_enter_") + call);
+        });
+        if (missing == calls.end()) {
+            coverage.detectors.emplace_back(detector);
+        } else {
+            coverage.warnings.push_back(std::string("the kernel does not record ") + *missing +
+                                        ", so attacks are missed: " + detector);
+        }
     }
 }
 
@@ -177,8 +220,25 @@ std::string ReadPolicyFile(const std::string& path)
     return text;
 }
 
+Policy LoadPolicy(const std::string& path)
+{
+    try {
+        Policy policy = ParsePolicy(ReadPolicyFile(path));
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0) {
+            policy.warnings.push_back("policy " + path + " may be changed by every user of this host");
+        }
+        return policy;
+    } catch (const BadInput& problem) {
+        throw BadInput("policy " + path + ": " + problem.what());
+    }
+}
+
 Policy ParsePolicy(std::string text)
 {
+    if (text.starts_with("\xEF\xBB\xBF")) {
+        throw BadInput("begins with a byte-order mark: save it as UTF-8 without one");
+    }
     Json::Value root;
     std::string error;
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root, error) != 0) {
@@ -189,15 +249,14 @@ Policy ParsePolicy(std::string text)
     const Section content = document.Object("content");
     const Section detection = content.Object("container_escape_detect_task");
 
-    content.Texts("image_white_namelist");
-
     Policy policy;
+    ExamineImages(content.Texts("image_white_namelist", policy.warnings), policy.warnings);
     policy.isScopeContainer = detection.IsSecond("scope", "thread", "container");
-    policy.calls = detection.Texts("highrisk_calls");
-    policy.directories = detection.Texts("host_directorys");
-    document.NoteUnknownKeys({"content"}, policy.unknownKeys);
-    content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.unknownKeys);
-    detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.unknownKeys);
+    policy.calls = detection.Texts("highrisk_calls", policy.warnings);
+    policy.directories = detection.Texts("host_directorys", policy.warnings);
+    document.NoteUnknownKeys({"content"}, policy.warnings);
+    content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.warnings);
+    detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.warnings);
     policy.text = std::move(text);
     return policy;
 }
@@ -205,9 +264,8 @@ Policy ParsePolicy(std::string text)
 PolicyCoverage Examine(const Policy& policy, const KernelCoverage& kernel)
 {
     PolicyCoverage coverage;
-    for (const std::string& key : policy.unknownKeys) {
-        coverage.warnings.push_back("policy key " + key + " is unknown and ignored");
-    }
+    coverage.warnings = policy.warnings;
+    ExamineDetectors(kernel, coverage);
     for (const std::string& call : policy.calls) {
         // The kernel has some calls' events under other names: what is recorded needs no look at the names.
         if (kernel.events.contains("syscalls:sys_enter_" + call)) {

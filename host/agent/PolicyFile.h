@@ -19,7 +19,7 @@ struct Policy {
     std::set<std::string> calls;
     std::set<std::string> directories;
     bool isScopeContainer = false;
-    std::vector<std::string> unknownKeys;  // their paths; no module reads them
+    std::vector<std::string> warnings;  // what no module reads, or reads otherwise than was meant, with its place
 };
 
 constexpr std::size_t maxPolicyBytes = 1U << 20U;
@@ -27,15 +27,19 @@ constexpr std::size_t maxPolicyBytes = 1U << 20U;
 // Throws BadInput: not a readable regular file, or larger than maxPolicyBytes.
 std::string ReadPolicyFile(const std::string& path);
 
+// Reads and parses. Throws BadInput with the path, the place and the reason.
+Policy LoadPolicy(const std::string& path);
+
 // Throws BadInput with the place ("line 3, column 7", or the key's path, "content.image_white_namelist[2]") and the
 // reason.
 Policy ParsePolicy(std::string text);
 
 // What becomes of a policy's entries.
 struct PolicyCoverage {
-    std::size_t calls = 0;              // that are watched
-    std::size_t directories = 0;        // that are watched, or will be when they are made
-    std::vector<std::string> warnings;  // a line for each entry that is not watched (yet) and for each unknown key
+    std::size_t calls = 0;               // that are watched
+    std::size_t directories = 0;         // that are watched, or will be when they are made
+    std::vector<std::string> detectors;  // that need no entry in the policy, and have all of their calls recorded
+    std::vector<std::string> warnings;   // the policy's, and a line for each entry that is not watched (yet)
 };
 
 // What the kernel does for the agent now.

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/agent/Agent.h"
@@ -24,12 +25,12 @@ ExitCode Main(const std::vector<std::string>& words)
     if (!options.answer.empty()) {
         return Print(options.answer);
     }
-    const StartPlan plan = MakePlan(options);
+    StartPlan plan = MakePlan(options);
     if (const std::string reason = WhyNotHere(); !reason.empty()) {
         Say(reason);
         return cannotRunHere;
     }
-    return HostAgent(plan).Run();
+    return HostAgent(std::move(plan)).Run();
 }
 
 }  // namespace

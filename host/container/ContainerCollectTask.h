@@ -59,6 +59,7 @@ public:
     // How long after the start the engine is waited for.
     static constexpr std::chrono::minutes engineStarts{1};
     bool AreAwaited() const override;
+    bool HaveEngine() const override { return engine.HasReadAll() && !engine.IsUnreachable(); }
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override { return cache.Find(id); }
 
 private:

@@ -15,6 +15,9 @@ public:
     // Whether the container engine has not told of its containers yet, and may do so soon.
     virtual bool AreAwaited() const = 0;
 
+    // Whether a container engine has told of its containers, and can be asked.
+    virtual bool HaveEngine() const = 0;
+
     // Null for a container that is not known.
     virtual std::shared_ptr<const Engine::ContainerInfo> Find(const std::string& id) const = 0;
 

@@ -60,8 +60,9 @@ TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
     const std::string start = R"({"content": {"image_white_namelist": [], "container_escape_detect_task": {)";
     const std::vector<std::pair<std::string, std::string>> rows{
         {std::string("{\"content\"\0: {}}", 16), "not JSON"},
+        {"\xEF\xBB\xBF{}", "byte-order mark"},
         {"[]", "the document: must be an object, is a list"},
-        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing"},
+        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing; the help"},
         {start + R"("highrisk_calls": ["a", "b", 4]}}})", "highrisk_calls[2]: must be a text, is a number"},
         {start + R"("highrisk_calls": [], "host_directorys": {}}}})", "host_directorys: must be a list, is an object"},
         {start + R"("scope": ["thread"]}}})", R"(detect_task.scope: must be "thread" or "container")"},
@@ -81,17 +82,24 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
 
     directory.Write("sys_enter_bpf", "");
     directory.Write("sys_enter_/outside", "");
-    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i"], "other": 2,
+    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i", "n*"], "other": 2,
         "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"],
         "host_directorys": [], "x": 3}}})");
-    policy.directories = {good,  good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", "",
-                          "etc", "/proc",          "/sys"};
-    const KernelCoverage kernel{{"syscalls:sys_enter_mount", "sched:sched_switch"},
-                                {{good, ""}, {good + "*/*rwxa", ""}, {good + "/none*/*r", ""}, {"/sys", "refused"}},
-                                good};
+    policy.directories = {good,    good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", "", "etc",
+                          "/proc", "/sys",           "/bin/sh",    "/root"};
+    const KernelCoverage kernel{
+        {"syscalls:sys_enter_mount", "syscalls:sys_enter_open_by_handle_at", "syscalls:sys_enter_getdents"},
+        {{good, ""},
+         {good + "*/*rwxa", ""},
+         {good + "/none*/*r", ""},
+         {"/sys", "refused"},
+         {"/proc", ""},
+         {"/bin/sh", ""}},
+        good};
     const PolicyCoverage coverage = Examine(policy, kernel);
     EXPECT_EQ(coverage.calls, 1U);
-    EXPECT_EQ(coverage.directories, 2U);
+    EXPECT_EQ(coverage.directories, 4U);
+    EXPECT_THAT(coverage.detectors, testing::ElementsAre("brute-forced file handles"));
     EXPECT_THAT(coverage.warnings,
                 testing::UnorderedElementsAre(
                     HasSubstr("key version"), HasSubstr("key content.other"),
@@ -99,9 +107,12 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
                     HasSubstr("*/*q\""), HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\""),
                     HasSubstr("\"etc\": not an absolute path, it is not watched"),
-                    HasSubstr("\"/sys\": refused, it is not watched"), HasSubstr("\"/proc\": there are no")));
+                    HasSubstr("\"/sys\": refused, it is not watched"), HasSubstr("\"/root\": there are no"),
+                    HasSubstr("\"/proc\": is the host's own"), HasSubstr("\"/bin/sh\": is not a directory"),
+                    HasSubstr("highrisk_calls[1]: \"mount\" is there twice"), HasSubstr("\"n*\": is compared"),
+                    HasSubstr("does not record getdents64, so attacks are missed: Shocker")));
     policy.isScopeContainer = true;
-    EXPECT_EQ(Examine(policy, kernel).directories, 3U) << "a later path is waited for, a bad entry is not";
+    EXPECT_EQ(Examine(policy, kernel).directories, 5U) << "a later path is waited for, a bad entry is not";
 }
 
 TEST(ImpairmentReportTest, EachCauseIsToldOnceAMinuteForEachContainerWithWhatCameMeanwhile)

@@ -187,6 +187,7 @@ TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDro
 
 struct FakeNames final : SDK::ContainerNames {
     bool AreAwaited() const override { return areAwaited; }
+    bool HaveEngine() const override { return !areAwaited; }
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override
     {
         return id == known ? std::make_shared<ContainerInfo>(ContainerInfo{id, "web", "sha256:1", "nginx", {}, {}})
