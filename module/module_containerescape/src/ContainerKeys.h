@@ -10,11 +10,11 @@
 // Thread: the detection task's; no lock inside.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 namespace Engine {
@@ -39,9 +39,21 @@ private:
         ScopeKey key;
         bool isUsed;  // since the last round
     };
+    // An id as engines make them, of 64 hexadecimal digits: there may be thousands, and the digits as a text would take
+    // three times the memory.
+    using Digits = std::array<std::uint64_t, 4>;
+    struct DigitsHash {
+        std::size_t operator()(const Digits& digits) const noexcept { return digits[0] ^ digits[3]; }
+    };
 
-    std::unordered_map<std::string, Container> containers;
-    std::pair<const std::string, Container>* last = nullptr;  // asked for; saves looking for it again
+    static bool Parse(const std::string& id, Digits& digits);
+    Container& Find(const std::string& containerId);
+    std::size_t Size() const { return numbered.size() + named.size(); }
+
+    std::unordered_map<Digits, Container, DigitsHash> numbered;
+    std::unordered_map<std::string, Container> named;  // otherwise
+    std::string lastId;                                // asked for; saves looking for it again
+    Container* last = nullptr;
     ScopeKey next = ScopeKey{1} << 32;
     std::int64_t lastRound = 0;  // seconds since the epoch
 };
