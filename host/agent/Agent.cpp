@@ -7,9 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <functional>
+#include <future>
 #include <map>
+#include <memory>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "host/agent/Machine.h"
 #include "host/agent/StatusReport.h"
@@ -53,6 +57,22 @@ constexpr auto trimInterval = 60s;  // of memory that a storm, or many container
 constexpr std::chrono::seconds statisticsInterval = 10s;  // of the statistics file, where no status lines are asked for
 constexpr auto signalCheck = 20ms;                        // while waiting for something that no descriptor tells
 constexpr std::size_t maxWarnings = 20;
+
+// Is called by the task that handles it. A queue keeps the order of what one thread sends, and no other.
+class Call final : public Framework::Message {
+public:
+    explicit Call(std::function<void()> function) : function(std::move(function)) {}
+
+    int MessageHandle(void* /*target*/) override
+    {
+        function();
+        return 0;
+    }
+    unsigned long EventCount() const override { return 0; }
+
+private:
+    std::function<void()> function;
+};
 
 void Warn(const std::vector<std::string>& lines)
 {
@@ -195,13 +215,17 @@ bool HostAgent::WaitForDetection()
     }
 }
 
-// Detection asks for its file watches without waiting for them. What follows them in the same queue is answered when
-// they are in place: only then is it true that the agent is ready.
+// Detection asks for its file watches without waiting for them. What its thread sends after them is handled when they
+// are in place: only then is it true that the agent is ready.
 void HostAgent::AwaitFileWatches()
 {
-    std::string reply;
-    if (Framework::Task* detection = engine.FindTask(detectionTask); detection != nullptr) {
-        detection->SyncSendDirectMsg(fileNotifyTask, new Framework::Message, reply, fileWatchBound.count(), 1);
+    Framework::Task* detection = engine.FindTask(detectionTask);
+    const auto inPlace = std::make_shared<std::promise<void>>();
+    std::shared_ptr<Framework::Message> first = std::make_shared<Call>([detection, inPlace] {
+        detection->SendDirectMsg(fileNotifyTask, new Call([inPlace] { inPlace->set_value(); }));
+    });
+    if (detection != nullptr && detection->EnqueueMsg(first) == 0) {
+        inPlace->get_future().wait_for(fileWatchBound);
     }
 }
 
