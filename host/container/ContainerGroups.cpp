@@ -138,9 +138,9 @@ std::string ContainerGroups::Displace(const std::string& id, const Holder& holde
     return next;
 }
 
-std::string ContainerGroups::Adopt(const SDK::Cgroup& group)
+std::string ContainerGroups::Adopt(const SDK::Cgroup& group, const std::string& given)
 {
-    const std::string id = NameOf(group.path);
+    const std::string id = given.empty() ? NameOf(group.path) : given;
     const std::lock_guard lock{mutex};
     if (const std::string* known = ByPath(group); known != nullptr) {
         return *known;

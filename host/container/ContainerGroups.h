@@ -45,8 +45,9 @@ public:
     // A process of the host has put a process there, or one was found there at the start.
     Claimed Claim(const SDK::Cgroup& group);
 
-    // A runtime has set a container up there, whatever the group is called. Its id: the last part of the path.
-    std::string Adopt(const SDK::Cgroup& group);
+    // A runtime has set a container up there, whatever the group is called. Its id: `given` by the runtime, or if that
+    // is empty the last part of the path.
+    std::string Adopt(const SDK::Cgroup& group, const std::string& given = {});
 
     // Forgets older groups of containers that are not among `living`.
     void Prune(const std::unordered_set<std::string_view>& living);

@@ -21,18 +21,20 @@ void ContainerIdentities::Put(std::uint32_t identity, Text container)
     }
 }
 
-void ContainerIdentities::AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group)
+void ContainerIdentities::AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group, const std::string& id)
 {
-    setUpGroups[identity].push_back(group);
-    if (setUpGroups.size() > maxSetUps) {
-        setUpGroups.erase(setUpGroups.begin());
+    SetUp& setUp = setUps[identity];
+    setUp.id = setUp.id.empty() ? id : setUp.id;
+    setUp.groups.push_back(group);
+    if (setUps.size() > maxSetUps) {
+        setUps.erase(setUps.begin());
     }
 }
 
-std::vector<SDK::Cgroup> ContainerIdentities::TakeSetUpGroups(std::uint32_t identity)
+ContainerIdentities::SetUp ContainerIdentities::TakeSetUp(std::uint32_t identity)
 {
-    auto taken = setUpGroups.extract(identity);
-    return taken.empty() ? std::vector<SDK::Cgroup>{} : std::move(taken.mapped());
+    auto taken = setUps.extract(identity);
+    return taken.empty() ? SetUp{} : std::move(taken.mapped());
 }
 
 void ContainerIdentities::Relabel(std::string_view id, const Text& next)

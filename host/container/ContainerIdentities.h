@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <string>
 #include <string_view>
 #include <unordered_set>
 #include <vector>
@@ -40,9 +41,14 @@ public:
 
     // A runtime in set-up was put into a group whose name says nothing. The group is a container's only if the runtime
     // goes on to execute a container's program, and that may have gone when it is looked for.
-    void AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group);
-    // The groups, one for each hierarchy, which are then forgotten; empty for none.
-    std::vector<SDK::Cgroup> TakeSetUpGroups(std::uint32_t identity);
+    struct SetUp {
+        std::string id;                   // that the runtime was told; may be empty
+        std::vector<SDK::Cgroup> groups;  // one for each hierarchy
+    };
+    bool HasSetUp(std::uint32_t identity) const { return setUps.contains(identity); }
+    void AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group, const std::string& id);
+    // Forgets it; without groups when there is none.
+    SetUp TakeSetUp(std::uint32_t identity);
 
     // What belonged to the container `id` belongs to `next`. Looks at every identity.
     void Relabel(std::string_view id, const Text& next);
@@ -52,7 +58,7 @@ public:
 
 private:
     std::map<std::uint32_t, Text> containers;
-    std::map<std::uint32_t, std::vector<SDK::Cgroup>> setUpGroups;
+    std::map<std::uint32_t, SetUp> setUps;
 };
 
 }  // namespace Engine

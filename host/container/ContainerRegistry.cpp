@@ -73,7 +73,9 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     }
     const Entry* entry = !id.empty() || move.past ? LoadMoved(move, when) : FindOrLoad(pid, when);
     if (id.empty() && move.identity != 0 && move.group.path.size() > 1 && entry != nullptr && entry->inSetUp) {
-        identities.AddSetUpGroup(move.identity, move.group);
+        const bool isKnown = identities.HasSetUp(move.identity);
+        identities.AddSetUpGroup(move.identity, move.group,
+                                 isKnown ? std::string{} : RuntimeSetUp::IdGivenTo(system, move.mover));
     }
     if (entry != nullptr && move.identity != 0) {
         table.Update(pid, [&](Entry& moved) { moved.identity = move.identity; });
@@ -316,10 +318,13 @@ bool ContainerRegistry::IsSetUpByRuntime(int pid, const Entry& entry, unsigned i
 ContainerRegistry::Text ContainerRegistry::AdoptGroup(int pid, std::uint32_t identity)
 {
     Text id;
-    const std::vector<SDK::Cgroup> moved = identities.TakeSetUpGroups(identity);
-    for (const SDK::Cgroup& group : moved.empty() ? system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{}) : moved) {
+    ContainerIdentities::SetUp setUp = identities.TakeSetUp(identity);
+    if (setUp.groups.empty()) {
+        setUp.groups = system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{});
+    }
+    for (const SDK::Cgroup& group : setUp.groups) {
         if (group.path.size() > 1) {
-            const std::string adopted = groups.Adopt(group);
+            const std::string adopted = groups.Adopt(group, setUp.id);
             id = id == nullptr ? ContainerTable::Shared(adopted) : id;
         }
     }

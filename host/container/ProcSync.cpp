@@ -74,7 +74,8 @@ std::optional<ProcSync::Entry> ProcSync::Load(int tid, ProcessIdentity identity,
 
 void ProcSync::AdoptGroups()
 {
-    GroupMap found;  // outer ones before those below them
+    GroupMap found;                          // outer ones before those below them
+    std::map<std::string, std::string> ids;  // that runtimes were told, by the path of a group
     std::unordered_set<int> makers;
     for (const int pid : system.Processes()) {
         const std::optional<int> maker = RuntimeSetUp::MakerOf(system, pid);
@@ -85,6 +86,7 @@ void ProcSync::AdoptGroups()
         for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
             CutInitScope(group.path);
             if (group.path.size() > 1 && groups.Find(group).empty()) {
+                ids.try_emplace(group.path, RuntimeSetUp::IdGivenTo(system, *maker));
                 found.try_emplace({group.hierarchy, group.path}, group);
             }
         }
@@ -100,7 +102,7 @@ void ProcSync::AdoptGroups()
         }
     }
     for (const auto& [key, group] : found) {
-        groups.Adopt(group);
+        groups.Adopt(group, ids.at(group.path));
     }
 }
 

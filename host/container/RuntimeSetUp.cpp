@@ -59,6 +59,8 @@ constexpr std::string_view managers[] = {"/crun", "/youki", "/systemd-nspawn"};
 // What stays beside a container that it made, or has had made.
 constexpr std::string_view makers[] = {"/crun",   "/youki",           "/systemd-nspawn",         "/runc",
                                        "/conmon", "/containerd-shim", "/containerd-shim-runc-v2"};
+// That are told the container's id.
+constexpr std::string_view runtimes[] = {"/runc", "/crun", "/youki"};
 constexpr int maxGenerations = 64;
 
 // The path of the program that a process runs. A copy that a runtime made of itself has none: of a file in memory, or
@@ -150,6 +152,21 @@ std::optional<int> MakerOf(SDK::SystemView& system, int pid)
         }
     }
     return std::nullopt;
+}
+
+std::string IdGivenTo(SDK::SystemView& system, int pid)
+{
+    std::string line;
+    if (!RunsOneOf(system, pid, runtimes) || system.CommandLine(pid, line) != 0) {
+        return {};
+    }
+    const bool makesContainer = line.find(" create ") != std::string::npos || line.find(" run ") != std::string::npos;
+    const std::string id = line.substr(line.rfind(' ') + 1);
+    const bool isPlain = std::all_of(id.begin(), id.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '+' ||
+               c == '-' || c == '.';
+    });
+    return makesContainer && isPlain ? id : std::string{};
 }
 
 bool IsVisitor(SDK::SystemView& system, int pid)

@@ -53,6 +53,11 @@ bool HasLeftHost(SDK::SystemView& system, int pid);
 // themselves in have parents of other kinds.
 std::optional<int> MakerOf(SDK::SystemView& system, int pid);
 
+// The id that a runtime was told to give the container which it makes: the last word of its command line, as the OCI
+// runtimes have it ("runc create --bundle DIR ID", runc(8), crun(1)). Empty when the process is no such runtime, or has
+// gone.
+std::string IdGivenTo(SDK::SystemView& system, int pid);
+
 // Whether a process in a container's groups is of the host and none that a runtime starts there.
 bool IsVisitor(SDK::SystemView& system, int pid);
 

@@ -263,7 +263,7 @@ class WithoutEngine(Watched):
             command = (*command, "--root", self.folder / name)
             self.both(name, lambda container, *words, command=command: (
                 *command, "run", "-b", harness.bundle(
-                    self.folder / container, self.folder / "root", f"/{GROUPS}/{container}", words), container),
+                    self.folder / container, self.folder / "root", f"/{GROUPS}/of-{container}", words), container),
                       lambda container, *words, command=command: (*command, "exec", container, *words))
 
     def test_podman(self):

@@ -51,6 +51,8 @@ TEST(ContainerGroupsTest, AnIdBelongsToTheFirstGroupAndItsBettersAlone)
     EXPECT_EQ(groups.Adopt({0, "/machine.slice/machine-db.scope/payload"}), "db");
     EXPECT_EQ(groups.Adopt({0, "/machine.slice/systemd-nspawn@ldap.service/payload"}), "ldap");
     EXPECT_EQ(groups.Adopt({0, "/payload"}), "payload");
+    EXPECT_EQ(groups.Adopt({0, "/some/group"}, "db2"), "db2") << "as its runtime was told";
+    EXPECT_EQ(groups.Adopt({0, "/another/group"}, "db2"), "/another/group");
 }
 
 // On a busy machine /proc is read when the helper has been moved, has forked and has ended already. An entry point that
