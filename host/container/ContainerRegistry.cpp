@@ -105,8 +105,10 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
 const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, Nanoseconds when)
 {
     const Entry* known = Find(move.pid);
-    // The last bearer of the id had an identity and this one had none: that one's end was not told.
-    const bool isAnother = known != nullptr && known->identity != 0 && move.identity != 0 && move.identityBefore == 0;
+    // The last bearer of the id had an identity and this one had none: that one's end was not told. Nor need it have
+    // been where /proc alone showed that one, and its identity could not be had.
+    const bool isAnother = known != nullptr && move.identity != 0 && move.identityBefore == 0 &&
+                           (known->identity != 0 || !proc.IsSince(move.pid, *known));
     if (known == nullptr || (move.past && (known->state == State::Host || !known->IsAlive() || isAnother))) {
         Entry made;
         if (move.past) {

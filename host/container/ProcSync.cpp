@@ -156,7 +156,8 @@ void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
         return;
     }
     // Otherwise the id is another process's by now, and neither that one's exit nor this one's fork was told.
-    const bool isSame = known->identity == 0 || seen.identity == 0 || known->identity == seen.identity;
+    const bool isSame = known->identity == seen.identity ||
+                        ((known->identity == 0 || seen.identity == 0) && !HasBegunAfter(seen.tid, *known));
     if (isSame && seen.identity != 0) {
         table.Update(seen.tid, [&](Entry& entry) { entry.identity = seen.identity; });
     }
@@ -199,7 +200,12 @@ void ProcSync::MarkMissing(const std::vector<Seen>& all, Nanoseconds when)
     }
 }
 
-// Whether the thread of that id is still the one that the entry is about.
+bool ProcSync::HasBegunAfter(int tid, const Entry& entry) const
+{
+    const std::optional<Nanoseconds> start = system.StartTime(tid);
+    return start && *start > entry.seen;
+}
+
 bool ProcSync::IsSince(int tid, const Entry& entry) const
 {
     const std::optional<Nanoseconds> start = system.StartTime(tid);

@@ -58,6 +58,10 @@ public:
     // Those that were believed to be in set-up for too long by now: they are Inside, and returned.
     std::vector<int> PromoteOverdue(Nanoseconds now);
 
+    // Whether the thread of that id is still the one that the entry is about, by the time of its start. False when
+    // /proc does not tell.
+    bool IsSince(int tid, const Entry& entry) const;
+
 private:
     using Text = ContainerTable::Text;
     using State = ContainerTable::State;
@@ -74,7 +78,7 @@ private:
     void Merge(Seen seen, Nanoseconds since, Nanoseconds now);
     void MarkMissing(const std::vector<Seen>& all, Nanoseconds when);
     Entry MakeEntry(const Seen& seen, Nanoseconds since, Nanoseconds now);
-    bool IsSince(int tid, const Entry& entry) const;
+    bool HasBegunAfter(int tid, const Entry& entry) const;
     void Adopt(Found& found) const;
     void Identify(Found& found, ProcessIdentity identity) const;
 

@@ -202,6 +202,13 @@ TEST_F(RegistryObserverTest, AnIdentityTellsAnIdsBearersApartWhenNeitherAnEndNor
     EXPECT_FALSE(Call(404)) << "a process of the host with an id of a's";
     EXPECT_TRUE(Call(404, {403})) << "a child of container b with an id that was the host's";
     EXPECT_THAT(Notices(), ElementsAre("-400", "-402", "+402", "-404", "+404"));
+    for (const auto& [pid, start] : {std::pair{405, 0}, {406, 1'000'000'000}}) {
+        Run(pid, idA).start = std::chrono::seconds{start};
+        EXPECT_TRUE(Call(pid)) << "its identity could not be had";
+        move(pid, idB, static_cast<unsigned int>(pid), 0);
+    }
+    EXPECT_TRUE(Call(405, {405, true})) << "the host moves what is inside";
+    EXPECT_FALSE(Call(406, {406, true})) << "a runtime's process that has the id of one whose end was not told";
     move(401, idB, 10, 401);
     EXPECT_TRUE(Call(401, {10, true})) << "the host moves what is inside";
     EXPECT_EQ(ContainerOf(401), idB);
