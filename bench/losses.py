@@ -10,7 +10,6 @@ System calls fill the rings of the BPF program (with tracefs: the trace buffers)
 import contextlib
 import os
 import pathlib
-import secrets
 import statistics
 import subprocess
 import sys
@@ -18,7 +17,7 @@ import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import agents  # noqa: E402
-from agents import LOAD, harness  # noqa: E402
+from agents import LOAD, control_group, harness  # noqa: E402
 
 SIZES = (64, 128, 256, 512, 1024, 2048, 4096, 8192)
 SECONDS = 2
@@ -38,30 +37,6 @@ STORMS = {"one call": [("storm", SECONDS, "setns")],
           "forks": [("forks", SECONDS)] * 4}
 LOST = ("trace.lost_overrun", "trace.lost_dropped")
 SHED = ("trace.shed_kernel", "trace.shed")
-
-
-def hierarchy():
-    """The first hierarchy of control groups that takes processes: version 2 before version 1, none that needs settings."""
-    mounts = [line.split() for line in pathlib.Path("/proc/mounts").read_text().splitlines()]
-    for _, folder, kind, options, *_ in sorted(mounts, key=lambda mount: mount[2] != "cgroup2"):
-        if kind in ("cgroup2", "cgroup") and "cpuset" not in options and os.access(folder, os.W_OK):
-            return pathlib.Path(folder)
-    raise RuntimeError("no control group hierarchy that can be written to")
-
-
-@contextlib.contextmanager
-def control_group():
-    """A control group that looks like a container's."""
-    parent = hierarchy() / "docker"
-    made = not parent.exists()
-    group = parent / secrets.token_hex(32)
-    group.mkdir(parents=True)
-    try:
-        yield group
-    finally:
-        group.rmdir()
-        if made:
-            parent.rmdir()
 
 
 def start_in(group, cpu, words):

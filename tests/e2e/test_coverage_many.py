@@ -13,7 +13,7 @@ import harness
 from harness import BRUTE, FILES, HIGH_RISK, MERGE_SECONDS, SHOCKER
 
 CONTAINERS = 4
-PROCESSES = 500  # in each container
+PROCESSES = harness.tries(500)  # in each container
 CALLS = ("unshare", "setns", "mount", "umount2", "pivot_root", "chroot", "keyctl", "ptrace")
 
 # What a process can be told to do, by the number of the signal, and the alarm that it must give.
