@@ -63,6 +63,9 @@ def control_group():
     try:
         yield group
     finally:
+        deadline = time.monotonic() + harness.PATIENCE
+        while (group / "cgroup.procs").read_text() and time.monotonic() < deadline:
+            time.sleep(0.01)  # what has been killed ends a moment later
         group.rmdir()
         if made:
             parent.rmdir()
