@@ -244,7 +244,10 @@ void HostAgent::Watch()
         LookAfterItself();
         if (Clock::now() >= nextStatus) {
             nextStatus = Clock::now() + interval;
-            ReportCounters(hasStatus ? "status: " : nullptr);
+            if (hasStatus) {
+                ReportCounters("status: ");
+            }
+            KeepStatistics();
         }
         if (Clock::now() >= nextTrim) {
             nextTrim = Clock::now() + trimInterval;
@@ -274,6 +277,7 @@ ExitCode HostAgent::Stop(ExitCode code)
         engine.Stop();
         log->Flush(flushBound);
         ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
+        KeepStatistics();
     } catch (const std::exception& problem) {
         Say(std::string("stop failed: ") + problem.what());
         code = failed;
@@ -355,14 +359,15 @@ void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage)
 
 void HostAgent::ReportCounters(const char* occasion) const
 {
-    const auto counters = SDK::Counters::Snapshot();
-    if (occasion != nullptr) {
-        Say(occasion + StatusLine(counters));
-    }
+    Say(occasion + StatusLine(SDK::Counters::Snapshot()));
+}
+
+void HostAgent::KeepStatistics() const
+{
     if (plan.options.statsFile.empty()) {
         return;
     }
-    if (const std::error_code error = WriteStatistics(plan.options.statsFile, counters)) {
+    if (const std::error_code error = WriteStatistics(plan.options.statsFile, SDK::Counters::Snapshot())) {
         Say("warning: statistics file " + plan.options.statsFile + ": " + error.message());
     }
 }

@@ -59,8 +59,8 @@ private:
     void ReportImpairments();
     void SendAlarm(const std::string& document);
     void Announce(const char* occasion, const PolicyCoverage& coverage);
-    // Writes the statistics, and the status line after `occasion` unless that is null.
     void ReportCounters(const char* occasion) const;
+    void KeepStatistics() const;  // if they are asked for
 
     StartPlan plan;
     Signals signals;

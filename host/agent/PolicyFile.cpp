@@ -198,7 +198,7 @@ bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
 
 }  // namespace
 
-std::string ReadPolicyFile(const std::string& path)
+std::string ReadPolicyFile(const std::string& path, std::vector<std::string>& warnings)
 {
     // What was opened is looked at, not what the path leads to: it may lead elsewhere a moment later. A pipe or a
     // device could keep the agent waiting, at the start and whenever the policy is read again.
@@ -209,6 +209,9 @@ std::string ReadPolicyFile(const std::string& path)
     }
     if (!S_ISREG(status.st_mode)) {
         throw BadInput("is not a regular file");
+    }
+    if ((status.st_mode & S_IWOTH) != 0) {
+        warnings.push_back("policy " + path + " may be changed by every user of this host");
     }
     std::string text;
     if (SDK::FileUtils::ReadFile("/proc/self/fd/" + std::to_string(file.Get()), text, maxPolicyBytes + 1) != 0) {
@@ -223,11 +226,9 @@ std::string ReadPolicyFile(const std::string& path)
 Policy LoadPolicy(const std::string& path)
 {
     try {
-        Policy policy = ParsePolicy(ReadPolicyFile(path));
-        struct stat status {};
-        if (::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0) {
-            policy.warnings.push_back("policy " + path + " may be changed by every user of this host");
-        }
+        std::vector<std::string> warnings;
+        Policy policy = ParsePolicy(ReadPolicyFile(path, warnings));
+        policy.warnings.insert(policy.warnings.begin(), warnings.begin(), warnings.end());
         return policy;
     } catch (const BadInput& problem) {
         throw BadInput("policy " + path + ": " + problem.what());

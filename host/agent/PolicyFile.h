@@ -24,8 +24,8 @@ struct Policy {
 
 constexpr std::size_t maxPolicyBytes = 1U << 20U;
 
-// Throws BadInput: not a readable regular file, or larger than maxPolicyBytes.
-std::string ReadPolicyFile(const std::string& path);
+// Throws BadInput: not a readable regular file, or larger than maxPolicyBytes. Adds to `warnings` what is doubtful.
+std::string ReadPolicyFile(const std::string& path, std::vector<std::string>& warnings);
 
 // Reads and parses. Throws BadInput with the path, the place and the reason.
 Policy LoadPolicy(const std::string& path);

@@ -21,14 +21,12 @@ void ContainerIdentities::Put(std::uint32_t identity, Text container)
     }
 }
 
-void ContainerIdentities::AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group, const std::string& id)
+ContainerIdentities::SetUp& ContainerIdentities::SetUpOf(std::uint32_t identity)
 {
-    SetUp& setUp = setUps[identity];
-    setUp.id = setUp.id.empty() ? id : setUp.id;
-    setUp.groups.push_back(group);
-    if (setUps.size() > maxSetUps) {
+    if (setUps.size() >= maxSetUps && !setUps.contains(identity)) {
         setUps.erase(setUps.begin());
     }
+    return setUps[identity];
 }
 
 ContainerIdentities::SetUp ContainerIdentities::TakeSetUp(std::uint32_t identity)

@@ -45,9 +45,9 @@ public:
         std::string id;                   // that the runtime was told; may be empty
         std::vector<SDK::Cgroup> groups;  // one for each hierarchy
     };
-    bool HasSetUp(std::uint32_t identity) const { return setUps.contains(identity); }
-    void AddSetUpGroup(std::uint32_t identity, const SDK::Cgroup& group, const std::string& id);
-    // Forgets it; without groups when there is none.
+    // A new one is empty. Good until the next one is asked for.
+    SetUp& SetUpOf(std::uint32_t identity);
+    // Forgets it; empty when there is none.
     SetUp TakeSetUp(std::uint32_t identity);
 
     // What belonged to the container `id` belongs to `next`. Looks at every identity.

@@ -73,9 +73,11 @@ bool ContainerRegistry::ApplyAttach(const Move& move, Nanoseconds when)
     }
     const Entry* entry = !id.empty() || move.past ? LoadMoved(move, when) : FindOrLoad(pid, when);
     if (id.empty() && move.identity != 0 && move.group.path.size() > 1 && entry != nullptr && entry->inSetUp) {
-        const bool isKnown = identities.HasSetUp(move.identity);
-        identities.AddSetUpGroup(move.identity, move.group,
-                                 isKnown ? std::string{} : RuntimeSetUp::IdGivenTo(system, move.mover));
+        ContainerIdentities::SetUp& setUp = identities.SetUpOf(move.identity);
+        if (setUp.groups.empty()) {
+            setUp.id = RuntimeSetUp::IdGivenTo(system, move.mover);
+        }
+        setUp.groups.push_back(move.group);
     }
     if (entry != nullptr && move.identity != 0) {
         table.Update(pid, [&](Entry& moved) { moved.identity = move.identity; });

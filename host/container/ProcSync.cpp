@@ -74,8 +74,8 @@ std::optional<ProcSync::Entry> ProcSync::Load(int tid, ProcessIdentity identity,
 
 void ProcSync::AdoptGroups()
 {
-    GroupMap found;                          // outer ones before those below them
-    std::map<std::string, std::string> ids;  // that runtimes were told, by the path of a group
+    GroupMap found;                      // outer ones before those below them
+    std::map<std::string, int> makerOf;  // by the path of a group
     std::unordered_set<int> makers;
     for (const int pid : system.Processes()) {
         const std::optional<int> maker = RuntimeSetUp::MakerOf(system, pid);
@@ -86,7 +86,7 @@ void ProcSync::AdoptGroups()
         for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
             CutInitScope(group.path);
             if (group.path.size() > 1 && groups.Find(group).empty()) {
-                ids.try_emplace(group.path, RuntimeSetUp::IdGivenTo(system, *maker));
+                makerOf.try_emplace(group.path, *maker);
                 found.try_emplace({group.hierarchy, group.path}, group);
             }
         }
@@ -102,7 +102,7 @@ void ProcSync::AdoptGroups()
         }
     }
     for (const auto& [key, group] : found) {
-        groups.Adopt(group, ids.at(group.path));
+        groups.Adopt(group, RuntimeSetUp::IdGivenTo(system, makerOf.at(group.path)));
     }
 }
 
