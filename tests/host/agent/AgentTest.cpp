@@ -79,7 +79,8 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
     std::vector<std::string> warnings;
     EXPECT_THAT([&] { ReadPolicyFile(good, warnings); }, ThrowsMessage<BadInput>(HasSubstr("not a regular file")));
     const std::string large = directory.Write("large", std::string(maxPolicyBytes + 1, ' '));
-    EXPECT_THAT([&] { ReadPolicyFile(large, warnings); }, ThrowsMessage<BadInput>(HasSubstr("larger than 1048576 bytes")));
+    EXPECT_THAT([&] { ReadPolicyFile(large, warnings); },
+                ThrowsMessage<BadInput>(HasSubstr("larger than 1048576 bytes")));
 
     directory.Write("sys_enter_bpf", "");
     directory.Write("sys_enter_/outside", "");
