@@ -23,6 +23,7 @@
 #include "host/sdk/ContainerNames.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/Impairments.h"
+#include "host/sdk/Limits.h"
 #include "host/sdk/Realtime.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/StrUtils.h"
@@ -128,6 +129,7 @@ StartPlan MakePlan(const Options& options)
 HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
 {
     const Options& options = plan.options;
+    SDK::Limits::Keep();
     // The application object has just given all loggers a channel of its own, one that escapes nothing.
     Poco::Logger::setChannel("", log);
     SDK::LoggerUtils::GetInstance()->SetLevel(options.logLevel);
@@ -298,9 +300,7 @@ void HostAgent::CheckTasks() const
 
 void HostAgent::LookAfterItself()
 {
-    if (const std::string found = Joined(limits.Restore()); !found.empty()) {
-        SDK::Impairments::Report("limits tampered with", found);
-    }
+    SDK::Limits::Restore();
     if (IsAtWork()) {
         serviceManager.Alive();
     }

@@ -12,7 +12,6 @@
 #include "framework/Engine.h"
 #include "host/agent/Console.h"
 #include "host/agent/ImpairmentReport.h"
-#include "host/agent/Limits.h"
 #include "host/agent/Options.h"
 #include "host/agent/PolicyFile.h"
 #include "host/agent/ServiceManager.h"
@@ -64,7 +63,6 @@ private:
 
     StartPlan plan;
     Signals signals;
-    Limits limits;
     ServiceManager serviceManager;
     Poco::AutoPtr<SDK::LineChannel> log{new SDK::LineChannel(STDERR_FILENO)};
     Framework::Engine engine;

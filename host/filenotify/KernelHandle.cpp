@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/KernelHandle.h"
 
+#include <algorithm>
 #include <cerrno>
+
+#include "host/sdk/Limits.h"
 
 namespace Engine {
 
@@ -11,6 +14,17 @@ namespace {
 constexpr int handleAsId = 0x200;
 
 }  // namespace
+
+KernelHandle::KernelHandle(const FileHandle& handle)
+{
+    if (handle.bytes.size() > MAX_HANDLE_SZ) {
+        return;
+    }
+    auto* copy = reinterpret_cast<file_handle*>(buffer.data());
+    copy->handle_bytes = static_cast<unsigned int>(handle.bytes.size());
+    copy->handle_type = handle.type;
+    std::copy(handle.bytes.begin(), handle.bytes.end(), buffer.begin() + sizeof(file_handle));
+}
 
 std::error_code KernelHandle::Read(int at, const char* path)
 {
@@ -30,11 +44,14 @@ FileHandle KernelHandle::View(std::uint64_t fsid) const
     return {fsid, handle->handle_type, std::span{buffer}.subspan(sizeof(file_handle), handle->handle_bytes)};
 }
 
-SDK::FileDescriptor KernelHandle::OpenDirectory(int anchor) const
+SDK::FileDescriptor KernelHandle::OpenDirectory(int anchor, std::error_code& error) const
 {
     KernelHandle copy = *this;  // the call takes it as its own
     auto* handle = reinterpret_cast<file_handle*>(copy.buffer.data());
-    return SDK::FileDescriptor{open_by_handle_at(anchor, handle, O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    SDK::FileDescriptor opened =
+        SDK::Limits::Opened([=] { return open_by_handle_at(anchor, handle, O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+    error = opened ? std::error_code{} : std::error_code{errno, std::generic_category()};
+    return opened;
 }
 
 }  // namespace Engine

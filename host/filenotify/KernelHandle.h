@@ -16,6 +16,11 @@ namespace Engine {
 
 class KernelHandle {
 public:
+    KernelHandle() = default;
+
+    // A copy; without bytes if it is longer than a handle can be.
+    explicit KernelHandle(const FileHandle& handle);
+
     // Asks for that of `path`, below the directory `at` (or AT_FDCWD); a symbolic link at its end is not followed.
     std::error_code Read(int at, const char* path);
 
@@ -23,10 +28,11 @@ public:
     FileHandle View(std::uint64_t fsid) const;
 
     // Opens the directory that it stands for, if the filesystem opens handles; `anchor`: any directory of that
-    // filesystem, not opened with O_PATH. Not open: it is gone, is no directory, or the filesystem does not.
-    SDK::FileDescriptor OpenDirectory(int anchor) const;
+    // filesystem, not opened with O_PATH. Not open: it is gone, is no directory, the filesystem does not, or
+    // descriptors or memory ran out; `error` tells.
+    SDK::FileDescriptor OpenDirectory(int anchor, std::error_code& error) const;
 
-    // The mount through which it was read (statx(2), stx_mnt_id without STATX_MNT_ID_UNIQUE).
+    // The mount through which it was read (statx(2), stx_mnt_id without STATX_MNT_ID_UNIQUE); 0: it was not.
     int MountId() const { return mount; }
 
 private:

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/filenotify/NotifyLog.h"
+#include "host/sdk/Limits.h"
 #include "sdk/FileUtils.h"
 
 namespace Engine {
@@ -19,12 +20,6 @@ bool TakesNoFileSystemMark(std::error_code error)
 {
     return error == std::errc::no_such_device || error == std::errc::cross_device_link ||
            error == std::errc::operation_not_supported;
-}
-
-bool IsExhaustion(std::error_code error)
-{
-    return error == std::errc::too_many_files_open || error == std::errc::too_many_files_open_in_system ||
-           error == std::errc::not_enough_memory;
 }
 
 void ReportPlace(const std::string& path, const WatchPlace* before, const WatchPlace& now)
@@ -198,7 +193,7 @@ Marks::Answer Marks::PathsOf(const FileHandle& directory, const std::function<bo
         if (!error && take(path)) {
             return Answer::Done;
         }
-        if (IsExhaustion(error)) {
+        if (SDK::Limits::HasRunOut(error)) {
             answer = Answer::Failing;
         } else if (error && error != std::errc::cross_device_link && answer == Answer::Done) {
             answer = Answer::Gone;

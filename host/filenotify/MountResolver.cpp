@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <string_view>
 
+#include "host/sdk/Limits.h"
+
 namespace Engine {
 
 namespace {
@@ -24,7 +26,7 @@ std::error_code Error(int number)
 
 SDK::FileDescriptor OpenDirectory(const std::string& path)
 {
-    return SDK::FileDescriptor{open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    return SDK::Limits::Opened([&path] { return open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
 }
 
 SDK::FileDescriptor OpenHandle(int mount, const FileHandle& directory, std::error_code& error)
@@ -35,7 +37,8 @@ SDK::FileDescriptor OpenHandle(int mount, const FileHandle& directory, std::erro
     handle->handle_type = directory.type;
     std::memcpy(buffer.data() + sizeof(file_handle), directory.bytes.data(), directory.bytes.size());
     // O_PATH: looks without opening, so neither a device wakes nor an event of our own is made.
-    SDK::FileDescriptor opened{open_by_handle_at(mount, handle, O_PATH | O_CLOEXEC)};
+    SDK::FileDescriptor opened =
+        SDK::Limits::Opened([=] { return open_by_handle_at(mount, handle, O_PATH | O_CLOEXEC); });
     error = opened ? std::error_code{} : Error(errno);
     return opened;
 }

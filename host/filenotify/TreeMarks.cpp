@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <filesystem>
+#include <string_view>
 
 #include "host/filenotify/KernelHandle.h"
+#include "host/filenotify/WatchTable.h"
+#include "host/sdk/Limits.h"
 #include "host/sdk/Realtime.h"
 
 namespace Engine {
@@ -22,13 +24,6 @@ std::error_code Error(int number)
     return std::error_code{number, std::generic_category()};
 }
 
-// 0: there is nothing.
-dev_t DeviceOf(const std::string& path)
-{
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? status.st_dev : 0;
-}
-
 }  // namespace
 
 std::error_code TreeMarks::Set(const std::vector<Tree>& next)
@@ -40,40 +35,62 @@ std::error_code TreeMarks::Set(const std::vector<Tree>& next)
         group.RemoveAll(FanotifyGroup::Scope::Inode);
     }
     trees = next;
-    outdated = false;
     paths.clear();
     failure.clear();
     for (const Tree& tree : trees) {
         const std::error_code error = Walk(tree);
         failure = failure ? failure : error;
     }
+    outdated = SDK::Limits::HasRunOut(failure);
     return failure;
 }
 
+// A directory is marked before it is read: one that is made in it is found there, or told of by an event.
 std::error_code TreeMarks::Walk(const Tree& tree)
 {
-    namespace fs = std::filesystem;
-    const dev_t device = DeviceOf(tree.top);
     const std::error_code first = MarkOne(tree.top, tree.events);
     if (first || !tree.recursive) {
         return first;
     }
-    std::error_code error;
-    fs::recursive_directory_iterator entry{tree.top, fs::directory_options::skip_permission_denied, error};
-    for (; !error && entry != fs::recursive_directory_iterator{}; entry.increment(error)) {
-        SDK::Realtime::Watch();
-        std::error_code ignored;  // an entry that has gone meanwhile is none
-        if (!fs::is_directory(entry->symlink_status(ignored))) {
-            continue;
+    std::vector<std::string> pending{tree.top};
+    while (!pending.empty()) {
+        const std::string path = std::move(pending.back());
+        pending.pop_back();
+        SDK::Directory directory{path};
+        if (!directory && SDK::Limits::HasRunOut(Error(errno))) {
+            return Error(EMFILE);
         }
-        const std::string directory = entry->path().string();
-        if (DeviceOf(directory) != device) {
-            entry.disable_recursion_pending();
-        } else if (MarkOne(directory, tree.events) == std::errc::no_space_on_device) {
+        if (directory && !MarkBelow(tree, path, directory, pending)) {
             return Error(ENOSPC);
         }
     }
     return {};
+}
+
+// Adds the directories to `pending`. False: there is no room for more.
+bool TreeMarks::MarkBelow(const Tree& tree, const std::string& path, SDK::Directory& directory,
+                          std::vector<std::string>& pending)
+{
+    struct stat own {};
+    if (fstat(directory.Descriptor(), &own) != 0) {
+        return true;
+    }
+    while (const dirent* entry = directory.Next()) {
+        SDK::Realtime::Watch();
+        const std::string_view name{entry->d_name};
+        struct stat status {};
+        if (name == "." || name == ".." ||
+            fstatat(directory.Descriptor(), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISDIR(status.st_mode) || status.st_dev != own.st_dev) {
+            continue;
+        }
+        std::string below = JoinPath(path, name);
+        if (MarkOne(below, tree.events) == std::errc::no_space_on_device) {
+            return false;
+        }
+        pending.push_back(std::move(below));
+    }
+    return true;
 }
 
 std::error_code TreeMarks::MarkOne(const std::string& directory, std::uint64_t events)

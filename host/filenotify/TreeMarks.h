@@ -18,6 +18,7 @@
 
 #include "host/filenotify/FanotifyEvents.h"
 #include "host/filenotify/FanotifyGroup.h"
+#include "host/sdk/Directory.h"
 
 namespace Engine {
 
@@ -52,6 +53,8 @@ private:
     using Key = std::pair<std::int32_t, std::string>;  // the handle's type and bytes
 
     std::error_code Walk(const Tree& tree);
+    bool MarkBelow(const Tree& tree, const std::string& path, SDK::Directory& directory,
+                   std::vector<std::string>& pending);
     std::error_code MarkOne(const std::string& directory, std::uint64_t events);
 
     const FanotifyGroup& group;

@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/WatchedHandles.h"
 
-#include <dirent.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
+#include <time.h>
 
-#include <algorithm>
-#include <cstring>
-#include <memory>
+#include <filesystem>
 #include <string_view>
 
 #include "host/filenotify/NotifyLog.h"
+#include "host/sdk/Directory.h"
+#include "host/sdk/Limits.h"
 #include "host/sdk/Realtime.h"
 
 namespace Engine {
@@ -20,6 +20,13 @@ namespace {
 constexpr std::uint64_t comings = FAN_CREATE | FAN_MOVED_TO;
 constexpr std::uint64_t goings = FAN_DELETE | FAN_MOVED_FROM;
 constexpr int restPerWalk = 20;  // times the time that the walk took
+
+std::chrono::nanoseconds TimeOfThread()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec};
+}
 
 }  // namespace
 
@@ -38,7 +45,7 @@ void WatchedHandles::Set(const std::vector<Place>& places)
         const std::pair key{wanted.watch, wanted.isMountBelow ? wanted.place.path : std::string{}};
         auto known = trees.extract(key);
         Tree& tree = known.empty() ? next[key] : next.insert(std::move(known)).position->second;
-        Move(tree, wanted.place);
+        Move(tree, wanted);
     }
     trees = std::move(next);
     for (auto& [key, tree] : trees) {
@@ -49,15 +56,20 @@ void WatchedHandles::Set(const std::vector<Place>& places)
 }
 
 // The place may look the same and be another directory: numbers of inodes are used again, handles are not.
-void WatchedHandles::Move(Tree& tree, const WatchPlace& place)
+void WatchedHandles::Move(Tree& tree, const Place& wanted)
 {
-    KernelHandle top;
-    const bool isDirectory = place.Exists() && place.IsDirectory() && !top.Read(AT_FDCWD, place.path.c_str());
-    const std::uint64_t key = KeyOf(top.View(place.fsid));
-    const auto isTop = [&](const KernelHandle& known) {
-        return KeyOf(known.View(place.fsid)) == key;
-    };
-    if (tree.place == place && (!isDirectory || (!tree.tops.empty() && isTop(tree.tops.back())))) {
+    const WatchPlace& place = wanted.place;
+    const std::filesystem::path path{place.path};
+    tree.parent.reset();
+    KernelHandle handle;
+    if (!wanted.isMountBelow && !handle.Read(AT_FDCWD, path.parent_path().c_str())) {
+        tree.parent = KeyOf(handle.View(place.fsid));
+        tree.name = path.filename();
+    }
+    const bool isDirectory = place.Exists() && place.IsDirectory() && !handle.Read(AT_FDCWD, place.path.c_str());
+    const bool isSameTop =
+        !tree.tops.empty() && KeyOf(handle.View(place.fsid)) == KeyOf(tree.tops.back().View(place.fsid));
+    if (tree.place == place && (!isDirectory || isSameTop)) {
         return;
     }
     if (tree.place.fsid != place.fsid) {
@@ -65,31 +77,40 @@ void WatchedHandles::Move(Tree& tree, const WatchPlace& place)
     }
     tree.place = place;
     tree.isIncomplete = true;
-    if (!isDirectory) {
-        return;
+    if (isDirectory) {
+        Top(tree, handle);
     }
-    std::erase_if(tree.tops, isTop);
+}
+
+// What happens in the directory is its watch's business from now on, whenever it is walked.
+void WatchedHandles::Top(Tree& tree, const KernelHandle& top)
+{
+    const std::uint64_t key = KeyOf(top.View(tree.place.fsid));
+    std::erase_if(tree.tops, [&](const KernelHandle& known) { return KeyOf(known.View(tree.place.fsid)) == key; });
     tree.tops.push_back(top);
     if (tree.tops.size() > maxFollowed) {
         tree.tops.erase(tree.tops.begin());
     }
+    tree.handles.insert(key);
 }
 
 void WatchedHandles::Walk(Tree& tree) const
 {
-    const SDK::FileDescriptor anchor{
-        open(tree.place.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    const SDK::FileDescriptor anchor = SDK::Limits::Opened(
+        [&tree] { return open(tree.place.directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
     if (!anchor) {
         return;  // with the next Set again
     }
-    const Clock::time_point begun = Clock::now();
+    const std::chrono::nanoseconds begun = TimeOfThread();
     const bool wasFull = std::exchange(tree.isFull, false);
-    tree.isIncomplete = false;
-    tree.isDoubtful = false;
-    tree.handles.clear();
-    WalkFrom(tree, anchor.Get());
-    const Clock::time_point ended = Clock::now();
-    tree.nextWalk = ended + (ended - begun) * restPerWalk * trees.size();
+    auto before = std::exchange(tree.handles, {});
+    tree.isIncomplete = !WalkFrom(tree, anchor.Get());
+    tree.isDoubtful = tree.isIncomplete;
+    if (tree.isIncomplete) {
+        tree.handles = std::move(before);
+    }
+    // The thread's own time: beside a storm the walk takes longer, but costs no more.
+    tree.nextWalk = Clock::now() + (TimeOfThread() - begun) * restPerWalk * trees.size();
     if (tree.isFull && !wasFull) {
         NotifyLog::Warning(
             "%s holds more than %z files: accesses to the others through hard links, and in directories that are "
@@ -98,46 +119,52 @@ void WatchedHandles::Walk(Tree& tree) const
     }
 }
 
-// By handles, not paths: what is renamed meanwhile cannot lead the walk elsewhere.
-void WatchedHandles::WalkFrom(Tree& tree, int anchor) const
+// By handles, not paths: what is renamed meanwhile cannot lead the walk elsewhere. False: descriptors or memory ran
+// out.
+bool WatchedHandles::WalkFrom(Tree& tree, int anchor) const
 {
     KernelHandle file;
     if (tree.place.Exists() && !tree.place.IsDirectory() && !file.Read(AT_FDCWD, tree.place.path.c_str())) {
         List(tree, file.View(tree.place.fsid));
     }
-    std::erase_if(tree.tops, [anchor](const KernelHandle& top) {
+    std::error_code error;
+    for (auto top = tree.tops.begin(); top != tree.tops.end();) {
         struct stat status {};
-        const SDK::FileDescriptor directory = top.OpenDirectory(anchor);
-        return !directory || fstat(directory.Get(), &status) != 0 || status.st_nlink == 0;
-    });
+        const SDK::FileDescriptor directory = top->OpenDirectory(anchor, error);
+        if (SDK::Limits::HasRunOut(error)) {
+            return false;
+        }
+        const bool isGone = !directory || fstat(directory.Get(), &status) != 0 || status.st_nlink == 0;
+        top = isGone ? tree.tops.erase(top) : top + 1;
+    }
     std::vector<KernelHandle> pending = tree.tops;
     while (!pending.empty()) {
         const KernelHandle next = pending.back();
         pending.pop_back();
-        SDK::FileDescriptor directory = next.OpenDirectory(anchor);
+        SDK::FileDescriptor directory = next.OpenDirectory(anchor, error);
+        if (SDK::Limits::HasRunOut(error)) {
+            return false;
+        }
         if (directory && List(tree, next.View(tree.place.fsid))) {
             WalkDirectory(tree, std::move(directory), pending);
         }
     }
+    return true;
 }
 
 void WatchedHandles::WalkDirectory(Tree& tree, SDK::FileDescriptor directory, std::vector<KernelHandle>& pending) const
 {
+    SDK::Directory entries{std::move(directory)};
     KernelHandle own;
-    const int number = directory.Get();
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream{fdopendir(number), &closedir};
-    if (stream == nullptr) {
+    if (!entries || own.Read(entries.Descriptor(), ".")) {
         return;
     }
-    static_cast<void>(directory.Release());  // the stream's now
-    if (own.Read(number, ".")) {
-        return;
-    }
-    while (const dirent* entry = readdir(stream.get())) {
+    while (const dirent* entry = entries.Next()) {
         SDK::Realtime::Watch();
         const std::string_view name{entry->d_name};
         KernelHandle handle;
-        if (name == "." || name == ".." || handle.Read(number, entry->d_name) || handle.MountId() != own.MountId()) {
+        if (name == "." || name == ".." || handle.Read(entries.Descriptor(), entry->d_name) ||
+            handle.MountId() != own.MountId()) {
             continue;
         }
         if (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN) {
@@ -163,7 +190,12 @@ void WatchedHandles::Follow(const FanotifyEvent& event)
         return;
     }
     const std::uint64_t parent = KeyOf(event.directory);
+    const bool isNewDirectory = (event.mask & FAN_ONDIR) != 0 && (event.mask & comings) != 0 && event.HasObject();
     for (auto& [key, tree] : trees) {
+        if (isNewDirectory && tree.parent == parent && tree.name == event.name) {
+            Top(tree, KernelHandle{event.object});
+            tree.isIncomplete = true;
+        }
         if (!tree.handles.contains(parent)) {
             continue;
         }

@@ -6,6 +6,7 @@
 // stays listed until an access depends on it: only then the tree is walked again, which ends lists of what has left it.
 // A directory that was at the watched path belongs to the watch while it exists, wherever it is moved; of those that
 // were there one after another the last `maxFollowed`.
+// A directory that is made at the path, or comes there, is known by its event.
 // Bounded: `maxHandles` for all trees, in equal shares; walks take a twentieth of the thread's time at most, but for
 // the first of a tree. Only for filesystems that open handles, which all do that take a filesystem mark.
 // Limits: before Linux 5.17 events do not tell what was made or moved, so what is new in a tree is listed within about
@@ -17,6 +18,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -59,7 +61,9 @@ private:
 
     struct Tree {
         WatchPlace place;
-        std::vector<KernelHandle> tops;  // directories that are or were at the path, the newest last
+        std::optional<std::uint64_t> parent;  // key of the directory that holds the path, if it is there
+        std::string name;                     // in it
+        std::vector<KernelHandle> tops;       // directories that are or were at the path, the newest last
         std::unordered_set<std::uint64_t> handles;
         bool isIncomplete = true;  // something may not be listed
         bool isDoubtful = false;   // something listed may have left
@@ -70,9 +74,10 @@ private:
 
     static std::uint64_t KeyOf(const FileHandle& handle);
     static Relation RelationOf(const Tree& tree, const FanotifyEvent& event);
-    static void Move(Tree& tree, const WatchPlace& place);
+    static void Move(Tree& tree, const Place& wanted);
+    static void Top(Tree& tree, const KernelHandle& top);
     void Walk(Tree& tree) const;
-    void WalkFrom(Tree& tree, int anchor) const;
+    bool WalkFrom(Tree& tree, int anchor) const;
     void WalkDirectory(Tree& tree, SDK::FileDescriptor directory, std::vector<KernelHandle>& pending) const;
     bool List(Tree& tree, const FileHandle& handle) const;
     std::size_t Share() const { return maxHandles / trees.size(); }

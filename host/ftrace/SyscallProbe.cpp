@@ -28,6 +28,7 @@
 #include "host/ftrace/LifeFormats.h"
 #include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallProbeLayout.h"
+#include "host/sdk/Limits.h"
 #include "sdk/FileUtils.h"
 
 // Generated from the compiled program; its variables are of the types above.
@@ -96,7 +97,7 @@ struct stat OfHost(const std::string& file)
 
 SDK::FileDescriptor PidFd(int process)
 {
-    return SDK::FileDescriptor{static_cast<int>(::syscall(SYS_pidfd_open, process, 0))};
+    return SDK::Limits::Opened([process] { return static_cast<int>(::syscall(SYS_pidfd_open, process, 0)); });
 }
 
 std::size_t Elements(std::size_t processes)

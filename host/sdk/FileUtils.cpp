@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "host/sdk/FileDescriptor.h"
+#include "host/sdk/Limits.h"
 
 namespace SDK {
 
@@ -39,7 +40,8 @@ int FileUtils::ReadFile(const std::string& path, std::string& content, long maxB
         errno = EINVAL;
         return -1;
     }
-    FileDescriptor file(TEMP_FAILURE_RETRY(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)));
+    FileDescriptor file =
+        Limits::Opened([&path] { return TEMP_FAILURE_RETRY(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)); });
     if (!file) {
         return -1;
     }

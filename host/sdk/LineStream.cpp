@@ -11,6 +11,8 @@
 #include <string>
 #include <utility>
 
+#include "host/sdk/Limits.h"
+
 namespace SDK {
 
 namespace {
@@ -65,7 +67,8 @@ LineStream::LineStream(FileDescriptor descriptor) : fd(std::move(descriptor))
 
 LineStream LineStream::Append(const char* path, std::error_code& error)
 {
-    FileDescriptor file(::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, newFileMode));
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    FileDescriptor file = Limits::Opened([path] { return ::open(path, flags, newFileMode); });
     error = file ? std::error_code{} : LastError();
     return LineStream(std::move(file));
 }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/sdk/LiveSystem.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -21,6 +20,7 @@
 #include <string_view>
 
 #include "host/sdk/CgroupPath.h"
+#include "host/sdk/Directory.h"
 #include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 
@@ -88,17 +88,13 @@ std::optional<std::string> LinkTarget(const std::string& path)
     return std::string(target.data(), static_cast<std::size_t>(length));
 }
 
-struct CloseDirectory {
-    void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
 // The entries of a directory whose names are numbers above 0.
 std::vector<int> NumbersIn(const std::string& path, std::size_t most)
 {
     std::vector<int> numbers;
-    const std::unique_ptr<DIR, CloseDirectory> directory(::opendir(path.c_str()));
-    while (directory != nullptr && numbers.size() < most) {
-        const dirent* entry = ::readdir(directory.get());
+    Directory directory{path};
+    while (directory && numbers.size() < most) {
+        const dirent* entry = directory.Next();
         if (entry == nullptr) {
             break;
         }

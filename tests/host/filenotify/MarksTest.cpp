@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 #include "host/filenotify/Marks.h"
 #include "host/filenotify/Notifier.h"
 #include "host/sdk/Impairments.h"
+#include "host/sdk/Limits.h"
 #include "tests/host/filenotify/NotifyFixture.h"
 #include "tests/support/MustRun.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -161,7 +163,7 @@ TEST_F(MarksTest, WithChangesADirectoryIsWatchedForAllThatIsDoneToItByAnyPathAnd
     const auto ready = [&] {
         fs::remove_all(moved);
         fs::create_directories(watched + "/sub");
-        for (const char* name : {"/kept", "/linked", "/in", "/out"}) {
+        for (const char* name : {"/kept", "/linked", "/in", "/out", "/later"}) {
             fs::remove_all(watched + name);
             fs::remove_all(aside + name);
         }
@@ -201,6 +203,10 @@ TEST_F(MarksTest, WithChangesADirectoryIsWatchedForAllThatIsDoneToItByAnyPathAnd
                     changes ? Matcher<Paths>(Contains(moved + "/sub/file")) : IsEmpty());
         marks.Update(watches);
         fs::create_directory(watched);
+        fs::rename(watched, aside + "/later");  // there between two looks only
+        fs::create_directory(watched);
+        EXPECT_THAT(NotifiedOfWrite(aside + "/later/file"),
+                    changes ? Matcher<Paths>(Contains(aside + "/later/file")) : IsEmpty());
         marks.Update(watches);
         EXPECT_THAT(NotifiedOfWrite(moved + "/file"), changes ? Matcher<Paths>(Contains(moved + "/file")) : IsEmpty());
         EXPECT_THAT(NotifiedOfWrite(watched + "/file"), Contains(watched + "/file"));
@@ -253,6 +259,16 @@ TEST_F(MarksTest, LossesAreCountedAndAccessesOfTheHostCostNoLookUp)
     EXPECT_EQ(Counted("notify.unresolved"), 0U);
     EXPECT_THAT(NotifiedOf("0123456789ab", writeInGone), IsEmpty());
     EXPECT_EQ(Counted("notify.unresolved"), 1U);
+
+    SDK::Limits::Keep();
+    const auto writeAndTakeDescriptors = [path = watched + "/file"] {
+        rlimit none{};
+        getrlimit(RLIMIT_NOFILE, &none);
+        none.rlim_cur = 0;
+        return WriteFile(path) && prlimit(getppid(), RLIMIT_NOFILE, &none, nullptr) == 0;
+    };
+    EXPECT_THAT(NotifiedOf("0123456789ab", writeAndTakeDescriptors), ElementsAre(watched + "/file"));
+    EXPECT_THAT(SDK::Impairments::Take(), SizeIs(1));
 
     // The next container is the last one before the loss, and not the loudest.
     for (const std::string container : {"0123456789ab", "ab0123456789"}) {
