@@ -80,9 +80,11 @@ inline bool Admits(const Poco::Logger* logger, Poco::Message::Priority priority)
     return logger != nullptr && logger->is(priority);
 }
 
-// Writes one record to `logger`, null or above `priority` for none. `text` is a Poco::format text.
+// Writes one record to `logger`, null or above `priority` for none. `text` is a Poco::format text. Never inlined: it
+// would make every function that has a site keep registers for what hardly ever happens.
 template <class... Args>
-void LogTo(Poco::Logger* logger, Poco::Message::Priority priority, At at, const char* text, const Args&... args)
+[[gnu::cold]] [[gnu::noinline]] void LogTo(Poco::Logger* logger, Poco::Message::Priority priority, At at,
+                                           const char* text, const Args&... args)
 {
     if (!Admits(logger, priority)) {
         return;

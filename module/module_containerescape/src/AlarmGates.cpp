@@ -13,8 +13,11 @@ bool AlarmGates::TryClose(ScopeKey owner)
         return true;
     }
     const long now = SDK::TimeUtils::GetCurrentTimestampS();
-    const auto [gate, isNew] = closed.try_emplace(owner, now);
-    if (!isNew && std::chrono::seconds{std::labs(now - gate->second)} < gap) {
+    const auto gate = closed.find(owner);  // nearly always it is there, and closed
+    if (gate == closed.end()) {
+        return closed.emplace(owner, now).second;
+    }
+    if (std::chrono::seconds{std::labs(now - gate->second)} < gap) {
         return false;
     }
     gate->second = now;

@@ -9,6 +9,16 @@
 
 namespace Engine {
 
+namespace {
+
+[[gnu::noinline]] void LogReceived(const FtraceMessage& message)
+{
+    ModuleLog::Debug(At{"BaseSubmodule", 127}, "[BaseMod] Receive ftrace msg: [%s]:%s", message.name(),
+                     std::to_string(message.get_number("comm_pid")));
+}
+
+}  // namespace
+
 BaseSubmodule::BaseSubmodule(ContainerEscapeDetectTask& task, std::string name, ContainerMetaInfo* metaInfo)
     : task(task),
       syscallSystem("syscalls"),
@@ -64,8 +74,7 @@ void BaseSubmodule::Forget(ScopeKey /*container*/)
 int BaseSubmodule::Receive(const FtraceMessage& message)
 {
     if (ModuleLog::Admits(Poco::Message::PRIO_DEBUG)) {
-        ModuleLog::Debug(At{"BaseSubmodule", 127}, "[BaseMod] Receive ftrace msg: [%s]:%s", message.name(),
-                         std::to_string(message.get_number("comm_pid")));
+        LogReceived(message);
     }
     HandleEvent(message);
     return 0;

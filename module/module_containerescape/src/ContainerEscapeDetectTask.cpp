@@ -184,11 +184,7 @@ int ContainerEscapeDetectTask::Receive(const FtraceMessage& message)
         return RemoveProcess("", message);
     }
     if (event == forkEvent) {
-        const int result = CreateProcess("", message, pid);
-        if (result == 0) {  // the exit of the id's last bearer may have been lost
-            ForgetInDetectors(static_cast<int>(message.get_number("child_pid")));
-        }
-        return result;
+        return CreateProcess("", message, pid);
     }
     if (event == execEvent) {
         return AddProcessInfo("", message, pid);

@@ -58,23 +58,32 @@ bool HighRiskSyscallSubmodule::HandleEvent(const FtraceMessage& message)
     if (!highRiskNames.contains(callName)) {
         return false;
     }
-    const int pid = static_cast<int>(message.get_number("common_pid"));
-    const ScopeKey owner = task.KeyOf(pid, hostKey);
+    const ScopeKey owner = OwnerOf(message);
     if (IsNeedToAggregateAlarm(callName, owner)) {
         return true;
     }
     AlertInfo info;
     setHighRiskSyscallAlertInfo(info);
-    info.pid = pid;
+    info.pid = static_cast<int>(message.get_number("common_pid"));
     if (!Alert(info, MakeForensicInfo(callName), Json::Value{})) {
         gates.at(callName).Open(owner);
     }
     return true;
 }
 
+ScopeKey HighRiskSyscallSubmodule::OwnerOf(const FtraceMessage& message) const
+{
+    return task.GetScope() == Scope::Thread ? hostKey
+                                            : task.KeyOf(static_cast<int>(message.get_number("common_pid")), hostKey);
+}
+
 bool HighRiskSyscallSubmodule::IsNeedToAggregateAlarm(const std::string& name, ScopeKey owner)
 {
-    return !gates.try_emplace(name, AlarmGates::hour).first->second.TryClose(owner);
+    auto gate = gates.find(name);
+    if (gate == gates.end()) {
+        gate = gates.emplace(name, AlarmGates::hour).first;
+    }
+    return !gate->second.TryClose(owner);
 }
 
 void HighRiskSyscallSubmodule::Forget(ScopeKey container)

@@ -38,6 +38,8 @@ public:
     void setHighRiskSyscallAlertInfo(AlertInfo& info);
 
 private:
+    ScopeKey OwnerOf(const FtraceMessage& message) const;
+
     std::unordered_set<int> highRiskNumbers;
     std::unordered_set<std::string> highRiskNames;
     std::map<std::string, AlarmGates> gates;  // by call; no more entries than there are system calls

@@ -81,7 +81,7 @@ bool ShockerSubmodule::HandleEvent(const FtraceMessage& message)
 {
     const int pid = static_cast<int>(message.get_number("common_pid"));
     const std::string_view call = FtraceSyscallNameView(message.name());
-    State& state = states[task.KeyOf(pid, pid)];
+    State& state = states[scope == Scope::Thread ? pid : task.KeyOf(pid, pid)];
     ModuleLog::Debug(At{"ShockerSubmodule", 77}, "shocker got event %d, state is %d", pid, static_cast<int>(state));
 
     const State next = scope == Scope::Container ? Next(containerSteps, state, call) : Next(threadSteps, state, call);
