@@ -37,6 +37,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char policyId[] = "10001";
 constexpr char featureName[] = "containerescape";
+constexpr char noEntries[] =
+    R"({"content": {"image_white_namelist": [],
+                    "container_escape_detect_task": {"highrisk_calls": [], "host_directorys": []}}})";
 constexpr char detectionTask[] = "container_escape_detect_task";
 
 constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
@@ -114,7 +117,11 @@ KernelCoverage Coverage(Framework::Engine& engine)
 
 StartPlan MakePlan(const Options& options)
 {
-    StartPlan plan{options, LoadPolicy(options.policyFile), ModulePaths(options), {}, {}};
+    StartPlan plan{options,
+                   options.policyFile.empty() ? ParsePolicy(noEntries) : LoadPolicy(options.policyFile),
+                   ModulePaths(options),
+                   {},
+                   {}};
     if (!options.alarmsFile.empty()) {
         plan.alarmsLock = CheckAlarmsFile(options.alarmsFile, plan.warnings);
     }
@@ -153,18 +160,35 @@ ExitCode HostAgent::Run()
             Watch();
         }
         code = cleanStop;
+    } catch (const BadInput& problem) {
+        Say(std::string("refused: ") + problem.what());
+        code = badInput;
     } catch (const std::exception& problem) {
         Say(std::string("failed: ") + problem.what());
     }
     return Stop(code);
 }
 
+Readiness HostAgent::Try()
+{
+    try {
+        Start();
+    } catch (const std::exception&) {
+        Stop(failed);
+        throw;
+    }
+    Stop(cleanStop);
+    return readiness;
+}
+
 bool HostAgent::Start()
 {
-    Warn(plan.warnings);
     if (plan.options.dockerSocket != SDK::Config::noEngine && !EngineAnswers(plan.options.dockerSocket)) {
-        Say("warning: no container engine at " + plan.options.dockerSocket +
-            ", alarms go without names of containers and images until there is one");
+        plan.warnings.push_back("no container engine at " + plan.options.dockerSocket +
+                                ", alarms go without names of containers and images until there is one");
+    }
+    if (plan.options.command == Command::Run) {
+        Warn(plan.warnings);
     }
     for (const std::string& path : plan.modules) {
         std::string error;
@@ -187,10 +211,16 @@ bool HostAgent::Apply(const char* occasion)
         return false;
     }
     AwaitFileWatches();
-    expectedTasks = engine.RunningTasks();
-    const PolicyCoverage coverage = Examine(plan.policy, Coverage(engine));
-    Warn(coverage.warnings);
-    Announce(occasion, coverage);
+    const bool isFirst = std::exchange(expectedTasks, engine.RunningTasks()).empty();
+    readiness = Look();
+    if (plan.options.command == Command::Check) {
+        return true;
+    }
+    Warn(readiness.coverage.warnings);
+    Say(std::string(occasion) + ": " + readiness.InWords());
+    if (plan.options.requireAll && isFirst && !readiness.IsComplete()) {
+        throw BadInput("not all of this is watched, which --require-all demands");
+    }
     serviceManager.Ready();
     return true;
 }
@@ -278,7 +308,9 @@ ExitCode HostAgent::Stop(ExitCode code)
     try {
         engine.Stop();
         log->Flush(flushBound);
-        ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
+        if (plan.options.command == Command::Run) {
+            ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
+        }
         KeepStatistics();
     } catch (const std::exception& problem) {
         Say(std::string("stop failed: ") + problem.what());
@@ -339,22 +371,38 @@ void HostAgent::SendAlarm(const std::string& document)
     }
 }
 
-void HostAgent::Announce(const char* occasion, const PolicyCoverage& coverage)
+Readiness HostAgent::Look()
 {
-    const Policy& policy = plan.policy;
     const auto* trace = Trace(engine);
     const auto* names = dynamic_cast<SDK::ContainerNames*>(engine.FindTask(collectorTask));
-    const std::string engineText =
-        names != nullptr && names->HaveEngine() ? "engine " + plan.options.dockerSocket : "no engine";
+    Readiness now{plan.policy.calls.size(),
+                  plan.policy.directories.size(),
+                  Examine(plan.policy, Coverage(engine)),
+                  names != nullptr && names->HaveEngine() ? plan.options.dockerSocket : std::string{},
+                  CountContainers(),
+                  trace == nullptr ? std::string{} : trace->CallPlace(),
+                  plan.warnings};
+    now.warnings.insert(now.warnings.end(), now.coverage.warnings.begin(), now.coverage.warnings.end());
+    return now;
+}
+
+std::string Readiness::InWords() const
+{
     std::string detectors;
     for (const std::string& detector : coverage.detectors) {
         detectors += ", " + detector;
     }
-    Say(SDK::StrUtils::Format(
-            "%s: watching %zu of %zu listed calls, %zu of %zu listed directories%s, %s, %zu containers", occasion,
-            coverage.calls, policy.calls.size(), coverage.directories, policy.directories.size(), detectors.c_str(),
-            engineText.c_str(), CountContainers()) +
-        (trace == nullptr ? "" : ", system calls at " + trace->CallPlace()));
+    const std::string engineText = engine.empty() ? "no engine" : "engine " + engine;
+    return SDK::StrUtils::Format(
+               "watching %zu of %zu listed calls, %zu of %zu listed directories%s, %s, %zu containers", coverage.calls,
+               listedCalls, coverage.directories, listedDirectories, detectors.c_str(), engineText.c_str(),
+               containers) +
+           (callPlace.empty() ? "" : ", system calls at " + callPlace);
+}
+
+bool Readiness::IsComplete() const
+{
+    return coverage.calls == listedCalls && coverage.directories == listedDirectories && coverage.hasAllDetectors;
 }
 
 void HostAgent::ReportCounters(const char* occasion) const

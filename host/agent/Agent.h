@@ -30,6 +30,23 @@ struct StartPlan {
     SDK::FileDescriptor alarmsLock;     // of the alarms file while the agent runs
 };
 
+// What is watched.
+struct Readiness {
+    std::size_t listedCalls = 0;
+    std::size_t listedDirectories = 0;
+    PolicyCoverage coverage;
+    std::string engine;  // the socket of the container engine that answers; empty: none does
+    std::size_t containers = 0;
+    std::string callPlace;              // where system calls are recorded; empty: nowhere
+    std::vector<std::string> warnings;  // of the start and of the policy
+
+    // "watching 2 of 2 listed calls, ..."
+    std::string InWords() const;
+
+    // Whether everything that the policy lists is watched, and the detectors that need no entry have all their calls.
+    bool IsComplete() const;
+};
+
 // Throws BadInput. Touches nothing but the files for alarms and statistics, which must be writable.
 StartPlan MakePlan(const Options& options);
 
@@ -41,9 +58,12 @@ public:
     // From start to stop. Never throws.
     ExitCode Run();
 
+    // Starts and stops at once. Throws std::runtime_error, BadInput among them: it does not start.
+    Readiness Try();
+
 private:
-    // All throw std::runtime_error when the agent cannot go on. Those that return bool: false when a stop was asked for
-    // meanwhile. `occasion` begins the line that says what is watched now.
+    // All throw std::runtime_error, BadInput with --require-all, when the agent cannot go on. Those that return bool:
+    // false when a stop was asked for meanwhile. `occasion` begins the line that says what is watched now.
     bool Start();
     bool Apply(const char* occasion);
     bool WaitForDetection();
@@ -57,7 +77,7 @@ private:
     bool IsAtWork() const;
     void ReportImpairments();
     void SendAlarm(const std::string& document);
-    void Announce(const char* occasion, const PolicyCoverage& coverage);
+    Readiness Look();
     void ReportCounters(const char* occasion) const;
     void KeepStatistics() const;  // if they are asked for
 
@@ -69,6 +89,7 @@ private:
     ImpairmentReport impairments{[this](const std::string& document) {
         SendAlarm(document);
     }};
+    Readiness readiness;                     // as of the last policy
     std::vector<std::string> expectedTasks;  // that ran when the last policy had been applied
 };
 

@@ -23,48 +23,62 @@ const char closingText[] =
     "                                                \"host_directorys\": [\"/etc\"], \"scope\": \"container\"}}}\n"
     "\n"
     "SIGINT and SIGTERM stop it, SIGHUP makes it read the policy again.\n"
-    "Exit codes: 0 clean stop, 1 failure while running, 2 bad usage or input, 77 this machine cannot run it.";
+    "Exit codes of run: 0 clean stop, 1 failure while running, 2 bad usage or input, 77 this machine cannot run it.";
 
-void AddRunCommand(CLI::App& program, Options& options)
+// An empty value would pass for an option that was not given, and the next option for a value that was forgotten.
+CLI::Option* AddText(CLI::App& command, const char* name, std::string& value, const char* kind, const char* help)
 {
-    CLI::App* run = program.add_subcommand("run", "Watch this host until a signal stops it");
-    // An empty value would pass for an option that was not given, and the next option for a value that was forgotten.
     const CLI::Validator isValue(
         [](const std::string& text) { return text.empty() || text.starts_with("--") ? "needs a value" : ""; }, "");
-    const auto addText = [&](const char* name, std::string& value, const char* kind, const char* help) {
-        return run->add_option(name, value, help)->option_text(kind)->check(isValue);
-    };
-    addText(
-        "--policy", options.policyFile, "FILE (required)",
-        "The policy: image whitelist, high-risk calls, host directories, and whether containers are judged together "
-        "(\"scope\": \"thread\") or each by itself (\"container\")")
-        ->required();
-    addText("--alarms", options.alarmsFile, "FILE", "Append alarms to FILE instead of writing them to standard output");
-    addText("--docker-socket", options.dockerSocket, "PATH",
+    return command.add_option(name, value, help)->option_text(kind)->check(isValue);
+}
+
+void AddFlag(CLI::App& command, const char* name, bool& value, const char* help)
+{
+    command.add_flag(name, value, help)->disable_flag_override()->multi_option_policy(CLI::MultiOptionPolicy::Throw);
+}
+
+// What decides about what is watched.
+void AddWatchOptions(CLI::App& command, Options& options)
+{
+    AddText(command, "--docker-socket", options.dockerSocket, "PATH",
             "The container engine's socket (/var/run/docker.sock), or none: alarms carry no names then");
-    addText("--log-level", options.logLevel, "LEVEL",
-            "none, fatal, critical, error, warning, notice (the default), information, debug or trace")
-        ->check(CLI::IsMember(
-            {"none", "fatal", "critical", "error", "warning", "notice", "information", "debug", "trace"}));
-    addText("--modules", options.modulesDir, "DIR", "Where the modules are, if not where they were installed");
-    run->add_flag("--namespace-check", options.namespaceCheck,
-                  "Compare the namespaces of container processes regularly")
-        ->disable_flag_override()
-        ->multi_option_policy(CLI::MultiOptionPolicy::Throw);
-    run->add_option("--buffer-kb", options.bufferKb, "Size of the kernel's buffers for each CPU, in KiB")
+    AddText(command, "--modules", options.modulesDir, "DIR", "Where the modules are, if not where they were installed");
+    AddFlag(command, "--namespace-check", options.namespaceCheck,
+            "Compare the namespaces of container processes regularly");
+    command.add_option("--buffer-kb", options.bufferKb, "Size of the kernel's buffers for each CPU, in KiB")
         ->option_text("N")
         ->check(CLI::Range(leastBufferKb, maxBufferKb));
-    addText("--syscalls", options.syscallSource, "SOURCE",
+    AddText(command, "--syscalls", options.syscallSource, "SOURCE",
             "Where system calls are recorded: by BPF at the functions that serve them (function), by BPF at the event "
             "sys_enter (enter), by either (bpf), as trace events (tracefs), or auto (the default): the first of these "
             "that the kernel allows")
         ->check(CLI::IsMember({"auto", "function", "enter", "bpf", "tracefs"}));
+}
+
+void AddRunCommand(CLI::App& program, Options& options)
+{
+    CLI::App* run = program.add_subcommand("run", "Watch this host until a signal stops it");
+    AddText(
+        *run, "--policy", options.policyFile, "FILE (required)",
+        "The policy: image whitelist, high-risk calls, host directories, and whether containers are judged together "
+        "(\"scope\": \"thread\") or each by itself (\"container\")")
+        ->required();
+    AddText(*run, "--alarms", options.alarmsFile, "FILE",
+            "Append alarms to FILE instead of writing them to standard output");
+    AddWatchOptions(*run, options);
+    AddFlag(*run, "--require-all", options.requireAll,
+            "Do not start where something that the policy lists, or a detector, is not watched: exit with code 2");
+    AddText(*run, "--log-level", options.logLevel, "LEVEL",
+            "none, fatal, critical, error, warning, notice (the default), information, debug or trace")
+        ->check(CLI::IsMember(
+            {"none", "fatal", "critical", "error", "warning", "notice", "information", "debug", "trace"}));
     run->add_option("--realtime", options.realtimePercent,
                     "CPU time in each second, in percent of one CPU, that detection may take at real-time priority "
                     "(70; 0: none)")
         ->option_text("PERCENT")
         ->check(CLI::Range(0U, maxRealtimePercent));
-    addText("--stats", options.statsFile, "FILE",
+    AddText(*run, "--stats", options.statsFile, "FILE",
             "Write all counters to FILE as JSON, at every status line or else every ten seconds, and at the stop");
     run->add_option_function<unsigned int>(
            "--status-interval",
@@ -72,6 +86,24 @@ void AddRunCommand(CLI::App& program, Options& options)
            "Write a status line to standard error every N seconds (0: none, the default)")
         ->option_text("N")
         ->check(CLI::Range(0U, maxIntervalSeconds));
+}
+
+void AddCheckCommand(CLI::App& program, Options& options)
+{
+    CLI::App* check =
+        program.add_subcommand("check",
+                               "Tell what a start would watch on this machine, and what not and why. It is a start, "
+                               "without alarms, that stops "
+                               "at once. Exit codes: 0 all is well, 1 there are warnings, 2 it would not start");
+    AddText(*check, "--policy", options.policyFile, "FILE", "The policy; without one only the machine is checked");
+    AddWatchOptions(*check, options);
+    AddFlag(*check, "--json", options.asJson, "Answer with a JSON document");
+    check->callback([&options] {
+        options.command = Command::Check;
+        options.alarmsFile = "/dev/null";
+        options.logLevel = "none";
+        options.realtimePercent = 0;
+    });
 }
 
 }  // namespace
@@ -87,6 +119,7 @@ Options ParseOptions(std::vector<std::string> words)
     program.require_subcommand(0, 1);  // a word that is no command is named in the error; none at all, see below
     program.footer(closingText);
     AddRunCommand(program, options);
+    AddCheckCommand(program, options);
     std::reverse(words.begin(), words.end());  // the library takes them from the back
     try {
         program.parse(std::move(words));

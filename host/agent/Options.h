@@ -10,9 +10,12 @@
 
 namespace Agent {
 
+enum class Command { Run, Check };
+
 struct Options {
-    std::string answer;  // to a question for help or the version: to be printed, nothing is run; else empty
-    std::string policyFile;
+    Command command = Command::Run;
+    std::string answer;      // to a question for help or the version: to be printed, nothing is run; else empty
+    std::string policyFile;  // empty, for a check only: no entries
     std::string alarmsFile;  // empty: standard output
     std::string dockerSocket = SDK::Config::defaultDockerSocket;
     std::string logLevel = "notice";
@@ -23,6 +26,8 @@ struct Options {
     unsigned int realtimePercent = 70;       // of one CPU; 0: normal priority
     std::string statsFile;                   // empty: none
     std::chrono::seconds statusInterval{0};  // 0: no status lines
+    bool requireAll = false;                 // not to start where something that is listed is not watched
+    bool asJson = false;                     // a check's answer
 };
 
 // `words`: the command line without the program's name. Throws BadInput.

@@ -184,6 +184,7 @@ void ExamineDetectors(const KernelCoverage& kernel, PolicyCoverage& coverage)
         if (missing == calls.end()) {
             coverage.detectors.emplace_back(detector);
         } else {
+            coverage.hasAllDetectors = false;
             coverage.warnings.push_back(std::string("the kernel does not record ") + *missing +
                                         ", so attacks are missed: " + detector);
         }

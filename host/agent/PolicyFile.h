@@ -39,7 +39,8 @@ struct PolicyCoverage {
     std::size_t calls = 0;               // that are watched
     std::size_t directories = 0;         // that are watched, or will be when they are made
     std::vector<std::string> detectors;  // that need no entry in the policy, and have all of their calls recorded
-    std::vector<std::string> warnings;   // the policy's, and a line for each entry that is not watched (yet)
+    bool hasAllDetectors = true;
+    std::vector<std::string> warnings;  // the policy's, and a line for each entry that is not watched (yet)
 };
 
 // What the kernel does for the agent now.

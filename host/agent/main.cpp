@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/agent/Agent.h"
+#include "host/agent/Check.h"
 #include "host/agent/Machine.h"
 
 namespace Agent {
@@ -24,6 +25,9 @@ ExitCode Main(const std::vector<std::string>& words)
     const Options options = ParseOptions(words);
     if (!options.answer.empty()) {
         return Print(options.answer);
+    }
+    if (options.command == Command::Check) {
+        return Check(options);
     }
     StartPlan plan = MakePlan(options);
     if (const std::string reason = WhyNotHere(); !reason.empty()) {

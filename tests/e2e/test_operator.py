@@ -25,6 +25,12 @@ class Grpc(socketserver.BaseRequestHandler):
 
 
 class Operator(unittest.TestCase):
+    def command(self, command, policy, *options):
+        """Returns the exit code and what it said."""
+        done = subprocess.run([harness.AGENT, command, "--policy", policy, "--docker-socket", "none", *options],
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        return done.returncode, done.stdout
+
     def test_a_policy_is_read_again_and_a_bad_one_refused_then_and_at_the_start(self):
         with harness.Agent(harness.policy(("mount", "nosuchcall", "bpf"), ("/etc", "etc"))) as agent:
             self.assertIn("watching 1 of 3 listed calls, 1 of 2 listed directories", agent.ready_line)
@@ -33,16 +39,24 @@ class Operator(unittest.TestCase):
             self.assertIn('call "nosuchcall": the kernel has no trace event', log)
             self.assertIn('call "bpf": the detection module does not know it', log)
             self.assertNotIn("Skipping", log)
+            code, said = self.command("check", agent.policy, "--json")
+            self.assertEqual((code, json.loads(said)["calls"]), (1, {"listed": 3, "watched": 1}))
+            self.assertRegex("".join(json.loads(said)["warnings"]), 'call "nosuchcall": the kernel has no trace event')
+            code, said = self.command("run", agent.policy, "--require-all")
+            self.assertEqual(code, 2)
+            self.assertIn("not all of this is watched", said)
             agent.policy.write_text("{")
             agent.process.send_signal(signal.SIGHUP)
             agent.log.wait_for(lambda line: re.search("refused, the running one stays: policy .*: not JSON: line 1", line))
-            another = subprocess.run([harness.AGENT, "run", "--policy", agent.policy], stderr=subprocess.PIPE,
-                                     text=True, check=False)
-            self.assertEqual(another.returncode, 2)
-            self.assertIn("policy.json: not JSON: line 1, column", another.stderr)
+            for command in ("run", "check"):
+                code, said = self.command(command, agent.policy)
+                self.assertEqual(code, 2)
+                self.assertIn("policy.json: not JSON: line 1, column", said)
             agent.policy.write_text(json.dumps(harness.policy(("mount", "setns"))))
             agent.reload()
             self.assertIn("watching 2 of 2 listed calls", agent.log.seen[-1])
+            code, said = self.command("check", agent.policy)
+            self.assertEqual((code, said.splitlines()[-1]), (0, "It would start."), said)
             self.assertIsNotNone(agent.stop())
             self.assertEqual(agent.exit_code, 0)
 
