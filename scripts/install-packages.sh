@@ -9,7 +9,7 @@ build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-de
     libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev clang bpftool
     'libcurl4-gnutls-dev|libcurl4-openssl-dev')
 test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun busybox-static python3 clang-format
-    clang-tidy git procps qemu-system-x86 cpio xz-utils)
+    clang-tidy git procps logrotate qemu-system-x86 cpio xz-utils)
 
 ask=
 if [ "${1:-}" = --ask ]; then ask=1; shift; fi

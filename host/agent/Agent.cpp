@@ -145,6 +145,8 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
     settings.setString(SDK::Config::dockerSocket, options.dockerSocket);
     if (!options.alarmsFile.empty()) {
         settings.setString(SDK::Config::alarmsFile, options.alarmsFile);
+        settings.setUInt64(SDK::Config::alarmsMaxBytes, std::uint64_t{options.alarmsMaxMb} * 1'000'000);
+        settings.setUInt(SDK::Config::alarmsKept, options.alarmsKept);
     }
     settings.setString(SDK::Config::syscallSource, options.syscallSource);
     if (options.bufferKb != 0) {
@@ -298,7 +300,24 @@ bool HostAgent::Reload()
         return true;
     }
     plan.policy = std::move(next);
+    LockAlarmsFile();
     return Apply("policy replaced");
+}
+
+// The file may be another one by now.
+void HostAgent::LockAlarmsFile()
+{
+    if (plan.options.alarmsFile.empty()) {
+        return;
+    }
+    std::vector<std::string> warnings;
+    plan.alarmsLock.Reset();  // or it would stand in its own way
+    try {
+        plan.alarmsLock = CheckAlarmsFile(plan.options.alarmsFile, warnings);
+    } catch (const BadInput& problem) {
+        warnings.emplace_back(problem.what());
+    }
+    Warn(warnings);
 }
 
 ExitCode HostAgent::Stop(ExitCode code)

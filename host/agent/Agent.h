@@ -68,6 +68,7 @@ private:
     bool Apply(const char* occasion);
     bool WaitForDetection();
     bool Reload();  // a policy that is refused changes nothing
+    void LockAlarmsFile();
     void AwaitFileWatches();
     void Watch();
     ExitCode Stop(ExitCode code);

@@ -129,8 +129,11 @@ std::vector<std::string> ModulePaths(const Options& options)
 SDK::FileDescriptor CheckAlarmsFile(const std::string& path, std::vector<std::string>& warnings)
 {
     SDK::FileDescriptor file(
-        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0640));
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
     // A named pipe without a reader (ENXIO, fifo(7)) may get one later.
+    if (!file && errno == ELOOP) {
+        throw BadInput("alarms file " + path + ": is a symbolic link, which is not followed");
+    }
     if (!file && errno != ENXIO) {
         throw BadInput("alarms file " + path + ": " + std::strerror(errno));
     }

@@ -11,9 +11,11 @@ namespace Agent {
 
 namespace {
 
-constexpr unsigned int leastBufferKb = 4;           // a page
-constexpr unsigned int maxBufferKb = 1U << 20U;     // a GiB for each CPU
-constexpr unsigned int maxRealtimePercent = 95;     // what the kernel leaves to real-time threads, sched(7)
+constexpr unsigned int leastBufferKb = 4;        // a page
+constexpr unsigned int maxBufferKb = 1U << 20U;  // a GiB for each CPU
+constexpr unsigned int maxRealtimePercent = 95;  // what the kernel leaves to real-time threads, sched(7)
+constexpr unsigned int maxAlarmsMb = 1U << 20U;
+constexpr unsigned int maxAlarmsKept = 1000;
 constexpr unsigned int maxIntervalSeconds = 86400;  // a day
 
 const char closingText[] =
@@ -66,6 +68,13 @@ void AddRunCommand(CLI::App& program, Options& options)
         ->required();
     AddText(*run, "--alarms", options.alarmsFile, "FILE",
             "Append alarms to FILE instead of writing them to standard output");
+    run->add_option("--alarms-max-mb", options.alarmsMaxMb,
+                    "Rename FILE to FILE.1, FILE.1 to FILE.2 and so on when it has N megabytes (0: never, the default)")
+        ->option_text("N")
+        ->check(CLI::Range(0U, maxAlarmsMb));
+    run->add_option("--alarms-keep", options.alarmsKept, "How many renamed files are kept (5)")
+        ->option_text("N")
+        ->check(CLI::Range(1U, maxAlarmsKept));
     AddWatchOptions(*run, options);
     AddFlag(*run, "--require-all", options.requireAll,
             "Do not start where something that the policy lists, or a detector, is not watched: exit with code 2");

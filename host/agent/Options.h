@@ -14,9 +14,11 @@ enum class Command { Run, Check };
 
 struct Options {
     Command command = Command::Run;
-    std::string answer;      // to a question for help or the version: to be printed, nothing is run; else empty
-    std::string policyFile;  // empty, for a check only: no entries
-    std::string alarmsFile;  // empty: standard output
+    std::string answer;            // to a question for help or the version: to be printed, nothing is run; else empty
+    std::string policyFile;        // empty, for a check only: no entries
+    std::string alarmsFile;        // empty: standard output
+    unsigned int alarmsMaxMb = 0;  // size at which that file is renamed; 0: never
+    unsigned int alarmsKept = 5;   // renamed ones
     std::string dockerSocket = SDK::Config::defaultDockerSocket;
     std::string logLevel = "notice";
     std::string modulesDir;  // empty: where the agent is installed, see DefaultModulesDir

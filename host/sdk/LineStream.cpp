@@ -17,8 +17,8 @@ namespace SDK {
 
 namespace {
 
-// Alarms name processes and files of containers: not for every user of the host.
-constexpr mode_t newFileMode = 0640;
+// Alarms name processes and files of containers: not for other users of the host.
+constexpr mode_t newFileMode = 0600;
 constexpr int firstOwnDescriptor = 3;  // never in place of a standard descriptor that is closed
 
 bool MayBlock(mode_t mode)
@@ -67,7 +67,7 @@ LineStream::LineStream(FileDescriptor descriptor) : fd(std::move(descriptor))
 
 LineStream LineStream::Append(const char* path, std::error_code& error)
 {
-    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     FileDescriptor file = Limits::Opened([path] { return ::open(path, flags, newFileMode); });
     error = file ? std::error_code{} : LastError();
     return LineStream(std::move(file));
@@ -95,6 +95,22 @@ LineStream LineStream::Duplicate(int fd, std::error_code& error)
         error = LastError();
     }
     return LineStream(std::move(copy));
+}
+
+bool LineStream::HasLeft(const char* path) const
+{
+    struct stat there {};
+    struct stat own {};
+    if (::lstat(path, &there) != 0) {
+        return errno == ENOENT;
+    }
+    return ::fstat(fd.Get(), &own) == 0 && (own.st_dev != there.st_dev || own.st_ino != there.st_ino);
+}
+
+std::size_t LineStream::FileSize() const
+{
+    struct stat own {};
+    return ::fstat(fd.Get(), &own) == 0 && S_ISREG(own.st_mode) ? static_cast<std::size_t>(own.st_size) : 0;
 }
 
 std::error_code LineStream::Write(std::string_view line, const StopDeadline& deadline)

@@ -18,8 +18,9 @@ public:
     LineStream() = default;
     explicit LineStream(FileDescriptor descriptor);
 
-    // Opens `path` for appending and makes it if it is missing. Failure: an empty stream, `error` says why. A named
-    // pipe without a reader fails (ENXIO, fifo(7)) instead of waiting for one.
+    // Opens `path` for appending and makes it if it is missing, readable for its owner alone. Failure: an empty stream,
+    // `error` says why. A named pipe without a reader fails (ENXIO, fifo(7)) instead of waiting for one, a symbolic
+    // link fails (ELOOP).
     static LineStream Append(const char* path, std::error_code& error);
 
     // A stream of its own onto what `fd` is open on. `fd` stays with the caller, and its flags stay as they are: they
@@ -27,6 +28,12 @@ public:
     static LineStream Duplicate(int fd, std::error_code& error);
 
     explicit operator bool() const { return static_cast<bool>(fd); }
+
+    // Whether `path` leads to something else than what this is open on, or to nothing: a file was renamed or deleted.
+    bool HasLeft(const char* path) const;
+
+    // The size of the file; 0 for anything but a regular file.
+    std::size_t FileSize() const;
 
     // Writes the whole line, in one write(2) where the descriptor takes it so. After an error a part of the line may be
     // out; the next line then starts on a new one. std::errc::timed_out: the deadline has passed.

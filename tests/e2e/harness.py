@@ -57,6 +57,12 @@ def run(*command, **options):
     return done.stdout.rstrip("\n")
 
 
+def wait_until(condition):
+    deadline = time.monotonic() + PATIENCE
+    while not condition() and time.monotonic() < deadline:
+        time.sleep(0.05)
+
+
 @contextlib.contextmanager
 def alone_on_this_machine():
     """Waits until no other run has an agent: it would see the containers of all. The lock goes with this process, which

@@ -2,6 +2,7 @@
 """The agent as a target: what stops, blinds, limits or fills it is told of, and does not last."""
 
 import contextlib
+import gzip
 import json
 import os
 import pathlib
@@ -98,11 +99,25 @@ class Target(harness.InDocker):
                 self.server().do("fork call unshare")
                 agent.log.wait_for(lambda line: "No space left" in line and '"sys_call":"unshare"' in line)
                 filler.unlink()
-                deadline = time.monotonic() + harness.PATIENCE
-                while not alarms.read_text() and time.monotonic() < deadline:
-                    time.sleep(0.1)
+                harness.wait_until(alarms.read_text)
                 self.assertEqual(json.loads(alarms.read_text())["forensic_info"], {"sys_call": "unshare"})
                 self.assertEqual(agent.stop()["alarms_lost"], 0)
+
+    def test_a_rotated_alarms_file_is_followed_by_a_new_one(self):
+        alarms, rules = self.folder / "alarms.json", self.folder / "logrotate"
+        packaged = (harness.ROOT / "packaging/containerescape-agent.logrotate").read_text()
+        rules.write_text(packaged.replace("/var/log/containerescape-agent/alarms.json", str(alarms)))
+        server = self.server()
+        with self.agent("--alarms", str(alarms), calls=["unshare", "setns"], scope="container") as agent:
+            for call in ("unshare", "setns"):
+                server.do(f"fork call {call}")
+                harness.wait_until(lambda: alarms.exists() and alarms.read_text())
+                self.assertEqual(alarms.stat().st_mode & 0o777, 0o600)
+                harness.run("logrotate", "--force", "--state", str(self.folder / "state"), str(rules))
+                self.assertFalse(alarms.exists())
+            self.assertEqual(agent.stop()["alarms_lost"], 0)
+        lines = [gzip.open(f"{alarms}.2.gz", "rt").read(), pathlib.Path(f"{alarms}.1").read_text()]
+        self.assertEqual([json.loads(line)["forensic_info"]["sys_call"] for line in lines], ["unshare", "setns"])
 
     def test_an_unread_standard_error_holds_up_nothing(self):
         with tempfile.NamedTemporaryFile("w", suffix=".json") as policy:

@@ -1,17 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // An alarm's way out: document, queue of a sink, stream.
+#include <Poco/AutoPtr.h>
 #include <Poco/Pipe.h>
 #include <Poco/PipeStream.h>
+#include <Poco/Util/MapConfiguration.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <semaphore>
 #include <stdexcept>
 
 #include "host/report/ReportTasks.h"
+#include "host/report/Sinks.h"
+#include "host/sdk/Config.h"
 #include "host/sdk/LineStream.h"
 #include "support/TemporaryDirectory.h"
 
@@ -89,6 +94,31 @@ TEST(LineStreamTest, ASocketIsWrittenWithoutBlockingItAFileAppendedToAndAFullDis
     EXPECT_FALSE(file.Write("{}\n", over)) << "what takes bytes at once needs no time";
     EXPECT_EQ(directory.Read("alarms"), "before\n{}\n");
     EXPECT_EQ(LineStream::Append("/dev/full", error).Write("{}\n", over), std::errc::no_space_on_device);
+}
+
+TEST(SinksTest, AFileIsRenamedWhenItIsFullMadeAnewWhenItHasGoneAndNoSymbolicLinkIsFollowed)
+{
+    const TemporaryDirectory directory;
+    const std::string path = directory.Path() + "/alarms";
+    Poco::AutoPtr<Poco::Util::MapConfiguration> settings{new Poco::Util::MapConfiguration};
+    settings->setString(SDK::Config::alarmsFile, path);
+    settings->setUInt64(SDK::Config::alarmsMaxBytes, 8);
+    settings->setUInt(SDK::Config::alarmsKept, 2);
+    const std::unique_ptr<AlarmSink> sink = std::move(MakeSinks(*settings).front());
+    for (const char* line : {"1\n", "22345678\n", "32345678\n", "4\n", "5\n"}) {
+        EXPECT_FALSE(sink->Write(line, {}));
+    }
+    EXPECT_EQ(directory.Read("alarms.2"), "1\n22345678\n");
+    EXPECT_EQ(directory.Read("alarms.1"), "32345678\n");
+    EXPECT_EQ(directory.Read("alarms"), "4\n5\n");
+
+    std::filesystem::remove(path);
+    EXPECT_FALSE(sink->Write("6\n", {}));
+    EXPECT_EQ(directory.Read("alarms"), "6\n");
+    std::filesystem::rename(path, path + ".1");
+    std::filesystem::create_symlink(path + ".1", path);
+    EXPECT_EQ(sink->Write("7\n", {}), std::errc::too_many_symbolic_link_levels);
+    EXPECT_EQ(directory.Read("alarms.1"), "6\n");
 }
 
 TEST_F(SinkQueueTest, AFullQueueLosesWhatDoesNotFitAndTheEndWritesTheRestInOrder)
