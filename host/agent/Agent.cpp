@@ -171,10 +171,11 @@ ExitCode HostAgent::Run()
     return Stop(code);
 }
 
-Readiness HostAgent::Try()
+Readiness HostAgent::Try(const std::function<void()>& meanwhile)
 {
     try {
         Start();
+        meanwhile();
     } catch (const std::exception&) {
         Stop(failed);
         throw;
@@ -215,7 +216,7 @@ bool HostAgent::Apply(const char* occasion)
     AwaitFileWatches();
     const bool isFirst = std::exchange(expectedTasks, engine.RunningTasks()).empty();
     readiness = Look();
-    if (plan.options.command == Command::Check) {
+    if (plan.options.command != Command::Run) {
         return true;
     }
     Warn(readiness.coverage.warnings);

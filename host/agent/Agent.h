@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -58,8 +59,9 @@ public:
     // From start to stop. Never throws.
     ExitCode Run();
 
-    // Starts and stops at once. Throws std::runtime_error, BadInput among them: it does not start.
-    Readiness Try();
+    // Starts, does `meanwhile` and stops. Throws std::runtime_error, BadInput among them: it does not start; and what
+    // `meanwhile` throws.
+    Readiness Try(const std::function<void()>& meanwhile = [] {});
 
 private:
     // All throw std::runtime_error, BadInput with --require-all, when the agent cannot go on. Those that return bool:

@@ -40,14 +40,10 @@ void AddFlag(CLI::App& command, const char* name, bool& value, const char* help)
     command.add_flag(name, value, help)->disable_flag_override()->multi_option_policy(CLI::MultiOptionPolicy::Throw);
 }
 
-// What decides about what is watched.
-void AddWatchOptions(CLI::App& command, Options& options)
+// How it watches.
+void AddSourceOptions(CLI::App& command, Options& options)
 {
-    AddText(command, "--docker-socket", options.dockerSocket, "PATH",
-            "The container engine's socket (/var/run/docker.sock), or none: alarms carry no names then");
     AddText(command, "--modules", options.modulesDir, "DIR", "Where the modules are, if not where they were installed");
-    AddFlag(command, "--namespace-check", options.namespaceCheck,
-            "Compare the namespaces of container processes regularly");
     command.add_option("--buffer-kb", options.bufferKb, "Size of the kernel's buffers for each CPU, in KiB")
         ->option_text("N")
         ->check(CLI::Range(leastBufferKb, maxBufferKb));
@@ -56,6 +52,16 @@ void AddWatchOptions(CLI::App& command, Options& options)
             "sys_enter (enter), by either (bpf), as trace events (tracefs), or auto (the default): the first of these "
             "that the kernel allows")
         ->check(CLI::IsMember({"auto", "function", "enter", "bpf", "tracefs"}));
+}
+
+// What it watches, and how.
+void AddWatchOptions(CLI::App& command, Options& options)
+{
+    AddText(command, "--docker-socket", options.dockerSocket, "PATH",
+            "The container engine's socket (/var/run/docker.sock), or none: alarms carry no names then");
+    AddFlag(command, "--namespace-check", options.namespaceCheck,
+            "Compare the namespaces of container processes regularly");
+    AddSourceOptions(command, options);
 }
 
 void AddRunCommand(CLI::App& program, Options& options)
@@ -115,6 +121,24 @@ void AddCheckCommand(CLI::App& program, Options& options)
     });
 }
 
+void AddSelfTestCommand(CLI::App& program, Options& options)
+{
+    CLI::App* test = program.add_subcommand(
+        "selftest",
+        "Attack as a container would and say, within three seconds, which detectors raised an alarm. Another agent on "
+        "this host raises alarms, too: of the container 5e1f7e57... Exit codes: 0 all did, 1 not all, 2 it does not "
+        "start");
+    AddSourceOptions(*test, options);
+    test->callback([&options] {
+        options.command = Command::SelfTest;
+        options.dockerSocket = SDK::Config::noEngine;
+        options.logLevel = "warning";
+    });
+    CLI::App* attack = program.add_subcommand("selftest-attack", "")->group("");  // hidden: it is the test's own
+    attack->add_option("directory", options.attackedDirectory)->required();
+    attack->callback([&options] { options.command = Command::Attack; });
+}
+
 }  // namespace
 
 Options ParseOptions(std::vector<std::string> words)
@@ -129,6 +153,7 @@ Options ParseOptions(std::vector<std::string> words)
     program.footer(closingText);
     AddRunCommand(program, options);
     AddCheckCommand(program, options);
+    AddSelfTestCommand(program, options);
     std::reverse(words.begin(), words.end());  // the library takes them from the back
     try {
         program.parse(std::move(words));

@@ -10,7 +10,7 @@
 
 namespace Agent {
 
-enum class Command { Run, Check };
+enum class Command { Run, Check, SelfTest, Attack };
 
 struct Options {
     Command command = Command::Run;
@@ -29,6 +29,7 @@ struct Options {
     std::string statsFile;                   // empty: none
     std::chrono::seconds statusInterval{0};  // 0: no status lines
     bool requireAll = false;                 // not to start where something that is listed is not watched
+    std::string attackedDirectory;           // of the self-test's own attack
     bool asJson = false;                     // a check's answer
 };
 

@@ -9,6 +9,7 @@
 #include "host/agent/Agent.h"
 #include "host/agent/Check.h"
 #include "host/agent/Machine.h"
+#include "host/agent/SelfTest.h"
 
 namespace Agent {
 
@@ -26,8 +27,15 @@ ExitCode Main(const std::vector<std::string>& words)
     if (!options.answer.empty()) {
         return Print(options.answer);
     }
-    if (options.command == Command::Check) {
-        return Check(options);
+    switch (options.command) {
+        case Command::Check:
+            return Check(options);
+        case Command::SelfTest:
+            return SelfTest(options);
+        case Command::Attack:
+            return Attack(options.attackedDirectory);
+        case Command::Run:
+            break;
     }
     StartPlan plan = MakePlan(options);
     if (const std::string reason = WhyNotHere(); !reason.empty()) {

@@ -3,6 +3,7 @@
 
 import contextlib
 import json
+import os
 import pathlib
 import re
 import signal
@@ -75,6 +76,12 @@ class Operator(unittest.TestCase):
                 with harness.Agent(harness.policy(), *options) as second:
                     self.assertIn("is another agent's, too", "\n".join(second.log.seen))
             grpc.shutdown()
+
+    def test_every_detector_sees_its_own_attack(self):
+        for source, folder, expected in (("auto", "/tmp", 0), ("tracefs", "/tmp", 0), ("auto", "/nowhere", 2)):
+            done = subprocess.run([harness.AGENT, "selftest", "--syscalls", source], capture_output=True, text=True,
+                                  check=False, env={**os.environ, "TMPDIR": folder})
+            self.assertEqual((done.returncode, done.stdout.count(": alarm")), (expected, 0 if expected else 4), done)
 
     def test_it_does_not_start_where_it_would_miss_everything(self):
         for prefix, why in ((("unshare", "--pid", "--fork", "--mount-proc"), "in a process id namespace of its own"),
