@@ -291,5 +291,7 @@ class WithoutEngine(Watched):
         self.addCleanup(daemon.wait, harness.PATIENCE)
         self.addCleanup(daemon.terminate)
         ctr = ("ctr", "-a", socket, "-n", GROUPS)
+        # Its socket is there before it answers.
+        harness.wait_until(lambda: subprocess.run([*ctr, "version"], capture_output=True, check=False).returncode == 0)
         self.both("containerd", lambda *words: (*ctr, "run", "--rm", "--rootfs", self.folder / "root", *words),
                   lambda *words: (*ctr, "tasks", "exec", "--exec-id", secrets.token_hex(4), *words))
