@@ -126,7 +126,7 @@ void AddSelfTestCommand(CLI::App& program, Options& options)
     CLI::App* test = program.add_subcommand(
         "selftest",
         "Attack as a container would and say, within three seconds, which detectors raised an alarm. Another agent on "
-        "this host raises alarms, too: of the container 5e1f7e57... Exit codes: 0 all did, 1 not all, 2 it does not "
+        "this host alarms, too: of the container 5e1f7e57... Exit codes: 0 all did, 1 not all, 2 it does not "
         "start");
     AddSourceOptions(*test, options);
     test->callback([&options] {

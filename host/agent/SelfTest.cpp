@@ -4,8 +4,6 @@
 #include <fcntl.h>
 #include <json/json.h>
 #include <mntent.h>
-#include <sched.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -38,6 +36,8 @@ using namespace std::chrono_literals;
 
 constexpr auto patience = 3s;
 constexpr int guesses = 400;  // of file handles: 300 in a second are no attack yet
+// No policy lists it: where another agent alarms once an hour for each call on the host, the test does not take its turn.
+constexpr char listedCall[] = "getppid";
 constexpr mode_t ownersAlone = 0700;
 
 // What the attack does, and the alarm that tells of it.
@@ -180,7 +180,7 @@ std::string PolicyOn(const std::string& directory)
     Json::Value& content = policy["content"];
     content["image_white_namelist"] = Json::Value(Json::arrayValue);
     Json::Value& detection = content["container_escape_detect_task"];
-    detection["highrisk_calls"].append("unshare");
+    detection["highrisk_calls"].append(listedCall);
     detection["host_directorys"].append(directory);
     detection["scope"] = "container";
     return SDK::JsonUtils::JsonToString(policy);
@@ -244,8 +244,8 @@ ExitCode Attack(const std::string& directory)
     for (int guess = 0; guess < guesses; ++guess) {
         ::syscall(SYS_open_by_handle_at, AT_FDCWD, &none, O_PATH);
     }
-    const bool isDone = ::unshare(CLONE_NEWUTS) == 0 && (std::ofstream(directory + "/file") << "x").good();
-    return isDone ? cleanStop : failed;
+    ::syscall(SYS_getppid);
+    return (std::ofstream(directory + "/file") << "x").good() ? cleanStop : failed;
 }
 
 }  // namespace Agent
