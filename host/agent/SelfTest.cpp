@@ -36,7 +36,8 @@ using namespace std::chrono_literals;
 
 constexpr auto patience = 3s;
 constexpr int guesses = 400;  // of file handles: 300 in a second are no attack yet
-// No policy lists it: where another agent alarms once an hour for each call on the host, the test does not take its turn.
+// No policy lists it: where another agent alarms once an hour for each call on the host, the test does not take its
+// turn.
 constexpr char listedCall[] = "getppid";
 constexpr mode_t ownersAlone = 0700;
 
