@@ -9,10 +9,13 @@ namespace Engine {
 void NoticeReceivers::Add(Framework::Task& task)
 {
     const std::lock_guard lock{mutex};
-    const bool isKnown = std::any_of(receivers.begin(), receivers.end(),
-                                     [&task](const Receiver& receiver) { return receiver.task == &task; });
-    if (!isKnown) {
+    const auto known = std::find_if(receivers.begin(), receivers.end(),
+                                    [&task](const Receiver& receiver) { return receiver.task == &task; });
+    if (known == receivers.end()) {
         receivers.push_back({&task, task.LostEvents()});
+        arrival = true;
+    } else if (known->isLeaving) {
+        *known = {&task, task.LostEvents()};
         arrival = true;
     }
 }
@@ -20,6 +23,12 @@ void NoticeReceivers::Add(Framework::Task& task)
 void NoticeReceivers::Remove(const Framework::Task& task)
 {
     std::unique_lock lock{mutex};
+    if (task.IsRestarting()) {
+        for (Receiver& receiver : receivers) {
+            receiver.isLeaving = receiver.isLeaving || receiver.task == &task;
+        }
+        return;
+    }
     std::erase_if(receivers, [&task](const Receiver& receiver) { return receiver.task == &task; });
     sent.wait(lock, [this, &task] { return std::find(targets.begin(), targets.end(), &task) == targets.end(); });
 }
@@ -33,6 +42,8 @@ int NoticeReceivers::Count() const
 bool NoticeReceivers::TakeArrival()
 {
     const std::lock_guard lock{mutex};
+    std::erase_if(receivers,
+                  [](const Receiver& receiver) { return receiver.isLeaving && !receiver.task->IsRestarting(); });
     return std::exchange(arrival, false) && !receivers.empty();
 }
 

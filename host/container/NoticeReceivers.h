@@ -18,12 +18,13 @@ class NoticeReceivers {
 public:
     // A task counts once, however often it is added. Not owned.
     void Add(Framework::Task& task);
+    // A task that is restarted goes on to get notices until it runs again, or has come back.
     void Remove(const Framework::Task& task);
 
     bool IsEmpty() const { return Count() == 0; }
     int Count() const;
 
-    // Whether a task was added since the last call.
+    // Whether a task was added since the last call. Forgets those that were restarted and have not come back.
     bool TakeArrival();
 
     // Whether a receiver's queue has refused events since the last call.
@@ -39,6 +40,7 @@ private:
     struct Receiver {
         Framework::Task* task;
         unsigned long lost;  // events, as its queue had counted them at the last look
+        bool isLeaving = false;
     };
 
     mutable std::mutex mutex;  // not held while a message is sent: the queue's side has locks of its own

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "host/filenotify/NotifyLog.h"
+#include "host/sdk/FindTask.h"
 #include "host/sdk/Realtime.h"
 
 namespace Engine {
@@ -59,6 +60,7 @@ int FileNotifyTask::Run()
     const Clock::time_point now = Clock::now();
     if (now >= nextCheck) {
         // Every event is dearer with objects. Not as soon as the last watch goes: with a new policy it comes again.
+        EndSuspended();
         ChangeGroup(watches.AnyChanges());
         UpdateMarks();
         nextCheck = now + checkPeriod;
@@ -173,6 +175,9 @@ std::string FileNotifyTask::AddWatch(const FileNotifyWatchMessage& message)
 
 std::string FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
 {
+    if (IsRestarting(message.requester)) {
+        return watches.Suspend(message.requester, message.path) ? "" : "it is not watched";
+    }
     const bool isWatched = watches.Remove(message.requester, message.path);
     {
         const std::lock_guard lock(mutex);
@@ -183,6 +188,25 @@ std::string FileNotifyTask::RemoveWatch(const FileNotifyWatchMessage& message)
     }
     UpdateMarks();
     return {};
+}
+
+// By name: a task may be deleted while its withdrawal waits in our queue.
+bool FileNotifyTask::IsRestarting(const Framework::Task* subscriber) const
+{
+    const auto& all = watches.Watches();
+    const auto known =
+        std::find_if(all.begin(), all.end(), [=](const Watch& watch) { return watch.subscriber == subscriber; });
+    return known != all.end() && SDK::IsRestarting(known->subscriberName, subscriber);
+}
+
+void FileNotifyTask::EndSuspended()
+{
+    const std::vector<std::string> ended = watches.EndSuspended(
+        [](const Watch& watch) { return !SDK::IsRestarting(watch.subscriberName, watch.subscriber); });
+    const std::lock_guard lock(mutex);
+    for (const std::string& text : ended) {
+        states.erase(text);
+    }
 }
 
 // Update is to be called next.

@@ -3,7 +3,8 @@
 //
 // The answer to a FileNotifyWatchMessage is 0, or -1 with a log record: a malformed entry, a permission event, a
 // filesystem that can be marked in no way, or the withdrawal of a watch that there is not. A path that does not exist
-// is waited for. Thread: its own, for everything but construction, destruction and Watches.
+// is waited for. What a task that is restarted takes back stays in force until it runs again. Thread: its own, for
+// everything but construction, destruction and Watches.
 #pragma once
 
 #include <chrono>
@@ -49,6 +50,8 @@ private:
     void UpdateMarks();
     std::string AddWatch(const FileNotifyWatchMessage& message);
     std::string RemoveWatch(const FileNotifyWatchMessage& message);
+    bool IsRestarting(const Framework::Task* subscriber) const;
+    void EndSuspended();
     void ChangeGroup(bool withObjects);
     void StopListening();
     bool ReadEvents();

@@ -150,6 +150,11 @@ std::list<Watch>::iterator WatchTable::Find(const Framework::Task* subscriber, c
 int WatchTable::Add(const Framework::Task* subscriber, const std::string& text, const WatchEntry& entry)
 {
     const auto known = Find(subscriber, text);
+    if (known != watches.end() && known->count == 0) {
+        known->entry = entry;
+        known->count = 1;
+        return known->number;
+    }
     if (known != watches.end()) {
         ++known->count;
         known->entry.masks |= entry.masks;
@@ -166,10 +171,33 @@ bool WatchTable::Remove(const Framework::Task* subscriber, const std::string& te
     if (known == watches.end()) {
         return false;
     }
-    if (--known->count == 0) {
+    if (known->count < 2 || --known->count == 0) {
         watches.erase(known);
     }
     return true;
+}
+
+bool WatchTable::Suspend(const Framework::Task* subscriber, const std::string& text)
+{
+    const auto known = Find(subscriber, text);
+    if (known == watches.end() || known->count == 0) {
+        return false;
+    }
+    --known->count;
+    return true;
+}
+
+std::vector<std::string> WatchTable::EndSuspended(const std::function<bool(const Watch&)>& isOver)
+{
+    std::vector<std::string> ended;
+    std::erase_if(watches, [&](const Watch& watch) {
+        const bool ends = watch.count == 0 && isOver(watch);
+        if (ends) {
+            ended.push_back(watch.text);
+        }
+        return ends;
+    });
+    return ended;
 }
 
 bool WatchTable::AnyChanges() const

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <string>
 #include <string_view>
@@ -61,7 +62,7 @@ struct Watch {
     std::string text;                   // the path as it was given, letters included: part of the key
     WatchEntry entry;
     std::string path;        // as the host names it now, symbolic links resolved; kept up by Marks
-    unsigned int count = 1;  // Adds that were not taken back
+    unsigned int count = 1;  // Adds that were not taken back; 0: suspended
 };
 
 // One notification to send: the first matching watch of a subscriber, and the wanted bits of all its watches.
@@ -79,6 +80,12 @@ public:
 
     // Takes back one Add. False: there is no such watch.
     bool Remove(const Framework::Task* subscriber, const std::string& text);
+
+    // As Remove, but the last Add stays in force, as it is, until the watch is added anew.
+    bool Suspend(const Framework::Task* subscriber, const std::string& text);
+
+    // Ends what is suspended, of the subscribers for which `isOver`. Returns the texts of those watches.
+    std::vector<std::string> EndSuspended(const std::function<bool(const Watch&)>& isOver);
 
     // Fills `matches` with one for each subscriber to notify of the access, in the order of their first watch.
     // `mask`: the event's bits. A watch with `changes` is also about the move of a directory above its path, and about

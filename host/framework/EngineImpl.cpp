@@ -163,12 +163,15 @@ void Engine::Impl::PutInForce(const std::string& feature, Policy* policy)
     }
 }
 
-// What arrives for the feature's tasks while they are stopped is refused and counted as lost.
+// What arrives for the feature's tasks meanwhile waits in their queues.
 void Engine::Impl::Restart(const std::string& feature, Policy* policy)
 {
     auto entries = registry.All();
     std::erase_if(entries, [&feature](const auto& entry) { return entry->task->FeatureName() != feature; });
     SortByStart(entries);
+    for (const auto& entry : entries) {
+        entry->task->impl->restarting = !entry->hidden && entry->task->impl->thread.joinable();
+    }
     std::for_each(entries.rbegin(), entries.rend(), [this](const auto& entry) { Stop(*entry); });
     PutInForce(feature, policy);
     for (const auto& entry : registry.All()) {

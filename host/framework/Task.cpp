@@ -184,6 +184,11 @@ bool Task::IsAccepting() const
     return impl->accepting.load();
 }
 
+bool Task::IsRestarting() const
+{
+    return impl->restarting.load();
+}
+
 EventWaiter& Task::Waiter()
 {
     return impl->waiter;

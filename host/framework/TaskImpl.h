@@ -61,6 +61,7 @@ struct Task::Impl {
     std::vector<Queued> spareBatch;  // task's thread; keeps its memory between calls
 
     std::atomic<bool> accepting{true};
+    std::atomic<bool> restarting{false};
     std::atomic<bool> cancelled{false};
     std::atomic<unsigned long> lostEvents{0};
     std::atomic<std::chrono::steady_clock::time_point> lastProgress{};

@@ -87,6 +87,7 @@ bool Task::Impl::Start(Task& task)
         thread = std::thread([&task] { task.runTask(); });
     } catch (const std::system_error& error) {
         SDK::RootLog::Error("task %s: no thread: %s", task.name(), error.what());
+        restarting = false;
         accepting = false;
         DropQueued();
         state->Set(Phase::Failed);
@@ -121,6 +122,7 @@ void Task::runTask()
     impl->state->Set(Phase::Starting);
     impl->interruptible = true;
     const int initResult = Guarded(*this, "Init", [this] { return Init(); });
+    impl->restarting = false;
     if (initResult == 0) {
         impl->state->Set(Phase::Running);
         impl->Loop(*this);
@@ -132,9 +134,12 @@ void Task::runTask()
     if (initResult == 0) {
         impl->Drain(*this);
     }
-    impl->accepting = false;
+    const bool startsAgain = impl->restarting;
+    impl->accepting = startsAgain;
     Guarded(*this, "UnInit", [this] { return UnInit(); });
-    impl->DropQueued();
+    if (!startsAgain) {
+        impl->DropQueued();
+    }
     impl->loopThread = std::thread::id{};
     setState(TASK_FINISHED);
     impl->state->Set(initResult == 0 ? Phase::Ended : Phase::Failed);

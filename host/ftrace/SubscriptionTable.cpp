@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <set>
 #include <utility>
 
 namespace Engine {
@@ -31,22 +32,59 @@ std::vector<const KnownEvent*> SubscriptionTable::Remove(const Framework::Task* 
     if (queue == nullptr) {
         return {};
     }
-    bool isSubscribed = false;
     auto unused = ChangeAll([&](TraceRoute& route) {
         std::erase_if(route.subscribers, [&](TraceRoute::Subscriber& each) {
-            const bool isOurs = each.queue == queue;
-            const bool ends = isOurs && (event == nullptr || (event == route.event && --each.count == 0));
-            isSubscribed = isSubscribed || (isOurs && !ends);
+            return each.queue == queue &&
+                   (event == nullptr || (event == route.event && (each.count < 2 || --each.count == 0)));
+        });
+    });
+    RetireUnused();
+    return unused;
+}
+
+void SubscriptionTable::Suspend(const Framework::Task* task, const KnownEvent& event)
+{
+    const TraceSubscriberQueue* queue = Find(task);
+    ChangeAll([&](TraceRoute& route) {
+        for (TraceRoute::Subscriber& each : route.subscribers) {
+            if (each.queue == queue && route.event == &event && each.count > 0) {
+                --each.count;
+                hasSuspended = hasSuspended || each.count == 0;
+            }
+        }
+    });
+}
+
+std::vector<const KnownEvent*> SubscriptionTable::EndSuspended(
+    const std::function<bool(const TraceSubscriberQueue&)>& isOver)
+{
+    hasSuspended = false;
+    auto unused = ChangeAll([&](TraceRoute& route) {
+        std::erase_if(route.subscribers, [&](const TraceRoute::Subscriber& each) {
+            const bool ends = each.count == 0 && isOver(*each.queue);
+            hasSuspended = hasSuspended || (each.count == 0 && !ends);
             return ends;
         });
     });
-    if (!isSubscribed) {
-        const auto found =
-            std::find_if(queues.begin(), queues.end(), [=](const auto& each) { return each.get() == queue; });
-        retired.push_back(std::move(*found));
-        queues.erase(found);
-    }
+    RetireUnused();
     return unused;
+}
+
+// The queues of tasks that are subscribed to nothing any more.
+void SubscriptionTable::RetireUnused()
+{
+    std::set<const TraceSubscriberQueue*> used;
+    for (const auto& sameId : routes) {
+        for (const TraceRoute& route : sameId) {
+            for (const TraceRoute::Subscriber& each : route.subscribers) {
+                used.insert(each.queue);
+            }
+        }
+    }
+    const auto unused = std::stable_partition(queues.begin(), queues.end(),
+                                              [&used](const auto& each) { return used.contains(each.get()); });
+    std::move(unused, queues.end(), std::back_inserter(retired));
+    queues.erase(unused, queues.end());
 }
 
 bool SubscriptionTable::Observe(const KnownEvent& event)
@@ -84,8 +122,13 @@ std::vector<const KnownEvent*> SubscriptionTable::Events() const
 {
     std::vector<const KnownEvent*> events;
     for (const auto& sameId : routes) {
-        std::transform(sameId.begin(), sameId.end(), std::back_inserter(events),
-                       [](const TraceRoute& route) { return route.event; });
+        for (const TraceRoute& route : sameId) {
+            const bool isSubscribed = std::any_of(route.subscribers.begin(), route.subscribers.end(),
+                                                  [](const TraceRoute::Subscriber& each) { return each.count > 0; });
+            if (isSubscribed || route.isObserved) {
+                events.push_back(route.event);
+            }
+        }
     }
     return events;
 }

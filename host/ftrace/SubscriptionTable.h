@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ namespace Engine {
 struct TraceRoute {
     struct Subscriber {
         TraceSubscriberQueue* queue;
-        unsigned count;  // how often the task subscribed
+        unsigned count;  // how often the task subscribed; 0: suspended
     };
 
     const KnownEvent* event;
@@ -38,6 +39,14 @@ public:
     // now. Where there is no such subscription, nothing changes.
     std::vector<const KnownEvent*> Remove(const Framework::Task* task, const KnownEvent* event = nullptr);
 
+    // As Remove of one subscription, but the last of them stays in force: the task is restarted, and about to ask for
+    // most of what it takes back.
+    void Suspend(const Framework::Task* task, const KnownEvent& event);
+
+    // Ends what is suspended and was not added again, of the tasks for which `isOver`. Returns as Remove does.
+    std::vector<const KnownEvent*> EndSuspended(const std::function<bool(const TraceSubscriberQueue&)>& isOver);
+    bool HasSuspended() const { return hasSuspended; }
+
     // The observer's interest, which there is once. Observe returns as Add does, StopObserving as Remove does.
     bool Observe(const KnownEvent& event);
     std::vector<const KnownEvent*> StopObserving();
@@ -48,7 +57,7 @@ public:
     // Whether an event with that id, which may be in use no more, is a system call.
     bool WasSyscall(std::uint16_t id) const { return id < syscalls.size() && syscalls[id]; }
 
-    // What is in use, under every name.
+    // What is in use, under every name; without what is suspended.
     std::vector<const KnownEvent*> Events() const;
 
     // Of tasks that are subscribed. Find: null for others.
@@ -60,13 +69,15 @@ public:
 
 private:
     TraceRoute& RouteOf(const KnownEvent& event);
+    void RetireUnused();
     template <class Change>
     std::vector<const KnownEvent*> ChangeAll(Change change);
 
     static inline const std::vector<TraceRoute> none;
     const TraceOutlet* outlet;
     std::vector<std::vector<TraceRoute>> routes;  // by the event's id in the kernel
-    std::vector<bool> syscalls;                   // likewise, of every event there ever was a route for
+    bool hasSuspended = false;
+    std::vector<bool> syscalls;  // likewise, of every event there ever was a route for
     std::vector<std::unique_ptr<TraceSubscriberQueue>> queues;
     std::vector<std::unique_ptr<TraceSubscriberQueue>> retired;  // their tasks withdrew, some of their events wait
 };

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ftrace/TraceTask.h"
 
-#include <Poco/Exception.h>
-#include <Poco/Util/Application.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -11,9 +9,9 @@
 #include <thread>
 #include <utility>
 
-#include "framework/Engine.h"
 #include "host/ftrace/EventName.h"
 #include "host/ftrace/Log.h"
+#include "host/sdk/FindTask.h"
 #include "host/sdk/Impairments.h"
 
 namespace Engine {
@@ -47,16 +45,6 @@ std::uint64_t Nanoseconds(std::chrono::steady_clock::time_point when)
 std::string Milliseconds(std::chrono::steady_clock::duration time)
 {
     return std::to_string(std::chrono::duration_cast<milliseconds>(time).count()) + " ms";
-}
-
-Framework::Task* FindTask(const std::string& name)
-{
-    try {
-        auto* engine = dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance());
-        return engine != nullptr ? engine->FindTask(name) : nullptr;
-    } catch (const Poco::Exception&) {
-        return nullptr;  // there is no application
-    }
 }
 
 }  // namespace
@@ -121,7 +109,7 @@ Sending TraceTask::Send(const std::string& task, std::unique_ptr<Framework::Mess
     if (SendDirectMsg(task, message.release()) == 0) {
         return Sending::Accepted;
     }
-    const Framework::Task* receiver = FindTask(task);
+    const Framework::Task* receiver = SDK::FindTask(task);
     return receiver != nullptr && receiver->IsAccepting() ? Sending::Refused : Sending::Gone;
 }
 
@@ -134,6 +122,9 @@ void TraceTask::Round()
     const std::uint64_t observed = trace->Merger().Round(Nanoseconds(lastRound), delivery);
     delivery.EndRound(std::chrono::nanoseconds{observed});
     ForgetTheDead();
+    if (table.HasSuspended()) {
+        StopUnused(table.EndSuspended([](const TraceSubscriberQueue& queue) { return !IsRestarting(&queue); }));
+    }
     if (lastRound - lastLook >= lookDistance) {
         lastLook = lastRound;
         LookAfterLosses(lastRound);
@@ -156,7 +147,7 @@ void TraceTask::ForgetTheDead()
 {
     std::vector<const Framework::Task*> dead;
     for (const auto& queue : table.Queues()) {
-        if (queue->IsRefused() && FindTask(queue->Name()) != queue->Task()) {
+        if (queue->IsRefused() && SDK::FindTask(queue->Name()) != queue->Task()) {
             dead.push_back(queue->Task());
         }
     }
@@ -249,7 +240,11 @@ int TraceTask::Receive(const FtraceWatchMessage& message)
         return ENOENT;
     }
     if (message.unwatch) {
-        StopUnused(table.Remove(message.requester, event));
+        if (IsRestarting(table.Find(message.requester))) {
+            table.Suspend(message.requester, *event);
+        } else {
+            StopUnused(table.Remove(message.requester, event));
+        }
         return 0;
     }
     const int error = table.Add(*message.requester, *event) ? trace->Record(*event) : 0;
@@ -257,6 +252,11 @@ int TraceTask::Receive(const FtraceWatchMessage& message)
         table.Remove(message.requester, event);
     }
     return error;
+}
+
+bool TraceTask::IsRestarting(const TraceSubscriberQueue* subscriber)
+{
+    return subscriber != nullptr && SDK::IsRestarting(subscriber->Name(), subscriber->Task());
 }
 
 void TraceTask::StopUnused(const std::vector<const KnownEvent*>& events)

@@ -36,7 +36,8 @@ public:
     int Run() override;
 
     // 0, or an errno. An audit rule is taken and records nothing: its subscriber gets the calls that others ask for.
-    // ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal.
+    // ENOENT for an event that cannot be had, EINVAL without a requester, else the kernel's refusal. What a task that
+    // is restarted takes back stays in force until it runs again.
     int Receive(const FtraceWatchMessage& message) override;
 
     // Keeps what follows the trace until the trace has got so far.
@@ -54,6 +55,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;  // CLOCK_MONOTONIC, the clock of the events
 
+    static bool IsRestarting(const TraceSubscriberQueue* subscriber);
     void StopUnused(const std::vector<const KnownEvent*>& events);
     Sending Send(const std::string& task, std::unique_ptr<Framework::Message> message);
     void WatchDescriptors();

@@ -4,11 +4,11 @@
 
 #include <memory>
 
-#include "framework/Engine.h"
 #include "framework/Module.h"
 #include "host/report/ReportLog.h"
 #include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
+#include "host/sdk/FindTask.h"
 
 namespace Engine {
 
@@ -16,8 +16,7 @@ namespace {
 
 const SDK::ContainerNames* FindNames()
 {
-    auto* engine = dynamic_cast<Framework::Engine*>(&Poco::Util::Application::instance());
-    return dynamic_cast<SDK::ContainerNames*>(engine == nullptr ? nullptr : engine->FindTask("container_collect_task"));
+    return dynamic_cast<SDK::ContainerNames*>(SDK::FindTask("container_collect_task"));
 }
 
 class ReportModule : public Framework::Module {

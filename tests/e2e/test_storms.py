@@ -144,6 +144,25 @@ class Storms(harness.InDocker):
             agent.stop()
         return json.loads(stats.read_text())
 
+    @staticmethod
+    def reached(counts):
+        """What became of the calls."""
+        return {"delivered": counts["calls.delivered"], "ring full": counts["trace.lost_dropped"],
+                "shed in the kernel": counts["trace.shed_kernel"], "shed": counts["trace.shed"],
+                "refused": counts["calls.refused"]}
+
+    def test_no_call_is_missed_while_the_policy_is_replaced(self):
+        server, stats, calls = self.server("other"), self.folder / "stats.json", 0
+        with self.agent("--stats", str(stats), calls=["getppid"]) as agent, \
+                concurrent.futures.ThreadPoolExecutor() as pool:
+            for _ in range(harness.tries(100)):
+                replaced = pool.submit(agent.reload)
+                while not replaced.done():
+                    server.do("self storm 50 getppid")
+                    calls += 50
+            agent.stop()
+        self.assertEqual(sum(self.reached(json.loads(stats.read_text())).values()), calls)
+
     def test_every_call_of_a_storm_is_accounted_for(self):
         calls = harness.tries(10000000) // len(CPUS)
         servers = [self.server(name) for name in self.loud_containers()]
@@ -151,9 +170,7 @@ class Storms(harness.InDocker):
         for (source, kb), slowed in itertools.product(runs, (False, True)):
             with self.subTest(source=source, kb=kb, slowed=slowed):
                 counts = self.account_for(servers, calls, source, kb, slowed)
-                reached = {"delivered": counts["calls.delivered"], "ring full": counts["trace.lost_dropped"],
-                           "shed in the kernel": counts["trace.shed_kernel"], "shed": counts["trace.shed"],
-                           "refused": counts["calls.refused"]}
+                reached = self.reached(counts)
                 if source == "tracefs":
                     reached["overwritten"] = counts["trace.lost_overrun"]
                 print(f"\n  {source}, {kb} KiB{', detection slowed' if slowed else ''}: {reached}")

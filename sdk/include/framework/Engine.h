@@ -35,7 +35,8 @@ public:
     bool LoadModule(const std::string& path, std::string& error);
 
     // Delivers a policy document to the callback registered under `policyId`: stops the feature's tasks, replaces its
-    // policy, hands the tasks their policies and starts them. False when no callback took the document.
+    // policy, hands the tasks their policies and starts them; see Task::IsRestarting. False when no callback took the
+    // document.
     bool ApplyPolicy(const std::string& policyId, const std::string& featureName, const std::string& content);
 
     // Stops all tasks, last started first, then unloads the modules in reverse order. Called by the destructor too.

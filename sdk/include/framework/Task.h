@@ -73,8 +73,8 @@ public:
 
     // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same. Before UnInit the task
     // handles what is queued, for at most 200 ms, and then takes no more messages; UnInit may go on handling. What is
-    // left in the queue after it is dropped and counted as lost. The default Run of an event loop waits and handles
-    // messages.
+    // left in the queue after it is dropped and counted as lost, unless the task is restarted. The default Run of an
+    // event loop waits and handles messages.
     virtual int Init();
     virtual int UnInit();
     virtual int Run();
@@ -122,8 +122,13 @@ public:
     const std::string& FeatureName() const;
     TaskCondition::TaskType Type() const;
 
-    // Whether the task takes messages: from before its Init until it stops.
+    // Whether the task takes messages: from before its Init until it stops, and on through a restart.
     bool IsAccepting() const;
+
+    // Whether a new policy restarts the task: from before the end of its thread until the next Init is over. What is
+    // sent to it meanwhile waits in its queue. Who keeps subscriptions for it keeps those that its UnInit takes back
+    // until then, since Init is about to ask for most of them again: nothing is missed in between. Any thread.
+    bool IsRestarting() const;
 
     // Events that were refused by a full queue, or still in it when the task had stopped, since construction.
     unsigned long LostEvents() const;

@@ -55,7 +55,11 @@ struct TestTask : Task {
         return Note(name() + " Init" + (featurePolicy.Get() != nullptr ? " " + featurePolicy.Get()->Name() + own : ""),
                     name() == "failing" ? 5 : 0);
     }
-    int UnInit() override { return Note(name() + " UnInit"); }
+    int UnInit() override
+    {
+        Send(std::bind(Note, name() + " is sent a message meanwhile", 0));  // refused unless it is restarted
+        return Note(name() + " UnInit");
+    }
     int Run() override
     {
         Waiter().WaitAndHandleEvent(foreverMs, 16);
@@ -133,9 +137,10 @@ TEST_F(EngineTest, APolicyStartsTheTasksOfItsFeatureANewOneRestartsThemARefusedO
         EXPECT_EQ(engine.ApplyPolicy("id", "feature", content), isTaken);
         engine.WaitStarted("first", limit);
     }
+    EXPECT_EQ(caller.Ask("first", [] { return 0; }), 0);
     Register("late", "feature");
     EXPECT_THAT(journal, ElementsAre("first Init one with its own", "first UnInit", "first Init two with its own",
-                                     "late Init two"));
+                                     "first is sent a message meanwhile", "late Init two"));
 }
 
 // Without a thread of its own: the case is its thread.
