@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "host/agent/Console.h"
+#include "host/agent/PolicyText.h"
 
 namespace Agent {
 
@@ -139,6 +140,25 @@ void AddSelfTestCommand(CLI::App& program, Options& options)
     attack->callback([&options] { options.command = Command::Attack; });
 }
 
+void AddPolicyCommand(CLI::App& program, Options& options)
+{
+    CLI::App* policy = program.add_subcommand("policy", "Print what helps to write a policy")->require_subcommand(0, 1);
+    policy->add_subcommand("example", "The policy that is installed")->callback([&options] {
+        options.answer = ExamplePolicy();
+    });
+    policy->add_subcommand("schema", "The JSON Schema of policies, for editors and validators")->callback([&options] {
+        options.answer = PolicySchema();
+    });
+    CLI::App* explain = policy->add_subcommand("explain", "What each entry of a policy makes the agent do");
+    AddText(*explain, "--policy", options.policyFile, "FILE (required)", "The policy")->required();
+    explain->callback([&options] { options.command = Command::Explain; });
+    policy->callback([policy] {
+        if (policy->get_subcommands().empty()) {
+            throw BadInput("policy: example, schema or explain?");
+        }
+    });
+}
+
 }  // namespace
 
 Options ParseOptions(std::vector<std::string> words)
@@ -154,6 +174,7 @@ Options ParseOptions(std::vector<std::string> words)
     AddRunCommand(program, options);
     AddCheckCommand(program, options);
     AddSelfTestCommand(program, options);
+    AddPolicyCommand(program, options);
     std::reverse(words.begin(), words.end());  // the library takes them from the back
     try {
         program.parse(std::move(words));

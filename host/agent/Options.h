@@ -10,7 +10,7 @@
 
 namespace Agent {
 
-enum class Command { Run, Check, SelfTest, Attack };
+enum class Command { Run, Check, SelfTest, Attack, Explain };
 
 struct Options {
     Command command = Command::Run;

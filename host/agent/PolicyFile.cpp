@@ -47,44 +47,63 @@ const char* KindName(Json::ValueType type)
     return "something else";
 }
 
-void Demand(const Json::Value& value, Json::ValueType type, const std::string& place)
-{
-    if (value.type() != type) {
-        throw BadInput(place + ": must be " + KindName(type) + ", is " + KindName(value.type()));
+// Where values are in the text that they were parsed from.
+class Places {
+public:
+    explicit Places(const std::string& text)
+    {
+        for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
+            lineStarts.push_back(static_cast<std::ptrdiff_t>(end) + 1);
+        }
     }
-}
+
+    std::string Of(const Json::Value& value) const
+    {
+        const auto next = std::upper_bound(lineStarts.begin(), lineStarts.end(), value.getOffsetStart());
+        return "line " + std::to_string(next - lineStarts.begin()) + ", column " +
+               std::to_string(value.getOffsetStart() - *std::prev(next) + 1);
+    }
+
+private:
+    std::vector<std::ptrdiff_t> lineStarts{0};
+};
 
 std::string Join(const std::string& place, const std::string& key)
 {
     return place.empty() ? key : place + "." + key;
 }
 
-// One object of the document, at its place in it.
+// One object of the document.
 class Section {
 public:
-    Section(const Json::Value& object, std::string place) : object(object), place(std::move(place)) {}
+    // `path`: of keys, empty for the document.
+    Section(const Json::Value& object, const Places& places, std::string path)
+        : object(object), places(places), path(std::move(path))
+    {
+    }
 
     const Json::Value& Member(const char* key, Json::ValueType type) const
     {
-        const Json::Value* member = object.find(key, key + std::strlen(key));
+        const Json::Value* member = Find(key);
         if (member == nullptr) {
-            throw BadInput(Join(place, key) + ": is missing; the help shows what a policy looks like");
+            throw BadInput(places.Of(object) + ": " + Join(path, key) +
+                           ": is missing; \"containerescape-agent policy example\" prints a policy");
         }
-        Demand(*member, type, Join(place, key));
+        Demand(*member, type, Join(path, key));
         return *member;
     }
 
-    Section Object(const char* key) const { return {Member(key, Json::objectValue), Join(place, key)}; }
+    Section Object(const char* key) const { return {Member(key, Json::objectValue), places, Join(path, key)}; }
 
-    std::set<std::string> Texts(const char* key, std::vector<std::string>& warnings) const
+    Policy::Entries Texts(const char* key, std::vector<std::string>& warnings) const
     {
         const Json::Value& list = Member(key, Json::arrayValue);
-        std::set<std::string> texts;
+        Policy::Entries texts;
         for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
-            const std::string itemPlace = Join(place, key) + "[" + std::to_string(i) + "]";
-            Demand(list[i], Json::stringValue, itemPlace);
-            if (!texts.insert(list[i].asString()).second) {
-                warnings.push_back("policy " + itemPlace + ": \"" + list[i].asString() + "\" is there twice");
+            const std::string itemPath = Join(path, key) + "[" + std::to_string(i) + "]";
+            Demand(list[i], Json::stringValue, itemPath);
+            if (!texts.emplace(list[i].asString(), places.Of(list[i])).second) {
+                Warn(list[i], itemPath + ": \"" + list[i].asString() + "\" is there twice", warnings);
             }
         }
         return texts;
@@ -93,9 +112,10 @@ public:
     // Whether the member is the second text; false when there is none. Throws when it is neither text.
     bool IsSecond(const char* key, const std::string& first, const std::string& second) const
     {
-        const Json::Value* member = object.find(key, key + std::strlen(key));
+        const Json::Value* member = Find(key);
         if (member != nullptr && *member != first && *member != second) {
-            throw BadInput(Join(place, key) + ": must be \"" + first + "\" or \"" + second + "\"");
+            throw BadInput(places.Of(*member) + ": " + Join(path, key) + ": must be \"" + first + "\" or \"" + second +
+                           "\"");
         }
         return member != nullptr && *member == second;
     }
@@ -104,21 +124,43 @@ public:
     {
         for (const std::string& key : object.getMemberNames()) {
             if (std::find(known.begin(), known.end(), key) == known.end()) {
-                warnings.push_back("policy key " + Join(place, key) + " is unknown and ignored");
+                Warn(object[key], "key " + Join(path, key) + " is unknown and ignored", warnings);
             }
         }
     }
 
+    void Demand(const Json::Value& value, Json::ValueType type, const std::string& itsPath) const
+    {
+        if (value.type() != type) {
+            throw BadInput(places.Of(value) + ": " + itsPath + ": must be " + KindName(type) + ", is " +
+                           KindName(value.type()));
+        }
+    }
+
 private:
+    const Json::Value* Find(const char* key) const { return object.find(key, key + std::strlen(key)); }
+
+    void Warn(const Json::Value& value, const std::string& what, std::vector<std::string>& warnings) const
+    {
+        warnings.push_back("policy " + places.Of(value) + ": " + what);
+    }
+
     const Json::Value& object;
-    std::string place;
+    const Places& places;
+    std::string path;
 };
 
-void ExamineImages(const std::set<std::string>& images, std::vector<std::string>& warnings)
+// One entry's warning.
+std::string About(const std::string& place, const char* kind, const std::string& entry, const std::string& what)
 {
-    for (const std::string& image : images) {
+    return (place.empty() ? "" : "policy " + place + ": ") + kind + " \"" + entry + "\": " + what;
+}
+
+void ExamineImages(const Policy::Entries& images, std::vector<std::string>& warnings)
+{
+    for (const auto& [image, place] : images) {
         if (image.find_first_of("*?[") != std::string::npos) {
-            warnings.push_back("image \"" + image + "\": is compared as it stands, it is no pattern");
+            warnings.push_back(About(place, "image", image, "is compared as it stands, it is no pattern"));
         }
     }
 }
@@ -143,8 +185,8 @@ std::string WhyRefused(const std::string& directory, const SDK::PathEntry& entry
     return watch == kernel.watches.end() ? "there are no file notifications for it" : watch->second;
 }
 
-void ExamineDirectory(const std::string& directory, bool isScopeContainer, const KernelCoverage& kernel,
-                      PolicyCoverage& coverage)
+void ExamineDirectory(const std::string& directory, const std::string& place, bool isScopeContainer,
+                      const KernelCoverage& kernel, PolicyCoverage& coverage)
 {
     const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
     const std::string path{entry.path};
@@ -166,7 +208,7 @@ void ExamineDirectory(const std::string& directory, bool isScopeContainer, const
     }
     coverage.directories += isWatched ? 1U : 0U;
     if (!reason.empty()) {
-        coverage.warnings.push_back("directory \"" + directory + "\": " + reason + ", " + consequence);
+        coverage.warnings.push_back(About(place, "directory", directory, reason + ", " + consequence));
     }
 }
 
@@ -246,13 +288,15 @@ Policy ParsePolicy(std::string text)
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root, error) != 0) {
         throw BadInput("not JSON: " + error);
     }
-    Demand(root, Json::objectValue, "the document");
-    const Section document(root, "");
+    const Places places(text);
+    const Section document(root, places, "");
+    document.Demand(root, Json::objectValue, "the document");
     const Section content = document.Object("content");
     const Section detection = content.Object("container_escape_detect_task");
 
     Policy policy;
-    ExamineImages(content.Texts("image_white_namelist", policy.warnings), policy.warnings);
+    policy.images = content.Texts("image_white_namelist", policy.warnings);
+    ExamineImages(policy.images, policy.warnings);
     policy.isScopeContainer = detection.IsSecond("scope", "thread", "container");
     policy.calls = detection.Texts("highrisk_calls", policy.warnings);
     policy.directories = detection.Texts("host_directorys", policy.warnings);
@@ -268,19 +312,19 @@ PolicyCoverage Examine(const Policy& policy, const KernelCoverage& kernel)
     PolicyCoverage coverage;
     coverage.warnings = policy.warnings;
     ExamineDetectors(kernel, coverage);
-    for (const std::string& call : policy.calls) {
+    for (const auto& [call, place] : policy.calls) {
         // The kernel has some calls' events under other names: what is recorded needs no look at the names.
         if (kernel.events.contains("syscalls:sys_enter_" + call)) {
             ++coverage.calls;
         } else {
-            coverage.warnings.push_back("call \"" + call + "\": " +
-                                        (HasEntryEvent(call, kernel.callEventsDir)
-                                             ? "the detection module does not know it, it is not watched"
-                                             : "the kernel has no trace event for it, it is not watched"));
+            const bool isEvent = HasEntryEvent(call, kernel.callEventsDir);
+            coverage.warnings.push_back(About(place, "call", call,
+                                              isEvent ? "the detection module does not know it, it is not watched"
+                                                      : "the kernel has no trace event for it, it is not watched"));
         }
     }
-    for (const std::string& directory : policy.directories) {
-        ExamineDirectory(directory, policy.isScopeContainer, kernel, coverage);
+    for (const auto& [directory, place] : policy.directories) {
+        ExamineDirectory(directory, place, policy.isScopeContainer, kernel, coverage);
     }
     return coverage;
 }

@@ -15,9 +15,12 @@ namespace Agent {
 
 // A document that has the form above. The modules parse the text for themselves.
 struct Policy {
+    using Entries = std::map<std::string, std::string>;  // with their places, "line 3, column 7", counted in bytes
+
     std::string text;  // as it is delivered
-    std::set<std::string> calls;
-    std::set<std::string> directories;
+    Entries images;
+    Entries calls;
+    Entries directories;
     bool isScopeContainer = false;
     std::vector<std::string> warnings;  // what no module reads, or reads otherwise than was meant, with its place
 };
@@ -30,8 +33,8 @@ std::string ReadPolicyFile(const std::string& path, std::vector<std::string>& wa
 // Reads and parses. Throws BadInput with the path, the place and the reason.
 Policy LoadPolicy(const std::string& path);
 
-// Throws BadInput with the place ("line 3, column 7", or the key's path, "content.image_white_namelist[2]") and the
-// reason.
+// Throws BadInput with the place, "line 3, column 7", the key's path where there is one,
+// "content.image_white_namelist[2]", and the reason.
 Policy ParsePolicy(std::string text);
 
 // What becomes of a policy's entries.

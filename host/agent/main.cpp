@@ -9,6 +9,7 @@
 #include "host/agent/Agent.h"
 #include "host/agent/Check.h"
 #include "host/agent/Machine.h"
+#include "host/agent/PolicyText.h"
 #include "host/agent/SelfTest.h"
 
 namespace Agent {
@@ -34,6 +35,8 @@ ExitCode Main(const std::vector<std::string>& words)
             return SelfTest(options);
         case Command::Attack:
             return Attack(options.attackedDirectory);
+        case Command::Explain:
+            return Print(Explain(LoadPolicy(options.policyFile)));
         case Command::Run:
             break;
     }

@@ -41,6 +41,8 @@ TEST(OptionsTest, ABadCommandLineIsRefused)
     const std::vector<std::pair<std::vector<std::string>, std::string>> rows{
         {{}, "no command"},
         {{"start"}, "start"},
+        {{"policy"}, "explain?"},
+        {{"policy", "show"}, "show"},
         {{"run"}, "--policy is required"},
         {{"run", "--policy", policy, "--log-level", "loud"}, "--log-level: loud"},
         {{"run", "--policy", policy, "--buffer-kb=2"}, "not in range 4"},
@@ -61,9 +63,10 @@ TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
     const std::vector<std::pair<std::string, std::string>> rows{
         {std::string("{\"content\"\0: {}}", 16), "not JSON"},
         {"\xEF\xBB\xBF{}", "byte-order mark"},
-        {"[]", "the document: must be an object, is a list"},
-        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing; the help"},
-        {start + R"("highrisk_calls": ["a", "b", 4]}}})", "highrisk_calls[2]: must be a text, is a number"},
+        {"[]", "line 1, column 1: the document: must be an object, is a list"},
+        {R"({"content": {"image_white_namelist": 7}})", "content.container_escape_detect_task: is missing"},
+        {start + "\n\n\"highrisk_calls\": [\"a\",\n  4]}}}",
+         "line 4, column 3: content.container_escape_detect_task.highrisk_calls[1]: must be a text, is a number"},
         {start + R"("highrisk_calls": [], "host_directorys": {}}}})", "host_directorys: must be a list, is an object"},
         {start + R"("scope": ["thread"]}}})", R"(detect_task.scope: must be "thread" or "container")"},
     };
@@ -87,8 +90,11 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
     Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i", "n*"], "other": 2,
         "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"],
         "host_directorys": [], "x": 3}}})");
-    policy.directories = {good,    good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", "", "etc",
-                          "/proc", "/sys",           "/bin/sh",    "/root"};
+    for (const std::string& entry :
+         {good, good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", std::string{}, std::string{"etc"},
+          std::string{"/proc"}, std::string{"/sys"}, std::string{"/bin/sh"}, std::string{"/root"}}) {
+        policy.directories.emplace(entry, "");
+    }
     const KernelCoverage kernel{
         {"syscalls:sys_enter_mount", "syscalls:sys_enter_open_by_handle_at", "syscalls:sys_enter_getdents"},
         {{good, ""},
@@ -105,7 +111,8 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
     EXPECT_THAT(coverage.warnings,
                 testing::UnorderedElementsAre(
                     HasSubstr("key version"), HasSubstr("key content.other"),
-                    HasSubstr("key content.container_escape_detect_task.x"), HasSubstr("\"bpf\": the detection module"),
+                    HasSubstr("key content.container_escape_detect_task.x"),
+                    HasSubstr("policy line 2, column 79: call \"bpf\": the detection module"),
                     HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
                     HasSubstr("*/*q\""), HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\""),
                     HasSubstr("\"etc\": not an absolute path, it is not watched"),
