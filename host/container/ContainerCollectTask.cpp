@@ -19,9 +19,10 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
       socketWatch(socketPath),
+      bundles(BundleFinder(system), cache, [this] { Waiter().Wake(); }),
       view(table, groups, system),
       registry(table, groups, system),
-      observer(registry, system, receivers, cache),
+      observer(registry, system, receivers, cache, bundles),
       engine(socketPath, cache, [this] { return isCancelled(); })
 {
 }
@@ -78,6 +79,7 @@ int ContainerCollectTask::Run()
         Waiter().Remove(fd);  // Step may close it
     }
     BulkConsumeMsg(static_cast<int>(queueCapacity));
+    bundles.Step();
     if (!isCancelled()) {
         engine.Step(ContainerEngineClient::Clock::now());
     }
@@ -110,7 +112,7 @@ int ContainerCollectTask::Receive(const ContainerRegisterMessage& message)
 
 bool ContainerCollectTask::GetContainerById(const std::string& containerId, std::shared_ptr<ContainerInfo>& info)
 {
-    std::shared_ptr<ContainerInfo> found = cache.Find(containerId);
+    std::shared_ptr<ContainerInfo> found = cache.FindVouchedFor(containerId);
     if (found == nullptr) {
         return false;
     }
@@ -129,9 +131,10 @@ bool ContainerCollectTask::IsAvailable()
     return engine.HasReadAll() || (engine.IsUnreachable() && (trace == nullptr || registry.IsSynced()));
 }
 
-bool ContainerCollectTask::AreAwaited() const
+bool ContainerCollectTask::IsAwaited(const std::string& id) const
 {
-    return engine.MayAnswer() && !engine.HasReadAll() && ContainerEngineClient::Clock::now() - begun < engineStarts;
+    return bundles.IsAwaited(id) ||
+           (engine.MayAnswer() && !engine.HasReadAll() && ContainerEngineClient::Clock::now() - begun < engineStarts);
 }
 
 int ContainerCollectTask::PauseMilliseconds() const

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "framework/Task.h"
+#include "host/container/BundleReader.h"
 #include "host/container/ContainerEngineClient.h"
 #include "host/container/ContainerRegistry.h"
 #include "host/container/ContainerView.h"
@@ -58,7 +59,7 @@ public:
 
     // How long after the start the engine is waited for.
     static constexpr std::chrono::minutes engineStarts{1};
-    bool AreAwaited() const override;
+    bool IsAwaited(const std::string& id) const override;
     bool HaveEngine() const override { return engine.HasReadAll() && !engine.IsUnreachable(); }
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override { return cache.Find(id); }
 
@@ -67,6 +68,7 @@ private:
 
     SocketWatch socketWatch;
     MetadataCache cache;
+    BundleReader bundles;
     ContainerTable table;
     ContainerGroups groups;
     ContainerView view;

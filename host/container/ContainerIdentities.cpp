@@ -29,6 +29,12 @@ ContainerIdentities::SetUp& ContainerIdentities::SetUpOf(std::uint32_t identity)
     return setUps[identity];
 }
 
+std::string ContainerIdentities::IdInSetUp(std::uint32_t identity) const
+{
+    const auto found = setUps.find(identity);
+    return found == setUps.end() ? std::string{} : found->second.id;
+}
+
 ContainerIdentities::SetUp ContainerIdentities::TakeSetUp(std::uint32_t identity)
 {
     auto taken = setUps.extract(identity);

@@ -47,6 +47,8 @@ public:
     };
     // A new one is empty. Good until the next one is asked for.
     SetUp& SetUpOf(std::uint32_t identity);
+    // The id of it; empty when there is none.
+    std::string IdInSetUp(std::uint32_t identity) const;
     // Forgets it; empty when there is none.
     SetUp TakeSetUp(std::uint32_t identity);
 

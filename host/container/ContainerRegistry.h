@@ -66,6 +66,10 @@ public:
     // Returns whether a process was taken out of the container that it was Inside of.
     bool ApplyAttach(const Move& move, Nanoseconds when);
 
+    // The id that a runtime was told for the container that it makes of the processes with this identity; empty when it
+    // makes none, when it was told none, and where the group's name tells.
+    std::string IdInSetUp(std::uint32_t identity) const { return identities.IdInSetUp(identity); }
+
     // sched:sched_process_exec, in two steps, so that the caller can do what must be done before others see the process
     // in its container.
     // Kernel: a thread other than the leader that execs takes over the leader's pid, and `oldPid` is the id that it had

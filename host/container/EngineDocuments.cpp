@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/EngineDocuments.h"
 
-#include <json/value.h>
-
 #include <algorithm>
 
 #include "sdk/JsonUtils.h"
@@ -29,18 +27,6 @@ std::optional<Json::Value> Parse(const std::string& text)
     return root;
 }
 
-// The member, null when `value` is no object or has none. Never throws, unlike jsoncpp's own access.
-const Json::Value& Member(const Json::Value& value, const char* key)
-{
-    return value.isObject() ? value[key] : Json::Value::nullSingleton();
-}
-
-std::string Text(const Json::Value& value, const char* key)
-{
-    const Json::Value& member = Member(value, key);
-    return member.isString() ? member.asString().substr(0, maxTextBytes) : std::string{};
-}
-
 std::string ContainerName(const Json::Value& value, const char* key)
 {
     std::string name = Text(value, key);
@@ -61,6 +47,17 @@ std::vector<std::string> Destinations(const Json::Value& mounts)
 }
 
 }  // namespace
+
+const Json::Value& Member(const Json::Value& value, const char* key)
+{
+    return value.isObject() ? value[key] : Json::Value::nullSingleton();
+}
+
+std::string Text(const Json::Value& value, const char* key)
+{
+    const Json::Value& member = Member(value, key);
+    return member.isString() ? member.asString().substr(0, maxTextBytes) : std::string{};
+}
 
 bool IsContainerId(std::string_view text)
 {

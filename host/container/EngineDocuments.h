@@ -4,6 +4,8 @@
 // long is cut. Throws nothing but std::bad_alloc.
 #pragma once
 
+#include <json/value.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -23,6 +25,11 @@ inline constexpr std::size_t maxElementBytes = 1024UL * 1024;
 // Whether a text may stand for a container in a request: 1 to 128 letters, digits, '_', '.' and '-', the first of them
 // a letter or digit.
 bool IsContainerId(std::string_view text);
+
+// The member, null when `value` is no object or has none. Never throws, unlike jsoncpp's own access.
+const Json::Value& Member(const Json::Value& value, const char* key);
+// The member if it is a text, cut at maxTextBytes; else empty.
+std::string Text(const Json::Value& value, const char* key);
 
 // "/containers/<id>/json".
 struct Inspected {

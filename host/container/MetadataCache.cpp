@@ -13,15 +13,40 @@ std::shared_ptr<ContainerInfo> MetadataCache::Find(const std::string& id) const
     return found == records.end() ? nullptr : found->second.info;
 }
 
+std::shared_ptr<ContainerInfo> MetadataCache::FindVouchedFor(const std::string& id) const
+{
+    const std::lock_guard lock{mutex};
+    const auto found = records.find(id);
+    return found == records.end() || !found->second.isVouchedFor ? nullptr : found->second.info;
+}
+
 std::string MetadataCache::ImageNameOf(const std::string& id) const
 {
-    const std::shared_ptr<ContainerInfo> info = Find(id);
+    const std::shared_ptr<ContainerInfo> info = FindVouchedFor(id);
     return info == nullptr ? std::string{} : info->imageName;
 }
 
 bool MetadataCache::Put(ContainerInfo info)
 {
     const std::lock_guard lock{mutex};
+    return PutSlot(std::move(info), false, true);
+}
+
+bool MetadataCache::PutFromBundle(ContainerInfo info, bool isVouchedFor)
+{
+    const std::lock_guard lock{mutex};
+    const auto known = records.find(info.id);
+    if (known != records.end() && !known->second.isFromBundle) {
+        ContainerInfo more = *known->second.info;
+        more.pod = std::move(info.pod);
+        known->second.info = std::make_shared<ContainerInfo>(std::move(more));
+        return true;
+    }
+    return PutSlot(std::move(info), true, isVouchedFor);
+}
+
+bool MetadataCache::PutSlot(ContainerInfo info, bool isFromBundle, bool isVouchedFor)
+{
     if (records.count(info.id) == 0 && !MakeRoom()) {
         return false;
     }
@@ -30,8 +55,12 @@ bool MetadataCache::Put(ContainerInfo info)
     } else if (const auto before = records.find(info.id); info.namespaces.empty() && before != records.end()) {
         info.namespaces = before->second.info->namespaces;  // its first process has ended, others may still run
     }
+    if (const auto before = records.find(info.id); info.pod.name.empty() && before != records.end()) {
+        info.pod = before->second.info->pod;
+    }
     const std::string id = info.id;
-    records[id] = Slot{std::make_shared<ContainerInfo>(std::move(info)), Clock::time_point::max()};
+    records[id] =
+        Slot{std::make_shared<ContainerInfo>(std::move(info)), Clock::time_point::max(), isFromBundle, isVouchedFor};
     return true;
 }
 
@@ -61,9 +90,14 @@ void MetadataCache::ForgetNamespaces(const std::string& id)
     }
 }
 
-void MetadataCache::PruneNamespaces(const std::unordered_set<std::string_view>& living)
+void MetadataCache::KeepLiving(const std::unordered_set<std::string_view>& living, Clock::time_point now)
 {
     const std::lock_guard lock{mutex};
+    for (auto& [id, slot] : records) {
+        if (slot.isFromBundle && !living.contains(id)) {
+            slot.gone = std::min(slot.gone, now);
+        }
+    }
     std::size_t old = recordedOrder.size() - std::min(recordedOrder.size(), keptNamespaces);
     std::erase_if(recordedOrder, [&](const std::string& id) {
         const bool hasGone = old != 0 && !living.contains(id);
@@ -87,7 +121,7 @@ void MetadataCache::KeepOnly(const std::set<std::string>& ids, Clock::time_point
 {
     const std::lock_guard lock{mutex};
     for (auto& [id, slot] : records) {
-        if (ids.count(id) == 0) {
+        if (!slot.isFromBundle && ids.count(id) == 0) {
             slot.gone = std::min(slot.gone, now);
         }
     }

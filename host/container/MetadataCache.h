@@ -33,24 +33,31 @@ public:
 
     // Null when the container is not known.
     std::shared_ptr<ContainerInfo> Find(const std::string& id) const;
+    // The same, but for a container that only an unprivileged user of the host speaks for: an image that such a user
+    // claims must not keep alarms back.
+    std::shared_ptr<ContainerInfo> FindVouchedFor(const std::string& id) const;
 
-    // Empty when it is not known.
+    // As FindVouchedFor. Empty when it is not known.
     std::string ImageNameOf(const std::string& id) const;
 
     // Takes a record in. Namespaces that were recorded at the container's start replace those that it has. False when
     // the cache is full of containers that still exist.
     bool Put(ContainerInfo info);
 
+    // The same for what a container's bundle tells. An engine's record, which there may be or come, counts more.
+    bool PutFromBundle(ContainerInfo info, bool isVouchedFor);
+
     // The namespaces that a container's first process had when it started. They are kept apart, because the engine may
     // not have told about the container yet. The latest recording counts: a container may start again.
     void RecordNamespaces(const std::string& id, const Namespaces& namespaces);
     void ForgetNamespaces(const std::string& id);
-    // Forgets older recordings of containers that are not among `living`: no engine may tell of their ends.
-    void PruneNamespaces(const std::unordered_set<std::string_view>& living);
+    // Of containers that are not among `living`, forgets older recordings of namespaces, and begins to forget the
+    // records from bundles: no engine may tell of their ends.
+    void KeepLiving(const std::unordered_set<std::string_view>& living, Clock::time_point now);
 
     // The container does not exist any more.
     void MarkGone(const std::string& id, Clock::time_point now);
-    // The same for every container but these.
+    // The same for every container but these, if the engine has told of it.
     void KeepOnly(const std::set<std::string>& ids, Clock::time_point now);
     // Drops what has been gone for long enough.
     void Purge(Clock::time_point now);
@@ -59,7 +66,11 @@ private:
     struct Slot {
         std::shared_ptr<ContainerInfo> info;
         Clock::time_point gone = Clock::time_point::max();
+        bool isFromBundle = false;
+        bool isVouchedFor = true;
     };
+
+    bool PutSlot(ContainerInfo info, bool isFromBundle, bool isVouchedFor);
 
     bool MakeRoom();
 

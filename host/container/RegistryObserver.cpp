@@ -43,8 +43,8 @@ TraceObserver::Origin OriginOf(const std::string& container)
 }  // namespace
 
 RegistryObserver::RegistryObserver(ContainerRegistry& registry, SDK::SystemView& system, NoticeReceivers& receivers,
-                                   MetadataCache& cache)
-    : registry(registry), system(system), receivers(receivers), cache(cache)
+                                   MetadataCache& cache, BundleReader& bundles)
+    : registry(registry), system(system), receivers(receivers), cache(cache), bundles(bundles)
 {
 }
 
@@ -105,7 +105,7 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
         mustAnnounceAnew = true;
     }
     const bool hasArrived = receivers.TakeArrival();
-    mustAnnounceAnew = receivers.TakeLoss() || mustAnnounceAnew || hasArrived;
+    mustAnnounceAnew = receivers.TakeLoss() || bundles.TakeLate() || mustAnnounceAnew || hasArrived;
     if (mustAnnounceAnew && (hasArrived || announcements.IsEndHandled() || now - lastAnew >= repeatPause)) {
         mustAnnounceAnew = false;
         lastAnew = now;
@@ -113,7 +113,8 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
     }
     AnnounceLiving(registry.PromoteOverdue(now), sequencer);
     if (const auto living = registry.Purge(now)) {
-        cache.PruneNamespaces(*living);
+        cache.KeepLiving(*living, MetadataCache::Clock::now());
+        bundles.KeepOnly(*living);
     }
     if (now >= nextLoudest) {
         nextLoudest = now + loudestPeriod;
@@ -202,12 +203,24 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, const RecordSource& 
     if (registry.ApplyAttach(move, event.When())) {
         EndGeneration(Announcements::Loss::None, sequencer);
     }
+    // Its names are known by the time its program runs.
+    const Entry* entry = registry.Find(move.pid);
+    const std::string id =
+        entry != nullptr && entry->container != nullptr ? *entry->container : registry.IdInSetUp(move.identity);
+    if (!id.empty()) {
+        bundles.Want(id, move.pid, false);
+    }
 }
 
 // What differs from the registry holds from the last event on: the events to come may be older than what /proc says.
 void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
 {
     registry.Resync(lastEvent, now, sequencer.Filter());
+    for (const int process : system.Processes()) {
+        if (const Entry* entry = registry.Find(process); entry != nullptr && entry->container != nullptr) {
+            bundles.Want(*entry->container, process, false);
+        }
+    }
     mustResync = false;
     lastResync = now;
     if (sequencer.Filter() != nullptr) {
@@ -243,6 +256,7 @@ void RegistryObserver::Announce(int tid, const Entry& entry, TraceSequencer& seq
         return;
     }
     MakeRoom(1, sequencer);
+    bundles.Want(*entry.container, tid, true);
     receivers.Send(sequencer, StartNotice(tid, entry));
     announcements.Add(tid);
 }

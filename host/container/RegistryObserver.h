@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/container/Announcements.h"
+#include "host/container/BundleReader.h"
 #include "host/container/ContainerRegistry.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
@@ -39,7 +40,7 @@ public:
     static constexpr Nanoseconds repeatPause = std::chrono::milliseconds{20};
 
     RegistryObserver(ContainerRegistry& registry, SDK::SystemView& system, NoticeReceivers& receivers,
-                     MetadataCache& cache);
+                     MetadataCache& cache, BundleReader& bundles);
 
     std::vector<std::pair<std::string, std::string>> ObservedEvents() const override;
     void OnEvent(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer) override;
@@ -74,6 +75,7 @@ private:
     SDK::SystemView& system;
     NoticeReceivers& receivers;
     MetadataCache& cache;
+    BundleReader& bundles;
     Announcements announcements;
     SDK::LoudestContainer loudest;
     Nanoseconds nextLoudest{0};  // when it is told

@@ -175,6 +175,11 @@ bool IsVisitor(SDK::SystemView& system, int pid)
            !RunsOneOf(system, ParentOf(system, pid), makers);
 }
 
+bool IsMaker(SDK::SystemView& system, int pid)
+{
+    return RunsOneOf(system, pid, makers);
+}
+
 bool IsManager(SDK::SystemView& system, int pid)
 {
     return pid == 1 || (RunsOneOf(system, pid, managers) && system.HasHostRoot(pid).value_or(false));

@@ -58,6 +58,9 @@ std::optional<int> MakerOf(SDK::SystemView& system, int pid);
 // gone.
 std::string IdGivenTo(SDK::SystemView& system, int pid);
 
+// Whether a process runs a runtime, or what stays beside a container on a runtime's behalf: a shim or a monitor.
+bool IsMaker(SDK::SystemView& system, int pid);
+
 // Whether a process in a container's groups is of the host and none that a runtime starts there.
 bool IsVisitor(SDK::SystemView& system, int pid);
 

@@ -3,6 +3,8 @@
 
 #include <json/value.h>
 
+#include <utility>
+
 #include "host/report/ReportLog.h"
 #include "host/sdk/Counters.h"
 #include "sdk/JsonUtils.h"
@@ -48,25 +50,29 @@ std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::Co
         return text;
     }
     const auto found = names->Find(id);
-    if (found != nullptr || !names->AreAwaited() || waiting.size() >= capacity) {
+    if (found != nullptr || !names->IsAwaited(id) || waiting.size() >= capacity) {
         return Named(text, alarm, found.get());
     }
     ++deferred;
     ReportLog::Warning("alarm waits for the name of its container: %s", text);
-    waiting.emplace_back(text, now + patience);
+    waiting.push_back({text, id, now + patience});
     return std::nullopt;
 }
 
 void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, const Send& send)
 {
-    const bool areAwaited = names != nullptr && names->AreAwaited();
-    for (; !waiting.empty() && (!areAwaited || waiting.front().second <= now); waiting.pop_front()) {
+    std::deque<Waiting> left;
+    for (Waiting& each : std::exchange(waiting, {})) {
+        if (names != nullptr && names->IsAwaited(each.container) && each.until > now) {
+            left.push_back(std::move(each));
+            continue;
+        }
         Json::Value alarm;
-        const std::string& text = waiting.front().first;
-        const std::string id = NamelessContainer(text, alarm);
-        const auto found = names == nullptr ? nullptr : names->Find(id);
-        send(Named(text, alarm, found.get()));
+        NamelessContainer(each.text, alarm);
+        const auto found = names == nullptr ? nullptr : names->Find(each.container);
+        send(Named(each.text, alarm, found.get()));
     }
+    waiting = std::move(left);
 }
 
 }  // namespace Engine

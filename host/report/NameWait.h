@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Alarms that wait for the name of their container. At boot the agent is ready before the container engine, which has
-// started its containers by the time it tells of them.
+// Alarms that wait for the name of their container. A container's bundle is read when its first process runs, and at
+// boot the agent is ready before the container engine, which has started its containers by the time it tells of them.
 #pragma once
 
 #include <chrono>
@@ -9,7 +9,6 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "host/sdk/ContainerNames.h"
 
@@ -31,14 +30,19 @@ public:
     // it may tell of an attack that ends the agent. `names`: null for none.
     std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now);
 
-    // Hands over, with their names as far as these are known, the alarms that have waited for long enough; all of them
-    // when names are awaited no more.
+    // Hands over, with their names as far as these are known, the alarms that have waited for long enough or whose
+    // container's names are awaited no more.
     void Release(const SDK::ContainerNames* names, Clock::time_point now, const Send& send);
 
     bool IsEmpty() const { return waiting.empty(); }
 
 private:
-    std::deque<std::pair<std::string, Clock::time_point>> waiting;  // and until when, the first one first
+    struct Waiting {
+        std::string text;
+        std::string container;
+        Clock::time_point until;
+    };
+    std::deque<Waiting> waiting;  // longest first
 };
 
 }  // namespace Engine

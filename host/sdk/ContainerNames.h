@@ -12,8 +12,9 @@ namespace SDK {
 // Any thread.
 class ContainerNames {
 public:
-    // Whether the container engine has not told of its containers yet, and may do so soon.
-    virtual bool AreAwaited() const = 0;
+    // Whether the container's names may become known soon: its bundle is about to be read, or the container engine has
+    // not told of its containers yet.
+    virtual bool IsAwaited(const std::string& id) const = 0;
 
     // Whether a container engine has told of its containers, and can be asked.
     virtual bool HaveEngine() const = 0;

@@ -300,6 +300,11 @@ int LiveSystem::CommandLine(int pid, std::string& commandLine)
     return 0;
 }
 
+std::string LiveSystem::WorkingDirectory(int pid)
+{
+    return LinkTarget(PathOf(pid, "cwd")).value_or(std::string{});
+}
+
 void LiveSystem::SetContainerResolver(ContainerResolver* next)
 {
     const std::unique_lock lock(resolverMutex);

@@ -53,6 +53,9 @@ public:
     // Arguments joined by blanks, at most 4096 bytes. 0, or -1 when the process has gone.
     virtual int CommandLine(int pid, std::string& commandLine) = 0;
 
+    // Empty when the process has gone, or may not be looked at.
+    virtual std::string WorkingDirectory(int /*pid*/) { return {}; }
+
     // What the kernel says about a thread at this moment, which may be later than the event that led to the question.
     // /proc/<tid> exists for every thread, also for those that /proc does not list (proc(5)).
     //

@@ -104,7 +104,10 @@ class Watched(unittest.TestCase):
                 type(self).expected += 1
                 latencies.append(latency(self.fresh.alarm(patience=NOTICED), begun, container))
                 arrived, line = self.steady.log.wait_for(found, NOTICED)
-                latency((arrived, found(line)), begun, container)
+                seen = found(line)
+                if self.engine is None and "container_name" not in seen:  # names from a bundle may join it on its way out
+                    container = {"container_id": container["container_id"]}
+                latency((arrived, seen), begun, container)
             report(name, latencies)
 
 
@@ -227,7 +230,7 @@ class OtherAgents(Containers):
 
 
 class WithoutEngine(Watched):
-    """Runtimes alone, and engines that the agent does not ask: an alarm has the id only."""
+    """Runtimes alone, and engines that the agent does not ask. What they keep beside a container names it, or nothing."""
 
     @classmethod
     def setUpClass(cls):
@@ -236,7 +239,13 @@ class WithoutEngine(Watched):
         cls.addClassCleanup(harness.remove_groups, GROUPS)
         super().setUpClass()
 
-    def both(self, name, run, join, id_of=lambda container: container):
+    @staticmethod
+    def named_by_id(container):
+        """What an alarm has to say about a container whose name, if it was given one, is its id."""
+        names = {} if len(container) == 64 else {"container_name": container, "image_name": "", "image_id": ""}
+        return {"container_id": container} | names
+
+    def both(self, name, run, join, identity_of=named_by_id):
         """Attacks by the first process of a container and by one that is started in it later. Its group is named by an
         engine's id or, every second time, as people name containers."""
         names = itertools.cycle((lambda: secrets.token_hex(32), lambda: f"web-{secrets.token_hex(4)}"))
@@ -244,7 +253,7 @@ class WithoutEngine(Watched):
         def first():
             container = next(names)()
             made = harness.made(harness.run(*run(container, *ATTACK)))
-            return made, {"container_id": id_of(container)}
+            return made, identity_of(container)
 
         self.try_way(f"{name}: first process", first)
         container = f"later-{secrets.token_hex(4)}"
@@ -254,9 +263,9 @@ class WithoutEngine(Watched):
         with harness.Agent(harness.policy(["mknodat"])) as late:
             begun, _ = server.do("self call mknodat")
             report(f"{name}: older than the agent", [latency(late.alarm(patience=NOTICED), begun,
-                                                             {"container_id": id_of(container)}, HIGH_RISK)])
+                                                             identity_of(container), HIGH_RISK)])
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
-                                                               {"container_id": id_of(container)}))
+                                                               identity_of(container)))
 
     def test_runtimes(self):
         for name, command in {"runc": ("runc",), **{f"crun, {view}": (*VIEWS[view], "crun") for view in VIEWS}}.items():
@@ -273,6 +282,7 @@ class WithoutEngine(Watched):
             podman = (*view, "podman", "--root", home / "root", "--runroot", home / "run", "--cgroup-manager=cgroupfs",
                       "--runtime", runtime, "--storage-driver", "vfs", "--events-backend=file")
             harness.run(*podman, "import", archive, "probe:1")
+            image = harness.run(*podman, "image", "inspect", "probe:1", "--format", "{{.Id}}")
 
             def run(container, *words, podman=podman):
                 return (*podman, "run", "--rm", "-i", *OPEN, "--ulimit", "nofile=1024:1024", "--ulimit",
@@ -281,7 +291,9 @@ class WithoutEngine(Watched):
 
             self.both(f"podman, {runtime}", run,
                       lambda container, *words, podman=podman: (*podman, "exec", container, *words),
-                      lambda container: (self.folder / container).read_text())
+                      lambda container, image=image: {
+                          "container_id": (self.folder / container).read_text(), "container_name": container,
+                          "image_name": "localhost/probe:1", "image_id": f"sha256:{image}"})
 
     def test_containerd(self):
         socket = self.folder / "containerd.sock"

@@ -22,6 +22,7 @@ public:
         std::string container;  // empty: a process of the host
         std::string executable;
         std::map<std::string, std::string> namespaces;
+        std::string place = {};         // working directory
         std::vector<int> threads = {};  // beside the first; those that answer otherwise are put, too
         std::chrono::nanoseconds start = std::chrono::nanoseconds::max();
     };
@@ -55,6 +56,12 @@ public:
         return Read(pid, &Process::namespaces, namespaces) == 0 && !namespaces.empty() ? 0 : -1;
     }
     int CommandLine(int pid, std::string& commandLine) override { return Read(pid, &Process::name, commandLine); }
+    std::string WorkingDirectory(int pid) override
+    {
+        std::string place;
+        Read(pid, &Process::place, place);
+        return place;
+    }
     std::vector<int> Processes() override
     {
         const std::lock_guard lock(mutex);

@@ -29,6 +29,14 @@ struct ContainerInfo {
 
     // Where the container's mounts end inside it (the engine's "Mounts"[].Destination).
     std::vector<std::string> mountDestinations;
+
+    // The Kubernetes pod that it belongs to. Empty for others, or when its engine has not told.
+    struct Pod {
+        std::string name;
+        std::string nameSpace;
+        std::string uid;
+    };
+    Pod pod = {};
 };
 
 // The container metadata service: an interface of the task registered as "container_collect_task". Answers come from a

@@ -200,7 +200,7 @@ TEST(MetadataCacheTest, NamespacesOfContainersThatHaveGoneAreForgotten)
     for (std::size_t id = 0; id < recorded; ++id) {
         cache.RecordNamespaces(std::to_string(id), {{"mnt", "1"}});
     }
-    cache.PruneNamespaces({"5"});
+    cache.KeepLiving({"5"}, {});
     const auto hasNamespaces = [&](const std::string& id) {
         cache.Put({id, "", "", "", {}, {}});
         return !cache.Find(id)->namespaces.empty();

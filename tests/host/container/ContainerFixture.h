@@ -12,6 +12,7 @@
 #include "host/container/RegistryObserver.h"
 #include "host/sdk/TraceTime.h"
 #include "tests/support/FakeSystem.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TraceEventBuilder.h"
 
 // 64 digits of one kind each, as engines make them.
@@ -138,13 +139,16 @@ protected:
     }
 
     Support::FakeSystem proc;
+    const TemporaryDirectory bundleRoot;
     Engine::MetadataCache cache;
     Engine::ContainerTable table;
     Engine::ContainerGroups groups;
     Engine::ContainerView view{table, groups, proc};
     Engine::ContainerRegistry registry{table, groups, proc};
     Engine::NoticeReceivers receivers;
-    Engine::RegistryObserver observer{registry, proc, receivers, cache};
+    Engine::BundleReader bundles{Engine::BundleFinder{proc, {{bundleRoot.Path()}, {}}}, cache, [] {
+                                 }};
+    Engine::RegistryObserver observer{registry, proc, receivers, cache, bundles};
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};
     std::deque<std::function<void()>> queue;
     std::set<int> known;

@@ -216,7 +216,7 @@ TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDro
 }
 
 struct FakeNames final : SDK::ContainerNames {
-    bool AreAwaited() const override { return areAwaited; }
+    bool IsAwaited(const std::string& /*id*/) const override { return areAwaited; }
     bool HaveEngine() const override { return !areAwaited; }
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override
     {

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes into the metadata cache what the bundles of containers say, as soon as the registry comes upon a container.
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "host/container/BundleFinder.h"
+#include "host/container/MetadataCache.h"
+
+namespace Engine {
+
+// Ownership: system and cache are not owned and outlive the reader.
+// Thread:    Step one at a time, the others any. No lock is held while a file is read.
+// Errors:    a file that is too large, no regular file, or no such document is logged once, and costs its container the
+//            names. Throws nothing but std::bad_alloc.
+class BundleReader {
+public:
+    static constexpr std::size_t maxFileBytes = 1024UL * 1024;
+    // Containers that are remembered, and that may wait to be read; what is beyond has no names from here.
+    static constexpr std::size_t maxContainers = MetadataCache::maxRecords;
+
+    // `wake` is called, on the thread of Want, when Step has something to do.
+    BundleReader(BundleFinder finder, MetadataCache& cache, std::function<void()> wake)
+        : finder(std::move(finder)), cache(cache), wake(std::move(wake))
+    {
+    }
+
+    // A container has been come upon, by its process `pid`. Each is read once; one whose bundle was not found is looked
+    // for again when it is `announced`: its runtime has ended by then, and what stays beside it can be asked.
+    void Want(const std::string& id, int pid, bool announced);
+
+    // Whether the container will have been read soon.
+    bool IsAwaited(const std::string& id) const;
+
+    // Whether an image has become known after its container was announced without it, since the last call.
+    bool TakeLate();
+
+    // Reads what is wanted.
+    void Step();
+
+    // Forgets every container but these.
+    void KeepOnly(const std::unordered_set<std::string_view>& living);
+
+private:
+    enum class State { Wanted, Found, Missing, MissingTwice };
+    struct Container {
+        State state = State::Wanted;
+        bool wasAnnounced = false;
+        bool isSecond = false;  // the second search
+    };
+    struct Wanted {
+        std::string id;
+        int pid;
+    };
+
+    bool Read(const Wanted& wanted);
+
+    BundleFinder finder;
+    MetadataCache& cache;
+    const std::function<void()> wake;
+    mutable std::mutex mutex;
+    std::unordered_map<std::string, Container> containers;
+    std::deque<Wanted> queue;
+    bool isLate = false;
+};
+
+}  // namespace Engine
