@@ -48,11 +48,11 @@ std::string InWords(const Finding& found)
 {
     std::string text = "kernel: " + Kernel() + "\n";
     if (!found.error.empty()) {
-        return text + "error: " + found.error + "\nIt would not start.\n";
+        return text + Line("error: " + found.error) + "It would not start.\n";
     }
-    text += found.readiness.InWords() + "\n";
+    text += Line(found.readiness.InWords());
     for (const std::string& warning : found.readiness.warnings) {
-        text += "warning: " + warning + "\n";
+        text += Line("warning: " + warning);
     }
     const std::size_t warnings = found.readiness.warnings.size();
     const std::string count = std::to_string(warnings) + (warnings == 1 ? " warning" : " warnings");

@@ -12,13 +12,18 @@ namespace Agent {
 void Say(std::string_view text)
 {
     constexpr std::chrono::milliseconds patience{200};
-    std::string line = "containerescape-agent: ";
-    SDK::SafeText::AppendEscaped(line, text);
-    line += '\n';
+    const std::string line = "containerescape-agent: " + Line(text);
     SDK::StopDeadline deadline;
     deadline.Set(patience);
     std::error_code error;
     SDK::LineStream::Duplicate(STDERR_FILENO, error).Write(line, deadline);
+}
+
+std::string Line(std::string_view text)
+{
+    std::string line;
+    SDK::SafeText::AppendEscaped(line, text);
+    return line += '\n';
 }
 
 void OpenMissingStandardDescriptors()

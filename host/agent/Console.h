@@ -26,6 +26,9 @@ public:
 // takes nothing for a moment: a blocked terminal must not hold the agent up. Any thread.
 void Say(std::string_view text);
 
+// `text` as one line, with its end: what another chose in it cannot break it or change the terminal.
+std::string Line(std::string_view text);
+
 // Opens /dev/null for each standard descriptor that the program was started without, so that no file that it opens
 // later takes the place and gets alarms or log lines. Writing to such a standard output fails and is counted.
 void OpenMissingStandardDescriptors();

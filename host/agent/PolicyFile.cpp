@@ -156,15 +156,6 @@ std::string About(const std::string& place, const char* kind, const std::string&
     return (place.empty() ? "" : "policy " + place + ": ") + kind + " \"" + entry + "\": " + what;
 }
 
-void ExamineImages(const Policy::Entries& images, std::vector<std::string>& warnings)
-{
-    for (const auto& [image, place] : images) {
-        if (image.find_first_of("*?[") != std::string::npos) {
-            warnings.push_back(About(place, "image", image, "is compared as it stands, it is no pattern"));
-        }
-    }
-}
-
 bool IsIdentifier(const std::string& name)
 {
     return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
@@ -172,15 +163,43 @@ bool IsIdentifier(const std::string& name)
     });
 }
 
-// Why the directory is not watched, there or not; empty: it is when it is there.
-std::string WhyRefused(const std::string& directory, const SDK::PathEntry& entry, const KernelCoverage& kernel)
+// Why an entry can do nothing on any machine; empty: it can.
+std::string WhyNoImage(const std::string& image)
 {
-    if (entry.error != nullptr) {
-        return entry.error;
+    if (image.find_first_of("*?[") != std::string::npos) {
+        return "is compared as it stands, it is no pattern";
     }
-    if (!entry.path.starts_with('/')) {
-        return "not an absolute path";
+    const bool isLastComponent = !image.empty() && image.find('/') == std::string::npos;
+    return isLastComponent ? "" : "no image is called so: it is compared with the last path component of images";
+}
+
+std::string WhyNoCall(const std::string& call)
+{
+    return IsIdentifier(call) ? "" : "is no name of a system call, it is not watched";
+}
+
+std::string WhyNoDirectory(const std::string& directory)
+{
+    const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
+    const std::string reason = entry.error != nullptr         ? entry.error
+                               : !entry.path.starts_with('/') ? "not an absolute path"
+                                                              : "";
+    return reason.empty() ? reason : reason + ", it is not watched";
+}
+
+void WarnOfUseless(const char* kind, const Policy::Entries& entries, std::string (*whyUseless)(const std::string&),
+                   std::vector<std::string>& warnings)
+{
+    for (const auto& [entry, place] : entries) {
+        if (const std::string reason = whyUseless(entry); !reason.empty()) {
+            warnings.push_back(About(place, kind, entry, reason));
+        }
     }
+}
+
+// Why the directory is not watched, there or not; empty: it is when it is there.
+std::string WhyRefused(const std::string& directory, const KernelCoverage& kernel)
+{
     const auto watch = kernel.watches.find(directory);
     return watch == kernel.watches.end() ? "there are no file notifications for it" : watch->second;
 }
@@ -188,9 +207,11 @@ std::string WhyRefused(const std::string& directory, const SDK::PathEntry& entry
 void ExamineDirectory(const std::string& directory, const std::string& place, bool isScopeContainer,
                       const KernelCoverage& kernel, PolicyCoverage& coverage)
 {
-    const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
-    const std::string path{entry.path};
-    std::string reason = WhyRefused(directory, entry, kernel);
+    if (!WhyNoDirectory(directory).empty()) {
+        return;
+    }
+    const std::string path{SDK::ParsePathEntry(directory).path};
+    std::string reason = WhyRefused(directory, kernel);
     const char* consequence = "it is not watched";
     bool isWatched = reason.empty();
     struct stat status {};
@@ -233,10 +254,10 @@ void ExamineDetectors(const KernelCoverage& kernel, PolicyCoverage& coverage)
     }
 }
 
-// The name is looked at first: it must not lead the look-up elsewhere.
+// `call` is an identifier: it must not lead the look-up elsewhere.
 bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
 {
-    return IsIdentifier(call) && ::access((callEventsDir + "/sys_enter_" + call).c_str(), F_OK) == 0;
+    return ::access((callEventsDir + "/sys_enter_" + call).c_str(), F_OK) == 0;
 }
 
 }  // namespace
@@ -296,10 +317,12 @@ Policy ParsePolicy(std::string text)
 
     Policy policy;
     policy.images = content.Texts("image_white_namelist", policy.warnings);
-    ExamineImages(policy.images, policy.warnings);
     policy.isScopeContainer = detection.IsSecond("scope", "thread", "container");
     policy.calls = detection.Texts("highrisk_calls", policy.warnings);
     policy.directories = detection.Texts("host_directorys", policy.warnings);
+    WarnOfUseless("image", policy.images, WhyNoImage, policy.warnings);
+    WarnOfUseless("call", policy.calls, WhyNoCall, policy.warnings);
+    WarnOfUseless("directory", policy.directories, WhyNoDirectory, policy.warnings);
     document.NoteUnknownKeys({"content"}, policy.warnings);
     content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.warnings);
     detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.warnings);
@@ -316,7 +339,7 @@ PolicyCoverage Examine(const Policy& policy, const KernelCoverage& kernel)
         // The kernel has some calls' events under other names: what is recorded needs no look at the names.
         if (kernel.events.contains("syscalls:sys_enter_" + call)) {
             ++coverage.calls;
-        } else {
+        } else if (WhyNoCall(call).empty()) {
             const bool isEvent = HasEntryEvent(call, kernel.callEventsDir);
             coverage.warnings.push_back(About(place, "call", call,
                                               isEvent ? "the detection module does not know it, it is not watched"

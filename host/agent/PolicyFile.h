@@ -22,7 +22,9 @@ struct Policy {
     Entries calls;
     Entries directories;
     bool isScopeContainer = false;
-    std::vector<std::string> warnings;  // what no module reads, or reads otherwise than was meant, with its place
+    // What no module reads, or reads otherwise than was meant, and entries that can do nothing on any machine, with
+    // their places.
+    std::vector<std::string> warnings;
 };
 
 constexpr std::size_t maxPolicyBytes = 1U << 20U;

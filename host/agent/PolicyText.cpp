@@ -5,6 +5,7 @@
 
 #include "PathEntry.h"
 #include "PolicyTexts.h"
+#include "host/agent/Console.h"
 
 namespace Agent {
 
@@ -26,9 +27,9 @@ std::string AccessesOf(const SDK::PathEntry& entry, bool isScopeContainer)
     return accesses;
 }
 
-std::string Line(const char* kind, const std::string& name, const std::string& meaning)
+std::string Entry(const char* kind, const std::string& name, const std::string& meaning)
 {
-    return std::string(kind) + " \"" + name + "\": " + meaning + "\n";
+    return Line(std::string(kind) + " \"" + name + "\": " + meaning);
 }
 
 }  // namespace
@@ -54,21 +55,21 @@ std::string Explain(const Policy& policy)
                              "and alarms of one name are merged for the whole host\n";
     for (const auto& [image, place] : policy.images) {
         text +=
-            Line("image", image, "the first processes of its containers are left alone, what these fork is watched");
+            Entry("image", image, "the first processes of its containers are left alone, what these fork is watched");
     }
     for (const auto& [call, place] : policy.calls) {
-        text += Line("call", call, "\"High-Risk System Invocation\" when a container makes it, once an hour" + whose);
+        text += Entry("call", call, "\"High-Risk System Invocation\" when a container makes it, once an hour" + whose);
     }
     for (const auto& [directory, place] : policy.directories) {
         const SDK::PathEntry entry = SDK::ParsePathEntry(directory);
-        text += Line("directory", directory,
-                     entry.error != nullptr
-                         ? entry.error
-                         : "\"Container file escape attack\" when a container " + AccessesOf(entry, isOfContainers) +
-                               " a file below it, through whatever mount");
+        text += Entry("directory", directory,
+                      entry.error != nullptr
+                          ? entry.error
+                          : "\"Container file escape attack\" when a container " + AccessesOf(entry, isOfContainers) +
+                                " a file below it, through whatever mount");
     }
     for (const std::string& warning : policy.warnings) {
-        text += "warning: " + warning + "\n";
+        text += Line("warning: " + warning);
     }
     return text +
            "always: \"Shocker attack\" when directories are listed and a file is then opened by handle; \"Bruteforce "

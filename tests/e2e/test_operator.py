@@ -5,6 +5,7 @@ import contextlib
 import json
 import os
 import pathlib
+import random
 import re
 import signal
 import socketserver
@@ -23,6 +24,39 @@ class Grpc(socketserver.BaseRequestHandler):
         with contextlib.suppress(OSError):  # the agent's first look only connects
             self.request.recv(4096)
             self.request.sendall(b"\0\0\0\4" + bytes(5))
+
+
+# Debian's library is for its own interpreter. Prints what is wrong with each document.
+VALIDATE = """import json, jsonschema, sys
+validator = jsonschema.Draft7Validator(json.loads(sys.argv[1]))
+for document in json.load(sys.stdin):
+    for error in validator.iter_errors(document):
+        print(error.message, document)"""
+
+
+def entries(content):
+    detection = content["container_escape_detect_task"]
+    return content["image_white_namelist"], detection["highrisk_calls"], detection["host_directorys"]
+
+
+def mutated(text, chance):
+    """A policy as a slip of an operator's hand, or of an editor, leaves it: in its bytes, or in its values."""
+    if chance.random() < 0.4:
+        raw, at = bytearray(text.encode()), chance.randrange(len(text))
+        length, more = chance.choice(((0, 1), (1, 0), (1, 1), (20, 0), (0, 5)))
+        raw[at:at + length] = bytes(chance.choice((chance.randrange(256), *b'"{}[],:\\0')) for _ in range(more))
+        return bytes(raw)
+    document = json.loads(text)
+    content, detection = document["content"], document["content"]["container_escape_detect_task"]
+    entries(content)[2].append("/etc")
+    section = chance.choice((document, content, detection, *entries(content)))
+    value = chance.choice((None, True, 0, 1e9, "", "mount", "/srv*/*rw", "/srv*/*z", "unshare\0", [], ["a"], {}, {"a": 1}))
+    if isinstance(section, list):
+        section.insert(chance.randrange(len(section) + 1), value)
+    else:
+        key = chance.choice((*section, "new", "Scope"))
+        section.pop(key, None) if chance.random() < 0.3 else section.update({key: value})
+    return json.dumps(document, indent=chance.choice((None, 1, 4))).encode()
 
 
 class Operator(unittest.TestCase):
@@ -60,6 +94,30 @@ class Operator(unittest.TestCase):
             self.assertEqual((code, said.splitlines()[-1]), (0, "It would start."), said)
             self.assertIsNotNone(agent.stop())
             self.assertEqual(agent.exit_code, 0)
+
+    def test_no_mutated_policy_is_taken_with_a_silent_loss(self):
+        """What a mutation makes of a policy is refused, or warned of, or still has all of its entries."""
+        example = harness.run(harness.AGENT, "policy", "example")
+        chance, taken = random.Random(1), []
+        with tempfile.TemporaryDirectory() as folder:
+            policy = pathlib.Path(folder) / "policy.json"
+            for _ in range(300):
+                text = mutated(example, chance)
+                policy.write_bytes(text)
+                done = subprocess.run([harness.AGENT, "policy", "explain", "--policy", policy], capture_output=True,
+                                      check=False)
+                self.assertIn(done.returncode, (0, 2), text)
+                if done.returncode == 2:
+                    self.assertRegex(done.stderr, rb"policy .*policy.json: .*(line \d+, column \d+|byte-order)", text)
+                elif b"\nwarning: " not in done.stdout:
+                    document = json.loads(text, strict=False)
+                    taken.append(document)
+                    explained = re.findall(rb"^(?:image|call|directory) ", done.stdout, re.MULTILINE)
+                    self.assertEqual(len(explained), sum(map(len, entries(document["content"]))), text)
+            validated = subprocess.run(["/usr/bin/python3", "-c", VALIDATE, harness.run(harness.AGENT, "policy", "schema")],
+                                       input=json.dumps(taken), capture_output=True, text=True, check=True)
+        self.assertEqual(validated.stdout, "")
+        self.assertIn(len(taken), range(20, 250), "a test of too few, or of no errors")
 
     def test_what_goes_on_with_a_doubt_is_said(self):
         with tempfile.TemporaryDirectory() as folder, socketserver.UnixStreamServer(f"{folder}/grpc.sock", Grpc) as grpc:

@@ -87,14 +87,11 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
 
     directory.Write("sys_enter_bpf", "");
     directory.Write("sys_enter_/outside", "");
-    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i", "n*"], "other": 2,
-        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"],
-        "host_directorys": [], "x": 3}}})");
-    for (const std::string& entry :
-         {good, good + "*/*rwxa", good + "*/*", good + "*/*q", good + "/none*/*r", std::string{}, std::string{"etc"},
-          std::string{"/proc"}, std::string{"/sys"}, std::string{"/bin/sh"}, std::string{"/root"}}) {
-        policy.directories.emplace(entry, "");
-    }
+    Policy policy = ParsePolicy(R"({"version": 1, "content": {"image_white_namelist": ["i", "n*", "a/b"], "other": 2,
+        "container_escape_detect_task": {"highrisk_calls": ["mount", "mount", "bpf", "none", "/outside"], "x": 3,
+        "host_directorys": ["", "etc", "/proc", "/sys", "/bin/sh", "/root", ")" +
+                                good + R"(", ")" + good + R"(*/*rwxa", ")" + good + R"(*/*", ")" + good +
+                                R"(*/*q", ")" + good + R"(/none*/*r"]}}})");
     const KernelCoverage kernel{
         {"syscalls:sys_enter_mount", "syscalls:sys_enter_open_by_handle_at", "syscalls:sys_enter_getdents"},
         {{good, ""},
@@ -113,8 +110,9 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
                     HasSubstr("key version"), HasSubstr("key content.other"),
                     HasSubstr("key content.container_escape_detect_task.x"),
                     HasSubstr("policy line 2, column 79: call \"bpf\": the detection module"),
-                    HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": the kernel"), HasSubstr("*/*\""),
-                    HasSubstr("*/*q\""), HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\""),
+                    HasSubstr("\"none\": the kernel"), HasSubstr("\"/outside\": is no name of"),
+                    HasSubstr("\"a/b\": no image is called so"), HasSubstr("*/*\""), HasSubstr("*/*q\""),
+                    HasSubstr("No such file or directory, it is not watched"), HasSubstr("\"\""),
                     HasSubstr("\"etc\": not an absolute path, it is not watched"),
                     HasSubstr("\"/sys\": refused, it is not watched"), HasSubstr("\"/root\": there are no"),
                     HasSubstr("\"/proc\": is the host's own"), HasSubstr("\"/bin/sh\": is not a directory"),
