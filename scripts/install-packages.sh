@@ -8,8 +8,8 @@ set -euo pipefail
 build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
     libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev clang bpftool
     'libcurl4-gnutls-dev|libcurl4-openssl-dev')
-test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun busybox-static python3 python3-jsonschema clang-format
-    clang-tidy git procps logrotate qemu-system-x86 cpio xz-utils)
+test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun curl busybox-static python3 python3-jsonschema
+    clang-format clang-tidy git procps logrotate qemu-system-x86 cpio xz-utils)
 
 ask=
 if [ "${1:-}" = --ask ]; then ask=1; shift; fi

@@ -19,6 +19,7 @@ import tempfile
 import time
 import unittest
 
+import cri
 import harness
 from harness import HIGH_RISK, OPEN, SHOCKER
 
@@ -307,3 +308,22 @@ class WithoutEngine(Watched):
         harness.wait_until(lambda: subprocess.run([*ctr, "version"], capture_output=True, check=False).returncode == 0)
         self.both("containerd", lambda *words: (*ctr, "run", "--rm", "--rootfs", self.folder / "root", *words),
                   lambda *words: (*ctr, "tasks", "exec", "--exec-id", secrets.token_hex(4), *words))
+
+    def test_kubernetes(self):
+        folder = self.folder / "cri"
+        folder.mkdir()
+        containerd = cri.Containerd(folder)
+        self.addCleanup(containerd.close)
+        containerd.load(harness.make_archive(folder / "image"),
+                        ("podman", "--root", folder / "podman", "--runroot", folder / "podman-run", "--storage-driver", "vfs",
+                         "--cgroup-manager=cgroupfs", "--events-backend=file"))
+        pod = cri.Pod(containerd, "cart")
+        self.addCleanup(pod.close)
+
+        def first():
+            name = f"web-{secrets.token_hex(4)}"
+            container, said = pod.run(name, *ATTACK[1:])
+            return harness.made(said), {"container_id": container, "container_name": name, "image_name": "probe:1",
+                                        "image_id": ""}
+
+        self.try_way("containerd's CRI plug-in: first process", first)
