@@ -120,7 +120,7 @@ StartPlan MakePlan(const Options& options)
     StartPlan plan{options,
                    options.policyFile.empty() ? ParsePolicy(noEntries) : LoadPolicy(options.policyFile),
                    ModulePaths(options),
-                   {},
+                   options.warnings,
                    {}};
     if (!options.alarmsFile.empty()) {
         plan.alarmsLock = CheckAlarmsFile(options.alarmsFile, plan.warnings);
@@ -264,11 +264,15 @@ void HostAgent::AwaitFileWatches()
     }
 }
 
+// Of the counters, in a line or a file.
+std::chrono::milliseconds HostAgent::StatusInterval() const
+{
+    return plan.options.statusInterval > 0ms ? plan.options.statusInterval : statisticsInterval;
+}
+
 void HostAgent::Watch()
 {
-    const bool hasStatus = plan.options.statusInterval > 0ms;
-    const auto interval = hasStatus ? plan.options.statusInterval : statisticsInterval;
-    auto nextStatus = Clock::now() + interval;
+    auto nextStatus = Clock::now() + StatusInterval();
     auto nextTrim = Clock::now() + trimInterval;
     while (true) {
         const Signals::Event event = signals.Wait(checkInterval);
@@ -278,8 +282,8 @@ void HostAgent::Watch()
         CheckTasks();
         LookAfterItself();
         if (Clock::now() >= nextStatus) {
-            nextStatus = Clock::now() + interval;
-            if (hasStatus) {
+            nextStatus = Clock::now() + StatusInterval();
+            if (plan.options.statusInterval > 0ms) {
                 ReportCounters("status: ");
             }
             KeepStatistics();
@@ -294,15 +298,37 @@ void HostAgent::Watch()
 bool HostAgent::Reload()
 {
     Policy next;
+    Options options;
     try {
-        next = LoadPolicy(plan.options.policyFile);
+        options = ParseOptions(plan.options.words);
+        next = LoadPolicy(options.policyFile);
     } catch (const BadInput& problem) {
         Say(std::string("refused, the running one stays: ") + problem.what());
         return true;
     }
     plan.policy = std::move(next);
+    TakeOver(options);
     LockAlarmsFile();
     return Apply("policy replaced");
+}
+
+// What changes while the agent runs.
+void HostAgent::TakeOver(const Options& next)
+{
+    const std::set<std::string> changeable{"policy", "require-all", "log-level", "status-interval"};
+    std::vector<std::string> warnings = next.warnings;
+    for (const auto& [name, value] : next.values) {
+        const auto now = plan.options.values.find(name);
+        if (!changeable.contains(name) && now != plan.options.values.end() && now->second.text != value.text) {
+            warnings.push_back(name + " of the configuration takes effect at the next start");
+        }
+    }
+    plan.options.policyFile = next.policyFile;
+    plan.options.requireAll = next.requireAll;
+    plan.options.statusInterval = next.statusInterval;
+    plan.options.logLevel = next.logLevel;
+    SDK::LoggerUtils::GetInstance()->SetLevel(next.logLevel);
+    Warn(warnings);
 }
 
 // The file may be another one by now.

@@ -70,6 +70,7 @@ private:
     bool Apply(const char* occasion);
     bool WaitForDetection();
     bool Reload();  // a policy that is refused changes nothing
+    void TakeOver(const Options& next);
     void LockAlarmsFile();
     void AwaitFileWatches();
     void Watch();
@@ -77,6 +78,7 @@ private:
 
     void CheckTasks() const;
     void LookAfterItself();
+    std::chrono::milliseconds StatusInterval() const;
     bool IsAtWork() const;
     void ReportImpairments();
     void SendAlarm(const std::string& document);

@@ -3,8 +3,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <unistd.h>
+
 #include <algorithm>
 
+#include "host/agent/Configuration.h"
 #include "host/agent/Console.h"
 #include "host/agent/PolicyText.h"
 
@@ -33,7 +36,7 @@ CLI::Option* AddText(CLI::App& command, const char* name, std::string& value, co
 {
     const CLI::Validator isValue(
         [](const std::string& text) { return text.empty() || text.starts_with("--") ? "needs a value" : ""; }, "");
-    return command.add_option(name, value, help)->option_text(kind)->check(isValue);
+    return command.add_option(name, value, help)->capture_default_str()->option_text(kind)->check(isValue);
 }
 
 void AddFlag(CLI::App& command, const char* name, bool& value, const char* help)
@@ -46,6 +49,7 @@ void AddSourceOptions(CLI::App& command, Options& options)
 {
     AddText(command, "--modules", options.modulesDir, "DIR", "Where the modules are, if not where they were installed");
     command.add_option("--buffer-kb", options.bufferKb, "Size of the kernel's buffers for each CPU, in KiB")
+        ->capture_default_str()
         ->option_text("N")
         ->check(CLI::Range(leastBufferKb, maxBufferKb));
     AddText(command, "--syscalls", options.syscallSource, "SOURCE",
@@ -65,21 +69,30 @@ void AddWatchOptions(CLI::App& command, Options& options)
     AddSourceOptions(command, options);
 }
 
-void AddRunCommand(CLI::App& program, Options& options)
+void AddConfigurationOption(CLI::App& command, Options& options)
 {
-    CLI::App* run = program.add_subcommand("run", "Watch this host until a signal stops it");
+    AddText(command, "--config", options.configurationFile, "FILE",
+            "The configuration: a JSON object whose keys are these options without their dashes; what the command line "
+            "sets counts more. Without it, " CE_CONFIGURATION " is read if it is there (none: not even that)");
+}
+
+void AddRunOptions(CLI::App& command, Options& options)
+{
+    CLI::App* run = &command;
+    AddConfigurationOption(command, options);
     AddText(
         *run, "--policy", options.policyFile, "FILE (required)",
         "The policy: image whitelist, high-risk calls, host directories, and whether containers are judged together "
-        "(\"scope\": \"thread\") or each by itself (\"container\")")
-        ->required();
+        "(\"scope\": \"thread\") or each by itself (\"container\")");
     AddText(*run, "--alarms", options.alarmsFile, "FILE",
             "Append alarms to FILE instead of writing them to standard output");
     run->add_option("--alarms-max-mb", options.alarmsMaxMb,
                     "Rename FILE to FILE.1, FILE.1 to FILE.2 and so on when it has N megabytes (0: never, the default)")
+        ->capture_default_str()
         ->option_text("N")
         ->check(CLI::Range(0U, maxAlarmsMb));
     run->add_option("--alarms-keep", options.alarmsKept, "How many renamed files are kept (5)")
+        ->capture_default_str()
         ->option_text("N")
         ->check(CLI::Range(1U, maxAlarmsKept));
     AddWatchOptions(*run, options);
@@ -92,6 +105,7 @@ void AddRunCommand(CLI::App& program, Options& options)
     run->add_option("--realtime", options.realtimePercent,
                     "CPU time in each second, in percent of one CPU, that detection may take at real-time priority "
                     "(70; 0: none)")
+        ->capture_default_str()
         ->option_text("PERCENT")
         ->check(CLI::Range(0U, maxRealtimePercent));
     AddText(*run, "--stats", options.statsFile, "FILE",
@@ -100,6 +114,8 @@ void AddRunCommand(CLI::App& program, Options& options)
            "--status-interval",
            [&options](unsigned int seconds) { options.statusInterval = std::chrono::seconds{seconds}; },
            "Write a status line to standard error every N seconds (0: none, the default)")
+        ->default_str("0")
+        ->capture_default_str()
         ->option_text("N")
         ->check(CLI::Range(0U, maxIntervalSeconds));
 }
@@ -111,6 +127,7 @@ void AddCheckCommand(CLI::App& program, Options& options)
                                "Tell what a start would watch on this machine, and what not and why. It is a start, "
                                "without alarms, that stops "
                                "at once. Exit codes: 0 all is well, 1 there are warnings, 2 it would not start");
+    AddConfigurationOption(*check, options);
     AddText(*check, "--policy", options.policyFile, "FILE", "The policy; without one only the machine is checked");
     AddWatchOptions(*check, options);
     AddFlag(*check, "--json", options.asJson, "Answer with a JSON document");
@@ -159,36 +176,163 @@ void AddPolicyCommand(CLI::App& program, Options& options)
     });
 }
 
+// One reading of a command line.
+class CommandLine {
+public:
+    CommandLine()
+    {
+        program.set_help_flag();
+        program.set_help_all_flag("-h,--help", "Print this help");
+        program.set_version_flag("--version", "containerescape-agent " CE_VERSION);
+        program.require_subcommand(0, 1);  // a word that is no command is named in the error; none at all, see Parse
+        program.footer(closingText);
+        run = program.add_subcommand("run", "Watch this host until a signal stops it");
+        AddRunOptions(*run, options);
+        AddCheckCommand(program, options);
+        AddSelfTestCommand(program, options);
+        AddPolicyCommand(program, options);
+        CLI::App* config = program.add_subcommand("config", "Show the configuration")->require_subcommand(1);
+        show = config->add_subcommand("show", "Every option of run: its value, and where that comes from");
+        AddRunOptions(*show, options);
+        show->callback([this] { options.command = Command::ShowConfiguration; });
+    }
+
+    void Parse(std::vector<std::string> words)
+    {
+        std::reverse(words.begin(), words.end());  // the library takes them from the back
+        try {
+            program.parse(std::move(words));
+            if (program.get_subcommands().empty()) {
+                throw BadInput("no command given");
+            }
+        } catch (const CLI::CallForAllHelp&) {
+            options.answer = program.help("", CLI::AppFormatMode::All);
+        } catch (const CLI::CallForVersion& version) {
+            options.answer = std::string(version.what()) + "\n";
+        } catch (const CLI::Error& problem) {
+            throw BadInput(problem.what());
+        }
+    }
+
+    // The command that was given, if the configuration file has a say in it; else null.
+    CLI::App* Configurable()
+    {
+        return run->parsed()                     ? run
+               : show->parsed()                  ? show
+               : program.got_subcommand("check") ? program.get_subcommand("check")
+                                                 : nullptr;
+    }
+    // Null when there is none.
+    CLI::Option* OptionOfRun(const std::string& key)
+    {
+        return key == "config" ? nullptr : run->get_option_no_throw("--" + key);
+    }
+    // That the configuration may set.
+    std::vector<std::string> OptionsOfRun() const
+    {
+        std::vector<std::string> names;
+        for (const CLI::Option* option : run->get_options()) {
+            const std::string name = option->get_lnames().empty() ? "help" : option->get_lnames().front();
+            if (name != "help" && name != "config") {
+                names.push_back(name);
+            }
+        }
+        return names;
+    }
+
+    Options options;
+
+private:
+    CLI::App program{"Watches the processes in this host's containers and reports attempts to break out.",
+                     "containerescape-agent"};
+    CLI::App* run = nullptr;
+    CLI::App* show = nullptr;
+};
+
+bool IsFlagOfRun(const std::string& key)
+{
+    CommandLine known;
+    const CLI::Option* option = known.OptionOfRun(key);
+    if (option == nullptr) {
+        const std::string nearest = Nearest(key, known.OptionsOfRun());
+        throw BadInput("unknown key \"" + key + "\"" + (nearest.empty() ? "" : ", is \"" + nearest + "\" meant?"));
+    }
+    return option->get_expected_max() == 0;
+}
+
+// What an option's value has to be, the command line says, too.
+void Validate(const Setting& setting)
+{
+    try {
+        if (!setting.word.empty()) {
+            CommandLine().Parse({"run", setting.word});
+        }
+    } catch (const BadInput& problem) {
+        throw BadInput("configuration " + setting.place + ": " + problem.what());
+    }
+}
+
 }  // namespace
+
+const char* DefaultConfiguration()
+{
+    return CE_CONFIGURATION;
+}
 
 Options ParseOptions(std::vector<std::string> words)
 {
-    Options options;
-    CLI::App program("Watches the processes in this host's containers and reports attempts to break out.",
-                     "containerescape-agent");
-    program.set_help_flag();
-    program.set_help_all_flag("-h,--help", "Print this help");
-    program.set_version_flag("--version", "containerescape-agent " CE_VERSION);
-    program.require_subcommand(0, 1);  // a word that is no command is named in the error; none at all, see below
-    program.footer(closingText);
-    AddRunCommand(program, options);
-    AddCheckCommand(program, options);
-    AddSelfTestCommand(program, options);
-    AddPolicyCommand(program, options);
-    std::reverse(words.begin(), words.end());  // the library takes them from the back
-    try {
-        program.parse(std::move(words));
-        if (program.get_subcommands().empty()) {
-            throw BadInput("no command given");
-        }
-    } catch (const CLI::CallForAllHelp&) {
-        options.answer = program.help("", CLI::AppFormatMode::All);
-    } catch (const CLI::CallForVersion& version) {
-        options.answer = std::string(version.what()) + "\n";
-    } catch (const CLI::Error& problem) {
-        throw BadInput(problem.what());
+    CommandLine given;
+    given.Parse(words);
+    CLI::App* const command = given.options.answer.empty() ? given.Configurable() : nullptr;
+    if (command == nullptr) {
+        given.options.words = std::move(words);
+        return given.options;
     }
+    std::string file = given.options.configurationFile;
+    if (file.empty() && ::access(DefaultConfiguration(), F_OK) == 0) {
+        file = DefaultConfiguration();
+    }
+    std::vector<std::string> warnings;
+    std::map<std::string, Options::Value> values;
+    std::vector<std::string> all = words;
+    if (!file.empty() && file != noConfiguration) {
+        for (const Setting& setting : ReadConfiguration(file, IsFlagOfRun, warnings)) {
+            Validate(setting);
+            const CLI::Option* option = command->get_option_no_throw("--" + setting.key);
+            if (option != nullptr && option->count() == 0) {
+                values[setting.key] = {setting.value, setting.place};
+                all.insert(all.end(), setting.word.empty() ? 0 : 1, setting.word);
+            }
+        }
+    }
+    CommandLine whole;
+    whole.Parse(all);
+    Options options = std::move(whole.options);
+    if (options.command == Command::Run && options.policyFile.empty()) {
+        throw BadInput("--policy is required");
+    }
+    for (const std::string& name : whole.OptionsOfRun()) {
+        if (const CLI::Option* option = command->get_option_no_throw("--" + name);
+            option != nullptr && option->count() > 0) {
+            values[name] = {option->get_expected_max() == 0 ? "true" : option->results().front(), "command line"};
+        } else if (option != nullptr && !values.contains(name)) {
+            const std::string& text = option->get_default_str();
+            values[name] = {option->get_expected_max() == 0 ? "false" : text, "default"};
+        }
+    }
+    options.words = std::move(words);
+    options.warnings = std::move(warnings);
+    options.values = std::move(values);
     return options;
+}
+
+std::string ShowValues(const Options& options)
+{
+    std::string text;
+    for (const auto& [name, value] : options.values) {
+        text += Line(name + ": " + (value.text.empty() ? "not set" : value.text) + " (" + value.origin + ")");
+    }
+    return text;
 }
 
 }  // namespace Agent

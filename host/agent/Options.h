@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -10,7 +11,7 @@
 
 namespace Agent {
 
-enum class Command { Run, Check, SelfTest, Attack, Explain };
+enum class Command { Run, Check, SelfTest, Attack, Explain, ShowConfiguration };
 
 struct Options {
     Command command = Command::Run;
@@ -31,9 +32,28 @@ struct Options {
     bool requireAll = false;                 // not to start where something that is listed is not watched
     std::string attackedDirectory;           // of the self-test's own attack
     bool asJson = false;                     // a check's answer
+    std::string configurationFile;           // empty: DefaultConfiguration, if that is there; or noConfiguration
+
+    std::vector<std::string> words;     // of the command line, without the program's name
+    std::vector<std::string> warnings;  // what is doubtful in the configuration
+    // What run, check and config show go by, by the options' names without their dashes.
+    struct Value {
+        std::string text;
+        std::string origin;  // "command line", the place in the configuration, or "default"
+    };
+    std::map<std::string, Value> values;
 };
 
-// `words`: the command line without the program's name. Throws BadInput.
+inline constexpr char noConfiguration[] = "none";
+
+// The path of the configuration that is read without being asked for.
+const char* DefaultConfiguration();
+
+// `words`: the command line without the program's name. What it does not set, the configuration file does. Throws
+// BadInput.
 Options ParseOptions(std::vector<std::string> words);
+
+// The values with their origins, a line for each.
+std::string ShowValues(const Options& options);
 
 }  // namespace Agent

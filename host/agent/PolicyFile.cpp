@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/PolicyFile.h"
 
-#include <fcntl.h>
 #include <json/value.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -18,55 +17,11 @@
 
 #include "PathEntry.h"
 #include "host/agent/Console.h"
-#include "host/sdk/FileDescriptor.h"
-#include "sdk/FileUtils.h"
-#include "sdk/JsonUtils.h"
+#include "host/agent/Document.h"
 
 namespace Agent {
 
 namespace {
-
-const char* KindName(Json::ValueType type)
-{
-    switch (type) {
-        case Json::nullValue:
-            return "null";
-        case Json::stringValue:
-            return "a text";
-        case Json::booleanValue:
-            return "true or false";
-        case Json::arrayValue:
-            return "a list";
-        case Json::objectValue:
-            return "an object";
-        case Json::intValue:
-        case Json::uintValue:
-        case Json::realValue:
-            return "a number";
-    }
-    return "something else";
-}
-
-// Where values are in the text that they were parsed from.
-class Places {
-public:
-    explicit Places(const std::string& text)
-    {
-        for (std::size_t end = text.find('\n'); end != std::string::npos; end = text.find('\n', end + 1)) {
-            lineStarts.push_back(static_cast<std::ptrdiff_t>(end) + 1);
-        }
-    }
-
-    std::string Of(const Json::Value& value) const
-    {
-        const auto next = std::upper_bound(lineStarts.begin(), lineStarts.end(), value.getOffsetStart());
-        return "line " + std::to_string(next - lineStarts.begin()) + ", column " +
-               std::to_string(value.getOffsetStart() - *std::prev(next) + 1);
-    }
-
-private:
-    std::vector<std::ptrdiff_t> lineStarts{0};
-};
 
 std::string Join(const std::string& place, const std::string& key)
 {
@@ -77,8 +32,8 @@ std::string Join(const std::string& place, const std::string& key)
 class Section {
 public:
     // `path`: of keys, empty for the document.
-    Section(const Json::Value& object, const Places& places, std::string path)
-        : object(object), places(places), path(std::move(path))
+    Section(const Json::Value& object, const Document& document, std::string path)
+        : object(object), document(document), path(std::move(path))
     {
     }
 
@@ -86,14 +41,14 @@ public:
     {
         const Json::Value* member = Find(key);
         if (member == nullptr) {
-            throw BadInput(places.Of(object) + ": " + Join(path, key) +
+            throw BadInput(document.PlaceOf(object) + ": " + Join(path, key) +
                            ": is missing; \"containerescape-agent policy example\" prints a policy");
         }
-        Demand(*member, type, Join(path, key));
+        document.Demand(*member, type, Join(path, key));
         return *member;
     }
 
-    Section Object(const char* key) const { return {Member(key, Json::objectValue), places, Join(path, key)}; }
+    Section Object(const char* key) const { return {Member(key, Json::objectValue), document, Join(path, key)}; }
 
     Policy::Entries Texts(const char* key, std::vector<std::string>& warnings) const
     {
@@ -101,8 +56,8 @@ public:
         Policy::Entries texts;
         for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
             const std::string itemPath = Join(path, key) + "[" + std::to_string(i) + "]";
-            Demand(list[i], Json::stringValue, itemPath);
-            if (!texts.emplace(list[i].asString(), places.Of(list[i])).second) {
+            document.Demand(list[i], Json::stringValue, itemPath);
+            if (!texts.emplace(list[i].asString(), document.PlaceOf(list[i])).second) {
                 Warn(list[i], itemPath + ": \"" + list[i].asString() + "\" is there twice", warnings);
             }
         }
@@ -114,8 +69,8 @@ public:
     {
         const Json::Value* member = Find(key);
         if (member != nullptr && *member != first && *member != second) {
-            throw BadInput(places.Of(*member) + ": " + Join(path, key) + ": must be \"" + first + "\" or \"" + second +
-                           "\"");
+            throw BadInput(document.PlaceOf(*member) + ": " + Join(path, key) + ": must be \"" + first + "\" or \"" +
+                           second + "\"");
         }
         return member != nullptr && *member == second;
     }
@@ -129,24 +84,16 @@ public:
         }
     }
 
-    void Demand(const Json::Value& value, Json::ValueType type, const std::string& itsPath) const
-    {
-        if (value.type() != type) {
-            throw BadInput(places.Of(value) + ": " + itsPath + ": must be " + KindName(type) + ", is " +
-                           KindName(value.type()));
-        }
-    }
-
 private:
     const Json::Value* Find(const char* key) const { return object.find(key, key + std::strlen(key)); }
 
     void Warn(const Json::Value& value, const std::string& what, std::vector<std::string>& warnings) const
     {
-        warnings.push_back("policy " + places.Of(value) + ": " + what);
+        warnings.push_back("policy " + document.PlaceOf(value) + ": " + what);
     }
 
     const Json::Value& object;
-    const Places& places;
+    const Document& document;
     std::string path;
 };
 
@@ -262,36 +209,11 @@ bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
 
 }  // namespace
 
-std::string ReadPolicyFile(const std::string& path, std::vector<std::string>& warnings)
-{
-    // What was opened is looked at, not what the path leads to: it may lead elsewhere a moment later. A pipe or a
-    // device could keep the agent waiting, at the start and whenever the policy is read again.
-    const SDK::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    struct stat status {};
-    if (!file || ::fstat(file.Get(), &status) != 0) {
-        throw BadInput(std::strerror(errno));
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw BadInput("is not a regular file");
-    }
-    if ((status.st_mode & S_IWOTH) != 0) {
-        warnings.push_back("policy " + path + " may be changed by every user of this host");
-    }
-    std::string text;
-    if (SDK::FileUtils::ReadFile("/proc/self/fd/" + std::to_string(file.Get()), text, maxPolicyBytes + 1) != 0) {
-        throw BadInput(std::strerror(errno));
-    }
-    if (text.size() > maxPolicyBytes) {
-        throw BadInput("is larger than " + std::to_string(maxPolicyBytes) + " bytes");
-    }
-    return text;
-}
-
 Policy LoadPolicy(const std::string& path)
 {
     try {
         std::vector<std::string> warnings;
-        Policy policy = ParsePolicy(ReadPolicyFile(path, warnings));
+        Policy policy = ParsePolicy(Document::Read("policy", path, warnings));
         policy.warnings.insert(policy.warnings.begin(), warnings.begin(), warnings.end());
         return policy;
     } catch (const BadInput& problem) {
@@ -301,18 +223,9 @@ Policy LoadPolicy(const std::string& path)
 
 Policy ParsePolicy(std::string text)
 {
-    if (text.starts_with("\xEF\xBB\xBF")) {
-        throw BadInput("begins with a byte-order mark: save it as UTF-8 without one");
-    }
-    Json::Value root;
-    std::string error;
-    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root, error) != 0) {
-        throw BadInput("not JSON: " + error);
-    }
-    const Places places(text);
-    const Section document(root, places, "");
-    document.Demand(root, Json::objectValue, "the document");
-    const Section content = document.Object("content");
+    const Document document(std::move(text));
+    const Section whole(document.Root(), document, "");
+    const Section content = whole.Object("content");
     const Section detection = content.Object("container_escape_detect_task");
 
     Policy policy;
@@ -323,10 +236,10 @@ Policy ParsePolicy(std::string text)
     WarnOfUseless("image", policy.images, WhyNoImage, policy.warnings);
     WarnOfUseless("call", policy.calls, WhyNoCall, policy.warnings);
     WarnOfUseless("directory", policy.directories, WhyNoDirectory, policy.warnings);
-    document.NoteUnknownKeys({"content"}, policy.warnings);
+    whole.NoteUnknownKeys({"content"}, policy.warnings);
     content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.warnings);
     detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.warnings);
-    policy.text = std::move(text);
+    policy.text = document.Text();
     return policy;
 }
 

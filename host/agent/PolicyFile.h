@@ -27,11 +27,6 @@ struct Policy {
     std::vector<std::string> warnings;
 };
 
-constexpr std::size_t maxPolicyBytes = 1U << 20U;
-
-// Throws BadInput: not a readable regular file, or larger than maxPolicyBytes. Adds to `warnings` what is doubtful.
-std::string ReadPolicyFile(const std::string& path, std::vector<std::string>& warnings);
-
 // Reads and parses. Throws BadInput with the path, the place and the reason.
 Policy LoadPolicy(const std::string& path);
 

@@ -37,6 +37,8 @@ ExitCode Main(const std::vector<std::string>& words)
             return Attack(options.attackedDirectory);
         case Command::Explain:
             return Print(Explain(LoadPolicy(options.policyFile)));
+        case Command::ShowConfiguration:
+            return Print(ShowValues(options));
         case Command::Run:
             break;
     }

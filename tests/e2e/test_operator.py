@@ -95,6 +95,21 @@ class Operator(unittest.TestCase):
             self.assertIsNotNone(agent.stop())
             self.assertEqual(agent.exit_code, 0)
 
+    def test_the_configuration_is_read_again_and_what_waits_for_a_start_is_said(self):
+        with tempfile.TemporaryDirectory() as folder:
+            configuration = pathlib.Path(folder) / "agent.json"
+            configuration.write_text('{"realtime": 50, "log-level": "notice"}')
+            with harness.Agent(harness.policy(), "--config", str(configuration)) as agent:
+                configuration.write_text('{"realtime": 40, "log-level": "debug"}')
+                agent.reload()
+                agent.log.wait_for(lambda line: "realtime of the configuration takes effect at the next start" in line)
+                agent.reload()
+                agent.log.wait_for(lambda line: " debug " in line)
+                configuration.write_text('{"realtimes": 40}')
+                agent.process.send_signal(signal.SIGHUP)
+                agent.log.wait_for(lambda line: 'refused, the running one stays: configuration' in line and
+                                   'unknown key "realtimes", is "realtime" meant?' in line)
+
     def test_no_mutated_policy_is_taken_with_a_silent_loss(self):
         """What a mutation makes of a policy is refused, or warned of, or still has all of its entries."""
         example = harness.run(harness.AGENT, "policy", "example")

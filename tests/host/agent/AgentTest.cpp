@@ -11,6 +11,7 @@
 
 #include "host/agent/Agent.h"
 #include "host/agent/Console.h"
+#include "host/agent/Document.h"
 #include "host/agent/ImpairmentReport.h"
 #include "host/agent/Options.h"
 #include "host/agent/PolicyFile.h"
@@ -57,6 +58,38 @@ TEST(OptionsTest, ABadCommandLineIsRefused)
     }
 }
 
+TEST(OptionsTest, TheConfigurationSetsWhatTheCommandLineDoesNotAndItsMistakesHaveTheirPlaces)
+{
+    const TemporaryDirectory directory;
+    const auto parse = [&](const std::string& text, const std::vector<std::string>& more = {}) {
+        std::vector<std::string> words{"run", "--config", directory.Write("agent.json", text)};
+        words.insert(words.end(), more.begin(), more.end());
+        return ParseOptions(words);
+    };
+    const std::string good = R"({"policy": "p", "realtime": 3,
+        "require-all": true, "namespace-check": false, "log-level": "debug"})";
+    const Options options = parse(good, {"--realtime=4"});
+    EXPECT_EQ(options.policyFile + ' ' + options.logLevel, "p debug");
+    EXPECT_EQ(options.realtimePercent, 4U);
+    EXPECT_TRUE(options.requireAll && !options.namespaceCheck);
+    const std::string shown = ShowValues(options);
+    for (const char* line : {"realtime: 4 (command line)\n", "require-all: true (", "agent.json, line 2, column 24)\n",
+                             "namespace-check: false (", "syscalls: auto (default)\n", "stats: not set (default)\n"}) {
+        EXPECT_THAT(shown, HasSubstr(line));
+    }
+    for (const auto& [text, reason] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"polcy": "p"})", R"(agent.json: line 1, column 11: unknown key "polcy", is "policy" meant?)"},
+             {R"({"nothing-like-it": 1})", R"(unknown key "nothing-like-it")"},
+             {R"({"config": "x"})", R"(unknown key "config")"},
+             {R"({"policy": "p", "realtime": 96})", "agent.json, line 1, column 29: --realtime: Value 96 not in range"},
+             {R"({"require-all": "yes"})", "require-all: must be true or false, is a text"},
+             {R"({"alarms": [1]})", "alarms: must be a text, is a list"},
+             {R"({"alarms": "a", "alarms": "b"})", "not JSON: line 1"},
+             {R"({"realtime": 3})", "--policy is required"}}) {
+        EXPECT_THAT(([&parse, &text = text] { parse(text); }), ThrowsMessage<BadInput>(HasSubstr(reason))) << text;
+    }
+}
+
 TEST(PolicyFileTest, ABadDocumentIsRefusedWithPlaceAndReason)
 {
     const std::string start = R"({"content": {"image_white_namelist": [], "container_escape_detect_task": {)";
@@ -80,9 +113,10 @@ TEST(PolicyFileTest, OnlyARegularFileOfBoundedSizeIsReadAndEveryEntryIsWatchedOr
     const TemporaryDirectory directory;
     const std::string& good = directory.Path();
     std::vector<std::string> warnings;
-    EXPECT_THAT([&] { ReadPolicyFile(good, warnings); }, ThrowsMessage<BadInput>(HasSubstr("not a regular file")));
-    const std::string large = directory.Write("large", std::string(maxPolicyBytes + 1, ' '));
-    EXPECT_THAT([&] { ReadPolicyFile(large, warnings); },
+    EXPECT_THAT([&] { Document::Read("policy", good, warnings); },
+                ThrowsMessage<BadInput>(HasSubstr("not a regular file")));
+    const std::string large = directory.Write("large", std::string(Document::maxBytes + 1, ' '));
+    EXPECT_THAT([&] { Document::Read("policy", large, warnings); },
                 ThrowsMessage<BadInput>(HasSubstr("larger than 1048576 bytes")));
 
     directory.Write("sys_enter_bpf", "");
