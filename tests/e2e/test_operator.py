@@ -39,13 +39,18 @@ def entries(content):
     return content["image_white_namelist"], detection["highrisk_calls"], detection["host_directorys"]
 
 
+def slipped(text, chance):
+    """A text as a slip of an operator's hand, or of an editor, leaves it."""
+    raw, at = bytearray(text.encode()), chance.randrange(len(text))
+    length, more = chance.choice(((0, 1), (1, 0), (1, 1), (20, 0), (0, 5)))
+    raw[at:at + length] = bytes(chance.choice((chance.randrange(256), *b'"{}[],:\\0')) for _ in range(more))
+    return bytes(raw)
+
+
 def mutated(text, chance):
-    """A policy as a slip of an operator's hand, or of an editor, leaves it: in its bytes, or in its values."""
+    """A policy with a slip in its bytes or in its values."""
     if chance.random() < 0.4:
-        raw, at = bytearray(text.encode()), chance.randrange(len(text))
-        length, more = chance.choice(((0, 1), (1, 0), (1, 1), (20, 0), (0, 5)))
-        raw[at:at + length] = bytes(chance.choice((chance.randrange(256), *b'"{}[],:\\0')) for _ in range(more))
-        return bytes(raw)
+        return slipped(text, chance)
     document = json.loads(text)
     content, detection = document["content"], document["content"]["container_escape_detect_task"]
     entries(content)[2].append("/etc")
@@ -109,6 +114,29 @@ class Operator(unittest.TestCase):
                 agent.process.send_signal(signal.SIGHUP)
                 agent.log.wait_for(lambda line: 'refused, the running one stays: configuration' in line and
                                    'unknown key "realtimes", is "realtime" meant?' in line)
+
+    def test_no_mutated_configuration_is_taken_with_a_silent_loss(self):
+        """Either it is refused with its place, or every value of it is in force."""
+        example = '{\n  "policy": "/p",\n  "realtime": 7, "buffer-kb": 64,\n "require-all": true, "alarms-keep": 3\n}'
+        chance, taken = random.Random(2), 0
+        with tempfile.TemporaryDirectory() as folder:
+            configuration = pathlib.Path(folder) / "agent.json"
+            for _ in range(200):
+                text = slipped(example, chance)
+                configuration.write_bytes(text)
+                done = subprocess.run([harness.AGENT, "config", "show", "--config", configuration], capture_output=True,
+                                      text=True, errors="replace", check=False)
+                self.assertIn(done.returncode, (0, 2), text)
+                if done.returncode == 2:
+                    self.assertRegex(done.stderr, "agent.json[:,] .*(line [0-9]+, column [0-9]+|byte-order)", text)
+                    continue
+                taken += 1
+                shown = dict(re.findall(r"^([a-z-]+): (.*) \(.*agent.json, line", done.stdout, re.MULTILINE))
+                document = json.loads(text, strict=False)
+                self.assertEqual(shown.keys(), document.keys(), text)
+                self.assertEqual([shown[key] for key in document if "policy" not in key],
+                                 [json.dumps(value) for key, value in document.items() if "policy" not in key], text)
+        self.assertIn(taken, range(10, 150))
 
     def test_no_mutated_policy_is_taken_with_a_silent_loss(self):
         """What a mutation makes of a policy is refused, or warned of, or still has all of its entries."""

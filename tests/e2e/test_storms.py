@@ -8,7 +8,9 @@ import json
 import os
 import pathlib
 import re
+import signal
 import statistics
+import threading
 import time
 
 import harness
@@ -162,6 +164,29 @@ class Storms(harness.InDocker):
                     calls += 50
             agent.stop()
         self.assertEqual(sum(self.reached(json.loads(stats.read_text())).values()), calls)
+
+    def test_twenty_new_policies_a_second_lose_no_alarm_and_double_none(self):
+        calls, seconds, done = CALLS.split(",")[1:], harness.tries(60), threading.Event()
+        servers = {self.start("--name", f"busy{number}"): self.server(f"busy{number}") for number in range(5)}
+        expected = list(itertools.product(servers, calls))
+        with self.agent(calls=calls, scope="container") as agent, concurrent.futures.ThreadPoolExecutor() as pool:
+
+            def replace():
+                while not done.wait(0.05):
+                    agent.process.send_signal(signal.SIGHUP)
+
+            replacing = pool.submit(replace)
+            for container, call in expected:  # each has an alarm of its own
+                servers[container].do(f"fork call {call}")
+                time.sleep(seconds / len(expected))
+            done.set()
+            replacing.result()
+            agent.stop()
+            replaced = sum("policy replaced" in line for line in agent.log.seen)
+        self.assertGreater(replaced, 5 * seconds)
+        print(f"\n  {replaced / seconds:.1f} policies a second for {seconds} s", end="", flush=True)
+        self.assertCountEqual([(alarm["resource_info"]["container_id"], alarm["forensic_info"]["sys_call"])
+                               for alarm in agent.alarms()], expected)
 
     def test_every_call_of_a_storm_is_accounted_for(self):
         calls = harness.tries(10000000) // len(CPUS)
