@@ -59,13 +59,45 @@ BundleFinder::Roots BundleFinder::UsualRoots()
         {"/var/lib/containers/storage", "/run/containers/storage"}};
 }
 
-std::string BundleFinder::Find(const std::string& id, int pid)
+// A container's own processes are not asked: they choose their arguments.
+std::vector<BundleFinder::Ancestor> BundleFinder::AncestorsOf(SDK::SystemView& system, int pid)
+{
+    std::vector<Ancestor> ancestors;
+    SDK::ProcessUtils::procStatus status;
+    for (int generation = 0; generation < maxGenerations && system.Status(pid, status) == 0; ++generation) {
+        pid = status.ppid;
+        if (pid <= 1 || RuntimeSetUp::HasLeftHost(system, pid)) {
+            break;
+        }
+        if (RuntimeSetUp::IsMaker(system, pid)) {
+            ancestors.push_back({Words(system, pid), system.WorkingDirectory(pid)});
+        }
+    }
+    return ancestors;
+}
+
+std::string BundleFinder::Find(const std::string& id, const std::vector<Ancestor>& ancestors) const
 {
     if (!EngineDocuments::IsContainerId(id)) {
         return {};
     }
-    const std::string found = ByRoots(id);
-    return found.empty() ? ByAncestors(id, pid) : found;
+    if (std::string found = ByRoots(id); !found.empty()) {
+        return found;
+    }
+    for (const auto& [arguments, workingDirectory] : ancestors) {
+        const std::filesystem::path place = workingDirectory;
+        std::vector<std::string> candidates{place.parent_path() / id};  // a shim stays in its first container's bundle
+        if (std::find(arguments.begin(), arguments.end(), id) != arguments.end()) {
+            candidates.insert(candidates.begin(), place / GivenBundle(arguments));
+        }
+        for (std::string& candidate : candidates) {
+            candidate.erase(candidate.find_last_not_of('/') + 1);
+            if (candidate.starts_with('/') && HasConfig(candidate)) {
+                return candidate;
+            }
+        }
+    }
+    return {};
 }
 
 bool BundleFinder::IsNamedAfter(const std::string& directory, std::string_view id)
@@ -91,34 +123,6 @@ std::string BundleFinder::ByRoots(const std::string& id) const
             std::filesystem::path directory = root / (driver + "-containers") / id / "userdata";
             if (HasConfig(directory)) {
                 return directory;
-            }
-        }
-    }
-    return {};
-}
-
-// A container's own processes are not asked: they choose their arguments.
-std::string BundleFinder::ByAncestors(const std::string& id, int pid)
-{
-    SDK::ProcessUtils::procStatus status;
-    for (int generation = 0; generation < maxGenerations && system.Status(pid, status) == 0; ++generation) {
-        pid = status.ppid;
-        if (pid <= 1 || RuntimeSetUp::HasLeftHost(system, pid)) {
-            return {};
-        }
-        if (!RuntimeSetUp::IsMaker(system, pid)) {
-            continue;
-        }
-        const std::vector<std::string> words = Words(system, pid);
-        const std::filesystem::path place = system.WorkingDirectory(pid);
-        std::vector<std::string> candidates{place.parent_path() / id};  // a shim stays in its first container's bundle
-        if (std::find(words.begin(), words.end(), id) != words.end()) {
-            candidates.insert(candidates.begin(), place / GivenBundle(words));
-        }
-        for (std::string& candidate : candidates) {
-            candidate.erase(candidate.find_last_not_of('/') + 1);
-            if (candidate.starts_with('/') && HasConfig(candidate)) {
-                return candidate;
             }
         }
     }

@@ -5,39 +5,42 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/sdk/SystemView.h"
 
 namespace Engine {
 
-// Ownership: `system` is not owned and outlives the finder.   Thread: any, one at a time.
-// Errors:    throws nothing but std::bad_alloc.
+// Thread: any. Errors: throws nothing but std::bad_alloc.
 class BundleFinder {
 public:
+    // What the ancestors of a container's process, runtimes, shims and monitors of the host's own, tell about where its
+    // bundle is. To be asked for as soon as the container is come upon: they may end with it.
+    struct Ancestor {
+        std::vector<std::string> arguments;
+        std::string workingDirectory;
+    };
+    static std::vector<Ancestor> AncestorsOf(SDK::SystemView& system, int pid);
+
     struct Roots {
         std::vector<std::string> tasks;     // containerd's: <root>/<name space>/<id>
         std::vector<std::string> storages;  // of Podman and CRI-O: <root>/<driver>-containers/<id>/userdata
     };
     static Roots UsualRoots();
 
-    explicit BundleFinder(SDK::SystemView& system, Roots roots = UsualRoots()) : system(system), roots(std::move(roots))
-    {
-    }
+    explicit BundleFinder(Roots roots = UsualRoots()) : roots(std::move(roots)) {}
 
-    // Empty when none is found: neither below a root, nor named by the working directory or the arguments of a runtime,
-    // a shim or a monitor among the ancestors of process `pid` that are the host's own.
-    std::string Find(const std::string& id, int pid);
+    // Empty when none is found: neither below a root, nor where an ancestor's arguments or working directory point.
+    std::string Find(const std::string& id, const std::vector<Ancestor>& ancestors) const;
 
     // Whether the directory is the container's by its name: another container's could be given by arguments.
     static bool IsNamedAfter(const std::string& directory, std::string_view id);
 
 private:
     std::string ByRoots(const std::string& id) const;
-    std::string ByAncestors(const std::string& id, int pid);
 
-    SDK::SystemView& system;
-    const Roots roots;
+    Roots roots;
 };
 
 }  // namespace Engine

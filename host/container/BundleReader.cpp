@@ -86,7 +86,11 @@ void BundleReader::Want(const std::string& id, int pid, bool announced)
         }
         container.state = State::Wanted;
         container.isSecond = isWantedAgain;
-        queue.push_back({id, pid});
+    }
+    Wanted wanted{id, BundleFinder::AncestorsOf(system, pid)};
+    {
+        const std::lock_guard lock(mutex);
+        queue.push_back(std::move(wanted));
     }
     wake();
 }
@@ -137,7 +141,7 @@ void BundleReader::KeepOnly(const std::unordered_set<std::string_view>& living)
 // False when there is no bundle. What an unprivileged user could have written is not vouched for.
 bool BundleReader::Read(const Wanted& wanted)
 {
-    const std::string bundle = finder.Find(wanted.id, wanted.pid);
+    const std::string bundle = finder.Find(wanted.id, wanted.ancestors);
     const std::optional<File> config = bundle.empty() ? std::nullopt : ReadFile(bundle + "/config.json");
     std::optional<ContainerInfo> info = config ? OciBundle::ParseConfig(wanted.id, config->text) : std::nullopt;
     if (config && !info) {

@@ -9,13 +9,14 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "host/container/BundleFinder.h"
 #include "host/container/MetadataCache.h"
 
 namespace Engine {
 
-// Ownership: system and cache are not owned and outlive the reader.
+// Ownership: `system` and `cache` are not owned and outlive the reader.
 // Thread:    Step one at a time, the others any. No lock is held while a file is read.
 // Errors:    a file that is too large, no regular file, or no such document is logged once, and costs its container the
 //            names. Throws nothing but std::bad_alloc.
@@ -26,8 +27,8 @@ public:
     static constexpr std::size_t maxContainers = MetadataCache::maxRecords;
 
     // `wake` is called, on the thread of Want, when Step has something to do.
-    BundleReader(BundleFinder finder, MetadataCache& cache, std::function<void()> wake)
-        : finder(std::move(finder)), cache(cache), wake(std::move(wake))
+    BundleReader(SDK::SystemView& system, BundleFinder finder, MetadataCache& cache, std::function<void()> wake)
+        : system(system), finder(std::move(finder)), cache(cache), wake(std::move(wake))
     {
     }
 
@@ -56,12 +57,13 @@ private:
     };
     struct Wanted {
         std::string id;
-        int pid;
+        std::vector<BundleFinder::Ancestor> ancestors;
     };
 
     bool Read(const Wanted& wanted);
 
-    BundleFinder finder;
+    SDK::SystemView& system;
+    const BundleFinder finder;
     MetadataCache& cache;
     const std::function<void()> wake;
     mutable std::mutex mutex;

@@ -19,7 +19,7 @@ constexpr int longestWaitMs = 10000;  // the cache drops what is old meanwhile
 ContainerCollectTask::ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
       socketWatch(socketPath),
-      bundles(BundleFinder(system), cache, [this] { Waiter().Wake(); }),
+      bundles(system, BundleFinder{}, cache, [this] { Waiter().Wake(); }),
       view(table, groups, system),
       registry(table, groups, system),
       observer(registry, system, receivers, cache, bundles),

@@ -7,6 +7,7 @@
 #include "LogSite.h"
 #include "host/framework/ExceptionText.h"
 #include "host/framework/TaskImpl.h"
+#include "host/sdk/Realtime.h"
 
 namespace Framework {
 
@@ -169,6 +170,7 @@ void Engine::Impl::Restart(const std::string& feature, Policy* policy)
     auto entries = registry.All();
     std::erase_if(entries, [&feature](const auto& entry) { return entry->task->FeatureName() != feature; });
     SortByStart(entries);
+    const SDK::Realtime::Loan promptly;  // a storm must not keep detection stopped
     for (const auto& entry : entries) {
         entry->task->impl->restarting = !entry->hidden && entry->task->impl->thread.joinable();
     }

@@ -131,10 +131,10 @@ void Task::runTask()
         SDK::RootLog::Error("task %s does not run: Init returned %d", name(), initResult);
     }
     impl->interruptible = false;
-    if (initResult == 0) {
+    const bool startsAgain = impl->restarting;
+    if (initResult == 0 && !startsAgain) {
         impl->Drain(*this);
     }
-    const bool startsAgain = impl->restarting;
     impl->accepting = startsAgain;
     Guarded(*this, "UnInit", [this] { return UnInit(); });
     if (!startsAgain) {

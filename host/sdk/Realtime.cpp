@@ -140,7 +140,13 @@ void Realtime::Configure(unsigned int percent, std::set<std::string> threads)
 void Realtime::Enter(const std::string& thread)
 {
     static std::atomic<bool> hasWarned{false};
-    if (!All().threads.contains(thread) || self.place != nullptr) {
+    if (self.place != nullptr) {
+        return;
+    }
+    if (!All().threads.contains(thread)) {
+        if ((::sched_getscheduler(0) & ~SCHED_RESET_ON_FORK) == SCHED_RR) {  // from the thread that made it, see Loan
+            SetPriority(0, false);
+        }
         return;
     }
     if (!SetPriority(0, true)) {
@@ -159,6 +165,23 @@ void Realtime::Enter(const std::string& thread)
         return;
     }
     self.place->isRaised = true;
+}
+
+Realtime::Loan::Loan() : begun(CpuTime())
+{
+    const sched_param priority{1};
+    // A thread that has the priority of its own keeps it.
+    isGiven = !All().threads.empty() && ::sched_getscheduler(0) == SCHED_OTHER &&
+              ::sched_setscheduler(0, SCHED_RR, &priority) == 0;
+}
+
+Realtime::Loan::~Loan()
+{
+    if (isGiven) {
+        All().budget.Spend(Clock::now().time_since_epoch(), CpuTime() - begun);
+        const sched_param priority{0};
+        ::sched_setscheduler(0, SCHED_OTHER, &priority);
+    }
 }
 
 void Realtime::Watch()

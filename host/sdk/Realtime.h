@@ -34,10 +34,26 @@ namespace Realtime {
 // begin.
 void Configure(unsigned int percent, std::set<std::string> threads);
 
-// Gives the calling thread the priority, if its name is among the configured ones. Threads and processes that it makes
-// begin without (SCHED_RESET_ON_FORK, sched(7)). Where the kernel refuses it (no CAP_SYS_NICE and RLIMIT_RTPRIO 0, or
-// no share of CONFIG_RT_GROUP_SCHED), one warning says so and the thread goes on without.
+// Gives the calling thread the priority, if its name is among the configured ones, and takes it from any other. Threads
+// and processes that it makes begin without (SCHED_RESET_ON_FORK, sched(7)). Where the kernel refuses it (no
+// CAP_SYS_NICE and RLIMIT_RTPRIO 0, or no share of CONFIG_RT_GROUP_SCHED), one warning says so and the thread goes on
+// without.
 void Enter(const std::string& thread);
+
+// Gives the calling thread the priority while it lives, for what detection waits for, and the threads that it makes
+// meanwhile until they Enter. Its CPU time counts, but does not end it: for short work. Without effect where there is
+// none to give.
+class Loan {
+public:
+    Loan();
+    Loan(const Loan&) = delete;
+    Loan& operator=(const Loan&) = delete;
+    ~Loan();
+
+private:
+    bool isGiven = false;
+    std::chrono::nanoseconds begun{0};  // CPU time of the thread
+};
 
 // Counts what the calling thread has spent, at most once a millisecond, and takes the priority away until the second is
 // over when the budget is spent (sched.demoted). It comes back also where a storm keeps the thread from running:

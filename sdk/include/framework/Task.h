@@ -71,9 +71,9 @@ public:
     // The thread's body: Init, Run until cancelled, UnInit. Exceptions end here, logged.
     void runTask() override;
 
-    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same. Before UnInit the task
-    // handles what is queued, for at most 200 ms, and then takes no more messages; UnInit may go on handling. What is
-    // left in the queue after it is dropped and counted as lost, unless the task is restarted. The default Run of an
+    // 0 means success. A failed Init leaves the task without Run; UnInit is called all the same. Unless the task is
+    // restarted, it handles what is queued before UnInit, for at most 200 ms, and then takes no more messages; UnInit
+    // may go on handling; what is left in the queue after it is dropped and counted as lost. The default Run of an
     // event loop waits and handles messages.
     virtual int Init();
     virtual int UnInit();

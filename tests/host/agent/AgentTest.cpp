@@ -212,6 +212,17 @@ TEST(RealtimeBudgetTest, AThreadGetsThePriorityBackWhenTheSecondIsOver)
     spender.join();
     CE_REQUIRE(tid != 0, "needs CAP_SYS_NICE");
     EXPECT_TRUE(isBack);
+    bool atBirth = false;
+    bool afterwards = true;
+    {
+        const SDK::Realtime::Loan loan;
+        std::thread{[&] {
+            atBirth = IsRealtime(0);
+            SDK::Realtime::Enter("another");
+            afterwards = IsRealtime(0);
+        }}.join();
+    }
+    EXPECT_TRUE(atBirth && !afterwards && !IsRealtime(0)) << "a loan is the lender's, and for a while";
 }
 
 // In a process of their own: they change what signals do there.

@@ -146,8 +146,9 @@ protected:
     Engine::ContainerView view{table, groups, proc};
     Engine::ContainerRegistry registry{table, groups, proc};
     Engine::NoticeReceivers receivers;
-    Engine::BundleReader bundles{Engine::BundleFinder{proc, {{bundleRoot.Path()}, {}}}, cache, [] {
-                                 }};
+    Engine::BundleReader bundles{proc, Engine::BundleFinder{{{bundleRoot.Path()}, {}}}, cache,
+                                 std::function<void()>{[] {
+                                 }}};
     Engine::RegistryObserver observer{registry, proc, receivers, cache, bundles};
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};
     std::deque<std::function<void()>> queue;
