@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Agent.h"
 
+#include <Poco/SHA2Engine.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -99,6 +100,13 @@ std::string Joined(const std::vector<std::string>& lines)
     return text.substr(0, maxBytes);
 }
 
+std::string Sha256(const std::string& text)
+{
+    Poco::SHA2Engine hash;
+    hash.update(text);
+    return Poco::DigestEngine::digestToHex(hash.digest());
+}
+
 // Null when there is no trace.
 ::Engine::TraceStatus* Trace(Framework::Engine& engine)
 {
@@ -148,6 +156,8 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
         settings.setUInt64(SDK::Config::alarmsMaxBytes, std::uint64_t{options.alarmsMaxMb} * 1'000'000);
         settings.setUInt(SDK::Config::alarmsKept, options.alarmsKept);
     }
+    settings.setString(SDK::Config::alarmsFormat, options.alarmFormat);
+    settings.setString(SDK::Config::policySha256, Sha256(plan.policy.text));
     settings.setString(SDK::Config::syscallSource, options.syscallSource);
     if (options.bufferKb != 0) {
         settings.setUInt(SDK::Config::traceBufferKb, options.bufferKb);
@@ -307,6 +317,7 @@ bool HostAgent::Reload()
         return true;
     }
     plan.policy = std::move(next);
+    engine.config().setString(SDK::Config::policySha256, Sha256(plan.policy.text));
     TakeOver(options);
     LockAlarmsFile();
     return Apply("policy replaced");

@@ -86,6 +86,11 @@ void AddRunOptions(CLI::App& command, Options& options)
         "(\"scope\": \"thread\") or each by itself (\"container\")");
     AddText(*run, "--alarms", options.alarmsFile, "FILE",
             "Append alarms to FILE instead of writing them to standard output");
+    AddText(
+        *run, "--alarm-format", options.alarmFormat, "FORM",
+        "plain: the document of the detection module; envelope: a JSON object around it that tells of host, process, "
+        "container and losses; text: a line for people; auto (the default): text on a terminal, else plain")
+        ->check(CLI::IsMember({"plain", "envelope", "text", "auto"}));
     run->add_option("--alarms-max-mb", options.alarmsMaxMb,
                     "Rename FILE to FILE.1, FILE.1 to FILE.2 and so on when it has N megabytes (0: never, the default)")
         ->capture_default_str()

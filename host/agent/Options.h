@@ -15,9 +15,10 @@ enum class Command { Run, Check, SelfTest, Attack, Explain, ShowConfiguration };
 
 struct Options {
     Command command = Command::Run;
-    std::string answer;            // to a question for help or the version: to be printed, nothing is run; else empty
-    std::string policyFile;        // empty, for a check only: no entries
-    std::string alarmsFile;        // empty: standard output
+    std::string answer;      // to a question for help or the version: to be printed, nothing is run; else empty
+    std::string policyFile;  // empty, for a check only: no entries
+    std::string alarmsFile;  // empty: standard output
+    std::string alarmFormat = "auto";
     unsigned int alarmsMaxMb = 0;  // size at which that file is renamed; 0: never
     unsigned int alarmsKept = 5;   // renamed ones
     std::string dockerSocket = SDK::Config::defaultDockerSocket;

@@ -19,7 +19,7 @@ bool IsPlain(char c)
 
 }  // namespace
 
-std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std::size_t sinks)
+std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std::size_t sinks, const Form& form)
 {
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root) != 0 || !root.isObject()) {
@@ -30,6 +30,7 @@ std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std:
     const bool isPlain = std::all_of(text.begin(), text.end(), IsPlain);
     std::string line = isPlain ? text : SDK::JsonUtils::JsonToString(root);
     line.erase(line.find_last_not_of('\n') + 1);
+    line = form ? form(line) : line;
     line += '\n';
     return std::make_shared<AlarmDocument>(std::move(line), sinks);
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -14,12 +15,13 @@ namespace Engine {
 class AlarmDocument {
 public:
     // `sinks`: how many will report their result, at least 1. Null when `text` is not a JSON object, which is counted
-    // as lost.
-    static std::shared_ptr<AlarmDocument> Make(const std::string& text, std::size_t sinks);
+    // as lost. `form` makes the line of the document in printable ASCII; none: it is the line.
+    using Form = std::function<std::string(const std::string& document)>;
+    static std::shared_ptr<AlarmDocument> Make(const std::string& text, std::size_t sinks, const Form& form = {});
 
     AlarmDocument(std::string line, std::size_t sinks) : line(std::move(line)), pending(sinks) {}
 
-    // Printable ASCII and the newline at its end: nothing that a process name or a label holds can break the line or
+    // Printable, with the newline at its end: nothing that a process name or a label holds can break the line or
     // reach a terminal as a control sequence.
     const std::string& Line() const { return line; }
 

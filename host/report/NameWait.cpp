@@ -38,7 +38,7 @@ std::string Named(const std::string& text, Json::Value& alarm, const ContainerIn
 }  // namespace
 
 std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::ContainerNames* names,
-                                          Clock::time_point now)
+                                          Clock::time_point now, const Context& context)
 {
     static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
     if (names == nullptr) {
@@ -55,7 +55,7 @@ std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::Co
     }
     ++deferred;
     ReportLog::Warning("alarm waits for the name of its container: %s", text);
-    waiting.push_back({text, id, now + patience});
+    waiting.push_back({text, context, id, now + patience});
     return std::nullopt;
 }
 
@@ -70,7 +70,7 @@ void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, 
         Json::Value alarm;
         NamelessContainer(each.text, alarm);
         const auto found = names == nullptr ? nullptr : names->Find(each.container);
-        send(Named(each.text, alarm, found.get()));
+        send(Named(each.text, alarm, found.get()), each.context);
     }
     waiting = std::move(left);
 }

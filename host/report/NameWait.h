@@ -7,9 +7,11 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "host/report/AlarmContext.h"
 #include "host/sdk/ContainerNames.h"
 
 namespace Engine {
@@ -18,7 +20,8 @@ namespace Engine {
 class NameWait {
 public:
     using Clock = std::chrono::steady_clock;
-    using Send = std::function<void(const std::string& text)>;
+    using Context = std::shared_ptr<const AlarmContext>;
+    using Send = std::function<void(const std::string& text, const Context& context)>;
 
     // After it an alarm goes out as it is.
     static constexpr std::chrono::seconds patience{2};
@@ -27,8 +30,9 @@ public:
 
     // The alarm as it goes out now, with the name of its container if that has become known since it was raised.
     // Nothing when it waits from now on: it has a container whose name is awaited. It is shown in the log meanwhile, as
-    // it may tell of an attack that ends the agent. `names`: null for none.
-    std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now);
+    // it may tell of an attack that ends the agent. `names`: null for none. `context` goes with the alarm.
+    std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now,
+                                    const Context& context = {});
 
     // Hands over, with their names as far as these are known, the alarms that have waited for long enough or whose
     // container's names are awaited no more.
@@ -39,6 +43,7 @@ public:
 private:
     struct Waiting {
         std::string text;
+        Context context;
         std::string container;
         Clock::time_point until;
     };

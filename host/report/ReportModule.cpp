@@ -2,12 +2,15 @@
 // libreport_module.so: the agent's two report tasks.
 #include <Poco/Util/Application.h>
 
+#include <unistd.h>
+
 #include <memory>
 
 #include "framework/Module.h"
 #include "host/report/ReportLog.h"
 #include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
+#include "host/sdk/Config.h"
 #include "host/sdk/FindTask.h"
 
 namespace Engine {
@@ -19,6 +22,11 @@ const SDK::ContainerNames* FindNames()
     return dynamic_cast<SDK::ContainerNames*>(SDK::FindTask("container_collect_task"));
 }
 
+std::string PolicyInForce()
+{
+    return Poco::Util::Application::instance().config().getString(SDK::Config::policySha256, "");
+}
+
 class ReportModule : public Framework::Module {
 public:
     ReportModule() : Framework::Module("report_module") {}
@@ -26,7 +34,11 @@ public:
     int Init() override
     {
         commands = std::make_unique<CmdReportTask>();
-        data = std::make_unique<DataReportTask>(MakeSinks(Poco::Util::Application::instance().config()), FindNames);
+        const auto& settings = Poco::Util::Application::instance().config();
+        const bool isTerminal = !settings.has(SDK::Config::alarmsFile) && ::isatty(STDOUT_FILENO) == 1;
+        data = std::make_unique<DataReportTask>(
+            MakeSinks(settings), FindNames,
+            AlarmFormat::Parse(settings.getString(SDK::Config::alarmsFormat, "auto"), isTerminal), PolicyInForce);
         if (RegisterTask(commands.get(), false) != 0 || RegisterTask(data.get(), false) != 0) {
             ReportLog::Error("report tasks refused: another module has their names");
             return -1;

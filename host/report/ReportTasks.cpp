@@ -25,9 +25,12 @@ bool IsAlarm(const Framework::Message* message)
 
 }  // namespace
 
-DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, FindNames findNames)
+DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, FindNames findNames,
+                               AlarmFormat::Form form, FindPolicy findPolicy)
     : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity),
-      findNames(std::move(findNames))
+      findNames(std::move(findNames)),
+      findPolicy(std::move(findPolicy)),
+      format(form)
 {
     for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
         sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
@@ -36,6 +39,10 @@ DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToSe
 
 int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
 {
+    if (format.WantsContext() && IsAlarm(message.get())) {
+        const auto& alarm = dynamic_cast<const Framework::DataMessage&>(*message);
+        message = std::make_shared<AlarmReport>(alarm, AlarmContext::Take(alarm.Content(), SDK::SystemView::Current()));
+    }
     const int result = Framework::Task::EnqueueMsg(message);
     if (result != 0 && IsAlarm(message.get())) {
         AlarmDocument::CountLost();
@@ -50,8 +57,10 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
         return -1;
     }
     if (IsAlarm(data)) {
-        const auto alarm = unnamed.Pass(data->Content(), Names(), NameWait::Clock::now());
-        return alarm ? Report(*alarm) : 0;
+        const auto* report = dynamic_cast<const AlarmReport*>(data);
+        const auto context = report != nullptr ? report->Context() : nullptr;
+        const auto alarm = unnamed.Pass(data->Content(), Names(), NameWait::Clock::now(), context);
+        return alarm ? Report(*alarm, context.get()) : 0;
     }
     ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
@@ -64,13 +73,17 @@ int DataReportTask::Run()
     }
     Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
     BulkConsumeMsg(static_cast<int>(queueCapacity));
-    unnamed.Release(Names(), NameWait::Clock::now(), [this](const std::string& alarm) { Report(alarm); });
+    unnamed.Release(Names(), NameWait::Clock::now(),
+                    [this](const std::string& alarm, const auto& context) { Report(alarm, context.get()); });
     return 0;
 }
 
-int DataReportTask::Report(const std::string& alarm)
+int DataReportTask::Report(const std::string& alarm, const AlarmContext* context)
 {
-    const std::shared_ptr<AlarmDocument> document = AlarmDocument::Make(alarm, sinks.size());
+    const std::shared_ptr<AlarmDocument> document =
+        AlarmDocument::Make(alarm, sinks.size(), [this, context](const std::string& text) {
+            return format.Format(text, context, Names(), findPolicy ? findPolicy() : std::string{});
+        });
     if (document == nullptr) {
         ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.size());
         return -1;
@@ -85,7 +98,8 @@ int DataReportTask::UnInit()
 {
     while (BulkConsumeMsg(queueCapacity) > 0) {
     }
-    unnamed.Release(nullptr, NameWait::Clock::now(), [this](const std::string& alarm) { Report(alarm); });
+    unnamed.Release(nullptr, NameWait::Clock::now(),
+                    [this](const std::string& alarm, const auto& context) { Report(alarm, context.get()); });
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->End(drainBound);
     }

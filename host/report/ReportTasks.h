@@ -8,6 +8,7 @@
 
 #include "framework/Message.h"
 #include "framework/Task.h"
+#include "host/report/AlarmFormat.h"
 #include "host/report/AlarmSink.h"
 #include "host/report/NameWait.h"
 #include "host/report/SinkQueue.h"
@@ -21,9 +22,14 @@ public:
     // Null while there are none: they come and go with their module.
     using FindNames = std::function<const SDK::ContainerNames*()>;
 
-    // `sinks`: at least one.
-    explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks, FindNames findNames = {});
+    // The SHA-256 of the policy in force, for the envelope.
+    using FindPolicy = std::function<std::string()>;
 
+    // `sinks`: at least one.
+    explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks, FindNames findNames = {},
+                            AlarmFormat::Form form = AlarmFormat::Form::Plain, FindPolicy findPolicy = {});
+
+    // Looks at the alarm's process, if the form wants it: on the thread that raises the alarm, as early as can be.
     // Counts an alarm that the queue of the task refuses as lost.
     int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override;
     // 0, or -1 for a message that is no report and for an alarm that is not a JSON object.
@@ -34,11 +40,13 @@ public:
 
 private:
     const SDK::ContainerNames* Names() const { return findNames ? findNames() : nullptr; }
-    int Report(const std::string& alarm);
+    int Report(const std::string& alarm, const AlarmContext* context);
 
     std::vector<std::unique_ptr<SinkQueue>> sinks;
     FindNames findNames;
+    FindPolicy findPolicy;
     NameWait unnamed;
+    AlarmFormat format;
 };
 
 // "cmd_comm_report_task": takes the commands meant for a management side. This agent has none, so it logs them.

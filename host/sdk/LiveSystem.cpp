@@ -300,6 +300,44 @@ int LiveSystem::CommandLine(int pid, std::string& commandLine)
     return 0;
 }
 
+std::optional<ProcessDetails> LiveSystem::Describe(int tid)
+{
+    std::string status;
+    if (FileUtils::ReadFile(PathOf(tid, "status"), status, maxStatusBytes) != 0) {
+        return std::nullopt;
+    }
+    // The first of several numbers.
+    const auto number = [&status](std::string_view key) -> std::optional<unsigned int> {
+        const std::string_view value = ValueOf(status, key).value_or("");
+        unsigned int first = 0;
+        const bool isNumber = std::from_chars(value.data(), value.data() + value.size(), first).ec == std::errc{};
+        return isNumber ? std::optional{first} : std::nullopt;
+    };
+    ProcessDetails details;
+    details.process = static_cast<int>(number("Tgid").value_or(0));
+    details.parent = static_cast<int>(number("PPid").value_or(0));
+    details.uid = number("Uid");
+    details.gid = number("Gid");
+    details.capabilities = ValueOf(status, "CapEff").value_or("");
+    details.executable = LinkTarget(PathOf(tid, "exe")).value_or("");
+    details.workingDirectory = WorkingDirectory(tid);
+    std::string text;
+    if (FileUtils::ReadFile(PathOf(tid, "cmdline"), text, maxCommandLineBytes) == 0) {
+        std::size_t begin = 0;
+        for (std::size_t end = text.find('\0'); begin < text.size(); begin = end + 1, end = text.find('\0', begin)) {
+            end = std::min(end, text.size());
+            details.arguments.push_back(text.substr(begin, end - begin));
+        }
+    }
+    constexpr long maxNumberBytes = 16;
+    unsigned int loginUid = 0;
+    if (FileUtils::ReadFile(PathOf(tid, "loginuid"), text, maxNumberBytes) == 0 &&
+        std::from_chars(text.data(), text.data() + text.size(), loginUid).ec == std::errc{}) {
+        details.loginUid = loginUid;
+    }
+    return details;
+}
+
 std::string LiveSystem::WorkingDirectory(int pid)
 {
     return LinkTarget(PathOf(pid, "cwd")).value_or(std::string{});

@@ -24,6 +24,7 @@ public:
     std::vector<int> Processes() override;
     std::vector<int> Threads(int pid) override;
     int CommandLine(int pid, std::string& commandLine) override;
+    std::optional<ProcessDetails> Describe(int tid) override;
     std::string WorkingDirectory(int pid) override;
     std::optional<std::vector<Cgroup>> Cgroups(int tid) override;
     std::string PathOfCgroup(std::uint64_t cgroup) override;

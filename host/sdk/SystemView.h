@@ -20,6 +20,19 @@ struct Cgroup {
     unsigned int owner = 0;
 };
 
+// What is to be had about a process for a person who looks into an alarm. What is empty could not be read.
+struct ProcessDetails {
+    int process = 0;  // the id of the process that a thread belongs to
+    int parent = 0;
+    std::string executable;
+    std::vector<std::string> arguments;  // 4096 bytes at most
+    std::string workingDirectory;
+    std::optional<unsigned int> uid;  // real ids, as the agent's user namespace numbers them
+    std::optional<unsigned int> gid;
+    std::optional<unsigned int> loginUid;  // audit's; 4294967295 for none
+    std::string capabilities;              // effective ones, hexadecimal (proc(5), CapEff)
+};
+
 // Knows in which container a process is. Implemented by the container module, asked by the live view. Questions change
 // nothing.
 class ContainerResolver {
@@ -53,6 +66,8 @@ public:
     // Arguments joined by blanks, at most 4096 bytes. 0, or -1 when the process has gone.
     virtual int CommandLine(int pid, std::string& commandLine) = 0;
 
+    // Nothing when the thread has gone.
+    virtual std::optional<ProcessDetails> Describe(int /*tid*/) { return std::nullopt; }
     // Empty when the process has gone, or may not be looked at.
     virtual std::string WorkingDirectory(int /*pid*/) { return {}; }
 

@@ -287,6 +287,19 @@ def bundle(folder, root, group, words):
     return folder
 
 
+# Debian's library is for its own interpreter. Prints what is wrong with each document.
+VALIDATE = """import json, jsonschema, sys
+validator = jsonschema.Draft7Validator(json.loads(sys.argv[1]))
+for document in json.load(sys.stdin):
+    for error in validator.iter_errors(document):
+        print(error.message, document)"""
+
+
+def faults(schema, documents):
+    """What is wrong with documents by a JSON Schema, as texts."""
+    return run("/usr/bin/python3", "-c", VALIDATE, schema, input=json.dumps(documents)).splitlines()
+
+
 def policy(calls=(), directories=(), whitelist=(), scope=None):
     return {"content": {"image_white_namelist": list(whitelist),
                         "container_escape_detect_task": {"highrisk_calls": list(calls),

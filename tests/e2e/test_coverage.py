@@ -23,6 +23,7 @@ import cri
 import harness
 from harness import HIGH_RISK, OPEN, SHOCKER
 
+SCHEMA = (harness.ROOT / "packaging/envelope.schema.json").read_text()
 TRIES = harness.tries(50)
 NOTICED = 5  # seconds in which an alarm has to come
 
@@ -261,10 +262,14 @@ class WithoutEngine(Watched):
         server = harness.Server(*run(container, "/bin/probe", "serve"))
         self.addCleanup(server.close)
         # A call that the other agents do not watch.
-        with harness.Agent(harness.policy(["mknodat"])) as late:
+        with harness.Agent(harness.policy(["mknodat"]), "--alarm-format", "envelope") as late:
             begun, _ = server.do("self call mknodat")
-            report(f"{name}: older than the agent", [latency(late.alarm(patience=NOTICED), begun,
-                                                             identity_of(container), HIGH_RISK)])
+            arrived, envelope = late.alarm(patience=NOTICED)
+            report(f"{name}: older than the agent", [latency((arrived, envelope["alarm"]), begun, identity_of(container),
+                                                             HIGH_RISK)])
+            self.assertEqual(harness.faults(SCHEMA, [envelope]), [])
+            self.assertEqual(envelope["process"]["argv"], ["/bin/probe", "serve"])
+            self.assertEqual(envelope["container"]["name"], identity_of(container).get("container_name"))
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
                                                                identity_of(container)))
 
@@ -327,3 +332,11 @@ class WithoutEngine(Watched):
                                         "image_id": ""}
 
         self.try_way("containerd's CRI plug-in: first process", first)
+        with harness.Agent(harness.policy(), "--alarm-format", "envelope") as agent:
+            pod.run("telling", *ATTACK[1:])
+            type(self).expected += 1
+            _, envelope = agent.alarm(patience=NOTICED)
+            self.assertEqual(harness.faults(SCHEMA, [envelope]), [])
+            told = envelope["container"]
+            self.assertEqual((told["name"], told["pod"], told["namespace"], told["pod_uid"], told["image"]),
+                             ("telling", "cart", "shop", pod.uid, "probe:1"))

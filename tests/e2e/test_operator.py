@@ -26,14 +26,6 @@ class Grpc(socketserver.BaseRequestHandler):
             self.request.sendall(b"\0\0\0\4" + bytes(5))
 
 
-# Debian's library is for its own interpreter. Prints what is wrong with each document.
-VALIDATE = """import json, jsonschema, sys
-validator = jsonschema.Draft7Validator(json.loads(sys.argv[1]))
-for document in json.load(sys.stdin):
-    for error in validator.iter_errors(document):
-        print(error.message, document)"""
-
-
 def entries(content):
     detection = content["container_escape_detect_task"]
     return content["image_white_namelist"], detection["highrisk_calls"], detection["host_directorys"]
@@ -156,9 +148,7 @@ class Operator(unittest.TestCase):
                     taken.append(document)
                     explained = re.findall(rb"^(?:image|call|directory) ", done.stdout, re.MULTILINE)
                     self.assertEqual(len(explained), sum(map(len, entries(document["content"]))), text)
-            validated = subprocess.run(["/usr/bin/python3", "-c", VALIDATE, harness.run(harness.AGENT, "policy", "schema")],
-                                       input=json.dumps(taken), capture_output=True, text=True, check=True)
-        self.assertEqual(validated.stdout, "")
+            self.assertEqual(harness.faults(harness.run(harness.AGENT, "policy", "schema"), taken), [])
         self.assertIn(len(taken), range(20, 250), "a test of too few, or of no errors")
 
     def test_what_goes_on_with_a_doubt_is_said(self):

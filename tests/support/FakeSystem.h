@@ -56,6 +56,14 @@ public:
         return Read(pid, &Process::namespaces, namespaces) == 0 && !namespaces.empty() ? 0 : -1;
     }
     int CommandLine(int pid, std::string& commandLine) override { return Read(pid, &Process::name, commandLine); }
+    std::optional<SDK::ProcessDetails> Describe(int tid) override
+    {
+        SDK::ProcessDetails details;
+        details.process = tid;
+        const bool isThere = Read(tid, &Process::ppid, details.parent) == 0;
+        Read(tid, &Process::executable, details.executable);
+        return isThere ? std::optional{details} : std::nullopt;
+    }
     std::string WorkingDirectory(int pid) override
     {
         std::string place;

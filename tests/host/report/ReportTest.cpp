@@ -14,10 +14,14 @@
 #include <semaphore>
 #include <stdexcept>
 
+#include "host/report/AlarmFormat.h"
 #include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
 #include "host/sdk/Config.h"
 #include "host/sdk/LineStream.h"
+#include "host/sdk/TraceTime.h"
+#include "sdk/JsonUtils.h"
+#include "support/FakeSystem.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -228,6 +232,46 @@ struct FakeNames final : SDK::ContainerNames {
     std::string known;
 };
 
+// The document goes in byte for byte; what is not known is null, and what others chose breaks no line.
+TEST(AlarmFormatTest, AnEnvelopeTellsOfProcessAndContainerAndATextIsALineForPeople)
+{
+    Support::FakeSystem proc;
+    FakeNames names;
+    names.known = "c1";
+    proc.Put(10, {{1, "sh"}, "c1", "/bin/sh\n", {}});
+    proc.Put(11, {{10, "a"}, "c1", "/bin/a", {}});
+    proc.Put(12, {{11, "b"}, "c1", "/bin/b", {}});
+    const std::string alarm =
+        R"({"event_name":"Shocker attack\u001b[2J","container_name":"web","occur_time":1700000000,)"
+        R"("forensic_info":{"sys_call":"setns"},"process_info":[{"process_name":"b","process_pid":12}],)"
+        R"("resource_info":{"container_id":"c1"}})";
+    SDK::TraceTime::Scope event;
+    event.MoveTo(std::chrono::nanoseconds{1});
+    const auto context = AlarmContext::Take(alarm, proc);
+    AlarmFormat envelopes(AlarmFormat::Parse("envelope", true));
+    const std::string text = envelopes.Format(alarm, context.get(), &names, "");
+    EXPECT_TRUE(text.ends_with(",\"alarm\":" + alarm + "}")) << text;
+    Json::Value envelope;
+    ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), envelope), 0);
+    EXPECT_EQ(envelope["process"]["exe"], "/bin/b");
+    EXPECT_EQ(envelope["process"]["cwd"], Json::Value{});
+    EXPECT_EQ(envelope["process"]["ancestors"][0]["exe"], "/bin/a");
+    EXPECT_EQ(envelope["process"]["ancestors"][1]["exe"], "/bin/sh\n");
+    EXPECT_EQ(envelope["process"]["ancestors"].size(), 2U) << "process 1 is the host's";
+    EXPECT_EQ(envelope["container"]["image"], "nginx");
+    EXPECT_EQ(envelope["container"]["pod"], Json::Value{});
+    EXPECT_TRUE(envelope["time"].isString());
+    EXPECT_EQ(envelope["agent"]["policy_sha256"], Json::Value{});
+    EXPECT_EQ(AlarmContext::Take("{}", proc)->tid, 0);
+
+    EXPECT_EQ(AlarmFormat(AlarmFormat::Parse("auto", false)).Format(alarm, nullptr, nullptr, ""), alarm);
+    AlarmFormat texts(AlarmFormat::Parse("auto", true));
+    EXPECT_EQ(texts.Format(alarm, nullptr, nullptr, ""),
+              "2023-11-14T22:13:20Z  \033[1;31mShocker attack\\x1b[2J          \033[0m  web                       "
+              "setns  b[12]");
+    EXPECT_EQ(texts.Format("{}", nullptr, nullptr, "").find('\n'), std::string::npos);
+}
+
 TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNoLonger)
 {
     const std::string nameless = R"({"event_name":"x","resource_info":{"container_id":"c1"}})";
@@ -236,7 +280,7 @@ TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNo
     NameWait wait;
     std::string sent;
     const auto release = [&](std::chrono::milliseconds after) {
-        wait.Release(&names, start + after, [&](const std::string& text) { sent += text + '\n'; });
+        wait.Release(&names, start + after, [&](const std::string& text, const auto&) { sent += text + '\n'; });
         return std::exchange(sent, {});
     };
     for (const char* text : {"", "[]", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})",
