@@ -362,6 +362,7 @@ ExitCode HostAgent::Stop(ExitCode code)
 {
     serviceManager.Stopping();
     const Watchdog watchdog(stopBound, "the stop");
+    const SDK::Realtime::Loan promptly;  // or a storm makes the stop take seconds
     try {
         engine.Stop();
         log->Flush(flushBound);

@@ -9,6 +9,7 @@
 
 #include "host/agent/Configuration.h"
 #include "host/agent/Console.h"
+#include "host/agent/Manual.h"
 #include "host/agent/PolicyText.h"
 
 namespace Agent {
@@ -81,7 +82,7 @@ void AddRunOptions(CLI::App& command, Options& options)
     CLI::App* run = &command;
     AddConfigurationOption(command, options);
     AddText(
-        *run, "--policy", options.policyFile, "FILE (required)",
+        *run, "--policy", options.policyFile, "FILE (required, here or in the configuration)",
         "The policy: image whitelist, high-risk calls, host directories, and whether containers are judged together "
         "(\"scope\": \"thread\") or each by itself (\"container\")");
     AddText(*run, "--alarms", options.alarmsFile, "FILE",
@@ -200,6 +201,11 @@ public:
         show = config->add_subcommand("show", "Every option of run: its value, and where that comes from");
         AddRunOptions(*show, options);
         show->callback([this] { options.command = Command::ShowConfiguration; });
+        // Hidden: for the build, which installs what they print.
+        program.add_subcommand("manual", "")->group("")->callback([this] { options.answer = ManualPage(program); });
+        program.add_subcommand("completion", "")->group("")->callback([this] {
+            options.answer = BashCompletion(program);
+        });
     }
 
     void Parse(std::vector<std::string> words)

@@ -101,6 +101,7 @@ void Task::Impl::Join(const Task& task)
     if (!thread.joinable()) {
         return;
     }
+    SDK::Realtime::Hurry(thread.native_handle());
     if (!RunState::IsOver(state->WaitOver(patience))) {
         SDK::RootLog::Warning("task %s takes long to stop, waiting on", task.name());
     }

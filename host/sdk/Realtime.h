@@ -3,6 +3,8 @@
 // ordinary processes cannot keep them from running, and they cannot keep the host from running.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -39,6 +41,10 @@ void Configure(unsigned int percent, std::set<std::string> threads);
 // CAP_SYS_NICE and RLIMIT_RTPRIO 0, or no share of CONFIG_RT_GROUP_SCHED), one warning says so and the thread goes on
 // without.
 void Enter(const std::string& thread);
+
+// Gives the priority to a thread that is about to end and is waited for: a storm must not hold the waiting up. What it
+// spends is not counted. Without effect where there is none to give.
+void Hurry(pthread_t thread);
 
 // Gives the calling thread the priority while it lives, for what detection waits for, and the threads that it makes
 // meanwhile until they Enter. Its CPU time counts, but does not end it: for short work. Without effect where there is

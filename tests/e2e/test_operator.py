@@ -7,6 +7,7 @@ import os
 import pathlib
 import random
 import re
+import shutil
 import signal
 import socketserver
 import subprocess
@@ -172,6 +173,26 @@ class Operator(unittest.TestCase):
             done = subprocess.run([harness.AGENT, "selftest", "--syscalls", source], capture_output=True, text=True,
                                   check=False, env={**os.environ, "TMPDIR": folder})
             self.assertEqual((done.returncode, done.stdout.count(": alarm")), (expected, 0 if expected else 4), done)
+
+    def test_an_installed_agent_tests_itself_where_there_is_nothing_else(self):
+        """In a root directory with the installation and the libraries that it loads: no shell, no compiler, no checkout."""
+        with tempfile.TemporaryDirectory() as folder:
+            root = pathlib.Path(folder)
+            harness.run("cmake", "--install", harness.BUILD, env={**os.environ, "DESTDIR": folder})
+            agent = next(root.glob("**/bin/containerescape-agent"))
+            for program in (agent, *root.glob("**/containerescape-agent/*.so")):
+                for library in re.findall(r"(/\S+) \(0x", harness.run("ldd", program)):
+                    if not library.startswith(folder):
+                        (root / library[1:]).parent.mkdir(parents=True, exist_ok=True)
+                        shutil.copy(library, root / library[1:])
+            for name in ("proc", "sys", "dev", "tmp"):
+                (root / name).mkdir()
+            mounted = "; ".join(f"mount --rbind /{name} $0/{name}" for name in ("proc", "sys", "dev"))
+            done = subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-ec",
+                                   f'{mounted}; exec chroot $0 "$@"', folder, f"/{agent.relative_to(root)}", "selftest"],
+                                  capture_output=True, text=True, check=False)
+            self.assertEqual(done.returncode, 0, done)
+            self.assertEqual(done.stdout.count(": alarm"), len(done.stdout.splitlines()), done)
 
     def test_it_does_not_start_where_it_would_miss_everything(self):
         for prefix, why in ((("unshare", "--pid", "--fork", "--mount-proc"), "in a process id namespace of its own"),

@@ -34,7 +34,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace testing;
 
-constexpr int callNumber = SYS_sched_get_priority_max;  // a call that nothing else on the system makes meanwhile
+constexpr int callNumber = SYS_ioprio_get;  // that no thread of a library makes by the way
 constexpr std::size_t bufferKb = 64;
 
 void MakeCalls(int count)
@@ -76,7 +76,7 @@ protected:
         trace.reset();
         trace = std::make_unique<LiveTrace>(name, bufferKb, std::move(made));
         trace->ExcludeThread(reader);
-        event = trace->Catalog()->Find("syscalls", "sys_enter_sched_get_priority_max");
+        event = trace->Catalog()->Find("syscalls", "sys_enter_ioprio_get");
         ASSERT_EQ(trace->Record(*event), 0);
     }
     // As "fork PID", "exec PID FILE" and so on, in their order.
@@ -294,7 +294,7 @@ TEST_F(TraceKernelTest, WhatAnotherProgramChangesIsSaidOnceAndPutBack)
 {
     Start(nullptr, 0);
     const std::string root = std::string{CeTracefsDirectory()} + "/instances/" + name;
-    const std::string folder = root + "/events/syscalls/sys_enter_sched_get_priority_max/";
+    const std::string folder = root + "/events/syscalls/sys_enter_ioprio_get/";
     ASSERT_THAT(trace->Repair(), IsEmpty());
     const std::vector<std::pair<std::string, std::string>> ways{
         {folder + "enable", "0"},         {folder + "filter", "common_pid == 1"},
