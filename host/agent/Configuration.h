@@ -23,7 +23,7 @@ std::vector<Setting> ReadConfiguration(const std::string& path,
                                        const std::function<bool(const std::string& key)>& isFlag,
                                        std::vector<std::string>& warnings);
 
-// The most similar of `names`, for the one who has mistyped it; empty when none is similar.
+// The most similar of `names`, in case it was mistyped; empty when none is similar.
 std::string Nearest(const std::string& name, const std::vector<std::string>& names);
 
 }  // namespace Agent
