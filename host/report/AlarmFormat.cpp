@@ -171,11 +171,13 @@ std::string ForTerminal(const Json::Value& document)
         container = Text(Member(document, "resource_info"), "container_id").substr(0, idDigits);
     }
     if (const std::string image = Text(document, "image_name"); !image.empty()) {
-        container += " (" + image + ")";
+        container.append(" (").append(image).append(")");
     }
     std::string rest =
         Padded(container, containerWidth) + "  " + SubjectOf(document) + "  " + Text(process, "process_name");
-    rest += pid.isInt() ? "[" + pid.asString() + "]" : "";
+    if (pid.isInt()) {
+        rest.append("[").append(pid.asString()).append("]");
+    }
     std::string line = time.isInt64() ? Timestamp(time.asInt64()) + "Z  " : std::string{};
     line += bold;
     SDK::SafeText::AppendEscaped(line, Padded(Text(document, "event_name"), nameWidth));
