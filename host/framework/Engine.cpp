@@ -150,6 +150,12 @@ std::chrono::steady_clock::time_point Engine::LastProgress(const std::string& ta
     return entry == nullptr ? now : entry->task->impl->lastProgress.load();
 }
 
+std::size_t Engine::Queued(const std::string& taskName) const
+{
+    const auto entry = impl->registry.FindEntry(taskName);
+    return entry == nullptr ? 0 : entry->task->impl->queue.Size();
+}
+
 std::vector<std::string> Engine::RunningTasks() const
 {
     auto entries = impl->registry.All();

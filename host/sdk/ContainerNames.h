@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "messages/ContainerMessages.h"
 
@@ -12,12 +13,18 @@ namespace SDK {
 // Any thread.
 class ContainerNames {
 public:
-    // Whether the container's names may become known soon: its bundle is about to be read, or the container engine has
-    // not told of its containers yet.
+    // Whether more of the container's names may become known soon: its bundle is about to be read or an engine to be
+    // asked, or no name is known and a container engine has not told of its containers yet.
     virtual bool IsAwaited(const std::string& id) const = 0;
 
-    // Whether a container engine has told of its containers, and can be asked.
-    virtual bool HaveEngine() const = 0;
+    // The container engines that are asked or looked for.
+    struct EngineState {
+        std::string engine;   // as EngineAddress::Text
+        bool answers;         // it has told of its containers, or can be asked
+        bool isMissed;        // it does not, and should: it was asked for, or something is there
+        std::string problem;  // why not, although something is there; may be empty
+    };
+    virtual std::vector<EngineState> Engines() const = 0;
 
     // Null for a container that is not known.
     virtual std::shared_ptr<const Engine::ContainerInfo> Find(const std::string& id) const = 0;

@@ -3,13 +3,15 @@
 
 #include <mutex>
 
+#include "host/sdk/InheritingMutex.h"
+
 namespace SDK {
 
 namespace {
 
 // A map's nodes never move, so a reference to a counter stays good. Never destroyed: threads count until the end.
 struct Table {
-    std::mutex mutex;
+    InheritingMutex mutex;  // metrics are read by threads of normal priority
     std::map<std::string, Counters::Counter> counters;
 };
 

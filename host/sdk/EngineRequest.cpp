@@ -9,6 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "host/sdk/EngineSocket.h"
+
 namespace SDK {
 
 // `self` is the request.
@@ -19,6 +21,14 @@ struct EngineRequest::Callbacks {
         int& fd = static_cast<EngineRequest*>(self)->fd;
         fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
         return fd;
+    }
+
+    // The connection is made, and nothing has been sent.
+    static int LookAtPeer(void* self, char* /*to*/, char* /*from*/, int /*toPort*/, int /*fromPort*/)
+    {
+        auto& request = *static_cast<EngineRequest*>(self);
+        request.isRoots = EngineSocket::IsRoots(request.fd);
+        return CURL_PREREQFUNC_OK;
     }
 
     static std::size_t TakeHead(const char* /*bytes*/, std::size_t size, std::size_t count, void* self)
@@ -84,6 +94,8 @@ void EngineRequest::SetOptions(const std::string& socketPath, const std::string&
     set(CURLOPT_ERRORBUFFER, reason.data());
     set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::OpenSocket);
     set(CURLOPT_OPENSOCKETDATA, this);
+    set(CURLOPT_PREREQFUNCTION, &Callbacks::LookAtPeer);
+    set(CURLOPT_PREREQDATA, this);
     set(CURLOPT_HEADERFUNCTION, &Callbacks::TakeHead);
     set(CURLOPT_HEADERDATA, this);
     set(CURLOPT_WRITEFUNCTION, &Callbacks::TakeBody);

@@ -49,6 +49,9 @@ public:
 
     const std::string& Error() const { return error; }
 
+    // Whether what has been asked is root's process: see EngineSocket. Known once the status is.
+    bool IsRoots() const { return isRoots; }
+
 private:
     struct Callbacks;  // that libcurl calls
     struct EndMulti {
@@ -66,6 +69,7 @@ private:
     std::array<char, 256> reason{};         // libcurl's, of the last failure; CURL_ERROR_SIZE
     std::size_t headBytes = 0;
     int fd = -1;  // libcurl's
+    bool isRoots = false;
     std::string error;
 };
 

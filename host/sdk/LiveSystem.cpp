@@ -18,10 +18,12 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "host/sdk/CgroupPath.h"
 #include "host/sdk/Directory.h"
 #include "host/sdk/FileDescriptor.h"
+#include "host/sdk/TraceTime.h"
 #include "sdk/FileUtils.h"
 
 namespace SDK {
@@ -149,6 +151,12 @@ bool LiveSystem::MayBeEntering(int pid)
     return resolver != nullptr && resolver->MayBeEntering(pid);
 }
 
+std::shared_ptr<const Engine::ContainerInfo> LiveSystem::ContainerRecord(const std::string& id)
+{
+    const std::shared_lock lock(resolverMutex);
+    return resolver == nullptr ? nullptr : resolver->Record(id);
+}
+
 int LiveSystem::ContainerOf(int pid, std::string& id)
 {
     {
@@ -195,13 +203,17 @@ std::string LiveSystem::PathOfCgroup(std::uint64_t cgroup)
 
 std::optional<bool> LiveSystem::HasHostRoot(int tid)
 {
+    std::call_once(hostRootOnce, [this] {
+        struct stat root = {};
+        if (::stat(PathOf(1, "root").c_str(), &root) == 0 || ::stat("/", &root) == 0) {
+            hostRoot = {root.st_dev, root.st_ino};
+        }
+    });
     struct stat own = {};
-    struct stat hosts = {};
-    if (::stat(PathOf(tid, "root").c_str(), &own) != 0 ||
-        (::stat(PathOf(1, "root").c_str(), &hosts) != 0 && ::stat("/", &hosts) != 0)) {
+    if (!hostRoot || ::stat(PathOf(tid, "root").c_str(), &own) != 0) {
         return std::nullopt;
     }
-    return own.st_dev == hosts.st_dev && own.st_ino == hosts.st_ino;
+    return std::pair{own.st_dev, own.st_ino} == *hostRoot;
 }
 
 bool LiveSystem::RunSameFile(int tid, int other)
@@ -282,9 +294,17 @@ std::vector<int> LiveSystem::Processes()
     return pids;
 }
 
+// The directory has a link for each thread and two of its own (proc_task_getattr() in fs/proc/base.c): most processes
+// have one thread, and need no listing.
 std::vector<int> LiveSystem::Threads(int pid)
 {
-    return NumbersIn(PathOf(pid, "task"), maxThreads);
+    constexpr nlink_t linksOfOneThread = 3;
+    const std::string directory = PathOf(pid, "task");
+    struct stat status = {};
+    if (::stat(directory.c_str(), &status) == 0 && status.st_nlink == linksOfOneThread) {
+        return {pid};
+    }
+    return NumbersIn(directory, maxThreads);
 }
 
 int LiveSystem::CommandLine(int pid, std::string& commandLine)
@@ -300,7 +320,46 @@ int LiveSystem::CommandLine(int pid, std::string& commandLine)
     return 0;
 }
 
+// Another thread may have the id of one that has ended.
 std::optional<ProcessDetails> LiveSystem::Describe(int tid)
+{
+    std::optional<ContainerResolver::Kept> kept;
+    {
+        const std::shared_lock lock(resolverMutex);
+        kept = resolver != nullptr ? resolver->FindKept(tid) : std::nullopt;
+    }
+    std::optional<ProcessDetails> details = kept && kept->hasEnded ? std::nullopt : Read(tid);
+    // What is told of now had started by then. /proc may have shown it a moment after it was last seen.
+    const auto latestStart = std::max(kept ? std::optional{kept->seen} : std::nullopt, TraceTime::Current());
+    if (details && latestStart && details->started > *latestStart) {
+        details.reset();
+    }
+    if (!kept || kept->executed == nullptr) {
+        return details;
+    }
+    const ProcessDetails& executed = *kept->executed;
+    if (!details) {
+        details = executed;
+        if (executed.process != tid) {  // an ancestor's
+            details->process = 0;
+            details->started = {};
+            details->parent = kept->parent;
+        }
+        return details;
+    }
+    if (!executed.arguments.empty()) {  // which a process can write over
+        details->arguments = executed.arguments;
+    }
+    if (!executed.executable.empty()) {
+        details->executable = executed.executable;
+    }
+    if (details->workingDirectory.empty()) {  // of a thread that is ending
+        details->workingDirectory = executed.workingDirectory;
+    }
+    return details;
+}
+
+std::optional<ProcessDetails> LiveSystem::Read(int tid)
 {
     std::string status;
     if (FileUtils::ReadFile(PathOf(tid, "status"), status, maxStatusBytes) != 0) {
@@ -320,7 +379,8 @@ std::optional<ProcessDetails> LiveSystem::Describe(int tid)
     details.gid = number("Gid");
     details.capabilities = ValueOf(status, "CapEff").value_or("");
     details.executable = LinkTarget(PathOf(tid, "exe")).value_or("");
-    details.workingDirectory = WorkingDirectory(tid);
+    details.linkedExecutable = details.executable;
+    details.workingDirectory = LinkTarget(PathOf(tid, "cwd")).value_or("");
     std::string text;
     if (FileUtils::ReadFile(PathOf(tid, "cmdline"), text, maxCommandLineBytes) == 0) {
         std::size_t begin = 0;
@@ -335,12 +395,13 @@ std::optional<ProcessDetails> LiveSystem::Describe(int tid)
         std::from_chars(text.data(), text.data() + text.size(), loginUid).ec == std::errc{}) {
         details.loginUid = loginUid;
     }
+    // Last: what has started by now is what was read.
+    const auto started = StartTime(tid);
+    if (!started) {
+        return std::nullopt;
+    }
+    details.started = *started;
     return details;
-}
-
-std::string LiveSystem::WorkingDirectory(int pid)
-{
-    return LinkTarget(PathOf(pid, "cwd")).value_or(std::string{});
 }
 
 void LiveSystem::SetContainerResolver(ContainerResolver* next)

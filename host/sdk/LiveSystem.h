@@ -2,8 +2,13 @@
 // The system view of the running system: the clock, and /proc.
 #pragma once
 
+#include <sys/types.h>
+
+#include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 
 #include "host/sdk/SystemView.h"
 
@@ -18,6 +23,7 @@ public:
     std::int64_t WallClockSeconds() override;
     int ContainerOf(int pid, std::string& id) override;
     bool MayBeEntering(int pid) override;
+    std::shared_ptr<const Engine::ContainerInfo> ContainerRecord(const std::string& id) override;
     int ExecutablePath(unsigned int pid, std::string& path) override;
     int Status(int pid, ProcessUtils::procStatus& status) override;
     int Namespaces(int pid, std::map<std::string, std::string>& namespaces) override;
@@ -25,7 +31,6 @@ public:
     std::vector<int> Threads(int pid) override;
     int CommandLine(int pid, std::string& commandLine) override;
     std::optional<ProcessDetails> Describe(int tid) override;
-    std::string WorkingDirectory(int pid) override;
     std::optional<std::vector<Cgroup>> Cgroups(int tid) override;
     std::string PathOfCgroup(std::uint64_t cgroup) override;
     std::optional<bool> HasHostRoot(int tid) override;
@@ -36,9 +41,12 @@ public:
     void SetContainerResolver(ContainerResolver* next);
 
 private:
+    std::optional<ProcessDetails> Read(int tid);
     std::string PathOf(long pid, const char* file) const;
 
     const std::string procRoot;
+    std::once_flag hostRootOnce;
+    std::optional<std::pair<dev_t, ino_t>> hostRoot;  // of process 1's root directory, which stays where it is
     std::shared_mutex resolverMutex;  // held shared while the resolver answers: it is never gone under a caller
     ContainerResolver* resolver = nullptr;
 };

@@ -17,6 +17,8 @@ public:
 
     void Add(std::uint64_t occurrences) { unreported += occurrences; }
 
+    bool IsEmpty() const { return unreported == 0; }
+
     // How many occurrences the record stands for that is due now. 0: none is.
     std::uint64_t TakeDue(Clock::time_point now)
     {

@@ -6,11 +6,16 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "sdk/ProcessUtils.h"
+
+namespace Engine {
+struct ContainerInfo;
+}
 
 namespace SDK {
 
@@ -20,14 +25,16 @@ struct Cgroup {
     unsigned int owner = 0;
 };
 
-// What is to be had about a process for a person who looks into an alarm. What is empty could not be read.
+// What is to be had about a process for people that look into an alarm. What is empty could not be read.
 struct ProcessDetails {
-    int process = 0;  // the id of the process that a thread belongs to
+    int process = 0;  // the id of the process that a thread belongs to; 0: not known
     int parent = 0;
-    std::string executable;
+    std::string executable;              // as it was executed, where that was recorded, else as /proc tells
+    std::string linkedExecutable;        // as /proc tells now; empty for a thread that has ended
     std::vector<std::string> arguments;  // 4096 bytes at most
     std::string workingDirectory;
-    std::optional<unsigned int> uid;  // real ids, as the agent's user namespace numbers them
+    std::chrono::nanoseconds started{0};  // CLOCK_MONOTONIC; 0: not known
+    std::optional<unsigned int> uid;      // real ids, as the agent's user namespace numbers them
     std::optional<unsigned int> gid;
     std::optional<unsigned int> loginUid;  // audit's; 4294967295 for none
     std::string capabilities;              // effective ones, hexadecimal (proc(5), CapEff)
@@ -43,6 +50,19 @@ public:
     // Whether the process may be about to become a container's: as far as is known it is still a container runtime that
     // sets one up, but what is known may lag behind by the time that events take. Any thread.
     virtual bool MayBeEntering(int pid) = 0;
+
+    // What is kept of a thread, which may have ended.
+    struct Kept {
+        std::chrono::nanoseconds seen;  // it had started by then, CLOCK_MONOTONIC
+        int parent = -1;                // the thread that forked it; -1: not known
+        bool hasEnded = false;
+        std::shared_ptr<const ProcessDetails> executed;  // at its last exec, or its ancestor's; null: not known
+    };
+    // Nothing for a thread that is not known, and while an event is being delivered (TraceTime) that is older than it.
+    // Any thread.
+    virtual std::optional<Kept> FindKept(int /*tid*/) { return std::nullopt; }
+    // As SystemView::ContainerRecord. Any thread.
+    virtual std::shared_ptr<const Engine::ContainerInfo> Record(const std::string& /*id*/) { return nullptr; }
     virtual ~ContainerResolver() = default;
 };
 
@@ -55,6 +75,8 @@ public:
     virtual int ContainerOf(int pid, std::string& id) = 0;
     // As with ContainerResolver; false where processes are not followed.
     virtual bool MayBeEntering(int /*pid*/) { return false; }
+    // What its engine, or a file that only root can have written, says about a container. Null: nothing does.
+    virtual std::shared_ptr<const Engine::ContainerInfo> ContainerRecord(const std::string& /*id*/) { return nullptr; }
     virtual int ExecutablePath(unsigned int pid, std::string& path) = 0;
     virtual int Status(int pid, ProcessUtils::procStatus& status) = 0;
     virtual int Namespaces(int pid, std::map<std::string, std::string>& namespaces) = 0;
@@ -66,10 +88,9 @@ public:
     // Arguments joined by blanks, at most 4096 bytes. 0, or -1 when the process has gone.
     virtual int CommandLine(int pid, std::string& commandLine) = 0;
 
-    // Nothing when the thread has gone.
+    // The program, its arguments, and for a thread that has ended all else as of its last exec, where that was
+    // recorded. Nothing where there is neither a record nor a thread.
     virtual std::optional<ProcessDetails> Describe(int /*tid*/) { return std::nullopt; }
-    // Empty when the process has gone, or may not be looked at.
-    virtual std::string WorkingDirectory(int /*pid*/) { return {}; }
 
     // What the kernel says about a thread at this moment, which may be later than the event that led to the question.
     // /proc/<tid> exists for every thread, also for those that /proc does not list (proc(5)).

@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::int64_t none = std::numeric_limits<std::int64_t>::min();
 constinit thread_local std::int64_t current = none;
+constinit thread_local const DeliveredEvent* delivered = nullptr;
 
 }  // namespace
 
@@ -21,18 +22,25 @@ std::optional<std::chrono::nanoseconds> TraceTime::Current()
     return std::chrono::nanoseconds{current};
 }
 
-TraceTime::Scope::Scope() : before(current)
+const DeliveredEvent* TraceTime::Event()
+{
+    return delivered;
+}
+
+TraceTime::Scope::Scope() : before(current), eventBefore(delivered)
 {
 }
 
 TraceTime::Scope::~Scope()
 {
     current = before;
+    delivered = eventBefore;
 }
 
-void TraceTime::Scope::MoveTo(std::chrono::nanoseconds when)
+void TraceTime::Scope::MoveTo(std::chrono::nanoseconds when, const DeliveredEvent* event)
 {
     current = when.count();
+    delivered = event;
 }
 
 }  // namespace SDK

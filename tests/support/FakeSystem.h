@@ -5,9 +5,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,7 +33,8 @@ public:
     ~FakeSystem() override { SDK::SystemView::Exchange(before); }
 
     std::atomic<std::int64_t> now{1'700'000'000};
-    std::map<std::uint64_t, std::string> cgroups;  // paths by the ids of control groups
+    std::map<std::uint64_t, std::string> cgroups;                                 // paths by the ids of control groups
+    std::map<std::string, std::shared_ptr<const Engine::ContainerInfo>> records;  // by the ids of containers
 
     // The process may be changed as long as no other thread asks.
     Process& Put(int pid, Process process)
@@ -42,6 +46,11 @@ public:
 
     std::int64_t WallClockSeconds() override { return now; }
     int ContainerOf(int pid, std::string& id) override { return Read(pid, &Process::container, id); }
+    std::shared_ptr<const Engine::ContainerInfo> ContainerRecord(const std::string& id) override
+    {
+        const auto found = records.find(id);
+        return found == records.end() ? nullptr : found->second;
+    }
     int ExecutablePath(unsigned int pid, std::string& path) override
     {
         return Read(static_cast<int>(pid), &Process::executable, path) == 0 && !path.empty() ? 0 : -1;
@@ -62,13 +71,13 @@ public:
         details.process = tid;
         const bool isThere = Read(tid, &Process::ppid, details.parent) == 0;
         Read(tid, &Process::executable, details.executable);
+        details.linkedExecutable = details.executable;
+        Read(tid, &Process::place, details.workingDirectory);
+        std::string line;
+        Read(tid, &Process::name, line);
+        std::istringstream words(line);
+        details.arguments.assign(std::istream_iterator<std::string>(words), {});
         return isThere ? std::optional{details} : std::nullopt;
-    }
-    std::string WorkingDirectory(int pid) override
-    {
-        std::string place;
-        Read(pid, &Process::place, place);
-        return place;
     }
     std::vector<int> Processes() override
     {

@@ -82,7 +82,11 @@ bool BaseSubmodule::Send(const AlertInfo& info, const std::string& call, const s
     if (const ScopeKey container = task.KeyOf(info.pid, hostKey); container != hostKey) {
         kind.append(1, '\n').append(std::to_string(container)).append(1, '\n').append(call);
     }
-    return task.GetAlarmFilter().CheckAndEnqueue(std::move(kind), task.name()) && SendAlarmMessage(info.classId, text);
+    if (!task.GetAlarmFilter().CheckAndEnqueue(std::move(kind), task.name())) {
+        task.CountMerged(info.classId);
+        return false;
+    }
+    return SendAlarmMessage(info.classId, text);
 }
 
 void BaseSubmodule::AddContainer(const AlertInfo& info, Json::Value& document, Json::Value& resource)

@@ -82,6 +82,18 @@ void ContainerEscapeDetectTask::AttachSubmodule(std::unique_ptr<Submodule> submo
     submodules.push_back(std::move(submodule));
 }
 
+void ContainerEscapeDetectTask::CountMerged(const std::string& classId)
+{
+    const std::lock_guard lock(mergedMutex);
+    ++merged[classId];
+}
+
+std::map<std::string, std::uint64_t> ContainerEscapeDetectTask::Merged() const
+{
+    const std::lock_guard lock(mergedMutex);
+    return merged;
+}
+
 int ContainerEscapeDetectTask::Init()
 {
     RefreshPolicy(true);

@@ -2,7 +2,7 @@
 // The detection task: keeps the table of the processes that run in containers and hands what they do to the detectors.
 //
 // Ownership: owns the detectors and its trace subscriptions; refers to the metadata service.
-// Thread:    its own task thread for everything after the registration with the framework; no lock inside.
+// Thread:    its own task thread for everything after the registration with the framework; Merged from any.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -24,12 +25,14 @@
 #include "messages/ContainerMessages.h"
 #include "messages/FileNotifyMessages.h"
 #include "messages/FtraceMessages.h"
+#include "sdk/MergedAlarms.h"
 
 namespace Engine {
 
 class BaseSubmodule;
 
 class ContainerEscapeDetectTask : public Framework::Task,
+                                  public SDK::MergedAlarms,
                                   public AbstractMessageReceiver,
                                   public AbstructMessage<ContainerProcMessage>::Receiver,
                                   public AbstructMessage<FtraceMessage>::Receiver {
@@ -93,6 +96,10 @@ public:
     std::list<FtraceUtils::FtraceWatchHandle>& GetWatchHandle() { return watchHandles; }
     SDK::RateFilter<std::string>& GetAlarmFilter() { return alarmFilter; }
 
+    // An alarm of that class was merged into an earlier one.
+    void CountMerged(const std::string& classId);
+    std::map<std::string, std::uint64_t> Merged() const override;
+
     // The process table. 0: done; -1: the event concerns no process of the table. The out-argument is written in any
     // case. `syscall` is not used.
     int CreateProcess(const std::string& syscall, const FtraceMessage& message, int& ppid);
@@ -134,6 +141,8 @@ private:
     bool IsKnown(int pid) const { return procs.find(pid) != procs.end(); }
 
     SDK::RateFilter<std::string> alarmFilter;
+    mutable std::mutex mergedMutex;  // of `merged`
+    std::map<std::string, std::uint64_t> merged;
     std::list<FtraceUtils::FtraceWatchHandle> watchHandles;
     std::vector<std::unique_ptr<Submodule>> submodules;
     std::unordered_set<std::string> imageWhitelist;

@@ -6,6 +6,7 @@
 #include <Poco/Util/Application.h>
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -53,6 +54,9 @@ public:
 
     // Since when the task's thread has been at what it does: waiting, a message, a pass. Now, if there is no such task.
     std::chrono::steady_clock::time_point LastProgress(const std::string& taskName) const;
+
+    // Messages that wait in the task's queue; 0 if there is no such task.
+    std::size_t Queued(const std::string& taskName) const;
 
 private:
     friend class Module;

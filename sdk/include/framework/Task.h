@@ -126,8 +126,8 @@ public:
     bool IsAccepting() const;
 
     // Whether a new policy restarts the task: from before the end of its thread until the next Init is over. What is
-    // sent to it meanwhile waits in its queue. Who keeps subscriptions for it keeps those that its UnInit takes back
-    // until then, since Init is about to ask for most of them again: nothing is missed in between. Any thread.
+    // sent to it meanwhile waits in its queue. A task that keeps subscriptions for it keeps those that its UnInit takes
+    // back until then, since Init is about to ask for most of them again: nothing is missed in between. Any thread.
     bool IsRestarting() const;
 
     // Events that were refused by a full queue, or still in it when the task had stopped, since construction.

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,12 @@ struct ContainerInfo {
         std::string uid;
     };
     Pod pod = {};
+
+    std::optional<bool> privileged = {};  // nothing where the engine does not tell
+
+    std::string imageDigest = {};  // of the image's manifest, as a registry has it; empty when it is not known
+    // The image's own, too, which the container was created from: what an image says of itself proves nothing.
+    std::map<std::string, std::string> labels = {};
 };
 
 // The container metadata service: an interface of the task registered as "container_collect_task". Answers come from a
