@@ -4,11 +4,39 @@
 #include <cstring>
 #include <numeric>
 
+#include "host/ftrace/EventKind.h"
 #include "host/ftrace/Log.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
 
 namespace Engine {
+
+namespace {
+
+class Delivered final : public SDK::DeliveredEvent {
+public:
+    virtual ~Delivered() = default;
+
+    void MoveTo(const FtraceMessage& next) { message = &next; }
+
+    const std::string& Name() const override { return message->Kind().Name(); }
+    std::vector<std::pair<std::string, std::int64_t>> Numbers() const override
+    {
+        std::vector<std::pair<std::string, std::int64_t>> numbers;
+        for (const EventKind::Field& field : message->Kind().Fields()) {
+            if (field.shape == EventKind::Shape::Number && !field.name.starts_with("common_") &&
+                field.name != "__syscall_nr") {
+                numbers.emplace_back(field.name, message->get_number(field.name));
+            }
+        }
+        return numbers;
+    }
+
+private:
+    const FtraceMessage* message = nullptr;
+};
+
+}  // namespace
 
 // What the subscriber's queue holds of a batch.
 class EventBatch::Loan final : public Framework::Message {
@@ -118,14 +146,17 @@ std::size_t EventBatch::HandEvents(std::size_t from, std::size_t to,
 {
     std::size_t failures = 0;
     SDK::TraceTime::Scope time;
+    Delivered delivered;
     for (std::size_t at = from; at < to;) {
         Entry entry;
         std::memcpy(&entry, events.data() + at, sizeof entry);
         const std::byte* record = events.data() + at + sizeof entry;
         const std::chrono::nanoseconds when{entry.when};
-        time.MoveTo(when);
+        const FtraceMessage message(*entry.kind, record, entry.size, when);
+        delivered.MoveTo(message);
+        time.MoveTo(when, &delivered);
         try {
-            receiver.Receive({*entry.kind, record, entry.size, when});
+            receiver.Receive(message);
         } catch (...) {
             ++failures;
         }

@@ -36,6 +36,8 @@ public:
     const std::string& System() const { return system; }  // "sched"
     const std::string& Event() const { return event; }    // "sched_process_fork"
 
+    const std::vector<Field>& Fields() const { return fields; }
+
     // Null when the event has no such field. A look-up without allocation. Two fields are asked for several times with
     // every event; where they lie is found once for all events of the kind.
     const Field* Find(std::string_view field) const

@@ -27,15 +27,18 @@ std::size_t Cpus(int which)
 
 // `source`: as the option --syscalls. Null where the trace alone is wanted, or where this kernel takes no program of
 // ours: then calls of the host's processes are read as well, and those through the 32-bit entry are not seen.
-std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb)
+std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb, bool describesPrograms)
 {
+    constexpr unsigned int programBudget = 64;
     if (source == "tracefs") {
         return nullptr;
     }
     using Where = SyscallProbe::Where;
     const Where where = source == "function" ? Where::Functions : source == "enter" ? Where::Enter : Where::Best;
+    SyscallProbe::Budgets budgets;
+    budgets.programs = describesPrograms ? programBudget : 0;
     try {
-        return std::make_unique<SyscallProbe>(ringKb, where);
+        return std::make_unique<SyscallProbe>(ringKb, where, budgets);
     } catch (const std::system_error& error) {
         if (source != "auto") {
             throw;
@@ -53,7 +56,8 @@ std::unique_ptr<LiveTrace> MakeTrace()
         return configuredKb != 0 ? configuredKb : defaultKb;
     };
     auto probe = MakeProbe(settings.getString(SDK::Config::syscallSource, "auto"),
-                           sizeOr(SyscallProbe::DefaultRingKb(Cpus(_SC_NPROCESSORS_CONF))));
+                           sizeOr(SyscallProbe::DefaultRingKb(Cpus(_SC_NPROCESSORS_CONF))),
+                           settings.getBool(SDK::Config::describePrograms, false));
     const std::size_t bufferKb = sizeOr(TracefsInstance::DefaultBufferKb(Cpus(_SC_NPROCESSORS_ONLN), probe == nullptr));
     return std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe));
 }

@@ -7,12 +7,15 @@
 
 #include "host/ftrace/ProcessIdentity.h"
 
+struct CeProgram;
+
 namespace Engine {
 
 // What the kernel tells of the thread that made a record, beside its id.
 struct RecordSource {
-    std::int32_t process = 0;  // 0: not known
-    ProcessIdentity identity;  // the process's
+    std::int32_t process = 0;            // 0: not known
+    ProcessIdentity identity;            // the process's
+    const CeProgram* program = nullptr;  // of an exec that is described; valid as long as the record
 };
 
 // A record where it lies: valid until its stream moves on.

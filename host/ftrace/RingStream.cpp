@@ -137,6 +137,9 @@ void RingStream::LoadHead()
     head.id = reinterpret_cast<const CeEventHead*>(head.data)->type;
     head.when = begin->when;
     head.source = {begin->process, {begin->identity, begin->isInSetUp != 0}};
+    if (begin->hasProgram != 0) {
+        head.source.program = &reinterpret_cast<const CeProgramRecord*>(begin)->program;
+    }
 }
 
 void RingStream::GiveBack()

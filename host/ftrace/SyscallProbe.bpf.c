@@ -53,7 +53,7 @@ static __always_inline void RecordCall(struct task_struct* task, const struct Ce
     record->entry.number = call->number;
     record->entry.padding = 0;
     FillArguments(record->entry.arguments, regs, compat);
-    bpf_ringbuf_submit(record, 0);
+    Submit(record, 0);
 }
 
 static __always_inline int IsCompat(const struct task_struct* task)

@@ -38,6 +38,7 @@ namespace Engine {
 namespace {
 
 constexpr std::size_t kib = 1024;
+constexpr std::size_t bytesForOneWaiting = 16 * kib;  // about eighty times what a record takes
 
 constexpr unsigned int windowMs = 100;  // at least
 
@@ -176,7 +177,9 @@ int SyscallProbe::TryLoad(bool withFunctions, const Budgets& budgets)
     settings.threadBudget = budgets.thread;
     settings.groupBudget = budgets.group;
     settings.lifeBudget = budgets.life;
+    settings.programBudget = budgets.programs;
     settings.ringBytes = static_cast<unsigned int>(ringBytes);
+    settings.mostWaiting = static_cast<unsigned int>(ringBytes / bytesForOneWaiting);
     settings.hostMounts = static_cast<unsigned int>(mounts.st_ino);
     // MKDEV() of include/linux/kdev_t.h.
     settings.hostDevice = major(root.st_dev) << 20U | minor(root.st_dev);

@@ -45,7 +45,8 @@ public:
         // Of all threads of a container, on each CPU, at most 65535; what detection handles beside all else. As many
         // again may follow on a call of another kind by the same thread.
         unsigned int group = 4096;
-        unsigned int life = 2048;  // forks and execs of a container, on each CPU
+        unsigned int life = 2048;   // forks and execs of a container, on each CPU
+        unsigned int programs = 0;  // of these execs so many are recorded with what was executed (CeProgram)
     };
 
     // Where calls are recorded: at the functions that serve them, which costs other calls nothing, or at the event

@@ -43,7 +43,9 @@ struct CeProbeSettings {
     unsigned int groupBudget;    /* that all threads of a container may make in it on each CPU, not counting the
                                     guaranteed ones; and calls that follow on one of another kind */
     unsigned int lifeBudget;     /* forks and execs of a container, in a window on each CPU */
+    unsigned int programBudget;  /* of these execs so many are recorded with a CeProgram; 0: none is */
     unsigned int ringBytes;      /* of each CPU's ring */
+    unsigned int mostWaiting;    /* records of a CPU that may wait in the ring before the reader is woken */
     unsigned int hostMounts;     /* number of the host's mount namespace, as in /proc/1/ns/mnt */
     unsigned int hostDevice;     /* of the host's root directory, as the kernel has it */
     unsigned long long hostRoot; /* its inode's number */
@@ -67,10 +69,11 @@ struct CeProcesses {
 
 /* How every record in a ring begins. */
 struct CeRecordHead {
-    unsigned long long when;    /* nanoseconds, CLOCK_MONOTONIC */
-    int process;                /* of the thread that made it */
-    unsigned int identity : 31; /* of that process; see CeMoveEvent */
-    unsigned int isInSetUp : 1; /* likewise; see CeTask */
+    unsigned long long when;     /* nanoseconds, CLOCK_MONOTONIC */
+    int process;                 /* of the thread that made it */
+    unsigned int identity : 30;  /* of that process; see CeMoveEvent */
+    unsigned int isInSetUp : 1;  /* likewise; see CeTask */
+    unsigned int hasProgram : 1; /* a CeProgram lies behind the event's fields */
 };
 
 /* How every event begins, as the kernel's own (struct trace_entry in include/linux/trace_events.h). */
@@ -134,6 +137,30 @@ struct CeExecEvent {
     unsigned int place; /* of CePlace */
 };
 
+#define CE_ARGUMENT_BYTES 1024
+#define CE_PATH_BYTES 384 /* of all of a path's names */
+#define CE_NAME_ROOM 128  /* of one of them, its zero byte included */
+
+/* A path as the process sees it, from its end: each name and a zero byte, the last one first. */
+struct CePath {
+    unsigned int bytes; /* 0: longer than there is room for */
+    char names[CE_PATH_BYTES];
+};
+
+/* A process at the moment at which it has executed a program. */
+struct CeProgram {
+    unsigned long long started;      /* nanoseconds, CLOCK_MONOTONIC */
+    unsigned long long capabilities; /* effective ones */
+    int parent;                      /* the process that is its parent */
+    unsigned int uid;
+    unsigned int gid;
+    unsigned int loginUid; /* audit's */
+    unsigned int argumentBytes;
+    char arguments[CE_ARGUMENT_BYTES]; /* each with its zero byte, cut off where there are more */
+    struct CePath executable;
+    struct CePath workingDirectory;
+};
+
 /* The longest file name by which a program re-executes itself, "/proc/thread-self/fd/N", and its zero byte. */
 #define CE_SET_UP_NAME 32
 
@@ -184,6 +211,12 @@ struct CeExitRecord {
 struct CeExecRecord {
     struct CeRecordHead head;
     struct CeExecEvent entry;
+    char text[CE_SHORT_PATH]; /* or CE_LONG_PATH */
+};
+struct CeProgramRecord {
+    struct CeRecordHead head;
+    struct CeExecEvent entry;
+    struct CeProgram program;
     char text[CE_SHORT_PATH]; /* or CE_LONG_PATH */
 };
 struct CeMoveRecord {

@@ -65,9 +65,15 @@ void TraceCounts::Warn(std::chrono::steady_clock::time_point now)
          "%?u system calls were excluded so that containers that storm do not hide the others: watch fewer, or find "
          "out why a container makes so many of them%s"},
     };
+    constexpr std::chrono::seconds patience{2};
+    const std::string loudest = SDK::Impairments::Loudest(SDK::Impairments::Source::Trace);
+    const bool isQuiet = inKernel.IsEmpty() && inQueues.IsEmpty() && inStorms.IsEmpty();
+    quietAt = isQuiet ? now : quietAt;
+    if (loudest.empty() && now - quietAt < patience) {
+        return;  // it is told once a second, and the next warning comes in a minute
+    }
     for (const auto& [lost, text] : places) {
         if (const std::uint64_t events = lost.TakeDue(now); events != 0) {
-            const std::string loudest = SDK::Impairments::Loudest(SDK::Impairments::Source::Trace);
             TraceLog::Warning(text, events,
                               loudest.empty() ? loudest : "; most events lately are of container " + loudest);
         }

@@ -37,6 +37,7 @@ private:
     SDK::RepeatedReport inKernel;
     SDK::RepeatedReport inQueues;
     SDK::RepeatedReport inStorms;
+    std::chrono::steady_clock::time_point quietAt;  // when there was nothing to warn of
 };
 
 }  // namespace Engine

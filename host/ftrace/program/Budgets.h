@@ -13,8 +13,9 @@ struct Account {
     __u64 until;     /* that behind the last record */
     __u32 held;      /* bytes in the ring from `since` on */
     __u32 heldBefore;
-    __u16 changes; /* calls that followed on one of another kind */
-    __u16 lives;   /* forks and execs */
+    __u16 changes;  /* calls that followed on one of another kind */
+    __u16 lives;    /* forks and execs */
+    __u16 programs; /* execs with what was executed */
     __u16 used[CE_KINDS];
 };
 
@@ -80,6 +81,7 @@ static __always_inline struct Account* AccountOf(const struct task_struct* task,
         account->window = window;
         account->changes = 0;
         account->lives = 0;
+        account->programs = 0;
         __builtin_memset(account->used, 0, sizeof account->used);
         if (account->container != container) {
             account->container = container;

@@ -14,6 +14,17 @@ struct thread_info {
 typedef struct {
     __u32 val;
 } kuid_t;
+typedef struct {
+    __u32 val;
+} kgid_t;
+typedef struct {
+    __u64 val;
+} kernel_cap_t; /* two numbers of 32 bits until Linux 6.2 */
+struct cred {
+    kuid_t uid;
+    kgid_t gid;
+    kernel_cap_t cap_effective;
+};
 struct kernfs_iattrs {
     kuid_t ia_uid;
 };
@@ -47,14 +58,36 @@ struct inode {
     unsigned long i_ino;
     struct super_block* i_sb;
 };
+struct qstr {
+    const unsigned char* name;
+};
 struct dentry {
+    struct dentry* d_parent;
+    struct qstr d_name;
     struct inode* d_inode;
 };
+struct vfsmount {
+    struct dentry* mnt_root;
+};
+struct mount {
+    struct mount* mnt_parent;
+    struct dentry* mnt_mountpoint;
+    struct vfsmount mnt;
+};
 struct path {
+    struct vfsmount* mnt;
     struct dentry* dentry;
 };
 struct fs_struct {
     struct path root;
+    struct path pwd;
+};
+struct file {
+    struct path f_path;
+};
+struct mm_struct {
+    unsigned long arg_start;
+    unsigned long arg_end;
 };
 struct pid_namespace;
 struct upid {
@@ -70,6 +103,10 @@ struct task_struct {
     int pid;
     int tgid;
     char comm[CE_NAME_BYTES];
+    __u64 start_time;
+    struct mm_struct* mm;
+    const struct cred* cred;
+    kuid_t loginuid;
     struct task_struct* real_parent;
     struct task_struct* group_leader;
     struct css_set* cgroups;
@@ -78,6 +115,7 @@ struct task_struct {
     struct nsproxy* nsproxy;
 };
 struct linux_binprm {
+    struct file* file;
     const char* filename;
 };
 struct pt_regs {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "host/ftrace/program/Moves.h"
+#include "host/ftrace/program/Programs.h"
 
 /* Only what a container or a runtime in set-up makes has something to inherit. A process of the host may have an
  * identity, too: of the service that it was moved to. */
@@ -51,7 +52,7 @@ static __always_inline void RecordFork(struct Account* account, struct task_stru
     record->entry.parent = parent->pid;
     __builtin_memcpy(record->entry.childName, child->comm, CE_NAME_BYTES);
     record->entry.child = child->pid;
-    bpf_ringbuf_submit(record, 0);
+    Submit(record, need == ORDINARY); /* a container's process that is known makes one more */
 }
 
 /* Before the child runs. */
@@ -110,40 +111,64 @@ static __always_inline struct CeTask* Remember(struct task_struct* task, const c
     return kept;
 }
 
-static __always_inline int RecordExec(const struct task_struct* task, const struct CeTask* kept, int oldThread,
-                                      const char* filename, __u32 place)
+/* With its fields filled in. `head`: the offset of its text, a constant. */
+static __always_inline struct CeExecRecord* ReserveExec(struct Account* account, enum Need need, __u64 head,
+                                                        const struct task_struct* task, int oldThread,
+                                                        const char* filename, __u32 place)
 {
+    __u32 location = 0;
+    struct CeExecRecord* record = ReserveWithText(account, need, head, filename, &location);
+    if (record != NULL) {
+        Begin(&record->head, &record->entry.head, tables.life[CE_EXEC]);
+        record->entry.filename = location;
+        record->entry.thread = task->pid;
+        record->entry.oldThread = oldThread;
+        record->entry.place = place;
+    }
+    return record;
+}
+
+static __always_inline int RecordExec(const struct task_struct* task, const struct CeTask* kept, int oldThread,
+                                      const struct linux_binprm* program, __u32 place, int mayWait)
+{
+    const char* filename = program->filename;
     struct Account* account = AccountOf(task, kept);
     enum Need need;
     if (!IsWithinLifeBudget(account, kept, &need)) {
         Count(CE_SHED_LIFE);
         return 0;
     }
-    __u32 location = 0;
+    if (settings.programBudget != 0 && (account == NULL || Spend(&account->programs, settings.programBudget))) {
+        struct CeProgramRecord* described =
+            (void*)ReserveExec(account, need, offsetof(struct CeProgramRecord, text), task, oldThread, filename, place);
+        if (described == NULL) {
+            return 0;
+        }
+        described->head.hasProgram = 1;
+        DescribeProgram(&described->program, task, program);
+        Submit(described, mayWait);
+        return 1;
+    }
     struct CeExecRecord* record =
-        ReserveWithText(account, need, offsetof(struct CeExecRecord, text), filename, &location);
+        ReserveExec(account, need, offsetof(struct CeExecRecord, text), task, oldThread, filename, place);
     if (record == NULL) {
         return 0;
     }
-    Begin(&record->head, &record->entry.head, tables.life[CE_EXEC]);
-    record->entry.filename = location;
-    record->entry.thread = task->pid;
-    record->entry.oldThread = oldThread;
-    record->entry.place = place;
-    bpf_ringbuf_submit(record, 0);
+    Submit(record, mayWait);
     return 1;
 }
 
 SEC("tp_btf/sched_process_exec")
 int BPF_PROG(OnExec, struct task_struct* task, int oldThread, struct linux_binprm* program)
 {
-    const char* filename = program->filename;
     const __u32 place = PlaceOf(task);
-    struct CeTask* kept = Remember(task, filename, place);
+    const struct CeTask* before = Kept(task, 0);
+    const int isOrdinary = before != NULL && before->identity != 0 && !before->isSetUp; /* nothing begins by it */
+    struct CeTask* kept = Remember(task, program->filename, place);
     if (tables.life[CE_EXEC] == 0 || IsHost(task->tgid)) {
         return 0;
     }
-    const int isRecorded = RecordExec(task, kept, oldThread, filename, place);
+    const int isRecorded = RecordExec(task, kept, oldThread, program, place, isOrdinary);
     if (kept != NULL && isRecorded) {
         kept->isTold = 1;
     }
@@ -170,6 +195,6 @@ int BPF_PROG(OnExit, struct task_struct* task)
     __builtin_memcpy(record->entry.name, task->comm, CE_NAME_BYTES);
     record->entry.thread = task->pid;
     record->entry.priority = task->prio;
-    bpf_ringbuf_submit(record, 0);
+    Submit(record, 1);
     return 0;
 }

@@ -32,7 +32,7 @@ static __always_inline void RecordMove(struct Account* account, struct task_stru
         __builtin_memcpy(event->executed, kept->executed, sizeof event->executed);
         event->bornInSetUp = kept->bornInSetUp;
     }
-    bpf_ringbuf_submit(record, 0);
+    Submit(record, 0);
 }
 
 /* A process that the agent has not excluded yet may be the host's all the same: the agent may lag behind or stand

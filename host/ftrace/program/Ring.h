@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only */
-/* The ring of each CPU, and how a record gets into it: Reserve, Begin, the fields, bpf_ringbuf_submit. */
+/* The ring of each CPU, and how a record gets into it: Reserve, Begin, the fields, Submit. */
 #pragma once
 
 #include "host/ftrace/program/Budgets.h"
@@ -14,6 +14,31 @@ struct {
             __uint(max_entries, 4096);
         });
 } rings SEC(".maps");
+
+/* How many records wait for the next one to wake the reader. */
+struct {
+    __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, __u32);
+    __type(value, __u32);
+} waiting SEC(".maps");
+
+/* A ring wakes its reader when that has read all before, which it has not where records wait: then it is to be forced.
+ * `mayWait`: the reader need not see the record before the next one that it is woken for; it looks once a second. */
+static __always_inline void Submit(void* record, int mayWait)
+{
+    const __u32 key = 0;
+    __u32* count = bpf_map_lookup_elem(&waiting, &key);
+    __u64 flags = 0;
+    if (count != NULL && mayWait && *count < settings.mostWaiting) {
+        ++*count;
+        flags = BPF_RB_NO_WAKEUP;
+    } else if (count != NULL && *count != 0) {
+        *count = 0;
+        flags = BPF_RB_FORCE_WAKEUP;
+    }
+    bpf_ringbuf_submit(record, flags);
+}
 
 /* Room for a record of so many bytes, a constant. Null, and counted, when there is none, or the container has had its
  * part; an account of null is held to none. `dropped`: CE_DROPPED or CE_DROPPED_LIFE. */
@@ -46,6 +71,7 @@ static __always_inline void Begin(struct CeRecordHead* record, struct CeEventHea
     const struct CeTask* leader = Kept(bpf_get_current_task_btf()->group_leader, 0);
     record->identity = leader == NULL ? 0 : leader->identity;
     record->isInSetUp = leader != NULL && leader->isSetUp;
+    record->hasProgram = 0;
     event->type = type;
     event->flags = 0;
     event->preemptCount = 0;
