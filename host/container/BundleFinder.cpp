@@ -5,8 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
-#include <sstream>
+#include <optional>
 
 #include "host/container/EngineDocuments.h"
 #include "host/container/RuntimeSetUp.h"
@@ -40,14 +39,6 @@ std::string GivenBundle(const std::vector<std::string>& words)
     return {};
 }
 
-std::vector<std::string> Words(SDK::SystemView& system, int pid)
-{
-    std::string line;
-    system.CommandLine(pid, line);
-    std::istringstream stream(line);
-    return {std::istream_iterator<std::string>(stream), {}};
-}
-
 }  // namespace
 
 BundleFinder::Roots BundleFinder::UsualRoots()
@@ -69,8 +60,9 @@ std::vector<BundleFinder::Ancestor> BundleFinder::AncestorsOf(SDK::SystemView& s
         if (pid <= 1 || RuntimeSetUp::HasLeftHost(system, pid)) {
             break;
         }
-        if (RuntimeSetUp::IsMaker(system, pid)) {
-            ancestors.push_back({Words(system, pid), system.WorkingDirectory(pid)});
+        const auto maker = RuntimeSetUp::IsMaker(system, pid) ? system.Describe(pid) : std::nullopt;
+        if (maker) {
+            ancestors.push_back({maker->arguments, maker->workingDirectory});
         }
     }
     return ancestors;

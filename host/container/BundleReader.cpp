@@ -5,57 +5,40 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <utility>
 
 #include "host/container/ContainerLog.h"
 #include "host/container/OciBundle.h"
-#include "host/sdk/FileDescriptor.h"
-#include "host/sdk/Limits.h"
-#include "sdk/FileUtils.h"
+#include "host/sdk/RegularFile.h"
 
 namespace Engine {
 
 namespace {
 
-struct File {
-    std::string text;
-    bool isRoots = false;  // only root can have written it
-};
-
-// What was opened is looked at, not what the path leads to: a pipe would keep the reader waiting.
-std::optional<File> ReadFile(const std::string& path)
+// Nothing, with a warning where there is one that cannot be read.
+std::optional<SDK::RegularFile> ReadFile(const std::string& path)
 {
-    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
-    const SDK::FileDescriptor opened(SDK::Limits::Opened([&path] { return ::open(path.c_str(), flags); }));
-    struct stat status {};
-    File file;
-    const char* problem = nullptr;
-    if (!opened || ::fstat(opened.Get(), &status) != 0) {
-        if (errno == ENOENT) {
-            return std::nullopt;
-        }
-        problem = std::strerror(errno);
-    } else if (!S_ISREG(status.st_mode)) {
-        problem = "no regular file";
-    } else if (SDK::FileUtils::ReadFile("/proc/self/fd/" + std::to_string(opened.Get()), file.text,
-                                        BundleReader::maxFileBytes + 1) != 0) {
-        problem = std::strerror(errno);
-    } else if (file.text.size() > BundleReader::maxFileBytes) {
-        problem = "too large";
-    }
-    if (problem != nullptr) {
-        ContainerLog::Warning("%s: %s; its container has no names from there", path, std::string{problem});
+    SDK::RegularFile file = SDK::RegularFile::Read(path, BundleReader::maxFileBytes, O_NOFOLLOW);
+    if (file.errorNumber == ENOENT) {
         return std::nullopt;
     }
-    file.isRoots = status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    if (!file.error.empty()) {
+        ContainerLog::Warning("%s: %s; its container has no names from there", path, file.error);
+        return std::nullopt;
+    }
     return file;
 }
 
+// Whether only root can have written it.
+bool IsRoots(const SDK::RegularFile& file)
+{
+    return file.owner == 0 && (file.mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 // Of Podman's containers, names and image are in the storage's own list, which is above their bundles.
-std::optional<File> StoredList(const std::string& bundle)
+std::optional<SDK::RegularFile> StoredList(const std::string& bundle)
 {
     const std::filesystem::path folder = std::filesystem::path(bundle).parent_path().parent_path();
     return ReadFile(folder / "containers.json");
@@ -102,13 +85,50 @@ bool BundleReader::IsAwaited(const std::string& id) const
     return known != containers.end() && known->second.state == State::Wanted;
 }
 
-bool BundleReader::TakeLate()
+void BundleReader::AskAgain()
 {
-    const std::lock_guard lock(mutex);
-    return std::exchange(isLate, false);
+    {
+        const std::lock_guard lock(mutex);
+        for (auto& [id, container] : containers) {
+            if (container.state != State::Wanted) {
+                container.state = State::Wanted;
+                unasked.push_back(id);
+            }
+        }
+    }
+    wake();
 }
 
-void BundleReader::Step()
+// A bundle is read in no time. An engine may take long, so what comes meanwhile goes first.
+bool BundleReader::Step()
+{
+    ReadBundles();
+    std::string id;
+    {
+        const std::lock_guard lock(mutex);
+        if (unasked.empty()) {
+            return false;
+        }
+        id = std::move(unasked.front());
+        unasked.pop_front();
+    }
+    const bool isKnown = ask(id);
+    const std::lock_guard lock(mutex);
+    if (const auto known = containers.find(id); known != containers.end()) {
+        Container& container = known->second;
+        if (!isKnown && container.wasAnnounced && !container.isSecond) {  // it knows by now
+            container.isSecond = true;
+            unasked.push_back(id);
+        } else {
+            container.state = isKnown && container.hasBundle ? State::Found
+                              : container.isSecond           ? State::MissingTwice
+                                                             : State::Missing;
+        }
+    }
+    return !unasked.empty() || !queue.empty();
+}
+
+void BundleReader::ReadBundles()
 {
     for (;;) {
         Wanted wanted;
@@ -123,9 +143,8 @@ void BundleReader::Step()
         const bool isFound = Read(wanted);
         const std::lock_guard lock(mutex);
         if (const auto known = containers.find(wanted.id); known != containers.end()) {
-            Container& container = known->second;
-            container.state = isFound ? State::Found : container.isSecond ? State::MissingTwice : State::Missing;
-            isLate = isLate || (isFound && container.wasAnnounced && !cache.ImageNameOf(wanted.id).empty());
+            known->second.hasBundle = isFound;
+            unasked.push_back(std::move(wanted.id));
         }
     }
 }
@@ -142,7 +161,7 @@ void BundleReader::KeepOnly(const std::unordered_set<std::string_view>& living)
 bool BundleReader::Read(const Wanted& wanted)
 {
     const std::string bundle = finder.Find(wanted.id, wanted.ancestors);
-    const std::optional<File> config = bundle.empty() ? std::nullopt : ReadFile(bundle + "/config.json");
+    const std::optional<SDK::RegularFile> config = bundle.empty() ? std::nullopt : ReadFile(bundle + "/config.json");
     std::optional<ContainerInfo> info = config ? OciBundle::ParseConfig(wanted.id, config->text) : std::nullopt;
     if (config && !info) {
         ContainerLog::Warning("%s/config.json: not a container's configuration", bundle);
@@ -150,22 +169,23 @@ bool BundleReader::Read(const Wanted& wanted)
     if (!info) {
         return !bundle.empty();
     }
-    bool isVouchedFor = config->isRoots && BundleFinder::IsNamedAfter(bundle, wanted.id);
+    bool isVouchedFor = IsRoots(*config) && BundleFinder::IsNamedAfter(bundle, wanted.id) &&
+                        !OciBundle::HasForeignAnnotations(config->text);
     if (info->name.empty() && std::filesystem::path(bundle).filename() == "userdata") {
-        const std::optional<File> list = StoredList(bundle);
+        const std::optional<SDK::RegularFile> list = StoredList(bundle);
         const auto stored = list ? OciBundle::ParseStored(wanted.id, list->text) : std::nullopt;
         if (stored) {
             info->name = stored->name;
             info->imageName = stored->imageName;
             info->imageId = stored->imageId;
-            isVouchedFor = isVouchedFor && list->isRoots;
+            isVouchedFor = isVouchedFor && IsRoots(*list);
         }
     }
     if (info->name.empty() && !IsRandom(wanted.id)) {
         info->name = wanted.id;  // given by hand
     }
     if (!info->name.empty()) {
-        cache.PutFromBundle(std::move(*info), isVouchedFor);
+        cache.Put(std::move(*info), {0, isVouchedFor, false});
     }
     return true;
 }

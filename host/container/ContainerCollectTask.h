@@ -5,12 +5,14 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/Task.h"
 #include "host/container/BundleReader.h"
-#include "host/container/ContainerEngineClient.h"
 #include "host/container/ContainerRegistry.h"
+#include "host/container/ContainerStatus.h"
 #include "host/container/ContainerView.h"
+#include "host/container/EngineClient.h"
 #include "host/container/MetadataCache.h"
 #include "host/container/NoticeReceivers.h"
 #include "host/container/RegistryObserver.h"
@@ -23,15 +25,16 @@ namespace Engine {
 
 // Ownership: `system` is not owned and outlives the task; neither is the trace task, which must have been left
 //            (Detach) before it goes.
-// Thread:    its own follows the engine; the registry and the notices live on the trace task's.
+// Thread:    its own asks the engines; the registry and the notices live on the trace task's.
 class ContainerCollectTask : public Framework::Task,
                              public ContainerMetaInfo,
                              public SDK::ContainerNames,
+                             public ContainerStatus,
                              public AbstructMessage<ContainerRegisterMessage>::Receiver {
 public:
     static constexpr char taskName[] = "container_collect_task";
 
-    ContainerCollectTask(const std::string& socketPath, SDK::SystemView& system);
+    ContainerCollectTask(const std::vector<SDK::EngineAddress>& addresses, SDK::SystemView& system);
     ~ContainerCollectTask() override;
 
     // Begins to follow the trace events. False when they cannot be had: /proc alone tells then which container a
@@ -42,8 +45,8 @@ public:
 
     SDK::ContainerResolver& Resolver() { return view; }
 
-    // Reads what the engine knows for the first time: names and images are in the cache when this task has started. An
-    // engine that hangs delays the start by some time-outs of the client, five at most.
+    // Reads what the engines know for the first time: names and images are in the cache when this task has started. An
+    // engine that hangs delays the start by some time-outs of its client, five at most.
     int Init() override;
     int UnInit() override;
     int Run() override;
@@ -57,13 +60,20 @@ public:
     bool GetContainerByPid(int pid, std::shared_ptr<ContainerInfo>& info) override;
     bool IsAvailable() override;
 
-    // How long after the start the engine is waited for.
+    // How long after the start engines are waited for.
     static constexpr std::chrono::minutes engineStarts{1};
     bool IsAwaited(const std::string& id) const override;
-    bool HaveEngine() const override { return engine.HasReadAll() && !engine.IsUnreachable(); }
+    std::vector<EngineState> Engines() const override;
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override { return cache.Find(id); }
+    Sizes Count() const override { return {table.Size(), cache.Size()}; }
 
 private:
+    using Clock = EngineClient::Clock;
+
+    void StepAll();
+    bool Ask(const std::string& id);
+    bool IsAnyRead() const;
+    bool AreEnginesAwaited() const;
     int PauseMilliseconds() const;
 
     SocketWatch socketWatch;
@@ -75,8 +85,9 @@ private:
     ContainerRegistry registry;
     NoticeReceivers receivers;
     RegistryObserver observer;
-    ContainerEngineClient engine;
-    const ContainerEngineClient::Clock::time_point begun = ContainerEngineClient::Clock::now();
+    std::vector<std::unique_ptr<EngineClient>> engines;
+    bool isMoreWanted = false;
+    const Clock::time_point begun = Clock::now();
     std::atomic<TraceObservable*> trace{nullptr};
 };
 

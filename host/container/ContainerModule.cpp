@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "framework/Module.h"
 #include "host/container/ContainerCollectTask.h"
@@ -15,10 +16,11 @@ namespace Engine {
 
 namespace {
 
-std::string SocketPath()
+std::vector<SDK::EngineAddress> Engines()
 {
-    return Poco::Util::Application::instance().config().getString(SDK::Config::dockerSocket,
-                                                                  SDK::Config::defaultDockerSocket);
+    const auto& settings = Poco::Util::Application::instance().config();
+    return settings.has(SDK::Config::engines) ? SDK::EngineAddress::Split(settings.getRawString(SDK::Config::engines))
+                                              : SDK::EngineAddress::Usual();
 }
 
 // Thread: the framework's, which loads and unloads modules.
@@ -28,7 +30,7 @@ public:
 
     int Init() override
     {
-        task = std::make_unique<ContainerCollectTask>(SocketPath(), SDK::SystemView::Current());
+        task = std::make_unique<ContainerCollectTask>(Engines(), SDK::SystemView::Current());
         auto* trace = dynamic_cast<TraceObservable*>(FindTask("ftrace_task"));
         if (trace == nullptr || !task->Attach(*trace)) {
             ContainerLog::Warning("no trace events: containers of processes are read from /proc, possibly too late");

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <unordered_set>
 
+#include "host/container/ExecutedProgram.h"
 #include "host/ftrace/SyscallProbeLayout.h"
 #include "host/sdk/CgroupPath.h"
 
@@ -36,6 +37,7 @@ ContainerRegistry::Entry ContainerRegistry::ChildOf(int parent, int child, Nanos
         made.wasMovedInside = from->wasMovedInside;
         made.container = from->container;
         made.executable = from->executable;
+        made.executed = from->executed;
     }
     made.identity = source.identity.number;
     // A runtime made its child straight in the container's group, or the parent has gone before it was ever seen.
@@ -170,6 +172,9 @@ std::optional<ContainerRegistry::Exec> ContainerRegistry::DecideExec(int pid, in
         const bool isRuntime = RuntimeSetUp::Continues(system, pid, filename, entry->bornInSetUp, place);
         exec.state = isRuntime ? State::Entering : State::Inside;
     }
+    if (exec.state != State::Host && source.program != nullptr) {
+        exec.executed = ExecutedProgram::Details(pid, *source.program);
+    }
     exec.enters = exec.state == State::Inside && !(wasKnown && entry->IsInside());
     return exec;
 }
@@ -181,6 +186,7 @@ void ContainerRegistry::ApplyExec(const Exec& exec, std::string_view filename, N
         entry.exit = ContainerTable::alive;  // the leader may have ended before the thread that takes over its id
         entry.inSetUp = exec.isSelfExecution;
         entry.executable = executable;
+        entry.executed = exec.executed;
         entry.identity = exec.identity;  // a thread that takes its leader's id over may lack the leader's
         if (exec.state != entry.state) {
             entry.MoveTo(exec.state, exec.container, when);

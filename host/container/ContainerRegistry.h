@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -81,6 +82,7 @@ public:
         bool isSelfExecution = false;
         bool enters = false;  // it is Inside from now on and was not before
         std::uint32_t identity = 0;
+        std::shared_ptr<const SDK::ProcessDetails> executed = nullptr;  // null where that was not recorded
     };
     // `place`: as CePlace, 0 where the kernel does not tell. Nothing when the thread has gone.
     std::optional<Exec> DecideExec(int pid, int oldPid, std::string_view filename, Nanoseconds when,

@@ -78,11 +78,27 @@ std::optional<ContainerTable::Text> ContainerTable::ContainerAt(int tid, std::op
     return !when || *when >= entry->since ? entry->Visible() : entry->before;
 }
 
+std::size_t ContainerTable::Size() const
+{
+    const std::lock_guard lock{mutex};
+    return entries.size();
+}
+
 bool ContainerTable::MayBeEntering(int tid) const
 {
     const std::lock_guard lock{mutex};
     const Entry* entry = Find(tid);
     return entry != nullptr && (entry->state == State::Entering || (entry->state == State::Host && entry->inSetUp));
+}
+
+std::optional<SDK::ContainerResolver::Kept> ContainerTable::FindKept(int tid, std::optional<Nanoseconds> when) const
+{
+    const std::lock_guard lock{mutex};
+    const Entry* entry = Find(tid);
+    if (entry == nullptr || (when && *when < entry->seen)) {
+        return std::nullopt;
+    }
+    return SDK::ContainerResolver::Kept{entry->seen, entry->parent, !entry->IsAlive(), entry->executed};
 }
 
 }  // namespace Engine

@@ -14,12 +14,14 @@
 #include <unordered_map>
 #include <utility>
 
+#include "host/sdk/SystemView.h"
+
 namespace Engine {
 
 // Keyed by thread id, because the events are: pid, parent_pid, child_pid and common_pid are ids of threads.
 //
-// Thread: ContainerAt and MayBeEntering from any; everything else from the one that writes. That one writes under the
-//         mutex and reads without it.
+// Thread: ContainerAt, Size, MayBeEntering and FindKept from any; everything else from the one that writes. That one
+//         writes under the mutex and reads without it.
 // Errors: throws nothing but std::bad_alloc.
 // Times:  nanoseconds on the trace clock, CLOCK_MONOTONIC.
 class ContainerTable {
@@ -53,7 +55,8 @@ public:
         int parent = -1;              // the thread that forked it
         std::uint32_t identity = 0;   // ProcessIdentity::number of its process; 0: none, or not known
         Nanoseconds exit = alive;
-        Text executable;  // as its last exec named it; null when that was not seen
+        Text executable;                                      // as its last exec named it; null when that was not seen
+        std::shared_ptr<const SDK::ProcessDetails> executed;  // at its last exec, or its ancestor's; null: not known
 
         bool IsInside() const { return state == State::Inside; }
         bool IsAlive() const { return exit == alive; }
@@ -104,8 +107,12 @@ public:
     // thread.
     std::optional<Text> ContainerAt(int tid, std::optional<Nanoseconds> when, bool isHostNow = false) const;
 
+    // Any thread.
+    std::size_t Size() const;
+
     // As ContainerResolver's. Any thread.
     bool MayBeEntering(int tid) const;
+    std::optional<SDK::ContainerResolver::Kept> FindKept(int tid, std::optional<Nanoseconds> when) const;
 
 private:
     mutable std::mutex mutex;

@@ -4,7 +4,6 @@
 #include <mutex>
 
 #include "host/container/RuntimeSetUp.h"
-#include "host/sdk/TraceTime.h"
 
 namespace Engine {
 

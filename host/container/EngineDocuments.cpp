@@ -3,11 +3,14 @@
 
 #include <algorithm>
 
-#include "sdk/JsonUtils.h"
+#include "host/sdk/JsonMembers.h"
 
 namespace Engine::EngineDocuments {
 
 namespace {
+
+using SDK::JsonMembers::Member;
+using SDK::JsonMembers::Parse;
 
 constexpr std::size_t maxIdBytes = 128;
 constexpr char alphanumerics[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
@@ -16,15 +19,6 @@ constexpr char alphanumerics[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ
 bool IsPlain(std::string_view text, std::string_view others)
 {
     return text.find_first_not_of(std::string{alphanumerics}.append(others)) == std::string_view::npos;
-}
-
-std::optional<Json::Value> Parse(const std::string& text)
-{
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(text.c_str(), text.size(), root) != 0) {
-        return std::nullopt;
-    }
-    return root;
 }
 
 std::string ContainerName(const Json::Value& value, const char* key)
@@ -48,15 +42,9 @@ std::vector<std::string> Destinations(const Json::Value& mounts)
 
 }  // namespace
 
-const Json::Value& Member(const Json::Value& value, const char* key)
-{
-    return value.isObject() ? value[key] : Json::Value::nullSingleton();
-}
-
 std::string Text(const Json::Value& value, const char* key)
 {
-    const Json::Value& member = Member(value, key);
-    return member.isString() ? member.asString().substr(0, maxTextBytes) : std::string{};
+    return SDK::JsonMembers::Text(value, key, maxTextBytes);
 }
 
 bool IsContainerId(std::string_view text)
@@ -68,6 +56,17 @@ bool IsImageName(std::string_view text)
 {
     return !text.empty() && text.size() <= maxTextBytes && text.find("..") == std::string_view::npos &&
            IsPlain(text, "_.-/:@");
+}
+
+void AddLabel(std::string key, std::string value, std::map<std::string, std::string>& labels)
+{
+    std::size_t bytes = key.size() + value.size();
+    for (const auto& label : labels) {
+        bytes += label.first.size() + label.second.size();
+    }
+    if (bytes <= maxLabelBytes && labels.size() < maxLabels) {
+        labels.insert_or_assign(std::move(key), std::move(value));
+    }
 }
 
 std::optional<Inspected> ParseInspected(const std::string& text)
@@ -85,15 +84,33 @@ std::optional<Inspected> ParseInspected(const std::string& text)
     inspected.info.imageId = Text(*root, "Image");
     inspected.info.imageName = Text(Member(*root, "Config"), "Image");
     inspected.info.mountDestinations = Destinations(Member(*root, "Mounts"));
+    const Json::Value& labels = Member(Member(*root, "Config"), "Labels");
+    for (const std::string& key : labels.isObject() ? labels.getMemberNames() : Json::Value::Members{}) {
+        AddLabel(key, SDK::JsonMembers::Text(labels, key.c_str()), inspected.info.labels);
+    }
+    const Json::Value& privileged = Member(Member(*root, "HostConfig"), "Privileged");
+    inspected.info.privileged = privileged.isBool() ? std::optional{privileged.asBool()} : std::nullopt;
     const Json::Value& pid = Member(Member(*root, "State"), "Pid");
     inspected.pid = pid.isInt() ? std::max(0, pid.asInt()) : 0;
     return inspected;
 }
 
-std::string ParseImageId(const std::string& text)
+ContainerInfo ParseImage(const std::string& text)
 {
     const std::optional<Json::Value> root = Parse(text);
-    return root ? Text(*root, "Id") : std::string{};
+    ContainerInfo info;
+    if (root) {
+        const Json::Value& reference = SDK::JsonMembers::First(Member(*root, "RepoDigests"));
+        info.imageId = Text(*root, "Id");
+        info.imageDigest = reference.isString() ? DigestIn(reference.asString()) : std::string{};
+    }
+    return info;
+}
+
+std::string DigestIn(std::string_view reference)
+{
+    const std::size_t at = reference.find('@');
+    return std::string{at == std::string_view::npos ? "" : reference.substr(at + 1, maxTextBytes)};
 }
 
 bool ListReader::Take(std::string_view part)

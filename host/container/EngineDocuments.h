@@ -7,6 +7,7 @@
 #include <json/value.h>
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +19,8 @@ namespace Engine::EngineDocuments {
 
 inline constexpr std::size_t maxTextBytes = 4096;
 inline constexpr std::size_t maxMounts = 1024;
+inline constexpr std::size_t maxLabelBytes = 16UL * 1024;  // of one container, all labels together
+inline constexpr std::size_t maxLabels = 256;
 inline constexpr std::size_t maxListed = 10000;
 // Of one container: labels and annotations take up to 256 KiB with the common orchestrators.
 inline constexpr std::size_t maxElementBytes = 1024UL * 1024;
@@ -26,10 +29,12 @@ inline constexpr std::size_t maxElementBytes = 1024UL * 1024;
 // a letter or digit.
 bool IsContainerId(std::string_view text);
 
-// The member, null when `value` is no object or has none. Never throws, unlike jsoncpp's own access.
-const Json::Value& Member(const Json::Value& value, const char* key);
 // The member if it is a text, cut at maxTextBytes; else empty.
 std::string Text(const Json::Value& value, const char* key);
+
+// Adds a label if all of the container's stay within maxLabels and maxLabelBytes: none is cut, which could make it
+// another.
+void AddLabel(std::string key, std::string value, std::map<std::string, std::string>& labels);
 
 // "/containers/<id>/json".
 struct Inspected {
@@ -42,8 +47,11 @@ std::optional<Inspected> ParseInspected(const std::string& text);
 // Whether a text may stand for an image in a request: letters, digits, '_', '.', '-', '/', ':' and '@', without "..".
 bool IsImageName(std::string_view text);
 
-// "/images/<name>/json": the id, empty when there is none.
-std::string ParseImageId(const std::string& text);
+// "/images/<name>/json": what tells of the image, with an empty id of the container.
+ContainerInfo ParseImage(const std::string& text);
+
+// The digest in an image's reference: what follows "@"; empty when there is none.
+std::string DigestIn(std::string_view reference);
 
 // "/containers/json", in parts as they come: the ids. What in it is no container is skipped, and so is an element of
 // more than maxElementBytes. What is nested in an element, labels for example, is passed over: only the outer members

@@ -1,31 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/OciBundle.h"
 
-#include <json/value.h>
-
 #include <algorithm>
 #include <initializer_list>
 
 #include "host/container/EngineDocuments.h"
-#include "sdk/JsonUtils.h"
+#include "host/sdk/ImageReference.h"
+#include "host/sdk/JsonMembers.h"
 
 namespace Engine::OciBundle {
 
 namespace {
 
-using EngineDocuments::Member;
 using EngineDocuments::Text;
+using SDK::JsonMembers::First;
+using SDK::JsonMembers::Member;
+using SDK::JsonMembers::Parse;
 
 constexpr std::size_t imageIdDigits = 64;  // of a digest, without its kind
-
-std::optional<Json::Value> Parse(const std::string& text)
-{
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root) != 0) {
-        return std::nullopt;
-    }
-    return root;
-}
+constexpr std::string_view imageIdKind = "sha256:";
 
 // The first of the members that is there.
 std::string FirstText(const Json::Value& value, std::initializer_list<const char*> keys)
@@ -37,22 +30,13 @@ std::string FirstText(const Json::Value& value, std::initializer_list<const char
     return text;
 }
 
-// With its kind in front, as Docker writes it.
-std::string ImageId(const std::string& id)
-{
-    const bool isBare = id.size() == imageIdDigits && id.find(':') == std::string::npos;
-    return isBare ? "sha256:" + id : id;
-}
-
 // Where host directories and files are mounted; engines mount each container's host name and resolver, too.
 std::vector<std::string> Destinations(const Json::Value& mounts)
 {
     std::vector<std::string> destinations;
     for (Json::ArrayIndex i = 0; mounts.isArray() && i < mounts.size(); ++i) {
         const std::string destination = Text(mounts[i], "destination");
-        const bool isOwn = destination == "/etc/hosts" || destination == "/etc/hostname" ||
-                           destination == "/etc/resolv.conf" || destination == "/dev/shm";
-        if (Text(mounts[i], "type") == "bind" && !destination.empty() && !isOwn &&
+        if (Text(mounts[i], "type") == "bind" && IsOfItsOwner(destination) &&
             destinations.size() < EngineDocuments::maxMounts) {
             destinations.push_back(destination);
         }
@@ -85,6 +69,19 @@ std::optional<ContainerInfo> ParseConfig(const std::string& id, const std::strin
     return info;
 }
 
+bool HasForeignAnnotations(const std::string& text)
+{
+    const std::optional<Json::Value> root = Parse(text);
+    const Json::Value none;
+    const Json::Value& notes = Member(root ? *root : none, "annotations");
+    const Json::Value::Members keys = notes.isObject() ? notes.getMemberNames() : Json::Value::Members{};
+    const auto have = [&keys](const char* prefix) {
+        return std::any_of(keys.begin(), keys.end(),
+                           [prefix](const std::string& key) { return key.starts_with(prefix); });
+    };
+    return have("io.kubernetes.cri.") && have("io.kubernetes.cri-o.");
+}
+
 std::optional<ContainerInfo> ParseStored(const std::string& id, const std::string& text)
 {
     const std::optional<Json::Value> root = Parse(text);
@@ -93,9 +90,9 @@ std::optional<ContainerInfo> ParseStored(const std::string& id, const std::strin
         if (Text(each, "id") != id) {
             continue;
         }
-        // A document within a text, for whoever made the container.
+        // A document within a text: what the maker of the container keeps there.
         const std::optional<Json::Value> notes = Parse(Text(each, "metadata"));
-        const Json::Value& names = Member(each, "names");
+        const Json::Value& name = First(Member(each, "names"));
         ContainerInfo info;
         info.id = id;
         info.imageId = ImageId(Text(each, "image"));
@@ -103,23 +100,44 @@ std::optional<ContainerInfo> ParseStored(const std::string& id, const std::strin
             info.name = Text(*notes, "name");
             info.imageName = FamiliarImageName(Text(*notes, "image-name"));
         }
-        if (info.name.empty() && names.isArray() && !names.empty() && names[0].isString()) {
-            info.name = names[0].asString().substr(0, EngineDocuments::maxTextBytes);
+        if (info.name.empty() && name.isString()) {
+            info.name = name.asString().substr(0, EngineDocuments::maxTextBytes);
         }
         return info;
     }
     return std::nullopt;
 }
 
+bool IsImageId(std::string_view text)
+{
+    text.remove_prefix(text.starts_with(imageIdKind) ? imageIdKind.size() : 0);
+    return text.size() == imageIdDigits && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+std::string ImageId(const std::string& id)
+{
+    const bool isBare = id.size() == imageIdDigits && id.find(':') == std::string::npos;
+    return std::string{isBare ? imageIdKind : ""}.append(id);
+}
+
+bool IsOfItsOwner(const std::string& destination)
+{
+    return !destination.empty() && destination != "/etc/hosts" && destination != "/etc/hostname" &&
+           destination != "/etc/resolv.conf" && destination != "/dev/shm";
+}
+
 std::string FamiliarImageName(std::string_view name)
 {
     constexpr std::string_view registry = "docker.io/";
     constexpr std::string_view folder = "library/";
+    std::string_view familiar = name;
     if (name.starts_with(registry)) {
-        name.remove_prefix(registry.size());
-        name.remove_prefix(name.starts_with(folder) ? folder.size() : 0);
+        familiar.remove_prefix(registry.size());
+        familiar.remove_prefix(familiar.starts_with(folder) ? folder.size() : 0);
     }
-    return std::string{name};
+    // "docker.io/example.org/web" stays: without its registry it would be an image of another one.
+    using SDK::ImageReference::Canonical;
+    return std::string{Canonical(familiar) == Canonical(name) ? familiar : name};
 }
 
 }  // namespace Engine::OciBundle

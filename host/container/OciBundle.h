@@ -18,9 +18,21 @@ namespace Engine::OciBundle {
 // names elsewhere writes none. Nothing when the text is no such document.
 std::optional<ContainerInfo> ParseConfig(const std::string& id, const std::string& text);
 
+// Whether a config.json has annotations of both containerd and CRI-O. Those of the one that did not make it come from
+// the author of the pod, as CRI-O hands them on, and nothing tells which these are.
+bool HasForeignAnnotations(const std::string& text);
+
 // The name and the image of container `id` by containers.json. Nothing when the text is no such document, or does not
 // tell of it.
 std::optional<ContainerInfo> ParseStored(const std::string& id, const std::string& text);
+
+// Whether a text is an image's id, with its kind in front or without.
+bool IsImageId(std::string_view text);
+// An image's id with its kind in front, as Docker writes it.
+std::string ImageId(const std::string& id);
+
+// Whether a container's owner has asked for the mount that ends there; some engines make themselves.
+bool IsOfItsOwner(const std::string& destination);
 
 // An image's reference as Docker shows it: without the registry that is its default, and that one's own folder.
 std::string FamiliarImageName(std::string_view name);

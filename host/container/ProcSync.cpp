@@ -110,8 +110,9 @@ std::vector<ProcSync::Seen> ProcSync::LookAtAll(SyscallFilter* filter)
 {
     std::vector<Seen> all;
     NumberMap given;
+    RuntimeSetUp::ContainersSeen containers;
     for (const int pid : system.Processes()) {
-        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid);
+        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid, &containers);
         if (!found) {
             continue;
         }

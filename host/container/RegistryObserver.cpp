@@ -105,7 +105,7 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
         mustAnnounceAnew = true;
     }
     const bool hasArrived = receivers.TakeArrival();
-    mustAnnounceAnew = receivers.TakeLoss() || bundles.TakeLate() || mustAnnounceAnew || hasArrived;
+    mustAnnounceAnew = receivers.TakeLoss() || cache.TakeLate() || mustAnnounceAnew || hasArrived;
     if (mustAnnounceAnew && (hasArrived || announcements.IsEndHandled() || now - lastAnew >= repeatPause)) {
         mustAnnounceAnew = false;
         lastAnew = now;
@@ -346,7 +346,7 @@ std::shared_ptr<ContainerProcMessage> RegistryObserver::StartNotice(int tid, con
     }
     info->name = CommandName(info->executable);
     // Receivers refuse whitelisted images' processes, but not their forks: what a fork made known stays so.
-    info->imageName = entry.hasForked ? std::string{} : cache.ImageNameOf(info->containerId);
+    info->imageName = entry.hasForked ? std::string{} : cache.AnnounceImageOf(info->containerId);
     return std::make_shared<ContainerProcMessage>(true, std::move(info));
 }
 

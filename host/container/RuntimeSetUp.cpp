@@ -185,11 +185,18 @@ bool IsManager(SDK::SystemView& system, int pid)
     return pid == 1 || (RunsOneOf(system, pid, managers) && system.HasHostRoot(pid).value_or(false));
 }
 
-std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid)
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid, ContainersSeen* seen)
 {
     const auto containerOf = [&](int thread) {
+        if (seen != nullptr && seen->contains(thread)) {
+            return seen->at(thread);
+        }
         const auto of = system.Cgroups(thread);
-        return of ? std::optional{groups.Find(*of)} : std::nullopt;
+        std::optional<std::string> container = of ? std::optional{groups.Find(*of)} : std::nullopt;
+        if (seen != nullptr) {
+            seen->emplace(thread, container);
+        }
+        return container;
     };
     std::optional<std::string> container = containerOf(tid);
     if (!container) {

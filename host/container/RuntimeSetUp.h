@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "host/container/ContainerGroups.h"
 #include "host/container/ContainerTable.h"
@@ -39,7 +40,10 @@ struct Found {
 // Nothing when the thread has gone. State Entering is a guess: the process runs a copy of the runtime and its parent is
 // in no container. A container can arrange the first, not the second, except for the process that the runtime itself
 // starts in it; so this is to be believed for a short time only.
-std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid);
+// `seen`: what is found about control groups, kept for the questions that follow at once; null: nothing is kept.
+using ContainersSeen = std::unordered_map<int, std::optional<std::string>>;  // by thread; nothing: it has gone
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid,
+                          ContainersSeen* seen = nullptr);
 
 // Whether a process has the mount namespace of process 1, or the agent's. Nothing when it has gone.
 std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid);

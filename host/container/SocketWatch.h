@@ -1,27 +1,32 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <set>
 #include <string>
+#include <vector>
 
 #include "host/sdk/FileDescriptor.h"
 
 namespace Engine {
 
-// Tells when a socket appears under a path, without asking for it again and again (inotify(7)). Where its directory is
-// missing or cannot be watched, it tells nothing. Thread: one at a time.
+// Tells when one of some sockets, or a directory on the way to it, appears, without asking for them again and again
+// (inotify(7)). What cannot be watched tells nothing. Thread: one at a time.
 class SocketWatch {
 public:
-    explicit SocketWatch(const std::string& path);
+    explicit SocketWatch(const std::vector<std::string>& paths);
 
-    // Readable when something appeared in the directory; -1: nothing is watched.
+    // Readable when something appeared in one of the directories; -1: nothing is watched.
     int Fd() const { return inotify.Get(); }
 
-    // Whether that was what is waited for. Takes all that is to be told.
+    // Whether that may have been what is waited for. Takes all that is to be told.
     bool HasAppeared();
 
 private:
+    void WatchDirectories();
+
     SDK::FileDescriptor inotify;
-    std::string name;
+    std::set<std::string> directories;  // those that may come, too
+    std::set<std::string> names;        // what may appear in them
 };
 
 }  // namespace Engine

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/container/ContainerEngineClient.h"
+#include "host/container/DockerEngineClient.h"
 
 #include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "host/container/ContainerLog.h"
-#include "host/sdk/Config.h"
 #include "host/sdk/Counters.h"
 #include "sdk/NamespaceUtils.h"
 
@@ -19,34 +18,13 @@ constexpr int maxUnanswered = 3;  // calls in a step: an engine that is stuck is
 constexpr char eventsTarget[] = "/events?filters=%7B%22type%22%3A%5B%22container%22%5D%7D";  // {"type":["container"]}
 constexpr char listTarget[] = "/containers/json?all=1";
 
-bool HasAnswer(const SDK::DockerClient::Reply& reply)
-{
-    return reply.status != 0 && reply.error.empty();
-}
-
 }  // namespace
 
-ContainerEngineClient::ContainerEngineClient(const std::string& socketPath, MetadataCache& cache,
-                                             std::function<bool()> isCancelled, std::chrono::milliseconds timeout)
-    : timeout(timeout), socketPath(socketPath), cache(cache), isCancelled(std::move(isCancelled))
-{
-    if (!MayAnswer()) {
-        isUnreachable = true;
-        nextAttempt = Clock::time_point::max();
-    }
-}
-
-bool ContainerEngineClient::MayAnswer() const
-{
-    return socketPath != SDK::Config::noEngine;
-}
-
-void ContainerEngineClient::Step(Clock::time_point time)
+void DockerEngineClient::Step(Clock::time_point time)
 {
     now = time;
-    cache.Purge(now);
     if (events && !events->Continue()) {
-        GiveUp(events->Error().empty() ? "the engine has ended its events" : events->Error());
+        Fail(*events, "the engine has ended its events");
     }
     if (events || (now >= nextAttempt && Connect())) {
         ReadContainers();
@@ -54,38 +32,36 @@ void ContainerEngineClient::Step(Clock::time_point time)
 }
 
 // The stream first, then what exists: what changes in between comes with the stream.
-bool ContainerEngineClient::Connect()
+bool DockerEngineClient::Connect()
 {
     line.clear();
-    events.emplace(socketPath, eventsTarget, [this](std::string_view part) { return TakeEvents(part); });
+    events.emplace(address.path, eventsTarget, [this](std::string_view part) { return TakeEvents(part); });
     if (!events->AwaitStatus(Clock::now() + timeout) || events->Status() != httpOk) {
-        GiveUp(events->Error().empty() ? "status " + std::to_string(events->Status()) : events->Error());
+        Fail(*events, "status " + std::to_string(events->Status()));
         return false;
     }
     return ReadList();
 }
 
-bool ContainerEngineClient::ReadList()
+bool DockerEngineClient::ReadList()
 {
     EngineDocuments::ListReader list;
-    SDK::EngineRequest request(socketPath, listTarget, [&list](std::string_view part) { return list.Take(part); });
+    SDK::EngineRequest request(address.path, listTarget, [&list](std::string_view part) { return list.Take(part); });
     Await(request);
     if (request.Status() != httpOk || (!list.IsComplete() && !list.HasSkipped())) {
-        GiveUp(request.Error().empty() ? "unexpected answer to " + std::string{listTarget} : request.Error());
+        Fail(request, std::string{"unexpected answer to "}.append(listTarget));
         return false;
     }
     const std::vector<std::string>& ids = list.Ids();
-    if (isUnreachable.exchange(false)) {
-        ContainerLog::Information("container engine at %s answers again", socketPath);
-    }
+    Reached();
     changed.insert(ids.begin(), ids.end());
     if (!list.HasSkipped()) {
-        cache.KeepOnly({ids.begin(), ids.end()}, now);
+        cache.KeepOnly({ids.begin(), ids.end()}, number, now);
     }
     return true;
 }
 
-bool ContainerEngineClient::TakeEvents(std::string_view part)
+bool DockerEngineClient::TakeEvents(std::string_view part)
 {
     for (;;) {
         const std::size_t end = part.find('\n');
@@ -103,26 +79,26 @@ bool ContainerEngineClient::TakeEvents(std::string_view part)
     }
 }
 
-void ContainerEngineClient::Apply(const EngineDocuments::Event& event)
+void DockerEngineClient::Apply(const EngineDocuments::Event& event)
 {
     const std::string& id = event.info.id;
     if (event.action == "create") {
         // A container that is removed at once can no longer be inspected; the event alone names it.
-        cache.Put(event.info);
+        cache.Put(event.info, Source(events->IsRoots()));
         changed.insert(id);
     } else if (event.action == "start" || event.action == "rename") {
         changed.insert(id);
     } else if (event.action == "die") {
         cache.ForgetNamespaces(id);  // it may start again, in others
     } else if (event.action == "destroy") {
-        cache.MarkGone(id, now);
+        cache.MarkGone(id, number, now);
         changed.erase(id);
     }
 }
 
 // Those that have changed, and when it is time the others that are unread. A container that is stuck keeps neither
 // itself nor the others from being known later.
-void ContainerEngineClient::ReadContainers()
+void DockerEngineClient::ReadContainers()
 {
     const bool isTime = now >= nextAttempt;
     std::erase_if(unread, [this](const std::string& id) { return changed.count(id) != 0; });
@@ -134,7 +110,7 @@ void ContainerEngineClient::ReadContainers()
     for (int unanswered = 0; left > 0 && unanswered < maxUnanswered && !isCancelled(); --left) {
         const std::string id = std::move(unread.front());
         unread.pop_front();
-        if (!ReadImageOf(id) || !ReadContainer(id)) {
+        if (!ReadAbout(id)) {
             unread.push_back(id);
             ++unanswered;
         }
@@ -150,94 +126,88 @@ void ContainerEngineClient::ReadContainers()
 
 // The engine answers about a container that it is starting only when that is done, and its program may attack by then.
 // About an image it answers at once.
-bool ContainerEngineClient::ReadImageOf(const std::string& id)
+bool DockerEngineClient::ReadAbout(const std::string& id)
 {
-    const std::shared_ptr<ContainerInfo> known = cache.Find(id);
-    if (known == nullptr || !known->imageId.empty() || !EngineDocuments::IsImageName(known->imageName)) {
-        return true;
-    }
-    const SDK::DockerClient::Reply reply = Ask("/images/" + known->imageName + "/json");
-    if (reply.status == httpOk && HasAnswer(reply)) {
-        ContainerInfo info = *known;
-        info.imageId = EngineDocuments::ParseImageId(reply.body);
-        cache.Put(std::move(info));
-    }
-    return HasAnswer(reply);
+    const auto known = cache.Find(id);
+    const bool hasImage = known != nullptr && !known->imageName.empty();
+    return (!hasImage || ReadImageOf(id)) && ReadContainer(id) && (hasImage || ReadImageOf(id));
 }
 
-bool ContainerEngineClient::ReadContainer(const std::string& id)
+bool DockerEngineClient::ReadImageOf(const std::string& id)
 {
-    const SDK::DockerClient::Reply reply = Ask("/containers/" + id + "/json");
+    const auto known = cache.Find(id);
+    if (known == nullptr || !known->imageDigest.empty()) {
+        return true;
+    }
+    const std::string& image = known->imageId.empty() ? known->imageName : known->imageId;
+    if (!EngineDocuments::IsImageName(image)) {
+        return true;
+    }
+    const Answer answer = Ask("/images/" + image + "/json");
+    if (answer.status == httpOk && answer.IsThere()) {
+        ContainerInfo info = EngineDocuments::ParseImage(answer.body);
+        info.id = id;
+        cache.Put(std::move(info), Source(answer.isRoots));
+    }
+    return answer.IsThere();
+}
+
+bool DockerEngineClient::ReadContainer(const std::string& id)
+{
+    const Answer answer = Ask("/containers/" + id + "/json");
     std::optional<EngineDocuments::Inspected> inspected;
-    if (reply.status == httpOk && HasAnswer(reply)) {
-        inspected = EngineDocuments::ParseInspected(reply.body);
+    if (answer.status == httpOk && answer.IsThere()) {
+        inspected = EngineDocuments::ParseInspected(answer.body);
     }
     if (inspected && inspected->info.id == id) {
         if (inspected->pid > 0) {
             SDK::NamespaceUtils::GetProcessNamespace(inspected->pid, inspected->info.namespaces);
         }
-        if (!cache.Put(std::move(inspected->info))) {
+        if (!cache.Put(std::move(inspected->info), Source(answer.isRoots))) {
             ContainerLog::Debug("no room for container %s, its alarms carry no names", id);
         }
     }
-    return HasAnswer(reply);
+    return answer.IsThere();
 }
 
-SDK::DockerClient::Reply ContainerEngineClient::Ask(const std::string& target)
+DockerEngineClient::Answer DockerEngineClient::Ask(const std::string& target)
 {
     bool isTooLong = false;
-    SDK::DockerClient::Reply reply;
-    SDK::EngineRequest request(socketPath, target, [&](std::string_view part) {
-        isTooLong = reply.body.size() + part.size() > EngineDocuments::maxElementBytes;
-        reply.body.append(isTooLong ? "" : part);
+    Answer answer;
+    SDK::EngineRequest request(address.path, target, [&](std::string_view part) {
+        isTooLong = answer.body.size() + part.size() > EngineDocuments::maxElementBytes;
+        answer.body.append(isTooLong ? "" : part);
         return !isTooLong;
     });
     Await(request);
-    reply.status = request.Status();
+    answer.status = request.Status();
+    answer.isRoots = request.IsRoots();
     if (isTooLong) {  // and would be the next time
-        reply.body.clear();
+        answer.body.clear();
         ++SDK::Counters::Get(SDK::CounterName::engineSkipped);
     } else {
-        reply.error = request.Error();
+        answer.error = request.Error();
     }
-    if (!HasAnswer(reply)) {
+    if (!answer.IsThere()) {
         ++SDK::Counters::Get(SDK::CounterName::engineFailures);
     }
-    return reply;
+    return answer;
 }
 
-void ContainerEngineClient::Await(SDK::EngineRequest& request) const
+void DockerEngineClient::Await(SDK::EngineRequest& request) const
 {
     const SDK::EngineRequest::Deadline deadline = Clock::now() + timeout;
     while (request.Continue() && request.Wait(deadline)) {
     }
 }
 
-void ContainerEngineClient::TryNow()
+// `why`: unless the request itself tells.
+void DockerEngineClient::Fail(const SDK::EngineRequest& request, const std::string& why)
 {
-    if (!events) {
-        pause = firstPause;
-        nextAttempt = Clock::time_point{};
-    }
-}
-
-void ContainerEngineClient::GiveUp(const std::string& why)
-{
-    ++SDK::Counters::Get(SDK::CounterName::engineFailures);
-    if (!isUnreachable.exchange(true)) {
-        ContainerLog::Warning("container engine at %s: %s; alarms carry no names of containers, trying again",
-                              socketPath, why);
-    }
+    GiveUp(request.Error().empty() ? why : request.Error(), SDK::EngineSocket::Protocol::Http2);
     events.reset();
     changed.clear();
     unread.clear();
-    BackOff();
-}
-
-void ContainerEngineClient::BackOff()
-{
-    nextAttempt = now + pause;
-    pause = std::min(pause * 2, longestPause);
 }
 
 }  // namespace Engine
