@@ -23,6 +23,7 @@ namespace Engine {
 namespace NotifyCounterName {
 inline constexpr char delivered[] = "notify.delivered";    // queued for a subscriber
 inline constexpr char unresolved[] = "notify.unresolved";  // not of the host, in a directory without a path
+inline constexpr char late[] = "notify.late";              // see WatchedTree
 }  // namespace NotifyCounterName
 
 // Entering: of the host as far as is known, but what is known may lag behind the access.

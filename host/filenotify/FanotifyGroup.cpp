@@ -5,7 +5,9 @@
 #include <sys/fanotify.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 
 namespace Engine {
 
@@ -16,6 +18,14 @@ std::error_code LastError()
     return std::error_code{errno, std::generic_category()};
 }
 
+// The call takes no descriptor with O_PATH by itself (fanotify_find_path() in fs/notify/fanotify/fanotify_user.c).
+std::array<char, 32> PathOfOpen(int descriptor)
+{
+    std::array<char, 32> path{};
+    std::snprintf(path.data(), path.size(), "/proc/self/fd/%d", descriptor);
+    return path;
+}
+
 }  // namespace
 
 std::error_code FanotifyGroup::Open(bool objects)
@@ -23,7 +33,8 @@ std::error_code FanotifyGroup::Open(bool objects)
     unsigned int flags = FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME;
     flags |= objects ? FAN_REPORT_FID | FAN_REPORT_TARGET_FID : 0U;
     int fd = fanotify_init(flags, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
-    if (fd < 0 && errno == EINVAL && objects) {
+    const bool isOlder = fd < 0 && errno == EINVAL && objects;
+    if (isOlder) {
         fd = fanotify_init(flags & ~FAN_REPORT_TARGET_FID, O_RDONLY | O_CLOEXEC | O_LARGEFILE);
     }
     if (fd < 0) {
@@ -31,6 +42,7 @@ std::error_code FanotifyGroup::Open(bool objects)
     }
     group.Reset(fd);
     withObjects = objects;
+    withTargets = objects && !isOlder;
     return {};
 }
 
@@ -42,6 +54,16 @@ std::error_code FanotifyGroup::Add(Scope scope, const std::string& path, std::ui
 std::error_code FanotifyGroup::Remove(Scope scope, const std::string& path, std::uint64_t events) const
 {
     return Mark(FAN_MARK_REMOVE | FAN_MARK_DONT_FOLLOW, scope, path.c_str(), events);
+}
+
+std::error_code FanotifyGroup::Add(int descriptor, std::uint64_t events) const
+{
+    return Mark(FAN_MARK_ADD, Scope::Inode, PathOfOpen(descriptor).data(), events);
+}
+
+std::error_code FanotifyGroup::Remove(int descriptor, std::uint64_t events) const
+{
+    return Mark(FAN_MARK_REMOVE, Scope::Inode, PathOfOpen(descriptor).data(), events);
 }
 
 void FanotifyGroup::RemoveAll(Scope scope) const

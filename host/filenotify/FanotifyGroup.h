@@ -31,9 +31,16 @@ public:
     std::error_code Open(bool withObjects = false);
     bool WithObjects() const { return withObjects; }
 
+    // Whether events tell which file or directory was made, deleted or moved.
+    bool WithTargets() const { return withTargets; }
+
     // Adds events to the mark of `path`, and makes it if there is none. `path` is not followed if it is a link.
     // ENODEV, EXDEV, EOPNOTSUPP: this filesystem cannot be marked in this scope (fanotify_mark(2)).
     std::error_code Add(Scope scope, const std::string& path, std::uint64_t events) const;
+
+    // The same, in the scope of the inode, for what the descriptor is open for, one with O_PATH included.
+    std::error_code Add(int descriptor, std::uint64_t events) const;
+    std::error_code Remove(int descriptor, std::uint64_t events) const;
 
     // Takes events off the mark; with its last one it goes. ENOENT: there was no mark, or no such path.
     std::error_code Remove(Scope scope, const std::string& path, std::uint64_t events) const;
@@ -52,6 +59,7 @@ private:
 
     SDK::FileDescriptor group;
     bool withObjects = false;
+    bool withTargets = false;
 };
 
 }  // namespace Engine

@@ -78,12 +78,16 @@ bool FileNotifyTask::ReadEvents()
     for (int reads = 0; reads < readsInARow; ++reads) {
         const std::size_t size = group.Read(buffer, error);
         if (size == 0) {
+            marks.Handles().QueueIsEmpty();
             break;
         }
         total += size;
         largest = std::max(largest, size);
         SDK::Realtime::Watch();
         notifier.Handle({buffer.data(), size}, Clock::now());
+        if (marks.NeedUpdate()) {
+            UpdateMarks();
+        }
     }
     marks.CloseMounts();
     if (error) {

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <string_view>
 
 #include "host/sdk/Limits.h"
 
@@ -14,6 +16,13 @@ namespace {
 constexpr int handleAsId = 0x200;
 
 }  // namespace
+
+std::uint64_t KeyOf(const FileHandle& handle)
+{
+    const std::string_view bytes{reinterpret_cast<const char*>(handle.bytes.data()), handle.bytes.size()};
+    constexpr std::uint64_t odd = 0x9E3779B97F4A7C15U;
+    return std::hash<std::string_view>{}(bytes) ^ ((handle.fsid + static_cast<std::uint32_t>(handle.type)) * odd);
+}
 
 KernelHandle::KernelHandle(const FileHandle& handle)
 {
@@ -44,12 +53,12 @@ FileHandle KernelHandle::View(std::uint64_t fsid) const
     return {fsid, handle->handle_type, std::span{buffer}.subspan(sizeof(file_handle), handle->handle_bytes)};
 }
 
-SDK::FileDescriptor KernelHandle::OpenDirectory(int anchor, std::error_code& error) const
+SDK::FileDescriptor KernelHandle::Open(int anchor, int flags, std::error_code& error) const
 {
     KernelHandle copy = *this;  // the call takes it as its own
     auto* handle = reinterpret_cast<file_handle*>(copy.buffer.data());
     SDK::FileDescriptor opened =
-        SDK::Limits::Opened([=] { return open_by_handle_at(anchor, handle, O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+        SDK::Limits::Opened([=] { return open_by_handle_at(anchor, handle, flags | O_CLOEXEC); });
     error = opened ? std::error_code{} : std::error_code{errno, std::generic_category()};
     return opened;
 }

@@ -14,6 +14,9 @@
 
 namespace Engine {
 
+// A number for a handle, and for another one but by a chance of one in 2^64.
+std::uint64_t KeyOf(const FileHandle& handle);
+
 class KernelHandle {
 public:
     KernelHandle() = default;
@@ -30,7 +33,13 @@ public:
     // Opens the directory that it stands for, if the filesystem opens handles; `anchor`: any directory of that
     // filesystem, not opened with O_PATH. Not open: it is gone, is no directory, the filesystem does not, or
     // descriptors or memory ran out; `error` tells.
-    SDK::FileDescriptor OpenDirectory(int anchor, std::error_code& error) const;
+    SDK::FileDescriptor OpenDirectory(int anchor, std::error_code& error) const
+    {
+        return Open(anchor, O_RDONLY | O_DIRECTORY, error);
+    }
+
+    // The same for whatever it stands for, with the flags of open(2).
+    SDK::FileDescriptor Open(int anchor, int flags, std::error_code& error) const;
 
     // The mount through which it was read (statx(2), stx_mnt_id without STATX_MNT_ID_UNIQUE); 0: it was not.
     int MountId() const { return mount; }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/Marks.h"
 
+#include <sys/fanotify.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -39,13 +41,19 @@ void Marks::Update(WatchTable& watches)
 {
     resolver.Close();
     std::vector<Target> targets = FindTargets(watches);
-    for (Target& target : targets) {
-        target.error = group.Add(Scope::FileSystem, target.place.directory, target.events);
+    MarkFileSystems(targets);
+    std::vector<TreeMarks::Tree> wantedTrees = WantedTrees(targets);
+    if (trees.WillStartOver(wantedTrees)) {
+        handles.StartOver();
+        MarkFileSystems(targets);
     }
-    Wanted wanted = WantedMarks(targets);
+    const std::error_code treeError = trees.Set(wantedTrees);
     handles.Set(WantedHandles(targets));
-    const std::error_code treeError = trees.Set(wanted.trees);
+    MarkFileSystems(targets);  // those that have no marks of their own any more
+    Wanted wanted = WantedMarks(targets);
+    wanted.trees = std::move(wantedTrees);
     RemoveUnwanted(wanted);
+    handles.RemoveUnwantedMarks(wanted.trees.empty());
     std::map<int, Target> found;
     for (Target& target : targets) {
         if (TakesNoFileSystemMark(target.error)) {
@@ -87,21 +95,58 @@ std::vector<Marks::Target> Marks::FindTargets(WatchTable& watches)
     return targets;
 }
 
+// What is to be told by the filesystem's mark. It tells what comes and goes for the tree's marks, too.
+std::uint64_t Marks::FileSystemEvents(const Target& target) const
+{
+    constexpr std::uint64_t names = FAN_CREATE | FAN_DELETE | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_ONDIR;
+    return handles.IsMarked({target.watch, target.isMountBelow, target.place})
+               ? names | (target.events & ~InodeMarks::entryEvents)
+               : target.events;
+}
+
+// Only adds to what is set. A directory that is moved to and fro may be gone again since the look at it.
+void Marks::MarkFileSystems(std::vector<Target>& targets)
+{
+    constexpr int looks = 8;
+    for (Target& target : targets) {
+        std::uint64_t events = FileSystemEvents(target);
+        target.error = group.Add(Scope::FileSystem, target.place.directory, events);
+        for (int look = 0; look < looks && target.error == std::errc::no_such_file_or_directory; ++look) {
+            target.place = FindPlace(target.place.path);
+            events = FileSystemEvents(target);
+            target.error = group.Add(Scope::FileSystem, target.place.directory, events);
+        }
+        if (!target.error) {
+            FileSystemMark& mark = current.marks[target.place.fsid];
+            mark.directory = target.place.directory;
+            mark.events |= events;
+        }
+    }
+}
+
+std::vector<TreeMarks::Tree> Marks::WantedTrees(const std::vector<Target>& targets)
+{
+    std::vector<TreeMarks::Tree> wanted;
+    for (const Target& target : targets) {
+        if (TakesNoFileSystemMark(target.error) && !target.isMountBelow) {
+            wanted.push_back({target.place.directory, target.place.IsDirectory(), target.events});
+        }
+    }
+    return wanted;
+}
+
 // By the kernel's answers. A mount below that cannot be marked is excluded: it is no reason to refuse the watch.
-Marks::Wanted Marks::WantedMarks(const std::vector<Target>& targets)
+Marks::Wanted Marks::WantedMarks(const std::vector<Target>& targets) const
 {
     Wanted wanted;
     for (const Target& target : targets) {
         const WatchPlace& place = target.place;
-        if (TakesNoFileSystemMark(target.error) && !target.isMountBelow) {
-            wanted.trees.push_back({place.directory, place.IsDirectory(), target.events});
-        }
         if (target.error) {
             continue;
         }
         FileSystemMark& mark = wanted.marks[place.fsid];
         mark.directory = place.directory;
-        mark.events |= target.events;
+        mark.events |= FileSystemEvents(target);
         const bool isKnown = std::any_of(wanted.mounts.begin(), wanted.mounts.end(), [&place](const Mount& mount) {
             return mount.fsid == place.fsid && mount.id == place.mount;
         });
@@ -114,12 +159,16 @@ Marks::Wanted Marks::WantedMarks(const std::vector<Target>& targets)
     return wanted;
 }
 
-std::vector<WatchedHandles::Place> Marks::WantedHandles(const std::vector<Target>& targets)
+// A tree is marked only where events tell what is new in it, and where a subscriber is told of each file that comes and
+// each name that one gets: what is done before its mark is not.
+std::vector<WatchedHandles::Place> Marks::WantedHandles(const std::vector<Target>& targets) const
 {
     std::vector<WatchedHandles::Place> places;
     for (const Target& target : targets) {
         if (target.changes && !target.error) {
-            places.push_back({target.watch, target.isMountBelow, target.place});
+            const bool isMarked = group.WithTargets() && (target.events & FAN_CREATE) != 0;
+            const std::uint64_t events = target.events & (InodeMarks::entryEvents | FAN_ONDIR);
+            places.push_back({target.watch, target.isMountBelow, target.place, isMarked ? events : 0});
         }
     }
     return places;
@@ -128,6 +177,7 @@ std::vector<WatchedHandles::Place> Marks::WantedHandles(const std::vector<Target
 void Marks::StartOver()
 {
     trees.StartOver();
+    handles.StartOver();
     current.marks.clear();
 }
 

@@ -2,8 +2,10 @@
 // Keeps the kernel's marks in line with the watches, and knows which mounts show what is watched.
 //
 // A filesystem mark sees an access through whatever mount it comes: a bind mount in a container, or the disk mounted
-// anew by one. It is shared by all watches on that filesystem: its events are those that any of them wants. Where the
-// filesystem takes no such mark, TreeMarks does.
+// anew by one. It is shared by all watches on that filesystem: its events are those that any of them wants. But each of
+// them makes every process of the host pay that does the like anywhere on the filesystem: where WatchedHandles has
+// marked the files and directories of a watch themselves, the filesystem's mark tells only what comes and goes.
+// Where the filesystem takes no such mark, TreeMarks does.
 // Thread: that of filenotify_task; no lock inside.
 #pragma once
 
@@ -35,7 +37,7 @@ public:
     };
 
     // The group outlives this.
-    explicit Marks(const FanotifyGroup& group) : group(group), trees(group) {}
+    explicit Marks(const FanotifyGroup& group) : group(group), trees(group), handles(group) {}
 
     // Looks where every watched path is now, tells the watch, makes the kernel's marks those that are wanted, and logs
     // paths that came, went or were replaced. Marks that are in place are set again, which costs one call each: a
@@ -57,6 +59,9 @@ public:
 
     // What belongs to watches with `changes`, as of the last Update and the events since.
     WatchedHandles& Handles() { return handles; }
+
+    // Whether Update is to be called now, and not only with the next look.
+    bool NeedUpdate() const { return handles.MarksGivenUp(); }
 
     // As MountResolver::Forget.
     void ForgetPaths() { resolver.Forget(); }
@@ -91,8 +96,11 @@ private:
     };
 
     static std::vector<Target> FindTargets(WatchTable& watches);
-    static Wanted WantedMarks(const std::vector<Target>& targets);
-    static std::vector<WatchedHandles::Place> WantedHandles(const std::vector<Target>& targets);
+    static std::vector<TreeMarks::Tree> WantedTrees(const std::vector<Target>& targets);
+    Wanted WantedMarks(const std::vector<Target>& targets) const;
+    std::vector<WatchedHandles::Place> WantedHandles(const std::vector<Target>& targets) const;
+    std::uint64_t FileSystemEvents(const Target& target) const;
+    void MarkFileSystems(std::vector<Target>& targets);
     void RemoveUnwanted(const Wanted& wanted) const;
     void Report(const WatchTable& watches, const std::map<int, Target>& found, const Wanted& wanted) const;
 
@@ -100,7 +108,7 @@ private:
     TreeMarks trees;
     WatchedHandles handles;
     MountResolver resolver;
-    Wanted current;                 // what the last Update set
+    Wanted current;                 // what is set
     std::map<int, Target> watched;  // by watch number, its own place
 };
 

@@ -35,6 +35,7 @@ void Notifier::Handle(std::span<const std::byte> buffer, TimePoint now)
     while (reader.Next(event)) {
         HandleEvent(event, now);
     }
+    marks.Handles().Settle();
     if (reader.Malformed()) {
         Lost(now, "the kernel's answer makes no sense");
     }

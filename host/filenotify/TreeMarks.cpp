@@ -31,7 +31,7 @@ std::error_code TreeMarks::Set(const std::vector<Tree>& next)
     if (next == trees && !outdated) {
         return failure;
     }
-    if (next != trees) {
+    if (WillStartOver(next)) {
         group.RemoveAll(FanotifyGroup::Scope::Inode);
     }
     trees = next;

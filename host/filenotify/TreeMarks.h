@@ -40,8 +40,15 @@ public:
     // Returns the last walk's first error; what could be marked is.
     std::error_code Set(const std::vector<Tree>& next);
 
+    // Whether Set begins with the removal of all inode marks of the group.
+    bool WillStartOver(const std::vector<Tree>& next) const { return next != trees && !paths.empty(); }
+
     // The group is another one, without marks: the next Set makes them all.
-    void StartOver() { trees.clear(); }
+    void StartOver()
+    {
+        trees.clear();
+        paths.clear();
+    }
 
     // A directory was made, moved or deleted in `parent`: if that is one of these trees', the next Set walks again.
     void DirectoryChanged(const FileHandle& parent) { outdated = outdated || PathOf(parent) != nullptr; }

@@ -25,17 +25,6 @@ bool Look(const std::string& path, struct statx& found)
     return statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC, wanted, &found) == 0;
 }
 
-std::uint64_t FileSystemId(const std::string& directory)
-{
-    struct statfs status {};
-    std::uint64_t fsid = 0;
-    if (statfs(directory.c_str(), &status) == 0) {
-        static_assert(sizeof(status.f_fsid) == sizeof(fsid));
-        std::memcpy(&fsid, &status.f_fsid, sizeof(fsid));
-    }
-    return fsid;
-}
-
 // Cuts the field, and the character that ends it, off the front of `text`.
 std::string_view CutField(std::string_view& text, char end)
 {
@@ -63,6 +52,17 @@ std::string Unescaped(std::string_view text)
 }
 
 }  // namespace
+
+std::uint64_t FileSystemId(const std::string& path)
+{
+    struct statfs status {};
+    std::uint64_t fsid = 0;
+    if (statfs(path.c_str(), &status) == 0) {
+        static_assert(sizeof(status.f_fsid) == sizeof(fsid));
+        std::memcpy(&fsid, &status.f_fsid, sizeof(fsid));
+    }
+    return fsid;
+}
 
 WatchPlace FindPlace(const std::string& path)
 {

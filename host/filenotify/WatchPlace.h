@@ -28,6 +28,9 @@ struct WatchPlace {
 // An empty directory in the answer: not even "/" could be looked at.
 WatchPlace FindPlace(const std::string& path);
 
+// statfs(2) f_fsid of what the path leads to; 0: none.
+std::uint64_t FileSystemId(const std::string& path);
+
 // The mount points of filesystems that hold data of the host, from the text of /proc/self/mountinfo
 // (proc_pid_mountinfo(5)): those on block devices, and btrfs and zfs, whose device numbers are their own. Excluded are
 // the kernel's pseudo filesystems, overlays (the root of every container is one, and its own files are no business of a

@@ -2,31 +2,24 @@
 // Which files and directories belong to the watches with `changes`, by their handles: so an access is told that comes
 // by another path, through a hard link or in a directory that was moved away from its watched path.
 //
-// Each watched tree is walked once, and then kept up by the events of entries that are made in it. An entry that goes
-// stays listed until an access depends on it: only then the tree is walked again, which ends lists of what has left it.
-// A directory that was at the watched path belongs to the watch while it exists, wherever it is moved; of those that
-// were there one after another the last `maxFollowed`.
-// A directory that is made at the path, or comes there, is known by its event.
-// Bounded: `maxHandles` for all trees, in equal shares; walks take a twentieth of the thread's time at most, but for
-// the first of a tree. Only for filesystems that open handles, which all do that take a filesystem mark.
+// A tree for each watch, and one for each filesystem mounted below it; see WatchedTree. Bounded: `maxHandles` for all
+// trees, in equal shares. Only for filesystems that open handles, which all do that take a filesystem mark.
 // Limits: before Linux 5.17 events do not tell what was made or moved, so what is new in a tree is listed within about
-// a second. Filesystems mounted below are trees of their own.
+// a second.
 // Thread: that of filenotify_task; no lock inside.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "host/filenotify/FanotifyEvents.h"
-#include "host/filenotify/KernelHandle.h"
-#include "host/filenotify/WatchPlace.h"
+#include "host/filenotify/FanotifyGroup.h"
+#include "host/filenotify/InodeMarks.h"
+#include "host/filenotify/WatchedTree.h"
 
 namespace Engine {
 
@@ -34,20 +27,20 @@ class WatchedHandles {
 public:
     // Some 40 bytes and 6 us each, in which no event is read: the kernel's queue has to hold what comes meanwhile.
     static constexpr std::size_t maxHandles = 65536;
-    static constexpr std::size_t maxFollowed = 4;
 
-    // A watch and where it is now; several of one watch if filesystems are mounted below it.
-    struct Place {
-        int watch = 0;
-        bool isMountBelow = false;
-        WatchPlace place;
-    };
+    using Place = WatchedTree::Place;
+
+    // The group outlives this.
+    explicit WatchedHandles(const FanotifyGroup& group) : marks(group) {}
 
     // Makes these the trees, and walks those that are new, changed or not completely listed.
     void Set(const std::vector<Place>& places);
 
-    // An event of any process: lists what was made in a tree. Allocates only for that; costs nothing without trees.
+    // An event of any process. Costs nothing without trees.
     void Follow(const FanotifyEvent& event);
+
+    // After the events of a buffer; see WatchedTree.
+    void Settle();
 
     // Events were lost: what was made meanwhile is listed with the next Set.
     void EventsLost();
@@ -56,33 +49,32 @@ public:
     // them: that a hard link elsewhere goes or moves is none of their business. Empty: none.
     std::vector<int> WatchesOf(const FanotifyEvent& event, std::uint64_t& mask);
 
+    // Whether what is done to the tree comes to marks of its own; see WatchedTree.
+    bool IsMarked(const Place& place) const;
+
+    // Whether a tree has lost its marks since the last Set: its filesystem's mark has to tell everything at once.
+    bool MarksGivenUp() const { return givenUp; }
+
+    // Everything that was queued has been read.
+    void QueueIsEmpty() { marks.QueueIsEmpty(); }
+
+    // Ends marks that no tree has any more. `alone`: the group has no other inode marks.
+    void RemoveUnwantedMarks(bool alone) { marks.RemoveReleased(alone); }
+
+    // The group has no inode marks any more: the next Set makes them all.
+    void StartOver();
+
 private:
-    using Clock = std::chrono::steady_clock;
+    using Key = std::pair<int, std::string>;  // the watch, and the mount point below it or nothing
 
-    struct Tree {
-        WatchPlace place;
-        std::optional<std::uint64_t> parent;  // key of the directory that holds the path, if it is there
-        std::string name;                     // in it
-        std::vector<KernelHandle> tops;       // directories that are or were at the path, the newest last
-        std::unordered_set<std::uint64_t> handles;
-        bool isIncomplete = true;  // something may not be listed
-        bool isDoubtful = false;   // something listed may have left
-        bool isFull = false;
-        Clock::time_point nextWalk;
-    };
-    enum class Relation : std::uint8_t { None, Object, Directory };
+    static Key KeyOfPlace(const Place& place)
+    {
+        return {place.watch, place.isMountBelow ? place.place.path : std::string{}};
+    }
 
-    static std::uint64_t KeyOf(const FileHandle& handle);
-    static Relation RelationOf(const Tree& tree, const FanotifyEvent& event);
-    static void Move(Tree& tree, const Place& wanted);
-    static void Top(Tree& tree, const KernelHandle& top);
-    void Walk(Tree& tree) const;
-    bool WalkFrom(Tree& tree, int anchor) const;
-    void WalkDirectory(Tree& tree, SDK::FileDescriptor directory, std::vector<KernelHandle>& pending) const;
-    bool List(Tree& tree, const FileHandle& handle) const;
-    std::size_t Share() const { return maxHandles / trees.size(); }
-
-    std::map<std::pair<int, std::string>, Tree> trees;  // by watch, and mount point below it or nothing
+    InodeMarks marks;
+    std::map<Key, WatchedTree> trees;
+    bool givenUp = false;
 };
 
 }  // namespace Engine
