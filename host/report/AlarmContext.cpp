@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/report/AlarmContext.h"
 
-#include <json/value.h>
-
 #include <ctime>
+#include <string_view>
 
+#include "host/sdk/JsonMembers.h"
 #include "host/sdk/TraceTime.h"
-#include "sdk/JsonUtils.h"
 
 namespace Engine {
 
 namespace {
+
+using SDK::JsonMembers::Member;
 
 std::chrono::nanoseconds Now(clockid_t clock)
 {
@@ -22,29 +23,36 @@ std::chrono::nanoseconds Now(clockid_t clock)
 // 0 when the document names none.
 int ThreadOf(const std::string& alarm)
 {
-    Json::Value document;
-    const bool isObject =
-        SDK::JsonUtils::ParseJsonStr(alarm.data(), alarm.size(), document) == 0 && document.isObject();
-    const Json::Value& processes = isObject ? document["process_info"] : Json::Value::nullSingleton();
-    const bool hasProcess = processes.isArray() && !processes.empty() && processes[0].isObject();
-    const Json::Value& pid = hasProcess ? processes[0]["process_pid"] : Json::Value::nullSingleton();
+    const Json::Value document = SDK::JsonMembers::Parse(alarm).value_or(Json::Value{});
+    const Json::Value& pid = Member(SDK::JsonMembers::First(Member(document, "process_info")), "process_pid");
     return pid.isInt() ? pid.asInt() : 0;
 }
 
 }  // namespace
 
+std::shared_ptr<const AlarmContext> AlarmContext::OfEvent()
+{
+    auto context = std::make_shared<AlarmContext>();
+    context->event = SDK::TraceTime::Current();
+    return context;
+}
+
 std::shared_ptr<const AlarmContext> AlarmContext::Take(const std::string& alarm, SDK::SystemView& system)
 {
     auto context = std::make_shared<AlarmContext>();
-    if (const auto when = SDK::TraceTime::Current()) {
-        context->time = *when + (Now(CLOCK_REALTIME) - Now(CLOCK_MONOTONIC));
+    context->event = SDK::TraceTime::Current();
+    context->clockOffset = Now(CLOCK_REALTIME) - Now(CLOCK_MONOTONIC);
+    constexpr std::string_view callEvent = "syscalls:sys_enter_";
+    if (const auto* event = SDK::TraceTime::Event(); event != nullptr && event->Name().starts_with(callEvent)) {
+        context->call = event->Name().substr(callEvent.size());
+        context->arguments = event->Numbers();
     }
     context->tid = ThreadOf(alarm);
     if (context->tid <= 0) {
         return context;
     }
     context->process = system.Describe(context->tid);
-    std::string container;
+    std::string& container = context->container;
     system.ContainerOf(context->tid, container);
     for (int pid = context->process ? context->process->parent : 0;
          pid > 0 && !container.empty() && context->ancestors.size() < maxAncestors;) {
@@ -56,6 +64,7 @@ std::shared_ptr<const AlarmContext> AlarmContext::Take(const std::string& alarm,
             break;
         }
         context->ancestors.push_back(*ancestor);
+        context->ancestors.back().process = pid;
         pid = ancestor->parent;
     }
     return context;

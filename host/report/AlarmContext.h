@@ -3,9 +3,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/Message.h"
@@ -14,14 +16,24 @@
 namespace Engine {
 
 struct AlarmContext {
-    // Of the event that the alarm is about, on CLOCK_REALTIME. Nothing for an alarm without one.
-    std::optional<std::chrono::nanoseconds> time;
+    // Of the event that the alarm is about, on CLOCK_MONOTONIC. Nothing for an alarm without one.
+    std::optional<std::chrono::nanoseconds> event;
+    // The rest only where it is asked for.
+    // What CLOCK_REALTIME was ahead of CLOCK_MONOTONIC then.
+    std::chrono::nanoseconds clockOffset{0};
+    // That event, when it is a system call: its name, and its arguments as they were recorded.
+    std::string call;
+    std::vector<std::pair<std::string, std::int64_t>> arguments;
     int tid = 0;
-    // The process, if it lives still, and its ancestors in its container, the parent first.
+    std::string container;  // of the process, as the host knows it; empty: of none
+    // The process, if it lives or its exec was recorded, and its ancestors in its container, the parent first.
     std::optional<SDK::ProcessDetails> process;
     std::vector<SDK::ProcessDetails> ancestors;
 
     static constexpr std::size_t maxAncestors = 16;
+
+    // Of the event alone. Thread: as Take.
+    static std::shared_ptr<const AlarmContext> OfEvent();
 
     // `alarm`: the document. Thread: the one that raises the alarm, while it handles the event.
     static std::shared_ptr<const AlarmContext> Take(const std::string& alarm, SDK::SystemView& system);
@@ -30,15 +42,20 @@ struct AlarmContext {
 // An alarm on its way to the report task.
 class AlarmReport : public Framework::DataMessage {
 public:
-    AlarmReport(const Framework::DataMessage& alarm, std::shared_ptr<const AlarmContext> context)
-        : Framework::DataMessage(alarm.Type(), alarm.Content()), context(std::move(context))
+    // `exception`: that holds for it; empty: none does.
+    AlarmReport(const Framework::DataMessage& alarm, std::shared_ptr<const AlarmContext> context, std::string exception)
+        : Framework::DataMessage(alarm.Type(), alarm.Content()),
+          context(std::move(context)),
+          exception(std::move(exception))
     {
     }
 
     const std::shared_ptr<const AlarmContext>& Context() const { return context; }
+    const std::string& Exception() const { return exception; }
 
 private:
     std::shared_ptr<const AlarmContext> context;
+    std::string exception;
 };
 
 }  // namespace Engine

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/report/AlarmDocument.h"
 
-#include <json/value.h>
-
 #include <algorithm>
 
+#include "host/sdk/AlarmLatency.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/JsonMembers.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
@@ -30,9 +30,11 @@ std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std:
     const bool isPlain = std::all_of(text.begin(), text.end(), IsPlain);
     std::string line = isPlain ? text : SDK::JsonUtils::JsonToString(root);
     line.erase(line.find_last_not_of('\n') + 1);
-    line = form ? form(line) : line;
+    line = form ? form(line, root) : line;
     line += '\n';
-    return std::make_shared<AlarmDocument>(std::move(line), sinks);
+    constexpr std::size_t maxClassBytes = 64;
+    return std::make_shared<AlarmDocument>(std::move(line), sinks,
+                                           SDK::JsonMembers::Text(root, "event_classid", maxClassBytes));
 }
 
 void AlarmDocument::Finish(bool written)
@@ -48,6 +50,17 @@ void AlarmDocument::Finish(bool written)
         CountLost();
     } else {
         ++sent;
+        CountSent();
+    }
+}
+
+void AlarmDocument::CountSent() const
+{
+    if (!classId.empty()) {
+        ++SDK::Counters::Get(SDK::CounterName::alarmsOfClass + classId);
+    }
+    if (event) {
+        SDK::AlarmLatency::Count(std::chrono::steady_clock::now().time_since_epoch() - *event);
     }
 }
 

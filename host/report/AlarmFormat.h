@@ -2,11 +2,13 @@
 // The forms in which alarms leave the agent.
 #pragma once
 
-#include <cstdint>
-#include <map>
+#include <json/value.h>
+
 #include <string>
+#include <utility>
 
 #include "host/report/AlarmContext.h"
+#include "host/report/AlarmEnvelope.h"
 #include "host/sdk/ContainerNames.h"
 
 namespace Engine {
@@ -23,21 +25,20 @@ public:
     // `form`: "plain", "envelope" or "text"; "auto": text for a terminal, else plain.
     static Form Parse(const std::string& form, bool isTerminal);
 
-    explicit AlarmFormat(Form form) : form(form) {}
+    explicit AlarmFormat(Form form, AlarmEnvelope::Settings settings = {}) : form(form), envelope(std::move(settings))
+    {
+    }
 
     bool WantsContext() const { return form == Form::Envelope; }
 
-    // `alarm`: a JSON object, printable ASCII. `context` and `names` may be null. `policy`: the SHA-256 of the policy
-    // in force.
-    std::string Format(const std::string& alarm, const AlarmContext* context, const SDK::ContainerNames* names,
-                       const std::string& policy);
+    // `alarm`: a JSON object, printable ASCII; `document`: the same, parsed. `context` and `names` may be null.
+    // `policy`: the SHA-256 of the policy in force. `exception`: that holds for the alarm; empty: none does.
+    std::string Format(const std::string& alarm, const Json::Value& document, const AlarmContext* context,
+                       const SDK::ContainerNames* names, const std::string& policy, const std::string& exception = {});
 
 private:
-    std::string Enveloped(const std::string& alarm, const AlarmContext* context, const SDK::ContainerNames* names,
-                          const std::string& policy);
-
     Form form;
-    std::map<std::string, std::uint64_t> lossesBefore;
+    AlarmEnvelope envelope;
 };
 
 }  // namespace Engine

@@ -7,32 +7,41 @@
 
 #include "host/report/ReportLog.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/JsonMembers.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
 
 namespace {
 
-// The container of an alarm that does not name it; empty for every other text.
-std::string NamelessContainer(const std::string& text, Json::Value& alarm)
+using SDK::JsonMembers::Member;
+using SDK::JsonMembers::Text;
+
+// The container of an alarm; empty for every other text.
+std::string ContainerOf(const std::string& text, Json::Value& alarm)
 {
     const bool isObject = SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), alarm) == 0 && alarm.isObject();
-    if (!isObject || alarm.isMember("container_name") || !alarm["resource_info"].isObject()) {
-        return {};
-    }
-    const Json::Value& id = alarm["resource_info"]["container_id"];
+    const Json::Value& id = isObject ? Member(Member(alarm, "resource_info"), "container_id") : alarm;
     return id.isString() ? id.asString() : std::string{};
 }
 
+// With what the alarm does not tell of its container.
 std::string Named(const std::string& text, Json::Value& alarm, const ContainerInfo* container)
 {
     if (container == nullptr) {
         return text;
     }
-    alarm["container_name"] = container->name;
-    alarm["image_name"] = container->imageName;
-    alarm["resource_info"]["image_id"] = container->imageId;
-    return SDK::JsonUtils::JsonToString(alarm);
+    bool isMore = false;
+    const auto complete = [&isMore](Json::Value& object, const char* key, const std::string& value) {
+        if (!object.isMember(key) || (Text(object, key).empty() && !value.empty())) {
+            object[key] = value;
+            isMore = true;
+        }
+    };
+    complete(alarm, "container_name", container->name);
+    complete(alarm, "image_name", container->imageName);
+    complete(alarm["resource_info"], "image_id", container->imageId);
+    return isMore ? SDK::JsonUtils::JsonToString(alarm) : text;
 }
 
 }  // namespace
@@ -45,13 +54,12 @@ std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::Co
         return text;
     }
     Json::Value alarm;
-    const std::string id = NamelessContainer(text, alarm);
+    const std::string id = ContainerOf(text, alarm);
     if (id.empty()) {
         return text;
     }
-    const auto found = names->Find(id);
-    if (found != nullptr || !names->IsAwaited(id) || waiting.size() >= capacity) {
-        return Named(text, alarm, found.get());
+    if (!names->IsAwaited(id) || waiting.size() >= capacity) {
+        return Named(text, alarm, names->Find(id).get());
     }
     ++deferred;
     ReportLog::Warning("alarm waits for the name of its container: %s", text);
@@ -68,7 +76,7 @@ void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, 
             continue;
         }
         Json::Value alarm;
-        NamelessContainer(each.text, alarm);
+        ContainerOf(each.text, alarm);
         const auto found = names == nullptr ? nullptr : names->Find(each.container);
         send(Named(each.text, alarm, found.get()), each.context);
     }

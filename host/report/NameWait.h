@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Alarms that wait for the name of their container. A container's bundle is read when its first process runs, and at
-// boot the agent is ready before the container engine, which has started its containers by the time it tells of them.
+// Alarms that wait for what there is to be known of their container. Its bundle is read, and engines are asked, when
+// its first process runs; at boot the agent is ready before the container engine, which has started its containers by
+// the time it tells of them.
 #pragma once
 
 #include <chrono>
@@ -28,9 +29,10 @@ public:
     // Alarms that may wait; more go out as they are.
     static constexpr std::size_t capacity = 1024;
 
-    // The alarm as it goes out now, with the name of its container if that has become known since it was raised.
-    // Nothing when it waits from now on: it has a container whose name is awaited. It is shown in the log meanwhile, as
-    // it may tell of an attack that ends the agent. `names`: null for none. `context` goes with the alarm.
+    // The alarm as it goes out now, with the names of its container that it lacks if they have become known since it
+    // was raised. Nothing when it waits from now on: it has a container of which more is awaited. It is shown in the
+    // log meanwhile, as it may tell of an attack that ends the agent. `names`: null for none. `context` goes with the
+    // alarm.
     std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now,
                                     const Context& context = {});
 

@@ -12,6 +12,7 @@
 #include "host/report/Sinks.h"
 #include "host/sdk/Config.h"
 #include "host/sdk/FindTask.h"
+#include "host/sdk/JsonMembers.h"
 
 namespace Engine {
 
@@ -27,6 +28,19 @@ std::string PolicyInForce()
     return Poco::Util::Application::instance().config().getString(SDK::Config::policySha256, "");
 }
 
+AlarmEnvelope::Settings EnvelopeSettings(const Poco::Util::AbstractConfiguration& settings)
+{
+    const auto parsed = [&settings](const char* key) {
+        return SDK::JsonMembers::Parse(settings.getRawString(key, "")).value_or(Json::Value{});
+    };
+    std::vector<std::string> expressions;
+    for (const Json::Value& expression : parsed(SDK::Config::redactions)) {
+        expressions.push_back(expression.asString());
+    }
+    const Json::Value labels = parsed(SDK::Config::hostLabels);
+    return {labels.isObject() ? labels : Json::Value(Json::objectValue), SDK::Redaction(expressions)};
+}
+
 class ReportModule : public Framework::Module {
 public:
     ReportModule() : Framework::Module("report_module") {}
@@ -38,7 +52,9 @@ public:
         const bool isTerminal = !settings.has(SDK::Config::alarmsFile) && ::isatty(STDOUT_FILENO) == 1;
         data = std::make_unique<DataReportTask>(
             MakeSinks(settings), FindNames,
-            AlarmFormat::Parse(settings.getString(SDK::Config::alarmsFormat, "auto"), isTerminal), PolicyInForce);
+            AlarmFormat(AlarmFormat::Parse(settings.getString(SDK::Config::alarmsFormat, "auto"), isTerminal),
+                        EnvelopeSettings(settings)),
+            PolicyInForce, settings.getBool(SDK::Config::showExcepted, false));
         if (RegisterTask(commands.get(), false) != 0 || RegisterTask(data.get(), false) != 0) {
             ReportLog::Error("report tasks refused: another module has their names");
             return -1;

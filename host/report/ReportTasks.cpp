@@ -26,11 +26,12 @@ bool IsAlarm(const Framework::Message* message)
 }  // namespace
 
 DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, FindNames findNames,
-                               AlarmFormat::Form form, FindPolicy findPolicy)
+                               AlarmFormat alarmFormat, FindPolicy findPolicy, bool showExcepted)
     : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity),
       findNames(std::move(findNames)),
       findPolicy(std::move(findPolicy)),
-      format(form)
+      format(std::move(alarmFormat)),
+      showExcepted(showExcepted)
 {
     for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
         sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
@@ -39,15 +40,25 @@ DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToSe
 
 int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
 {
-    if (format.WantsContext() && IsAlarm(message.get())) {
+    const bool isAlarm = IsAlarm(message.get());
+    std::optional<Exceptions::Match> excepted;
+    if (isAlarm) {
         const auto& alarm = dynamic_cast<const Framework::DataMessage&>(*message);
-        message = std::make_shared<AlarmReport>(alarm, AlarmContext::Take(alarm.Content(), SDK::SystemView::Current()));
+        SDK::SystemView& system = SDK::SystemView::Current();
+        const auto context = format.WantsContext() || exceptions.AreThere()
+                                 ? AlarmContext::Take(alarm.Content(), system)
+                                 : AlarmContext::OfEvent();
+        excepted = exceptions.Find(alarm.Content(), *context, system);
+        message = std::make_shared<AlarmReport>(alarm, context, excepted ? excepted->name : std::string{});
     }
-    const int result = Framework::Task::EnqueueMsg(message);
-    if (result != 0 && IsAlarm(message.get())) {
+    if (excepted) {
+        Exceptions::Count(*excepted);
+    }
+    const int result = excepted && !showExcepted ? 0 : Framework::Task::EnqueueMsg(message);
+    if (result != 0 && isAlarm) {
         AlarmDocument::CountLost();
     }
-    return result;
+    return excepted && excepted->mustBeRefused ? -1 : result;
 }
 
 int DataReportTask::HandleMsg(const Framework::Message* message)
@@ -60,7 +71,7 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
         const auto* report = dynamic_cast<const AlarmReport*>(data);
         const auto context = report != nullptr ? report->Context() : nullptr;
         const auto alarm = unnamed.Pass(data->Content(), Names(), NameWait::Clock::now(), context);
-        return alarm ? Report(*alarm, context.get()) : 0;
+        return alarm ? Report(*alarm, context.get(), report != nullptr ? report->Exception() : "") : 0;
     }
     ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
@@ -74,20 +85,34 @@ int DataReportTask::Run()
     Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
     BulkConsumeMsg(static_cast<int>(queueCapacity));
     unnamed.Release(Names(), NameWait::Clock::now(),
-                    [this](const std::string& alarm, const auto& context) { Report(alarm, context.get()); });
+                    [this](const std::string& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
     return 0;
 }
 
-int DataReportTask::Report(const std::string& alarm, const AlarmContext* context)
+void DataReportTask::ReportNamed(const std::string& alarm, const AlarmContext* context)
+{
+    const auto excepted = context != nullptr ? exceptions.Find(alarm, *context, SDK::SystemView::Current())
+                                             : std::optional<Exceptions::Match>{};
+    if (excepted) {
+        Exceptions::Count(*excepted);
+    }
+    if (!excepted || showExcepted) {
+        Report(alarm, context, excepted ? excepted->name : std::string{});
+    }
+}
+
+int DataReportTask::Report(const std::string& alarm, const AlarmContext* context, const std::string& exception)
 {
     const std::shared_ptr<AlarmDocument> document =
-        AlarmDocument::Make(alarm, sinks.size(), [this, context](const std::string& text) {
-            return format.Format(text, context, Names(), findPolicy ? findPolicy() : std::string{});
+        AlarmDocument::Make(alarm, sinks.size(), [&](const std::string& text, const Json::Value& document) {
+            return format.Format(text, document, context, Names(), findPolicy ? findPolicy() : std::string{},
+                                 exception);
         });
     if (document == nullptr) {
         ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.size());
         return -1;
     }
+    document->SetEvent(context != nullptr ? context->event : std::nullopt);
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->Push(document);
     }
@@ -99,7 +124,7 @@ int DataReportTask::UnInit()
     while (BulkConsumeMsg(queueCapacity) > 0) {
     }
     unnamed.Release(nullptr, NameWait::Clock::now(),
-                    [this](const std::string& alarm, const auto& context) { Report(alarm, context.get()); });
+                    [this](const std::string& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->End(drainBound);
     }

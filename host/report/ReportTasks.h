@@ -10,6 +10,7 @@
 #include "framework/Task.h"
 #include "host/report/AlarmFormat.h"
 #include "host/report/AlarmSink.h"
+#include "host/report/Exceptions.h"
 #include "host/report/NameWait.h"
 #include "host/report/SinkQueue.h"
 
@@ -17,7 +18,7 @@ namespace Engine {
 
 // "data_comm_report_task": hands each alarm document (a DataMessage of type "2") to every sink. Reports of other types
 // have no receiver here and are logged. Its thread never waits for a sink.
-class DataReportTask : public Framework::Task {
+class DataReportTask : public Framework::Task, public ExceptionTaker {
 public:
     // Null while there are none: they come and go with their module.
     using FindNames = std::function<const SDK::ContainerNames*()>;
@@ -27,10 +28,14 @@ public:
 
     // `sinks`: at least one.
     explicit DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinks, FindNames findNames = {},
-                            AlarmFormat::Form form = AlarmFormat::Form::Plain, FindPolicy findPolicy = {});
+                            AlarmFormat format = AlarmFormat(AlarmFormat::Form::Plain), FindPolicy findPolicy = {},
+                            bool showExcepted = false);
 
-    // Looks at the alarm's process, if the form wants it: on the thread that raises the alarm, as early as can be.
-    // Counts an alarm that the queue of the task refuses as lost.
+    void TakeExceptions(std::vector<SDK::ExceptionRule> rules) override { exceptions.Replace(std::move(rules)); }
+
+    // Keeps the time of the event, and looks at the alarm's process if the form or an exception wants it: on the thread
+    // that raises the alarm, as early as can be. Counts an alarm that the queue of the task refuses as lost. -1 as well
+    // for one that an exception for a program holds for, whether it is shown or not (Exceptions::Match::mustBeRefused).
     int EnqueueMsg(std::shared_ptr<Framework::Message>& message) override;
     // 0, or -1 for a message that is no report and for an alarm that is not a JSON object.
     int HandleMsg(const Framework::Message* message) override;
@@ -40,13 +45,18 @@ public:
 
 private:
     const SDK::ContainerNames* Names() const { return findNames ? findNames() : nullptr; }
-    int Report(const std::string& alarm, const AlarmContext* context);
+    // `exception`: that holds for the alarm; empty: none does.
+    int Report(const std::string& alarm, const AlarmContext* context, const std::string& exception);
+    // Of an alarm that has waited for the name of its container.
+    void ReportNamed(const std::string& alarm, const AlarmContext* context);
 
     std::vector<std::unique_ptr<SinkQueue>> sinks;
     FindNames findNames;
     FindPolicy findPolicy;
     NameWait unnamed;
     AlarmFormat format;
+    Exceptions exceptions;
+    bool showExcepted;
 };
 
 // "cmd_comm_report_task": takes the commands meant for a management side. This agent has none, so it logs them.

@@ -29,6 +29,7 @@ SinkQueue::SinkQueue(std::unique_ptr<AlarmSink> sinkToServe, std::size_t capacit
     : sink(std::move(sinkToServe)),
       capacity(capacity),
       lost(SDK::Counters::Get("alarms.lost_" + sink->Name())),
+      refused(SDK::Counters::Get(SDK::CounterName::alarmsRefused)),
       thread([this] { Work(); })
 {
 }
@@ -106,6 +107,7 @@ bool SinkQueue::KeepBack(const AlarmDocument& document, const std::string& failu
     if (isEnding) {
         return false;
     }
+    ++refused;
     const bool isFirst = shown == 0;
     for (std::size_t i = isFirst ? 0 : shown - 1; i < documents.size(); ++i) {
         unseen.push_back(documents[i]);

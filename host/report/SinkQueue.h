@@ -55,6 +55,7 @@ private:
     std::unique_ptr<AlarmSink> sink;
     std::size_t capacity;
     SDK::Counters::Counter& lost;
+    SDK::Counters::Counter& refused;
     StopDeadline deadline;
     std::mutex mutex;  // of the members below; never held while the sink writes
     std::deque<std::shared_ptr<AlarmDocument>> documents;

@@ -33,7 +33,7 @@ private:
 };
 
 // Looks before each line whether the file is still at its path: what a program that rotates logs has renamed, or
-// somebody deleted, gets no line more.
+// another deleted, gets no line more.
 class FileSink : public AlarmSink {
 public:
     FileSink(std::string path, std::size_t maxBytes, unsigned int kept)
