@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Agent.h"
 
-#include <Poco/SHA2Engine.h>
 #include <malloc.h>
 #include <unistd.h>
 
@@ -10,17 +9,17 @@
 #include <exception>
 #include <functional>
 #include <future>
-#include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <utility>
 
+#include "host/agent/EngineOptions.h"
 #include "host/agent/Machine.h"
+#include "host/agent/Settings.h"
 #include "host/agent/StatusReport.h"
+#include "host/agent/Tasks.h"
 #include "host/agent/Watchdog.h"
-#include "host/filenotify/FileStatus.h"
-#include "host/ftrace/TraceStatus.h"
 #include "host/sdk/ContainerNames.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/Impairments.h"
@@ -38,29 +37,20 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char policyId[] = "10001";
 constexpr char featureName[] = "containerescape";
-constexpr char noEntries[] =
-    R"({"content": {"image_white_namelist": [],
-                    "container_escape_detect_task": {"highrisk_calls": [], "host_directorys": []}}})";
-constexpr char detectionTask[] = "container_escape_detect_task";
 
-constexpr auto startBound = 30s;  // a machine so busy that the subscriptions take longer is not being watched
-constexpr char reportTask[] = "data_comm_report_task";
-constexpr char alarmType[] = "2";  // of a report
-constexpr char traceTask[] = "ftrace_task";
-constexpr char collectorTask[] = "container_collect_task";
-constexpr auto collectorBound = 700ms;  // an engine that hangs must not delay detection by more
-constexpr char fileNotifyTask[] = "filenotify_task";
+constexpr auto startBound = 30s;         // a machine so busy that the subscriptions take longer is not being watched
+constexpr char alarmType[] = "2";        // of a report
+constexpr auto collectorBound = 700ms;   // an engine that hangs must not delay detection by more
 constexpr auto fileWatchBound = 5000ms;  // a tree without filesystem marks is walked, and may be large
 // All that an alarm passes through. The collector is not among them: it reads what others write, and may take long.
-constexpr std::array<const char*, 5> realtimeThreads{traceTask, fileNotifyTask, detectionTask, reportTask,
+constexpr std::array<const char*, 5> realtimeThreads{Tasks::trace, Tasks::fileNotify, Tasks::detection, Tasks::report,
                                                      "alarm_sink"};
 constexpr auto flushBound = 200ms;
 constexpr auto stopBound = 2s;
 constexpr auto longestStandstill = 2s;  // of a task; it passes once a second and more
 constexpr auto checkInterval = 1000ms;
 constexpr auto trimInterval = 60s;  // of memory that a storm, or many containers at once, left in pieces
-constexpr std::chrono::seconds statisticsInterval = 10s;  // of the statistics file, where no status lines are asked for
-constexpr auto signalCheck = 20ms;                        // while waiting for something that no descriptor tells
+constexpr auto signalCheck = 20ms;  // while waiting for something that no descriptor tells
 constexpr std::size_t maxWarnings = 20;
 
 // Is called by the task that handles it. A queue keeps the order of what one thread sends, and no other.
@@ -100,46 +90,7 @@ std::string Joined(const std::vector<std::string>& lines)
     return text.substr(0, maxBytes);
 }
 
-std::string Sha256(const std::string& text)
-{
-    Poco::SHA2Engine hash;
-    hash.update(text);
-    return Poco::DigestEngine::digestToHex(hash.digest());
-}
-
-// Null when there is no trace.
-::Engine::TraceStatus* Trace(Framework::Engine& engine)
-{
-    return dynamic_cast<::Engine::TraceStatus*>(engine.FindTask(traceTask));
-}
-
-KernelCoverage Coverage(Framework::Engine& engine)
-{
-    auto* trace = Trace(engine);
-    const auto* files = dynamic_cast<::Engine::FileStatus*>(engine.FindTask(fileNotifyTask));
-    return {trace != nullptr ? trace->RecordedEvents() : std::set<std::string>{},
-            files != nullptr ? files->Watches() : std::map<std::string, std::string>{}, CallEventsDir()};
-}
-
 }  // namespace
-
-StartPlan MakePlan(const Options& options)
-{
-    StartPlan plan{options,
-                   options.policyFile.empty() ? ParsePolicy(noEntries) : LoadPolicy(options.policyFile),
-                   ModulePaths(options),
-                   options.warnings,
-                   {}};
-    if (!options.alarmsFile.empty()) {
-        plan.alarmsLock = CheckAlarmsFile(options.alarmsFile, plan.warnings);
-    }
-    if (!options.statsFile.empty()) {
-        if (const std::error_code error = WriteStatistics(options.statsFile, {})) {
-            throw BadInput("statistics file " + options.statsFile + ": " + error.message());
-        }
-    }
-    return plan;
-}
 
 HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
 {
@@ -149,19 +100,7 @@ HostAgent::HostAgent(StartPlan startPlan) : plan(std::move(startPlan))
     Poco::Logger::setChannel("", log);
     SDK::LoggerUtils::GetInstance()->SetLevel(options.logLevel);
     SDK::Realtime::Configure(options.realtimePercent, {realtimeThreads.begin(), realtimeThreads.end()});
-    auto& settings = engine.config();
-    settings.setString(SDK::Config::dockerSocket, options.dockerSocket);
-    if (!options.alarmsFile.empty()) {
-        settings.setString(SDK::Config::alarmsFile, options.alarmsFile);
-        settings.setUInt64(SDK::Config::alarmsMaxBytes, std::uint64_t{options.alarmsMaxMb} * 1'000'000);
-        settings.setUInt(SDK::Config::alarmsKept, options.alarmsKept);
-    }
-    settings.setString(SDK::Config::alarmsFormat, options.alarmFormat);
-    settings.setString(SDK::Config::policySha256, Sha256(plan.policy.text));
-    settings.setString(SDK::Config::syscallSource, options.syscallSource);
-    if (options.bufferKb != 0) {
-        settings.setUInt(SDK::Config::traceBufferKb, options.bufferKb);
-    }
+    GiveSettings(plan, engine.config());
 }
 
 ExitCode HostAgent::Run()
@@ -196,13 +135,12 @@ Readiness HostAgent::Try(const std::function<void()>& meanwhile)
 
 bool HostAgent::Start()
 {
-    if (plan.options.dockerSocket != SDK::Config::noEngine && !EngineAnswers(plan.options.dockerSocket)) {
-        plan.warnings.push_back("no container engine at " + plan.options.dockerSocket +
-                                ", alarms go without names of containers and images until there is one");
-    }
+    const std::vector<std::string> missing = MissingEngines(plan.engines);
+    plan.warnings.insert(plan.warnings.end(), missing.begin(), missing.end());
     if (plan.options.command == Command::Run) {
         Warn(plan.warnings);
     }
+    Progress::Show("loading the modules");
     for (const std::string& path : plan.modules) {
         std::string error;
         if (!engine.LoadModule(path, error)) {
@@ -211,12 +149,15 @@ bool HostAgent::Start()
     }
     // Containers that run already are announced when detection starts: their images must be known by then, or one that
     // is whitelisted would be watched.
-    engine.WaitStarted(collectorTask, collectorBound);
+    Progress::Show("asking the container engine");
+    engine.WaitStarted(Tasks::collector, collectorBound);
     return Apply("ready");
 }
 
 bool HostAgent::Apply(const char* occasion)
 {
+    Progress::Show("starting detection");
+    Tasks::GiveExceptions(engine, plan.options.exceptions);
     if (!engine.ApplyPolicy(policyId, featureName, plan.policy.text)) {
         throw std::runtime_error("no module took the policy");
     }
@@ -225,7 +166,8 @@ bool HostAgent::Apply(const char* occasion)
     }
     AwaitFileWatches();
     const bool isFirst = std::exchange(expectedTasks, engine.RunningTasks()).empty();
-    readiness = Look();
+    readiness = Readiness::Look(engine, plan);
+    telemetry.Applied(readiness, impairments.Lately());
     if (plan.options.command != Command::Run) {
         return true;
     }
@@ -243,7 +185,7 @@ bool HostAgent::WaitForDetection()
     using StartResult = Framework::Engine::StartResult;
     const auto deadline = Clock::now() + startBound;
     while (true) {
-        const StartResult result = engine.WaitStarted(detectionTask, signalCheck);
+        const StartResult result = engine.WaitStarted(Tasks::detection, signalCheck);
         if (result == StartResult::Running) {
             return true;
         }
@@ -264,25 +206,18 @@ bool HostAgent::WaitForDetection()
 // are in place: only then is it true that the agent is ready.
 void HostAgent::AwaitFileWatches()
 {
-    Framework::Task* detection = engine.FindTask(detectionTask);
+    Framework::Task* detection = engine.FindTask(Tasks::detection);
     const auto inPlace = std::make_shared<std::promise<void>>();
     std::shared_ptr<Framework::Message> first = std::make_shared<Call>([detection, inPlace] {
-        detection->SendDirectMsg(fileNotifyTask, new Call([inPlace] { inPlace->set_value(); }));
+        detection->SendDirectMsg(Tasks::fileNotify, new Call([inPlace] { inPlace->set_value(); }));
     });
     if (detection != nullptr && detection->EnqueueMsg(first) == 0) {
         inPlace->get_future().wait_for(fileWatchBound);
     }
 }
 
-// Of the counters, in a line or a file.
-std::chrono::milliseconds HostAgent::StatusInterval() const
-{
-    return plan.options.statusInterval > 0ms ? plan.options.statusInterval : statisticsInterval;
-}
-
 void HostAgent::Watch()
 {
-    auto nextStatus = Clock::now() + StatusInterval();
     auto nextTrim = Clock::now() + trimInterval;
     while (true) {
         const Signals::Event event = signals.Wait(checkInterval);
@@ -291,13 +226,7 @@ void HostAgent::Watch()
         }
         CheckTasks();
         LookAfterItself();
-        if (Clock::now() >= nextStatus) {
-            nextStatus = Clock::now() + StatusInterval();
-            if (plan.options.statusInterval > 0ms) {
-                ReportCounters("status: ");
-            }
-            KeepStatistics();
-        }
+        telemetry.Look(impairments.Lately(), Clock::now());
         if (Clock::now() >= nextTrim) {
             nextTrim = Clock::now() + trimInterval;
             ::malloc_trim(0);
@@ -317,7 +246,7 @@ bool HostAgent::Reload()
         return true;
     }
     plan.policy = std::move(next);
-    engine.config().setString(SDK::Config::policySha256, Sha256(plan.policy.text));
+    engine.config().setString(SDK::Config::policySha256, plan.policy.sha256);
     TakeOver(options);
     LockAlarmsFile();
     return Apply("policy replaced");
@@ -326,7 +255,7 @@ bool HostAgent::Reload()
 // What changes while the agent runs.
 void HostAgent::TakeOver(const Options& next)
 {
-    const std::set<std::string> changeable{"policy", "require-all", "log-level", "status-interval"};
+    const std::set<std::string> changeable{"policy", "require-all", "log-level", "status-interval", exceptionsKey};
     std::vector<std::string> warnings = next.warnings;
     for (const auto& [name, value] : next.values) {
         const auto now = plan.options.values.find(name);
@@ -334,6 +263,7 @@ void HostAgent::TakeOver(const Options& next)
             warnings.push_back(name + " of the configuration takes effect at the next start");
         }
     }
+    plan.options.exceptions = next.exceptions;
     plan.options.policyFile = next.policyFile;
     plan.options.requireAll = next.requireAll;
     plan.options.statusInterval = next.statusInterval;
@@ -361,15 +291,15 @@ void HostAgent::LockAlarmsFile()
 ExitCode HostAgent::Stop(ExitCode code)
 {
     serviceManager.Stopping();
+    Progress::Show("stopping");
     const Watchdog watchdog(stopBound, "the stop");
     const SDK::Realtime::Loan promptly;  // or a storm makes the stop take seconds
     try {
+        telemetry.EndServing();
         engine.Stop();
         log->Flush(flushBound);
-        if (plan.options.command == Command::Run) {
-            ReportCounters(code == cleanStop ? "stopped: " : "stopped after a failure: ");
-        }
-        KeepStatistics();
+        const bool isRun = plan.options.command == Command::Run;
+        telemetry.Close(!isRun ? "" : code == cleanStop ? "stopped: " : "stopped after a failure: ");
     } catch (const std::exception& problem) {
         Say(std::string("stop failed: ") + problem.what());
         code = failed;
@@ -401,7 +331,7 @@ void HostAgent::LookAfterItself()
 bool HostAgent::IsAtWork() const
 {
     bool isAtWork = true;
-    for (const char* task : {traceTask, detectionTask}) {
+    for (const char* task : {Tasks::trace, Tasks::detection}) {
         if (Clock::now() - engine.LastProgress(task) > longestStandstill) {
             SDK::Impairments::Report("agent stopped", std::string("no progress in ") + task);
             isAtWork = false;
@@ -412,69 +342,20 @@ bool HostAgent::IsAtWork() const
 
 void HostAgent::ReportImpairments()
 {
-    if (auto* trace = Trace(engine); trace != nullptr) {
+    if (auto* trace = Tasks::Trace(engine); trace != nullptr) {
         if (const std::string found = Joined(trace->Repair()); !found.empty()) {
             SDK::Impairments::Report("tracefs tampered with", found);
         }
     }
-    auto* names = dynamic_cast<::Engine::ContainerMetaInfo*>(engine.FindTask(collectorTask));
+    auto* names = dynamic_cast<::Engine::ContainerMetaInfo*>(engine.FindTask(Tasks::collector));
     impairments.Look(Clock::now(), SDK::Counters::Snapshot(), names);
 }
 
 void HostAgent::SendAlarm(const std::string& document)
 {
     std::shared_ptr<Framework::Message> alarm = std::make_shared<Framework::DataMessage>(alarmType, document);
-    if (Framework::Task* report = engine.FindTask(reportTask); report != nullptr) {
+    if (Framework::Task* report = engine.FindTask(Tasks::report); report != nullptr) {
         report->EnqueueMsg(alarm);
-    }
-}
-
-Readiness HostAgent::Look()
-{
-    const auto* trace = Trace(engine);
-    const auto* names = dynamic_cast<SDK::ContainerNames*>(engine.FindTask(collectorTask));
-    Readiness now{plan.policy.calls.size(),
-                  plan.policy.directories.size(),
-                  Examine(plan.policy, Coverage(engine)),
-                  names != nullptr && names->HaveEngine() ? plan.options.dockerSocket : std::string{},
-                  CountContainers(),
-                  trace == nullptr ? std::string{} : trace->CallPlace(),
-                  plan.warnings};
-    now.warnings.insert(now.warnings.end(), now.coverage.warnings.begin(), now.coverage.warnings.end());
-    return now;
-}
-
-std::string Readiness::InWords() const
-{
-    std::string detectors;
-    for (const std::string& detector : coverage.detectors) {
-        detectors += ", " + detector;
-    }
-    const std::string engineText = engine.empty() ? "no engine" : "engine " + engine;
-    return SDK::StrUtils::Format(
-               "watching %zu of %zu listed calls, %zu of %zu listed directories%s, %s, %zu containers", coverage.calls,
-               listedCalls, coverage.directories, listedDirectories, detectors.c_str(), engineText.c_str(),
-               containers) +
-           (callPlace.empty() ? "" : ", system calls at " + callPlace);
-}
-
-bool Readiness::IsComplete() const
-{
-    return coverage.calls == listedCalls && coverage.directories == listedDirectories && coverage.hasAllDetectors;
-}
-
-void HostAgent::ReportCounters(const char* occasion) const
-{
-    Say(occasion + StatusLine(SDK::Counters::Snapshot()));
-}
-
-void HostAgent::KeepStatistics() const
-{
-    if (plan.options.statsFile.empty()) {
-        return;
-    }
-    if (const std::error_code error = WriteStatistics(plan.options.statsFile, SDK::Counters::Snapshot())) {
-        Say("warning: statistics file " + plan.options.statsFile + ": " + error.message());
     }
 }
 

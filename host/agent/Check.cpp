@@ -25,7 +25,9 @@ struct Finding {
 Finding Try(const Options& options)
 {
     Finding found;
+    const Progress progress;
     try {
+        Progress::Show("reading the policy");
         StartPlan plan = MakePlan(options);
         if (const std::string reason = WhyNotHere(); !reason.empty()) {
             throw BadInput(reason);
@@ -44,13 +46,16 @@ std::string Kernel()
     return std::string(name.sysname) + " " + name.release + " " + name.machine;
 }
 
-std::string InWords(const Finding& found)
+std::string InWords(const Finding& found, const ExceptionRules& exceptions)
 {
     std::string text = "kernel: " + Kernel() + "\n";
     if (!found.error.empty()) {
         return text + Line("error: " + found.error) + "It would not start.\n";
     }
     text += Line(found.readiness.InWords());
+    for (const SDK::ExceptionRule& rule : exceptions) {
+        text += Line(Describe(rule));
+    }
     for (const std::string& warning : found.readiness.warnings) {
         text += Line("warning: " + warning);
     }
@@ -76,7 +81,7 @@ Json::Value List(const std::vector<std::string>& texts)
     return list;
 }
 
-std::string AsJson(const Finding& found)
+std::string AsJson(const Finding& found, const ExceptionRules& exceptions)
 {
     const Readiness& readiness = found.readiness;
     Json::Value document;
@@ -89,8 +94,9 @@ std::string AsJson(const Finding& found)
         document["calls"] = Counts(readiness.coverage.calls, readiness.listedCalls);
         document["directories"] = Counts(readiness.coverage.directories, readiness.listedDirectories);
         document["detectors"] = List(readiness.coverage.detectors);
-        document["engine"] = readiness.engine.empty() ? Json::Value{} : Json::Value{readiness.engine};
+        document["engines"] = List(readiness.engines);
         document["containers"] = static_cast<Json::UInt64>(readiness.containers);
+        document["exceptions"] = ToJson(exceptions);
         document["system_calls_at"] = readiness.callPlace;
     }
     return SDK::JsonUtils::JsonToString(document) + "\n";
@@ -101,7 +107,7 @@ std::string AsJson(const Finding& found)
 ExitCode Check(const Options& options)
 {
     const Finding found = Try(options);
-    const std::string text = options.asJson ? AsJson(found) : InWords(found);
+    const std::string text = options.asJson ? AsJson(found, options.exceptions) : InWords(found, options.exceptions);
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         return failed;
     }

@@ -1,32 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Configuration.h"
 
-#include <algorithm>
-#include <numeric>
 #include <utility>
 
 #include "host/agent/Console.h"
 #include "host/agent/Document.h"
+#include "host/agent/Nearest.h"
+#include "sdk/JsonUtils.h"
 
 namespace Agent {
 
 namespace {
-
-// How many insertions, deletions and exchanges of a character make one text of the other (Levenshtein).
-std::size_t Distance(const std::string& a, const std::string& b)
-{
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0U);
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < b.size(); ++j) {
-            const std::size_t exchanged = diagonal + (a[i] == b[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
-        }
-    }
-    return row.back();
-}
 
 // A text or an integer.
 std::string ValueOf(const Document& document, const Json::Value& value, const std::string& key)
@@ -38,50 +22,69 @@ std::string ValueOf(const Document& document, const Json::Value& value, const st
     return value.asString();
 }
 
+std::vector<std::string> KeysOf(const std::map<std::string, OptionKind>& options)
+{
+    std::vector<std::string> keys{exceptionsKey};
+    for (const auto& [key, kind] : options) {
+        keys.push_back(key);
+    }
+    return keys;
+}
+
+// Without its place.
+Setting SettingOf(const Document& document, const Json::Value& value, const std::string& key, OptionKind kind)
+{
+    const std::string option = "--" + key;
+    Setting setting{key, {}, {}, {}};
+    if (kind == OptionKind::Flag) {
+        document.Demand(value, Json::booleanValue, key);
+        setting.words.resize(value.asBool() ? 1 : 0, option);
+        setting.value = value.asBool() ? "true" : "false";
+    } else if (kind == OptionKind::List && value.isArray() && !value.empty()) {
+        for (const Json::Value& each : value) {
+            document.Demand(each, Json::stringValue, key);
+            setting.words.push_back(std::string{option}.append("=").append(each.asString()));
+            setting.value.append(setting.value.empty() ? "" : ", ").append(each.asString());
+        }
+    } else {
+        setting.value = ValueOf(document, value, key);
+        setting.words.push_back(std::string{option}.append("=").append(setting.value));
+    }
+    return setting;
+}
+
 }  // namespace
 
-std::vector<Setting> ReadConfiguration(const std::string& path,
-                                       const std::function<bool(const std::string& key)>& isFlag,
-                                       std::vector<std::string>& warnings)
+Configuration ReadConfiguration(const std::string& path, const std::map<std::string, OptionKind>& options,
+                                std::vector<std::string>& warnings)
 {
-    std::vector<Setting> settings;
+    Configuration configuration;
     try {
         const Document document(Document::Read("configuration", path, warnings));
         for (const std::string& key : document.Root().getMemberNames()) {
             const Json::Value& value = document.Root()[key];
             const std::string place = document.PlaceOf(value);
-            Setting setting{key, {}, {}, path};
-            setting.place.append(", ").append(place);
-            bool isSwitch = false;
-            try {
-                isSwitch = isFlag(key);
-            } catch (const BadInput& problem) {
-                throw BadInput(place + ": " + problem.what());
-            }
-            if (isSwitch) {
-                document.Demand(value, Json::booleanValue, key);
-                setting.word = value.asBool() ? "--" + key : "";
-                setting.value = value.asBool() ? "true" : "false";
+            const auto option = options.find(key);
+            Setting setting{key, {}, {}, {}};
+            if (key == exceptionsKey) {
+                configuration.exceptions = ParseExceptions(document, value);
+                setting.value = SDK::JsonUtils::JsonToString(ToJson(configuration.exceptions));
+            } else if (option == options.end()) {
+                throw BadInput(std::string{place}
+                                   .append(": unknown key \"")
+                                   .append(key)
+                                   .append("\"")
+                                   .append(NearestInWords(key, KeysOf(options))));
             } else {
-                setting.value = ValueOf(document, value, key);
-                setting.word = "--" + key + "=" + setting.value;
+                setting = SettingOf(document, value, key, option->second);
             }
-            settings.push_back(std::move(setting));
+            setting.place = std::string{path}.append(", ").append(place);
+            configuration.settings.push_back(std::move(setting));
         }
     } catch (const BadInput& problem) {
         throw BadInput("configuration " + path + ": " + problem.what());
     }
-    return settings;
-}
-
-std::string Nearest(const std::string& name, const std::vector<std::string>& names)
-{
-    const auto nearest = std::min_element(names.begin(), names.end(), [&name](const auto& a, const auto& b) {
-        return Distance(name, a) < Distance(name, b);
-    });
-    const bool isSimilar =
-        nearest != names.end() && Distance(name, *nearest) <= std::max<std::size_t>(2, name.size() / 3);
-    return isSimilar ? *nearest : std::string{};
+    return configuration;
 }
 
 }  // namespace Agent

@@ -9,14 +9,43 @@
 
 namespace Agent {
 
-void Say(std::string_view text)
+namespace {
+
+bool showsProgress = false;
+
+void Write(const std::string& text)
 {
     constexpr std::chrono::milliseconds patience{200};
-    const std::string line = "containerescape-agent: " + Line(text);
     SDK::StopDeadline deadline;
     deadline.Set(patience);
     std::error_code error;
-    SDK::LineStream::Duplicate(STDERR_FILENO, error).Write(line, deadline);
+    SDK::LineStream::Duplicate(STDERR_FILENO, error).Write(text, deadline);
+}
+
+}  // namespace
+
+void Say(std::string_view text)
+{
+    Write("containerescape-agent: " + Line(text));
+}
+
+Progress::Progress()
+{
+    showsProgress = ::isatty(STDERR_FILENO) == 1;
+}
+
+Progress::~Progress()
+{
+    Show("");
+    showsProgress = false;
+}
+
+// The line is erased (ESC [K), and the cursor stays at its begin: the next writer begins there.
+void Progress::Show(std::string_view text)
+{
+    if (showsProgress) {
+        Write(std::string{"\r\033[K"}.append(text).append("\r"));
+    }
 }
 
 std::string Line(std::string_view text)

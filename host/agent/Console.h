@@ -29,6 +29,19 @@ void Say(std::string_view text);
 // `text` as one line, with its end: what another chose in it cannot break it or change the terminal.
 std::string Line(std::string_view text);
 
+// On a terminal, and only there, a line on standard error that says what is being done, until it is destroyed. Each
+// text takes the place of the one before; whatever else is written there meanwhile, too. Thread: the main thread.
+class Progress {
+public:
+    Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    ~Progress();
+
+    // Without effect while there is none.
+    static void Show(std::string_view text);
+};
+
 // Opens /dev/null for each standard descriptor that the program was started without, so that no file that it opens
 // later takes the place and gets alarms or log lines. Writing to such a standard output fails and is counted.
 void OpenMissingStandardDescriptors();

@@ -1,18 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/Document.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
 #include "host/agent/Console.h"
-#include "host/sdk/FileDescriptor.h"
-#include "sdk/FileUtils.h"
+#include "host/sdk/RegularFile.h"
 #include "sdk/JsonUtils.h"
 
 namespace Agent {
@@ -44,27 +40,14 @@ const char* KindName(Json::ValueType type)
 
 std::string Document::Read(const char* kind, const std::string& path, std::vector<std::string>& warnings)
 {
-    // What was opened is looked at, not what the path leads to: it may lead elsewhere a moment later. A pipe or a
-    // device could keep the agent waiting, at the start and whenever the policy is read again.
-    const SDK::FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    struct stat status {};
-    if (!file || ::fstat(file.Get(), &status) != 0) {
-        throw BadInput(std::strerror(errno));
+    SDK::RegularFile file = SDK::RegularFile::Read(path, maxBytes);
+    if (!file.error.empty()) {
+        throw BadInput(file.error);
     }
-    if (!S_ISREG(status.st_mode)) {
-        throw BadInput("is not a regular file");
-    }
-    if ((status.st_mode & S_IWOTH) != 0) {
+    if ((file.mode & S_IWOTH) != 0) {
         warnings.push_back(std::string(kind) + " " + path + " may be changed by every user of this host");
     }
-    std::string text;
-    if (SDK::FileUtils::ReadFile("/proc/self/fd/" + std::to_string(file.Get()), text, maxBytes + 1) != 0) {
-        throw BadInput(std::strerror(errno));
-    }
-    if (text.size() > maxBytes) {
-        throw BadInput("is larger than " + std::to_string(maxBytes) + " bytes");
-    }
-    return text;
+    return std::move(file.text);
 }
 
 Document::Document(std::string theText) : text(std::move(theText))

@@ -88,10 +88,19 @@ void ImpairmentReport::Look(Clock::time_point now, const CounterValues& counters
             next = entries.erase(next);
         } else {
             send(SDK::JsonUtils::JsonToString(Document(cause, container, entry.pending, entry.detail, names)));
-            entry = {0, {}, now + pause};
+            entry = {0, entry.detail, now + pause};
             ++next;
         }
     }
+}
+
+std::map<std::string, std::string> ImpairmentReport::Lately() const
+{
+    std::map<std::string, std::string> causes;
+    for (const auto& [key, entry] : entries) {
+        causes[key.first] = entry.detail;
+    }
+    return causes;
 }
 
 void ImpairmentReport::Add(const std::string& cause, const std::string& container, std::uint64_t count,

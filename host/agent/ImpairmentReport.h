@@ -30,6 +30,9 @@ public:
     // Sends what is due. `names`: null when no container has a name.
     void Look(Clock::time_point now, const CounterValues& counters, Engine::ContainerMetaInfo* names);
 
+    // The causes of the last minute with the last detail of each.
+    std::map<std::string, std::string> Lately() const;
+
 private:
     struct Entry {
         std::uint64_t pending = 0;  // events, or times, since the last alarm

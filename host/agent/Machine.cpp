@@ -5,10 +5,8 @@
 #include <limits.h>
 #include <linux/capability.h>
 #include <sys/file.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -148,19 +146,6 @@ SDK::FileDescriptor CheckAlarmsFile(const std::string& path, std::vector<std::st
         warnings.push_back("alarms file " + path + " is another agent's, too: each alarm may be there twice");
     }
     return file;
-}
-
-bool EngineAnswers(const std::string& socketPath)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof(address.sun_path)) {
-        return false;
-    }
-    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    const SDK::FileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    // EAGAIN: it listens, and its queue is full (unix(7), connect(2)).
-    return ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 || errno == EAGAIN;
 }
 
 std::size_t CountContainers()

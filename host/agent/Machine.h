@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the agent finds on the machine: whether it can run here, its modules, the container engine.
+// What the agent finds on the machine: whether it can run here, its modules.
 #pragma once
 
 #include <set>
@@ -23,9 +23,6 @@ std::vector<std::string> ModulePaths(const Options& options);
 // Throws BadInput when alarms could not be appended to `path`. Makes the file if it is missing. Returns the lock on it,
 // by which another agent knows that the file is taken; without descriptor when it is no regular file.
 SDK::FileDescriptor CheckAlarmsFile(const std::string& path, std::vector<std::string>& warnings);
-
-// Whether something listens on the engine's socket.
-bool EngineAnswers(const std::string& socketPath);
 
 // How many containers have a process now.
 std::size_t CountContainers();

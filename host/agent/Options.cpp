@@ -9,8 +9,11 @@
 
 #include "host/agent/Configuration.h"
 #include "host/agent/Console.h"
+#include "host/agent/EngineOptions.h"
+#include "host/agent/EnvelopeOptions.h"
 #include "host/agent/Manual.h"
 #include "host/agent/PolicyText.h"
+#include "host/sdk/Config.h"
 
 namespace Agent {
 
@@ -63,8 +66,9 @@ void AddSourceOptions(CLI::App& command, Options& options)
 // What it watches, and how.
 void AddWatchOptions(CLI::App& command, Options& options)
 {
+    AddEngineOption(command, options);
     AddText(command, "--docker-socket", options.dockerSocket, "PATH",
-            "The container engine's socket (/var/run/docker.sock), or none: alarms carry no names then");
+            "The same as --engine docker=PATH, which is newer; none: no engine but those of --engine");
     AddFlag(command, "--namespace-check", options.namespaceCheck,
             "Compare the namespaces of container processes regularly");
     AddSourceOptions(command, options);
@@ -75,6 +79,14 @@ void AddConfigurationOption(CLI::App& command, Options& options)
     AddText(command, "--config", options.configurationFile, "FILE",
             "The configuration: a JSON object whose keys are these options without their dashes; what the command line "
             "sets counts more. Without it, " CE_CONFIGURATION " is read if it is there (none: not even that)");
+}
+
+void AddMetricsOption(CLI::App& command, Options& options)
+{
+    AddText(
+        command, "--metrics", options.metricsAddress, "unix:PATH|127.0.0.1:PORT",
+        "Where metrics (/metrics, for Prometheus), /healthz and what the command status shows are served by HTTP: a "
+        "socket for its owner alone, or a port of a loopback address, which every process of the host may read");
 }
 
 void AddRunOptions(CLI::App& command, Options& options)
@@ -92,6 +104,11 @@ void AddRunOptions(CLI::App& command, Options& options)
         "plain: the document of the detection module; envelope: a JSON object around it that tells of host, process, "
         "container and losses; text: a line for people; auto (the default): text on a terminal, else plain")
         ->check(CLI::IsMember({"plain", "envelope", "text", "auto"}));
+    AddEnvelopeOptions(*run, options);
+    AddFlag(
+        *run, "--show-excepted", options.showExcepted,
+        "Deliver alarms that an exception of the configuration holds for, too, marked with its name: in an envelope "
+        "as \"excepted\". Needs --alarm-format envelope or text");
     run->add_option("--alarms-max-mb", options.alarmsMaxMb,
                     "Rename FILE to FILE.1, FILE.1 to FILE.2 and so on when it has N megabytes (0: never, the default)")
         ->capture_default_str()
@@ -124,6 +141,19 @@ void AddRunOptions(CLI::App& command, Options& options)
         ->capture_default_str()
         ->option_text("N")
         ->check(CLI::Range(0U, maxIntervalSeconds));
+    AddMetricsOption(*run, options);
+}
+
+void AddStatusCommand(CLI::App& program, Options& options)
+{
+    CLI::App* status = program.add_subcommand(
+        "status",
+        "Ask the agent that runs how it does: what it watches, what it saw and lost, its alarms. It needs --metrics, "
+        "here or in the configuration, as the agent has it. Exit codes: 0 healthy, 1 not healthy, 2 no agent answers");
+    AddConfigurationOption(*status, options);
+    AddMetricsOption(*status, options);
+    AddFlag(*status, "--json", options.asJson, "Answer with a JSON document");
+    status->callback([&options] { options.command = Command::Status; });
 }
 
 void AddCheckCommand(CLI::App& program, Options& options)
@@ -155,7 +185,7 @@ void AddSelfTestCommand(CLI::App& program, Options& options)
     AddSourceOptions(*test, options);
     test->callback([&options] {
         options.command = Command::SelfTest;
-        options.dockerSocket = SDK::Config::noEngine;
+        options.engines = {SDK::Config::noEngine};
         options.logLevel = "warning";
     });
     CLI::App* attack = program.add_subcommand("selftest-attack", "")->group("");  // hidden: it is the test's own
@@ -182,6 +212,19 @@ void AddPolicyCommand(CLI::App& program, Options& options)
     });
 }
 
+void AddTuneCommand(CLI::App& program, Options& options)
+{
+    CLI::App* tune = program.add_subcommand(
+        "tune",
+        "tune ALARMS: tell how often each image and program alarmed, by a file of alarms (plain or envelope), and "
+        "which "
+        "entry of the configuration's \"exceptions\" would silence just that. What an exception that is there already "
+        "holds for is only counted. Only envelopes tell of programs and pods");
+    tune->add_option("ALARMS", options.inspectedAlarms, "The file")->required();
+    AddConfigurationOption(*tune, options);
+    tune->callback([&options] { options.command = Command::Tune; });
+}
+
 // One reading of a command line.
 class CommandLine {
 public:
@@ -196,7 +239,9 @@ public:
         AddRunOptions(*run, options);
         AddCheckCommand(program, options);
         AddSelfTestCommand(program, options);
+        AddStatusCommand(program, options);
         AddPolicyCommand(program, options);
+        AddTuneCommand(program, options);
         CLI::App* config = program.add_subcommand("config", "Show the configuration")->require_subcommand(1);
         show = config->add_subcommand("show", "Every option of run: its value, and where that comes from");
         AddRunOptions(*show, options);
@@ -228,27 +273,32 @@ public:
     // The command that was given, if the configuration file has a say in it; else null.
     CLI::App* Configurable()
     {
-        return run->parsed()                     ? run
-               : show->parsed()                  ? show
-               : program.got_subcommand("check") ? program.get_subcommand("check")
-                                                 : nullptr;
-    }
-    // Null when there is none.
-    CLI::Option* OptionOfRun(const std::string& key)
-    {
-        return key == "config" ? nullptr : run->get_option_no_throw("--" + key);
+        for (CLI::App* each : {run, show}) {
+            if (each->parsed()) {
+                return each;
+            }
+        }
+        for (const char* name : {"check", "status", "tune"}) {
+            if (program.got_subcommand(name)) {
+                return program.get_subcommand(name);
+            }
+        }
+        return nullptr;
     }
     // That the configuration may set.
-    std::vector<std::string> OptionsOfRun() const
+    std::map<std::string, OptionKind> OptionsOfRun() const
     {
-        std::vector<std::string> names;
+        std::map<std::string, OptionKind> kinds;
         for (const CLI::Option* option : run->get_options()) {
             const std::string name = option->get_lnames().empty() ? "help" : option->get_lnames().front();
             if (name != "help" && name != "config") {
-                names.push_back(name);
+                kinds.emplace(name, option->get_expected_max() == 0 ? OptionKind::Flag
+                                    : option->get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll
+                                        ? OptionKind::List
+                                        : OptionKind::Value);
             }
         }
-        return names;
+        return kinds;
     }
 
     Options options;
@@ -260,23 +310,12 @@ private:
     CLI::App* show = nullptr;
 };
 
-bool IsFlagOfRun(const std::string& key)
-{
-    CommandLine known;
-    const CLI::Option* option = known.OptionOfRun(key);
-    if (option == nullptr) {
-        const std::string nearest = Nearest(key, known.OptionsOfRun());
-        throw BadInput("unknown key \"" + key + "\"" + (nearest.empty() ? "" : ", is \"" + nearest + "\" meant?"));
-    }
-    return option->get_expected_max() == 0;
-}
-
 // What an option's value has to be, the command line says, too.
 void Validate(const Setting& setting)
 {
     try {
-        if (!setting.word.empty()) {
-            CommandLine().Parse({"run", setting.word});
+        for (const std::string& word : setting.words) {
+            CommandLine().Parse({"run", word});
         }
     } catch (const BadInput& problem) {
         throw BadInput("configuration " + setting.place + ": " + problem.what());
@@ -306,13 +345,19 @@ Options ParseOptions(std::vector<std::string> words)
     std::vector<std::string> warnings;
     std::map<std::string, Options::Value> values;
     std::vector<std::string> all = words;
+    ExceptionRules exceptions;
     if (!file.empty() && file != noConfiguration) {
-        for (const Setting& setting : ReadConfiguration(file, IsFlagOfRun, warnings)) {
+        Configuration configuration = ReadConfiguration(file, given.OptionsOfRun(), warnings);
+        exceptions = std::move(configuration.exceptions);
+        for (const Setting& setting : configuration.settings) {
             Validate(setting);
+            if (setting.key == exceptionsKey) {
+                values[setting.key] = {setting.value, setting.place};
+            }
             const CLI::Option* option = command->get_option_no_throw("--" + setting.key);
             if (option != nullptr && option->count() == 0) {
                 values[setting.key] = {setting.value, setting.place};
-                all.insert(all.end(), setting.word.empty() ? 0 : 1, setting.word);
+                all.insert(all.end(), setting.words.begin(), setting.words.end());
             }
         }
     }
@@ -322,13 +367,18 @@ Options ParseOptions(std::vector<std::string> words)
     if (options.command == Command::Run && options.policyFile.empty()) {
         throw BadInput("--policy is required");
     }
-    for (const std::string& name : whole.OptionsOfRun()) {
+    if (options.showExcepted && options.alarmFormat != "envelope" && options.alarmFormat != "text") {
+        throw BadInput("--show-excepted needs --alarm-format envelope or text: a plain document cannot be marked");
+    }
+    options.exceptions = std::move(exceptions);
+    for (const auto& [name, kind] : whole.OptionsOfRun()) {
         if (const CLI::Option* option = command->get_option_no_throw("--" + name);
             option != nullptr && option->count() > 0) {
-            values[name] = {option->get_expected_max() == 0 ? "true" : option->results().front(), "command line"};
+            values[name] = {kind == OptionKind::Flag ? "true" : CLI::detail::join(option->results(), ", "),
+                            "command line"};
         } else if (option != nullptr && !values.contains(name)) {
             const std::string& text = option->get_default_str();
-            values[name] = {option->get_expected_max() == 0 ? "false" : text, "default"};
+            values[name] = {kind == OptionKind::Flag ? "false" : text, "default"};
         }
     }
     options.words = std::move(words);

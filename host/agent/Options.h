@@ -7,11 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "host/agent/ExceptionRules.h"
 #include "host/sdk/Config.h"
 
 namespace Agent {
 
-enum class Command { Run, Check, SelfTest, Attack, Explain, ShowConfiguration };
+enum class Command { Run, Check, SelfTest, Attack, Explain, ShowConfiguration, Status, Tune };
 
 struct Options {
     Command command = Command::Run;
@@ -19,12 +20,16 @@ struct Options {
     std::string policyFile;  // empty, for a check only: no entries
     std::string alarmsFile;  // empty: standard output
     std::string alarmFormat = "auto";
-    unsigned int alarmsMaxMb = 0;  // size at which that file is renamed; 0: never
-    unsigned int alarmsKept = 5;   // renamed ones
-    std::string dockerSocket = SDK::Config::defaultDockerSocket;
+    unsigned int alarmsMaxMb = 0;         // size at which that file is renamed; 0: never
+    unsigned int alarmsKept = 5;          // renamed ones
+    std::vector<std::string> engines;     // as given: SDK::EngineAddress::Text, or noEngine
+    std::vector<std::string> redactions;  // SDK::Redaction's expressions
+    std::vector<std::string> hostLabels;  // "KEY=VALUE"
+    std::string dockerSocket;             // a path or noEngine; empty: not given
     std::string logLevel = "notice";
     std::string modulesDir;  // empty: where the agent is installed, see DefaultModulesDir
     bool namespaceCheck = false;
+    bool showExcepted = false;
     unsigned int bufferKb = 0;  // KiB for each CPU; 0: the trace module's own choice
     std::string syscallSource = "auto";
     unsigned int realtimePercent = 70;       // of one CPU; 0: normal priority
@@ -32,12 +37,15 @@ struct Options {
     std::chrono::seconds statusInterval{0};  // 0: no status lines
     bool requireAll = false;                 // not to start where something that is listed is not watched
     std::string attackedDirectory;           // of the self-test's own attack
-    bool asJson = false;                     // a check's answer
+    bool asJson = false;                     // a check's answer, or a status
+    std::string metricsAddress;              // as MetricsAddress::Parse takes it; empty: none
     std::string configurationFile;           // empty: DefaultConfiguration, if that is there; or noConfiguration
+    ExceptionRules exceptions;               // of the configuration
+    std::string inspectedAlarms;             // by the command tune
 
     std::vector<std::string> words;     // of the command line, without the program's name
     std::vector<std::string> warnings;  // what is doubtful in the configuration
-    // What run, check and config show go by, by the options' names without their dashes.
+    // What run, check, status and config show go by, by the options' names without their dashes.
     struct Value {
         std::string text;
         std::string origin;  // "command line", the place in the configuration, or "default"

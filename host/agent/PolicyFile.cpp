@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/agent/PolicyFile.h"
 
+#include <Poco/SHA2Engine.h>
 #include <json/value.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
@@ -207,6 +208,13 @@ bool HasEntryEvent(const std::string& call, const std::string& callEventsDir)
     return ::access((callEventsDir + "/sys_enter_" + call).c_str(), F_OK) == 0;
 }
 
+std::string Sha256(const std::string& text)
+{
+    Poco::SHA2Engine hash;
+    hash.update(text);
+    return Poco::DigestEngine::digestToHex(hash.digest());
+}
+
 }  // namespace
 
 Policy LoadPolicy(const std::string& path)
@@ -240,6 +248,7 @@ Policy ParsePolicy(std::string text)
     content.NoteUnknownKeys({"image_white_namelist", "container_escape_detect_task"}, policy.warnings);
     detection.NoteUnknownKeys({"highrisk_calls", "host_directorys", "scope"}, policy.warnings);
     policy.text = document.Text();
+    policy.sha256 = Sha256(policy.text);
     return policy;
 }
 

@@ -17,7 +17,8 @@ namespace Agent {
 struct Policy {
     using Entries = std::map<std::string, std::string>;  // with their places, "line 3, column 7", counted in bytes
 
-    std::string text;  // as it is delivered
+    std::string text;    // as it is delivered
+    std::string sha256;  // of the text, in hexadecimal digits
     Entries images;
     Entries calls;
     Entries directories;

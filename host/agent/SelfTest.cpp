@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <span>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -24,6 +25,7 @@
 
 #include "host/agent/Agent.h"
 #include "host/agent/Machine.h"
+#include "host/sdk/ExceptionRule.h"
 #include "host/sdk/FileDescriptor.h"
 #include "sdk/JsonUtils.h"
 
@@ -41,15 +43,8 @@ constexpr int guesses = 400;  // of file handles: 300 in a second are no attack 
 constexpr char listedCall[] = "getppid";
 constexpr mode_t ownersAlone = 0700;
 
-// What the attack does, and the alarm that tells of it.
-struct Expected {
-    const char* detector;
-    const char* alarm;
-};
-constexpr std::array<Expected, 4> expected{{{"high-risk calls", "High-Risk System Invocation"},
-                                            {"Shocker", "Shocker attack"},
-                                            {"brute-forced file handles", "Bruteforce syscall attack"},
-                                            {"watched directories", "Container file escape attack"}}};
+// Those that see the attack.
+constexpr auto expected = std::span{SDK::detectors}.first<4>();  // the last one looks only once in a while
 
 std::runtime_error Failure(const std::string& what)
 {
@@ -203,7 +198,9 @@ std::set<std::string> Try(Options options)
         throw BadInput(reason);
     }
     std::set<std::string> raised;
+    const Progress progress;
     HostAgent(std::move(plan)).Try([&] {
+        Progress::Show("attacking, and waiting for the alarms");
         const Groups groups;
         AttackFrom(groups, watched);
         const auto end = std::chrono::steady_clock::now() + patience;
@@ -227,9 +224,9 @@ ExitCode SelfTest(const Options& options)
         return badInput;
     }
     ExitCode code = cleanStop;
-    for (const auto& [detector, alarm] : expected) {
-        const bool isSeen = raised.contains(alarm);
-        std::printf("%s: %s\n", detector, isSeen ? "alarm" : "NO ALARM");
+    for (const SDK::Detector& detector : expected) {
+        const bool isSeen = raised.contains(detector.alarm);
+        std::printf("%s: %s\n", detector.name, isSeen ? "alarm" : "NO ALARM");
         code = isSeen ? code : failed;
     }
     return std::fflush(stdout) == 0 ? code : failed;

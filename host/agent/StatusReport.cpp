@@ -39,7 +39,7 @@ std::uint64_t Sum(const CounterValues& counters, std::initializer_list<const cha
 
 std::string StatusLine(const CounterValues& counters)
 {
-    const std::array<std::pair<const char*, std::uint64_t>, 10> values{{
+    const std::array<std::pair<const char*, std::uint64_t>, 11> values{{
         {"events_read", Sum(counters, {Name::traceRead, Name::notifyRead})},
         {"lost_kernel", Sum(counters, {Name::traceLostOverrun, Name::traceLostDropped, Name::traceLostLives})},
         {"shed_kernel", Sum(counters, {Name::traceShedKernel})},
@@ -51,6 +51,7 @@ std::string StatusLine(const CounterValues& counters)
         {"alarms_sent", Sum(counters, {Name::alarmsSent})},
         {"alarms_lost", Sum(counters, {Name::alarmsLost})},
         {"demoted", Sum(counters, {Name::demoted})},
+        {"excepted", Sum(counters, {Name::alarmsExcepted})},
     }};
     std::string line;
     for (const auto& [key, value] : values) {

@@ -11,6 +11,8 @@
 #include "host/agent/Machine.h"
 #include "host/agent/PolicyText.h"
 #include "host/agent/SelfTest.h"
+#include "host/agent/Status.h"
+#include "host/agent/Tune.h"
 
 namespace Agent {
 
@@ -39,6 +41,10 @@ ExitCode Main(const std::vector<std::string>& words)
             return Print(Explain(LoadPolicy(options.policyFile)));
         case Command::ShowConfiguration:
             return Print(ShowValues(options));
+        case Command::Status:
+            return Status(options);
+        case Command::Tune:
+            return Print(Tune(options.inspectedAlarms, options.exceptions));
         case Command::Run:
             break;
     }
