@@ -6,20 +6,18 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-dev libtracefs-dev libtraceevent-dev
-    libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev clang bpftool
-    'libcurl4-gnutls-dev|libcurl4-openssl-dev')
-test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman crun curl busybox-static python3 python3-jsonschema
-    clang-format clang-tidy git procps logrotate qemu-system-x86 cpio xz-utils)
+    libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev prometheus-cpp-dev libre2-dev libgrpc++-dev
+    libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libcurl4-openssl-dev clang bpftool)
+test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman uidmap crun curl busybox-static python3
+    python3-jsonschema clang-format clang-tidy git procps logrotate prometheus qemu-system-x86 cpio xz-utils)
 
 ask=
 if [ "${1:-}" = --ask ]; then ask=1; shift; fi
 packages=("${build[@]}")
 [ "${1:-}" != test ] || packages+=("${test[@]}")
 missing=()
-for package in "${packages[@]}"; do  # of "a|b" either will do, a is installed: the two exclude each other
-    # shellcheck disable=SC2086  # names; an unknown one among them is an error to dpkg-query
-    { dpkg-query -W -f '${Status}\n' ${package//|/ } 2>/dev/null || true; } | grep -q 'ok installed' ||
-        missing+=("${package%%|*}")
+for package in "${packages[@]}"; do
+    dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
 done
 [ ${#missing[@]} -gt 0 ] || exit 0
 

@@ -81,7 +81,7 @@ expect_calls() {
 # agent ARGUMENT...: starts it
 agent() {
     "$build/bin/containerescape-agent" run --policy /tmp/policy --docker-socket none --alarms /tmp/alarms \
-        --syscalls $source --stats /tmp/stats "$@" 2>/tmp/log &
+        --alarm-format envelope --syscalls $source --stats /tmp/stats "$@" 2>/tmp/log &
     agent=$!
     awaits 'agent: ready' /tmp/log
 }
@@ -130,6 +130,8 @@ test_detection() {
             expect_calls fork call32 $calls umount
             [ $x32 = 0 ] || expect_calls fork callx32 $calls
             expect "Shocker attack" thread call32 readdir,open_by_handle_at
+            check "--syscalls $source: what was executed is recorded" \
+                awk '!/"argv":\[[^]]*probe/ || !/"exe":"[^"]*probe"/ { bad = 1 } END { exit bad || !NR }' /tmp/alarms
             policy mount
             kill -HUP $agent
             awaits 'policy.*watching 1 of 1' /tmp/log
@@ -174,4 +176,4 @@ boot() {
 boot 2 ""
 boot 1 cost -icount shift=0,sleep=off
 ! grep -q '^other-kernel: .* failed$' "$work/console" &&
-    [ "$(grep -c '^other-kernel: .* passed$' "$work/console")" = $((${#tests[@]} + 3 * (5 + 1 + 13 + 1) + 2 * (14 + 13 * x32 + 3 + 2) + 3 + 1)) ]
+    [ "$(grep -c '^other-kernel: .* passed$' "$work/console")" = $((${#tests[@]} + 3 * (5 + 1 + 13 + 1) + 2 * (14 + 13 * x32 + 3 + 2 + 1) + 3 + 1)) ]
