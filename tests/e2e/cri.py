@@ -66,13 +66,21 @@ class Containerd:
         self.daemon.terminate()
         self.daemon.wait(harness.PATIENCE)
 
-    def load(self, archive, podman):
-        """Makes both images of a tar file of their root directory."""
+    def load(self, archive, podman, also=None):
+        """Makes both images of a tar file of their root directory. Returns the id and the digest of "probe", which
+        counts as one that comes from a registry. `also`: another name of it."""
         for name, entry in (("pause", ("/bin/sleep", "1000")), ("probe", ("/bin/probe",))):
             words = ",".join(f'"{word}"' for word in entry)
             harness.run(*podman, "import", "--change", f"ENTRYPOINT [{words}]", archive, f"docker.io/library/{name}:1")
             harness.run(*podman, "save", "-o", self.folder / f"{name}.tar", f"docker.io/library/{name}:1")
             harness.run(*self.ctr("k8s.io"), "images", "import", "--snapshotter", "native", self.folder / f"{name}.tar")
+        name = "docker.io/library/probe"
+        image = "sha256:" + harness.run(*podman, "image", "inspect", f"{name}:1", "--format", "{{.Id}}")
+        digest = harness.run(*self.ctr("k8s.io"), "images", "ls", f"name=={name}:1").splitlines()[1].split()[2]
+        harness.run(*self.ctr("k8s.io"), "images", "tag", f"{name}:1", f"{name}@{digest}")
+        if also:
+            harness.run(*self.ctr("k8s.io"), "images", "tag", f"{name}:1", also)
+        return image, digest
 
     def call(self, method, request):
         """Returns the first field of the response, a text; none if there is none."""
@@ -98,12 +106,18 @@ class Pod:
                               (8, message((2, message((1, spaces))))))
         self.sandbox = containerd.call("RunPodSandbox", field(1, self.config))
 
-    def run(self, name, *words):
-        """Runs a container to its end. Returns its id and what it said."""
-        config = message((1, field(1, name)), (2, field(1, "docker.io/library/probe:1")), *((4, word) for word in words),
-                         (11, f"{name}.log"), (15, message((2, field(3, message((1, HOST)))))))
+    def start(self, name, *words, image="docker.io/library/probe:1", command=()):
+        """Starts the probe, or another command, in a container. Returns its id."""
+        security = message((1, field(1, "SYS_ADMIN")), (3, message((1, HOST))))
+        config = message((1, field(1, name)), (2, field(1, image)), *((3, word) for word in command),
+                         *((4, word) for word in words), (11, f"{name}.log"), (15, field(2, security)))
         container = self.containerd.call("CreateContainer", message((1, self.sandbox), (2, config), (3, self.config)))
         self.containerd.call("StartContainer", field(1, container))
+        return container
+
+    def run(self, name, *words, **more):
+        """Runs one to its end. Returns its id and what it said."""
+        container = self.start(name, *words, **more)
         log = self.logs / f"{name}.log"
         harness.wait_until(lambda: log.exists() and " F " in log.read_text())
         # Each line has its time, its stream and whether it is whole in front.

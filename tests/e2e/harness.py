@@ -40,6 +40,13 @@ NAMESPACE = "Namespace switch attack"
 # The engine mounts this file of the host into every container: its handle opens a file outside the image.
 HOST_FILE = "/etc/hostname"
 OPEN = ("--network", "none", "--security-opt", "seccomp=unconfined")
+# crun serves no mixture of both versions of control groups, so it is shown one of them.
+HYBRID = os.path.exists("/sys/fs/cgroup/unified/cgroup.procs")
+ALONE = ("unshare", "--mount", "--propagation", "private", "sh", "-c")
+VIEWS = {
+    "v1": (*ALONE, 'umount /sys/fs/cgroup/unified && exec "$@"', "sh"),
+    "v2": (*ALONE, 'mount --bind /sys/fs/cgroup/unified /sys/fs/cgroup && exec "$@"', "sh"),
+} if HYBRID else {"v2": ()}
 # Alarms of one name are merged while the first of them is at most 2 s old, counted in whole seconds.
 MERGE_SECONDS = 3.1
 
@@ -204,6 +211,8 @@ def made(text):
 class Agent(contextlib.AbstractContextManager):
     """The agent under test."""
 
+    outputs = []  # of all of them
+
     def __init__(self, policy, *options, socket=None, prefix=()):
         self.folder = tempfile.TemporaryDirectory()
         self.policy = pathlib.Path(self.folder.name) / "policy.json"
@@ -216,6 +225,7 @@ class Agent(contextlib.AbstractContextManager):
         atexit.register(self.close)
         self.pid = self.process.pid
         self.output = Lines(self.process.stdout)
+        self.outputs.append(self.output)
         self.log = Lines(self.process.stderr)
         self.ready, self.ready_line = self.log.wait_for(lambda line: re.search(r"\bready\b", line))
 
@@ -288,16 +298,18 @@ def bundle(folder, root, group, words):
 
 
 # Debian's library is for its own interpreter. Prints what is wrong with each document.
-VALIDATE = """import json, jsonschema, sys
-validator = jsonschema.Draft7Validator(json.loads(sys.argv[1]))
+VALIDATE = """import json, jsonschema, pathlib, sys
+schema = pathlib.Path(sys.argv[1])
+text = json.loads(schema.read_text())
+validator = jsonschema.Draft7Validator(text, resolver=jsonschema.RefResolver(schema.as_uri(), text))
 for document in json.load(sys.stdin):
     for error in validator.iter_errors(document):
         print(error.message, document)"""
 
 
 def faults(schema, documents):
-    """What is wrong with documents by a JSON Schema, as texts."""
-    return run("/usr/bin/python3", "-c", VALIDATE, schema, input=json.dumps(documents)).splitlines()
+    """What is wrong with documents by a JSON Schema, a file of packaging/, as texts."""
+    return run("/usr/bin/python3", "-c", VALIDATE, ROOT / "packaging" / schema, input=json.dumps(documents)).splitlines()
 
 
 def policy(calls=(), directories=(), whitelist=(), scope=None):

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Runs the end-to-end tests, all of them or those whose names hold one of the arguments, and prints the counts."""
 
+import json
 import os
 import pathlib
 import shutil
@@ -13,7 +14,8 @@ sys.dont_write_bytecode = True
 import harness  # noqa: E402
 
 HERE = pathlib.Path(__file__).resolve().parent
-PROGRAMS = {"dockerd": "docker.io", "ctr": "containerd", "runc": "runc", "podman": "podman", "crun": "crun"}
+PROGRAMS = {"promtool": "prometheus", "dockerd": "docker.io", "ctr": "containerd", "runc": "runc", "podman": "podman",
+            "newuidmap": "uidmap", "crun": "crun"}
 
 
 class TimedResult(unittest.TextTestResult):
@@ -49,10 +51,23 @@ def main():
         return run_tests()
 
 
+class EveryAlarm(unittest.TestCase):
+    """What all agents of the tests before wrote to their standard output."""
+
+    def test_conforms_to_its_schema(self):
+        alarms = [json.loads(line) for output in harness.Agent.outputs for _, line in output.arrived]
+        envelopes = [alarm for alarm in alarms if "v" in alarm]
+        print(f"\n  {len(alarms)} alarms, {len(envelopes)} of them in envelopes")
+        self.assertEqual(harness.faults("envelope.schema.json", envelopes), [])
+        self.assertEqual(harness.faults("alarm.schema.json", [alarm for alarm in alarms if "v" not in alarm]), [])
+        self.assertTrue(alarms or sys.argv[1:])
+
+
 def run_tests():
     loader = unittest.TestLoader()
     loader.testNamePatterns = [f"*{word}*" for word in sys.argv[1:]] or None
     suite = loader.discover(str(HERE))
+    suite.addTest(EveryAlarm("test_conforms_to_its_schema"))
     unittest.installHandler()  # the first signal ends the run with the test that runs, the second one at once
     signal.signal(signal.SIGTERM, signal.getsignal(signal.SIGINT))
     result = unittest.TextTestRunner(stream=sys.stdout, verbosity=2, resultclass=TimedResult).run(suite)

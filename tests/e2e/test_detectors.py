@@ -113,6 +113,32 @@ class Detectors(harness.InDocker):
                 self.assertGreater(counts["events_read"], 0)
                 self.assertEqual(harness.instances(), before)
 
+    def test_an_envelope_tells_of_a_process_that_ended_at_once(self):
+        """Of every kind: its arguments, and its ancestors to the container's first process."""
+        deeds = {HIGH_RISK: "call unshare", SHOCKER: f"shocker {HOST_FILE}", BRUTE: "brute 301", FILES: "write /host/file"}
+        script = "cd /host; for deed; do /bin/probe fork $deed; done; true"
+        hostile = """exec sh -c "$0" "$(printf 'a\\nb\\377\\200\\033[2J%02000d' 0)" "$@\""""
+        agent = self.agent("--alarm-format", "envelope", "--redact", "write (/[a-z]+)", "--host-label", "zone=b",
+                           calls=CALLS, directories=[str(self.folder)], scope="container")
+        for _ in range(harness.tries(20)):
+            container = self.engine.start(*STRONG, "--rm", "--label", "team=shop", "-v", f"{self.folder}:/host",
+                                          command=("sh", "-c", hostile, script, *deeds.values()))
+            told = {}
+            while len(told) < len(deeds):
+                envelope = agent.alarm(lambda told, of=container: told["container"]["id"] == of)[1]
+                if envelope["alarm"]["event_name"] != HIGH_RISK or envelope["event"]["call"] == "unshare":
+                    told[envelope["alarm"]["event_name"]] = envelope
+            for name, deed in deeds.items():
+                process = told[name]["process"]
+                deed = deed.replace("write /host", "write [redacted]")
+                self.assertEqual((process["exe"], process["argv"], process["cwd"], process["uid"]),
+                                 ("/bin/probe", ["/bin/probe", "fork", *deed.split()], "/host", 0))
+                self.assertEqual([each["exe"] for each in process["ancestors"]], ["/bin/probe", "/bin/busybox"])
+                self.assertEqual(process["ancestors"][1]["argv"][:3], ["sh", "-c", script])
+                self.assertEqual(process["ancestors"][1]["argv"][3][:3], "a\nb")
+            self.assertEqual(told[HIGH_RISK]["host"]["labels"], {"zone": "b"})
+            self.assertEqual(told[HIGH_RISK]["event"], {"call": "unshare", "args": {"unshare_flags": "0"}})
+
     def test_shocker_from_every_kind_of_process(self):
         ways = ("self", "fork", "thread", "first")
         for _ in range(harness.tries(20)):

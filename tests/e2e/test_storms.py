@@ -71,22 +71,25 @@ class Storms(harness.InDocker):
               f"{statistics.median(took or [0]):.1f} ms, maximum {max(took, default=0):.1f} ms; "
               f"{resident:.1f} MiB; {counts}", flush=True)
         if "CE_AGENT" not in os.environ and "--realtime" not in what:
-            self.assertLess(resident, 30)
+            self.assertLess(resident, 32)  # of which 21 are there at rest, mostly libraries
         return in_time if patience == 1 else len(took), counts
 
     def test_no_storm_hides_an_attack_in_another_container(self):
         endless = str(10**15)
         cheap, alarming = ("probe", "self", "storm", endless, "getdents64"), ("probe", "self", "brute", endless)
-        # Without BPF nothing bounds a storm in the kernel, and an attack may be overwritten there. Nothing is promised
-        # there when many processes storm: the buffers overflow, and a stop may take too long.
+        # Without BPF nothing bounds a storm of calls in the kernel, and an attack may be overwritten there. A storm of
+        # processes is bounded by what the agent's threads, at real-time priority, leave of the CPUs.
         for source, words, least in (("bpf", cheap, TRIES), ("bpf", alarming, TRIES),
                                      ("bpf", ("probe", "spread", "1000", "getdents64"), TRIES), ("bpf", FORKS, TRIES),
-                                     ("tracefs", cheap, TRIES // 2), ("tracefs", alarming, TRIES // 2)):
+                                     ("tracefs", cheap, TRIES // 2), ("tracefs", alarming, TRIES // 2),
+                                     ("tracefs", FORKS, TRIES)):
             with self.subTest(source=source, storm=words):
                 names = self.loud_containers("--user", "65534")
                 other = self.server("other")
                 self.storm(names, *words)
                 agent = self.agent("--syscalls", source, calls=["unshare"])
+                if source == "bpf" and words == cheap:
+                    agent.log.wait_for(lambda line: re.search("most events lately are of container [0-9a-f]{64}", line))
                 in_time, counts = self.attack_in(f"{source}, {' '.join(words)}", other, agent)
                 least_events = harness.tries(10000 if words == FORKS else 1000000)
                 self.assertGreater(sum(counts.values()), least_events, "the storm was none")

@@ -47,6 +47,7 @@ TEST(OciBundleTest, AnnotationsOfEachEngineGiveNamesAndHostileOnesNone)
     EXPECT_EQ(Told(ParseConfig(idA, Config(R"("io.kubernetes.pod.name":"shop","io.kubernetes.pod.uid":{})"))),
               "shop  /shop ");
     EXPECT_EQ(FamiliarImageName("docker.io/a/b:1"), "a/b:1");
+    EXPECT_EQ(FamiliarImageName("docker.io/quay.io/b"), "docker.io/quay.io/b") << "or it would be quay.io's";
     EXPECT_EQ(FamiliarImageName("quay.io/docker.io/library/b"), "quay.io/docker.io/library/b");
     for (const std::string& text : {std::string{}, std::string{"[]"}, std::string{"{}"}, std::string(100'000, '['),
                                     std::string{R"({"process":1,"root":{}})"}}) {
@@ -130,6 +131,12 @@ TEST_F(BundleTest, IsBelievedOnlyWhereThePrivilegedWroteIt)
     Run(11, idA, 10);
     EXPECT_EQ(Read(idA, 11), "nothing") << "a container's own";
 
+    bundleRoot.Write("else/other/config.json", Config(ofContainerd));
+    RunMaker(20, "/home/user/conmon -b " + root + "/else/other mine", "/");
+    Run(21, "mine", 20);
+    EXPECT_EQ(Read("mine", 21), "web nginx:1 prod/shop u-1");
+    EXPECT_EQ(cache.FindVouchedFor("mine"), nullptr) << "root wrote it, but about another";
+
     bundleRoot.Write("k8s.io/" + idB + "/config.json", Config(ofContainerd));
     const std::string file = root + "/k8s.io/" + idB + "/config.json";
     ::chmod(file.c_str(), 0666);
@@ -137,8 +144,12 @@ TEST_F(BundleTest, IsBelievedOnlyWhereThePrivilegedWroteIt)
     EXPECT_EQ(cache.ImageNameOf(idB), "");
     EXPECT_EQ(cache.FindVouchedFor(idB), nullptr);
     cache.Put({idB, "shop", "", "nginx:2", {}, {}});
-    EXPECT_EQ(Told(*cache.Find(idB)), "shop nginx:2 prod/shop u-1") << "the engine's word counts more";
+    EXPECT_EQ(Told(*cache.Find(idB)), "shop nginx:2 / ") << "the engine's word counts more, and no pod comes with it";
     EXPECT_EQ(cache.ImageNameOf(idB), "nginx:2");
+
+    bundleRoot.Write("k8s.io/both/config.json", Config(ofCrio + R"(,"io.kubernetes.cri.image-name":"nginx")"));
+    EXPECT_EQ(Read("both", 1), "web nginx prod/shop u-1");
+    EXPECT_EQ(cache.FindVouchedFor("both"), nullptr) << "the author of a pod chooses its annotations";
 
     bundleRoot.Write("k8s.io/large/config.json", Config(ofContainerd) + std::string(1 << 20, ' '));
     bundleRoot.Write("k8s.io/no-json/config.json", Config(ofContainerd) + "x");
@@ -149,6 +160,28 @@ TEST_F(BundleTest, IsBelievedOnlyWhereThePrivilegedWroteIt)
     for (const char* hostile : {"large", "no-json", "link", "pipe"}) {
         EXPECT_EQ(Read(hostile, 1), "nothing") << hostile;
     }
+}
+
+// An engine that makes a container may not tell of it yet, and one that comes later is asked about all.
+TEST_F(BundleTest, EnginesAreAskedUntilTheContainerRunsAndAgainWhenOneComes)
+{
+    bundleRoot.Write("k8s.io/" + idA + "/config.json", Config(ofContainerd));
+    bundleRoot.Write("k8s.io/" + idB + "/config.json", Config(ofContainerd));
+    isKnown = false;
+    EXPECT_EQ(Read(idA, 1), "web nginx:1 prod/shop u-1");
+    bundles.Want(idB, 1, true);
+    EXPECT_TRUE(bundles.Step()) << "it runs: once more";
+    EXPECT_TRUE(!bundles.IsAwaited(idA) && bundles.IsAwaited(idB));
+    isKnown = true;
+    bundles.Want(idA, 1, true);
+    EXPECT_TRUE(bundles.Step());
+    EXPECT_FALSE(bundles.Step() || bundles.IsAwaited(idA) || bundles.IsAwaited(idB));
+    EXPECT_THAT(std::exchange(asked, {}), testing::ElementsAre(idA, idB, idB, idA));
+    bundles.AskAgain();
+    EXPECT_TRUE(bundles.IsAwaited(idA));
+    while (bundles.Step()) {
+    }
+    EXPECT_THAT(asked, testing::UnorderedElementsAre(idA, idB));
 }
 
 // Names are there before the container's program runs; when they come late, the receivers are told of it anew.
@@ -169,7 +202,7 @@ TEST_F(BundleTest, IsWantedAsSoonAsTheRuntimeMovesAProcessIn)
     EXPECT_THAT(Notices(), testing::ElementsAre("-400", "+400"));
     EXPECT_EQ(last.imageName, ::geteuid() == 0 ? "nginx:1" : "");
     const auto later = Engine::MetadataCache::Clock::now() + 2 * Engine::MetadataCache::keepGone;
-    cache.KeepOnly({}, {});
+    cache.KeepOnly({}, 1, {});
     cache.Purge(later);
     EXPECT_NE(cache.Find(idA), nullptr) << "an engine that does not know it has no say";
     cache.KeepLiving({}, {});

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <future>
 
 #include "framework/Engine.h"
@@ -26,7 +27,7 @@ TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
     std::vector<SDK::FileDescriptor> hanging;
     std::promise<void> asked;
     FakeEngine server([&](const std::string& target, SDK::FileDescriptor& to) {
-        EXPECT_THAT(target, testing::StartsWith("/events"));
+        EXPECT_THAT(target, testing::AnyOf(testing::StartsWith("/events"), "/_ping"));
         hanging.empty() ? asked.set_value() : void();
         hanging.push_back(std::move(to));
     });
@@ -34,7 +35,8 @@ TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
     Observable trace;
     Framework::Engine agent;
     Framework::Module module("collector");  // goes first, with its task
-    auto owned = std::make_unique<Engine::ContainerCollectTask>(server.SocketPath(), proc);
+    auto owned = std::make_unique<Engine::ContainerCollectTask>(
+        std::vector<SDK::EngineAddress>{{"docker", server.SocketPath()}}, proc);
     Engine::ContainerCollectTask& task = *owned;
     ASSERT_TRUE(task.Attach(trace));
     module.RegisterTask(owned.release(), true);
@@ -51,6 +53,19 @@ TEST(ContainerCollectTaskTest, RegistersAndAnswersWhileTheEngineHangs)
         EXPECT_FALSE(DockerUtil::GetContainerInfo(client, id, info)) << id;
     }
     agent.Stop();
+}
+
+// At boot not even the directory of its socket is there.
+TEST(SocketWatchTest, TellsWhenASocketOrAWayToItAppears)
+{
+    const TemporaryDirectory directory;
+    Engine::SocketWatch watch({directory / "run/engine/engine.sock", directory / "other.sock"});
+    for (const char* each : {"run", "run/engine", "run/engine/engine.sock", "other.sock"}) {
+        std::filesystem::create_directory(directory / each);
+        EXPECT_TRUE(watch.HasAppeared()) << each;
+        std::filesystem::create_directory((directory / each) + "-else");
+        EXPECT_FALSE(watch.HasAppeared());
+    }
 }
 
 }  // namespace

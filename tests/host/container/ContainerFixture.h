@@ -143,12 +143,16 @@ protected:
     Engine::MetadataCache cache;
     Engine::ContainerTable table;
     Engine::ContainerGroups groups;
-    Engine::ContainerView view{table, groups, proc};
+    Engine::ContainerView view{table, groups, cache, proc};
     Engine::ContainerRegistry registry{table, groups, proc};
     Engine::NoticeReceivers receivers;
-    Engine::BundleReader bundles{proc, Engine::BundleFinder{{{bundleRoot.Path()}, {}}}, cache,
-                                 std::function<void()>{[] {
-                                 }}};
+    bool isKnown = true;  // what the engines say when they are asked about a container
+    std::vector<std::string> asked;
+    Engine::BundleReader bundles{proc, Engine::BundleFinder{{{bundleRoot.Path()}, {}}}, cache, [] {},
+                                 [this](const std::string& id) {
+                                     asked.push_back(id);
+                                     return isKnown;
+                                 }};
     Engine::RegistryObserver observer{registry, proc, receivers, cache, bundles};
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};
     std::deque<std::function<void()>> queue;

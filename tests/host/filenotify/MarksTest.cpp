@@ -2,123 +2,28 @@
 // What the kernel reports for the marks that are set, without the task's thread: when a process has ended, what it did
 // is queued, so nothing here waits.
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
 
-#include "host/filenotify/Marks.h"
-#include "host/filenotify/Notifier.h"
 #include "host/sdk/Impairments.h"
 #include "host/sdk/Limits.h"
-#include "tests/host/filenotify/NotifyFixture.h"
-#include "tests/support/MustRun.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/host/filenotify/MarksFixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Matcher;
 using testing::SizeIs;
 using Paths = std::vector<std::string>;
-
-bool WriteFile(const std::string& path)
-{
-    return (std::ofstream{path} << "text\n" << std::flush).good();
-}
-
-class MarksTest : public NotifyFixture {
-protected:
-    void SetUp() override
-    {
-        // No other process sees the mounts of the test, and they are gone with this one.
-        CE_REQUIRE(unshare(CLONE_NEWNS) == 0 && !group.Open(), "needs root, and fanotify in the kernel");
-        ASSERT_EQ(mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        fs::create_directories(watched + "/sub");
-        fs::create_directories(aside + "/sub");
-    }
-
-    void TearDown() override
-    {
-        watches = {};
-        marks.Update(watches);
-        EXPECT_THAT(KernelMarks(), testing::Not(HasSubstr(" mask:"))) << "a mark goes with its last watch";
-        for (const std::string& mountPoint : {watched, watched + "/sub", aside}) {
-            umount2(mountPoint.c_str(), MNT_DETACH);
-        }
-    }
-
-    // Returns why the watch is not covered.
-    std::error_code Watch(const std::string& text, bool changes = false)
-    {
-        const int number = watches.Add(&subscriber, text, Engine::ParseWatchEntry(text, {written}, changes));
-        marks.Update(watches);
-        return marks.ErrorOf(number);
-    }
-
-    // The paths that the subscriber is notified of when a process of that container (empty: of the host) runs `action`.
-    template <class Action>
-    std::vector<std::string> NotifiedOf(const std::string& container, const Action& action)
-    {
-        const pid_t child = fork();
-        if (child == 0) {
-            _exit(action() ? 0 : 1);
-        }
-        int status = -1;
-        EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0);
-        system.PutInContainer(child, container);
-        std::error_code error;
-        while (const std::size_t size = group.Read(buffer, error)) {
-            notifier.Handle({buffer.data(), size}, now);
-        }
-        EXPECT_FALSE(error);
-        marks.CloseMounts();
-        std::vector<std::string> paths;
-        for (const Engine::FileNotifyMessage& message : std::exchange(subscriber.seen, {})) {
-            paths.push_back(message.GetEventFilePath());
-            EXPECT_TRUE(group.WithObjects() || message.GetEventMask() == written);
-        }
-        return paths;
-    }
-
-    std::vector<std::string> NotifiedOfWrite(const std::string& path)
-    {
-        return NotifiedOf("0123456789ab", [&] { return WriteFile(path); });
-    }
-
-    // What the kernel tells of the group, a line for each mark (proc_pid_fdinfo(5)).
-    std::string KernelMarks() const
-    {
-        std::ifstream info{"/proc/self/fdinfo/" + std::to_string(group.Descriptor())};
-        return {std::istreambuf_iterator<char>{info}, {}};
-    }
-
-    static constexpr unsigned int written = FAN_MODIFY | FAN_CLOSE_WRITE;
-
-    const TemporaryDirectory directory;
-    const std::string base = fs::canonical(directory.Path()).string();
-    const std::string watched = base + "/watched";
-    const std::string aside = base + "/aside";
-    Engine::FanotifyGroup group;
-    Engine::WatchTable watches;
-    Engine::Marks marks{group};
-    Engine::Notifier notifier{watches, marks, getpid(), [this](const std::unique_ptr<Engine::AccessBatch>& batch) {
-                                  EXPECT_EQ(batch->When(), now.time_since_epoch()) << "when it was read";
-                                  Flush(*batch);
-                              }};
-    std::vector<std::byte> buffer = std::vector<std::byte>(65536);
-};
 
 TEST_F(MarksTest, WhatIsAtTheWatchedPathIsWatchedAlsoWhenItWasDeletedOrMountedOver)
 {
@@ -182,6 +87,12 @@ TEST_F(MarksTest, WithChangesADirectoryIsWatchedForAllThatIsDoneToItByAnyPathAnd
          [&] { return rename(watched.c_str(), moved.c_str()) == 0 && rename(moved.c_str(), watched.c_str()) == 0; },
          watched},
         {"hard link", [&] { return WriteFile(aside + "/linked"); }, aside + "/linked"},
+        {"open by a hard link that is gone",
+         [&] {
+             const int file = open((aside + "/linked").c_str(), O_WRONLY | O_CLOEXEC);
+             return unlink((aside + "/linked").c_str()) == 0 && write(file, "x", 1) == 1;
+         },
+         aside + "/linked"},
         {"hard link made and gone",
          [&] {
              return link(kept.c_str(), (aside + "/out").c_str()) == 0 && WriteFile(aside + "/out") &&
@@ -194,6 +105,7 @@ TEST_F(MarksTest, WithChangesADirectoryIsWatchedForAllThatIsDoneToItByAnyPathAnd
         ASSERT_FALSE(group.Open(changes));
         marks.StartOver();
         ASSERT_FALSE(Watch(watched, changes));
+        EXPECT_EQ(NotifiedOfWrite(aside + "/linked").empty(), !changes);  // it was there before
         for (const auto& [name, act, told] : rows) {
             ASSERT_TRUE(NotifiedOf("", ready).empty());
             EXPECT_THAT(NotifiedOf("0123456789ab", act), changes ? Matcher<Paths>(Contains(told)) : IsEmpty()) << name;
@@ -215,6 +127,19 @@ TEST_F(MarksTest, WithChangesADirectoryIsWatchedForAllThatIsDoneToItByAnyPathAnd
         while (!NotifiedOfWrite(aside + "/file").empty()) {
         }
     }
+}
+
+// A container may have the filesystem mounted without what is mounted on it.
+TEST_F(MarksTest, WithChangesADirectoryBelowAMountPointIsWatched)
+{
+    fs::create_directories(watched + "/sub/hidden");
+    ASSERT_EQ(mount(base.c_str(), aside.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount("none", (watched + "/sub").c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_FALSE(group.Open(true));
+    ASSERT_FALSE(Watch(watched, true));
+    const std::string hidden = aside + "/watched/sub/hidden/file";
+    NotifiedOfWrite(hidden);
+    EXPECT_FALSE(NotifiedOf("0123456789ab", [&] { return truncate(hidden.c_str(), 0) == 0; }).empty());
 }
 
 TEST_F(MarksTest, AnOverlayIsWatchedDirectoryByDirectory)

@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/container/ExecutedProgram.h"
 #include "host/ftrace/LiveTrace.h"
 #include "host/ftrace/SyscallProbeLayout.h"
 #include "host/ftrace/TracefsCalls.h"
@@ -96,6 +97,9 @@ protected:
                     each->kind.Event() + " " + std::to_string(message.get_number(isFork ? "child_pid" : "pid")) + " " +
                     message.get_string("filename") + message.get_string("dst_path") + message.get_string("executed") +
                     (isMove ? " " + std::to_string(message.get_number("dst_id")) : ""));
+                if (record.source.program != nullptr) {
+                    executed = ExecutedProgram::Details(record.source.process, *record.source.program);
+                }
                 return;
             }
         }
@@ -118,6 +122,7 @@ protected:
     std::vector<CeTraceEntry> entries;
     std::vector<const KnownEvent*> followed;
     std::vector<std::string> lives;
+    std::shared_ptr<const SDK::ProcessDetails> executed;  // of the last one
     std::uint64_t marks = 0;
 };
 
@@ -215,7 +220,9 @@ TEST_F(TraceKernelTest, AContainerThatFillsTheRingLeavesRoomForAnother)
 
 TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
 {
-    auto made = std::make_unique<SyscallProbe>(64);
+    SyscallProbe::Budgets budgets;
+    budgets.programs = 1;
+    auto made = std::make_unique<SyscallProbe>(64, SyscallProbe::Where::Best, budgets);
     SyscallProbe* const probe = made.get();
     Start(std::move(made), 0);
     for (const char* name : {"fork", "exec", "exit"}) {
@@ -231,7 +238,7 @@ TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
     ::stat(group.c_str(), &status);
     const std::string groupId = " " + std::to_string(status.st_ino);  // a control group's id is its inode's number
     const std::string file = fs::temp_directory_path() / std::string(100, 'n') / "x";
-    const std::string script = "echo $$ >" + group + "/cgroup.procs; exec " + file;
+    const std::string script = "cd /bin; echo $$ >" + group + "/cgroup.procs; exec " + file + " a '' b";
     const SDK::FileDescriptor shell{::open("/bin/sh", O_RDONLY)};
     fs::create_directory(fs::path{file}.parent_path());
     fs::copy_file("/bin/true", file, fs::copy_options::overwrite_existing);
@@ -253,6 +260,16 @@ TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
     EXPECT_THAT(livesOf(moved), ElementsAre("cgroup_attach_task" + moved + group.substr(root.size()) + "/dev/fd/" +
                                                 std::to_string(shell.Get()) + groupId,
                                             "sched_process_exec" + moved + file, "sched_process_exit" + moved));
+    ASSERT_NE(executed, nullptr);
+    EXPECT_EQ(" " + std::to_string(executed->process) + " ", moved);
+    EXPECT_EQ(executed->parent, self);
+    EXPECT_THAT(executed->arguments, ElementsAre(file, "a", "", "b"));
+    EXPECT_EQ(executed->executable, fs::canonical(file));
+    EXPECT_EQ(executed->workingDirectory, fs::canonical("/bin"));
+    const auto own = SDK::SystemView::Current().Describe(self);
+    EXPECT_EQ(std::tie(executed->uid, executed->gid, executed->loginUid, executed->capabilities),
+              std::tie(own->uid, own->gid, own->loginUid, own->capabilities));
+    EXPECT_THAT((executed->started - own->started).count(), AllOf(Gt(0), Lt(60'000'000'000)));
     const std::string born = id(InChild([] {}, group.c_str()));
     EXPECT_THAT(livesOf(born), ElementsAre("sched_process_fork" + born, "cgroup_attach_task" + born + groupId,
                                            "sched_process_exit" + born));

@@ -5,6 +5,7 @@
 #include <Poco/PipeStream.h>
 #include <Poco/Util/MapConfiguration.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -18,7 +19,9 @@
 #include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
 #include "host/sdk/Config.h"
+#include "host/sdk/JsonMembers.h"
 #include "host/sdk/LineStream.h"
+#include "host/sdk/Redaction.h"
 #include "host/sdk/TraceTime.h"
 #include "sdk/JsonUtils.h"
 #include "support/FakeSystem.h"
@@ -221,7 +224,7 @@ TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDro
 
 struct FakeNames final : SDK::ContainerNames {
     bool IsAwaited(const std::string& /*id*/) const override { return areAwaited; }
-    bool HaveEngine() const override { return !areAwaited; }
+    std::vector<EngineState> Engines() const override { return {}; }
     std::shared_ptr<const ContainerInfo> Find(const std::string& id) const override
     {
         return id == known ? std::make_shared<ContainerInfo>(ContainerInfo{id, "web", "sha256:1", "nginx", {}, {}})
@@ -245,11 +248,12 @@ TEST(AlarmFormatTest, AnEnvelopeTellsOfProcessAndContainerAndATextIsALineForPeop
         R"({"event_name":"Shocker attack\u001b[2J","container_name":"web","occur_time":1700000000,)"
         R"("forensic_info":{"sys_call":"setns"},"process_info":[{"process_name":"b","process_pid":12}],)"
         R"("resource_info":{"container_id":"c1"}})";
+    const Json::Value document = SDK::JsonMembers::Parse(alarm).value_or(Json::Value{});
     SDK::TraceTime::Scope event;
     event.MoveTo(std::chrono::nanoseconds{1});
     const auto context = AlarmContext::Take(alarm, proc);
     AlarmFormat envelopes(AlarmFormat::Parse("envelope", true));
-    const std::string text = envelopes.Format(alarm, context.get(), &names, "");
+    const std::string text = envelopes.Format(alarm, document, context.get(), &names, "");
     EXPECT_TRUE(text.ends_with(",\"alarm\":" + alarm + "}")) << text;
     Json::Value envelope;
     ASSERT_EQ(SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), envelope), 0);
@@ -264,12 +268,105 @@ TEST(AlarmFormatTest, AnEnvelopeTellsOfProcessAndContainerAndATextIsALineForPeop
     EXPECT_EQ(envelope["agent"]["policy_sha256"], Json::Value{});
     EXPECT_EQ(AlarmContext::Take("{}", proc)->tid, 0);
 
-    EXPECT_EQ(AlarmFormat(AlarmFormat::Parse("auto", false)).Format(alarm, nullptr, nullptr, ""), alarm);
+    EXPECT_EQ(AlarmFormat(AlarmFormat::Parse("auto", false)).Format(alarm, document, nullptr, nullptr, ""), alarm);
     AlarmFormat texts(AlarmFormat::Parse("auto", true));
-    EXPECT_EQ(texts.Format(alarm, nullptr, nullptr, ""),
+    EXPECT_EQ(texts.Format(alarm, document, nullptr, nullptr, ""),
               "2023-11-14T22:13:20Z  \033[1;31mShocker attack\\x1b[2J          \033[0m  web                       "
               "setns  b[12]");
-    EXPECT_EQ(texts.Format("{}", nullptr, nullptr, "").find('\n'), std::string::npos);
+    EXPECT_EQ(texts.Format("{}", Json::Value(Json::objectValue), nullptr, nullptr, "").find('\n'), std::string::npos);
+}
+
+class ExceptionsTest : public SinkQueueTest {
+protected:
+    ExceptionsTest()
+    {
+        auto record = std::make_shared<ContainerInfo>(ContainerInfo{"c1", "web", "sha256:1", "nginx:1", {}, {}});
+        record->labels = {{"team", "shop"}, {"image", "mine"}};
+        record->imageDigest = "nginx@sha256:2";
+        proc.records["c1"] = record;
+        proc.Put(10, {{1, "a"}, "c1", "/bin/a", {}});
+        proc.Put(11, {{1, "b"}, "c1", "/bin/b", {}});
+        proc.Put(12, {{1, "c"}, "c2", "/bin/a", {}});
+    }
+
+    static std::string Alarm(const std::string& processes, const std::string& container = "c1",
+                             const std::string& name = "Shocker attack")
+    {
+        return R"({"event_name":")" + name + R"(","process_info":[)" + processes +
+               R"(],"resource_info":{"container_id":")" + container + "\"}}";
+    }
+    static std::string By(int pid) { return R"({"process_pid":)" + std::to_string(pid) + "}"; }
+
+    // Which exception holds for an alarm, of these and one that holds for nothing; empty: none does.
+    std::string Held(const SDK::ExceptionRule& rule, const std::string& alarm)
+    {
+        Exceptions exceptions;
+        exceptions.Replace({{"none", "another", "", "", {}, "", {}}, rule});
+        const auto found = exceptions.Find(alarm, *AlarmContext::Take(alarm, proc), proc);
+        return found ? found->name + (found->mustBeRefused ? " refused" : "") : "";
+    }
+
+    Support::FakeSystem proc;
+};
+
+TEST_F(ExceptionsTest, AllOfARuleMustHoldAndNothingThatAContainerChoosesMakesOneHold)
+{
+    using Rule = SDK::ExceptionRule;
+    for (const auto& [rule, held] : std::vector<std::pair<Rule, std::string>>{
+             {{"image", "docker.io/library/nginx:1", "", "", {}, "", {}}, "image"},
+             {{"tag", "nginx", "", "", {}, "", {}}, ""},
+             {{"registry", "quay.io/nginx:1", "", "", {}, "", {}}, ""},
+             {{"folder", "evil/nginx:1", "", "", {}, "", {}}, ""},
+             {{"id", "", "sha256:1", "", {}, "", {}}, "id"},
+             {{"digest", "", "sha256:2", "", {{"team", "shop"}}, "", {"Shocker"}}, "digest"},
+             {{"label", "nginx:1", "", "", {{"team", "web"}}, "", {}}, ""},
+             {{"pod", "nginx:1", "", "prod", {}, "", {}}, ""},
+             {{"detector", "nginx:1", "", "", {}, "", {"high-risk calls"}}, ""},
+             {{"program", "nginx:1", "", "", {}, "/bin/a", {}}, "program refused"},
+             {{"another", "nginx:1", "", "", {}, "/bin/b", {}}, ""}}) {
+        EXPECT_EQ(Held(rule, Alarm(By(10))), held) << rule.name;
+    }
+    const Rule image{"x", "nginx:1", "", "", {}, "", {}};
+    EXPECT_EQ(Held(image, Alarm(By(11))), "x");
+    for (const std::string& alarm :
+         {Alarm(""), Alarm(By(10) + "," + By(11)), Alarm(By(12)), Alarm(By(12), "c2"), Alarm(By(13)), Alarm(By(10), ""),
+          Alarm(By(10), "c1", "Detection impaired"), Alarm(R"({"process_pid":"10"})"), std::string{"{"}}) {
+        EXPECT_EQ(Held(image, alarm), "") << alarm;
+    }
+}
+
+TEST_F(ExceptionsTest, AnExceptedAlarmIsCountedAndRefusedWhereAnotherProgramWouldBeSilencedWithIt)
+{
+    std::string text;
+    std::vector<std::unique_ptr<AlarmSink>> sinks;
+    sinks.push_back(std::make_unique<TestSink>("lines", [&text](std::string_view line, const StopDeadline&) {
+        text += line;
+        return std::error_code{};
+    }));
+    DataReportTask task(std::move(sinks), {}, AlarmFormat(AlarmFormat::Form::Text));
+    const auto enqueue = [&](int pid) {
+        std::shared_ptr<Framework::Message> message = std::make_shared<Framework::DataMessage>("2", Alarm(By(pid)));
+        return task.EnqueueMsg(message);
+    };
+    task.TakeExceptions({{"a", "nginx:1", "", "", {}, "/bin/a", {}}, {"b", "nginx:1", "", "", {}, "", {}}});
+    EXPECT_EQ(enqueue(10), -1);
+    EXPECT_EQ(enqueue(11), 0);
+    EXPECT_EQ(Grown("report.excepted.a"), 1U);
+    EXPECT_EQ(Grown("report.excepted.b"), 1U);
+    EXPECT_EQ(Grown("alarms.excepted"), 2U);
+    EXPECT_EQ(Grown("alarms.lost"), 0U);
+    task.UnInit();
+    EXPECT_EQ(text, "");
+}
+
+TEST(RedactionTest, WhatAnExpressionOrItsGroupMatchesIsHiddenInEachArgumentThatItReaches)
+{
+    const SDK::Redaction redaction({"--token[= ]\\S+", "(?i)password=(\\S*)", "\xff+", "("});
+    EXPECT_THAT(redaction.Apply({"x", "--token", "s3cret", "Password=a b", "--token=t", "\xff\xff!", "", "a"}),
+                testing::ElementsAre("x", "[redacted]", "[redacted]", "Password=[redacted] b", "[redacted]",
+                                     "[redacted]!", "", "a"));
+    EXPECT_EQ(SDK::Redaction::WhyNot("a*"), "");
+    EXPECT_NE(SDK::Redaction::WhyNot("("), "");
 }
 
 TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNoLonger)
@@ -283,8 +380,7 @@ TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNo
         wait.Release(&names, start + after, [&](const std::string& text, const auto&) { sent += text + '\n'; });
         return std::exchange(sent, {});
     };
-    for (const char* text : {"", "[]", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})",
-                             R"({"container_name":"a","resource_info":{"container_id":"c1"}})"}) {
+    for (const char* text : {"", "[]", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})"}) {
         EXPECT_EQ(wait.Pass(text, &names, start), text);
     }
     EXPECT_EQ(wait.Pass(nameless, nullptr, start), nameless);
@@ -293,13 +389,20 @@ TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNo
     EXPECT_EQ(release(1999ms), "");
     EXPECT_EQ(release(2000ms), nameless + "\n");
     names.known = "c1";
-    const std::string named = wait.Pass(nameless, &names, start).value_or("");
-    for (const char* part : {R"("container_name":"web")", R"("image_name":"nginx")", R"("image_id":"sha256:1")",
-                             R"("container_id":"c1")"}) {
-        EXPECT_NE(named.find(part), std::string::npos) << named;
-    }
+    const std::string half =
+        R"({"container_name":"a","image_name":"","resource_info":{"container_id":"c1","image_id":""}})";
+    EXPECT_FALSE(wait.Pass(half, &names, start)) << "more is awaited";
     names.areAwaited = false;
-    EXPECT_EQ(release(2000ms), named + "\n") << "the engine has answered";
+    const std::string named = wait.Pass(nameless, &names, start).value_or("");
+    const std::string whole = wait.Pass(half, &names, start).value_or("");
+    for (const char* part : {R"("image_name":"nginx")", R"("image_id":"sha256:1")", R"("container_id":"c1")"}) {
+        EXPECT_NE(named.find(part), std::string::npos) << named;
+        EXPECT_NE(whole.find(part), std::string::npos) << whole;
+    }
+    EXPECT_NE(named.find(R"("container_name":"web")"), std::string::npos) << named;
+    EXPECT_NE(whole.find(R"("container_name":"a")"), std::string::npos) << whole;
+    EXPECT_EQ(wait.Pass(whole, &names, start), whole);
+    EXPECT_EQ(release(0ms), named + "\n" + whole + "\n") << "the engine has answered";
     names.known = "";
     EXPECT_EQ(wait.Pass(nameless, &names, start), nameless) << "no engine's container";
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "host/container/ContainerEngineClient.h"
+#include "host/container/DockerEngineClient.h"
 
 #include <gmock/gmock.h>
 
@@ -17,7 +17,7 @@ constexpr auto Id = [](char digit) {
     return std::string(64, digit);
 };
 
-class ContainerEngineClientTest : public testing::Test {
+class DockerEngineClientTest : public testing::Test {
 protected:
     // What a GET of `target` gets from then on. Before, it is 404.
     void Answer(const std::string& target, const std::string& body) { answers[target] = ok + body; }
@@ -39,7 +39,11 @@ protected:
         FakeEngine::Send(events, bytes);
         StepAfter({});
     }
-    void StepAfter(std::chrono::milliseconds pause) { client.Step(now += pause); }
+    void StepAfter(std::chrono::milliseconds pause)
+    {
+        cache.Purge(now += pause);
+        client.Step(now);
+    }
     std::string ImageOf(char digit) const { return cache.ImageNameOf(Id(digit)); }
 
     // The engine's thread uses both until it has answered, while the client waits.
@@ -55,11 +59,12 @@ protected:
         }
     }};
     Engine::MetadataCache cache;
-    Engine::ContainerEngineClient client{engine.SocketPath(), cache, [] { return false; }, std::chrono::hours{1}};
-    Engine::ContainerEngineClient::Clock::time_point now = Engine::ContainerEngineClient::Clock::now();
+    Engine::DockerEngineClient client{
+        {"docker", engine.SocketPath()}, cache, 1, [] { return false; }, std::chrono::hours{1}};
+    Engine::DockerEngineClient::Clock::time_point now = Engine::DockerEngineClient::Clock::now();
 };
 
-TEST_F(ContainerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABreak)
+TEST_F(DockerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABreak)
 {
     List(R"([{"Id":")" + Id('a') + R"("},{"Id":"no/id"},{"Id":")" + Id('b') + R"("},7])");
     Container('a', "a:1");
@@ -67,10 +72,11 @@ TEST_F(ContainerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABr
     StepAfter({});
     EXPECT_TRUE(client.HasReadAll());
     EXPECT_EQ(ImageOf('a'), "a:1");
-    Answer("/images/from-the-event/json", R"({"Id":"sha256:1"})");
+    Answer("/images/from-the-event/json", R"({"Id":"sha256:1","RepoDigests":["a@sha256:2"]})");
     Event("create", 'b');
     EXPECT_EQ(ImageOf('b'), "from-the-event") << "it cannot be inspected";
     EXPECT_EQ(cache.Find(Id('b'))->imageId, "sha256:1") << "but the image can";
+    EXPECT_EQ(cache.Find(Id('b'))->imageDigest, "sha256:2");
     Container('b', "b:2");
     Events("\n7\r\n{\"Type\":\"contai");
     Events("ner\"}\n");
@@ -101,7 +107,7 @@ TEST_F(ContainerEngineClientTest, FollowsTheEventsAndReadsEverythingAnewAfterABr
     EXPECT_EQ(ImageOf('a'), "") << "it was not listed any more";
 }
 
-TEST_F(ContainerEngineClientTest, WhatIsTooLongCostsOneContainerItsNamesAndNoOther)
+TEST_F(DockerEngineClientTest, WhatIsTooLongCostsOneContainerItsNamesAndNoOther)
 {
     const std::string labels = R"("Labels":{"l":")" + std::string(17'000'000, 'x') + "\"}}";
     List(R"([{"Id":")" + Id('a') + R"("},{"Id":")" + Id('b') + "\"," + labels + R"(,{"Id":")" + Id('c') + "\"}]");
@@ -121,7 +127,7 @@ TEST_F(ContainerEngineClientTest, WhatIsTooLongCostsOneContainerItsNamesAndNoOth
     EXPECT_EQ(ImageOf('a') + ImageOf('b') + ImageOf('c') + ImageOf('d'), "a:1c:1from-the-event");
 }
 
-TEST_F(ContainerEngineClientTest, AsksAgainAboutWhatWasLeftUnanswered)
+TEST_F(DockerEngineClientTest, AsksAgainAboutWhatWasLeftUnanswered)
 {
     // More containers than a step bears with are stuck, and come first.
     std::string containers;
@@ -188,9 +194,36 @@ TEST(MetadataCacheTest, GoneContainersMakeRoomForNewOnes)
         ASSERT_TRUE(put(id));
     }
     EXPECT_FALSE(put(cache.maxRecords));
-    cache.MarkGone("7", {});
+    cache.MarkGone("7", 1, {});
     EXPECT_TRUE(put(cache.maxRecords));
     EXPECT_EQ(cache.Find("7"), nullptr);
+}
+
+// Each source adds what the better ones lack, unless it alone is not vouched for; and each tells of its own ends.
+TEST(MetadataCacheTest, TheBestWordCountsWhateverComesFirst)
+{
+    using Engine::ContainerInfo;
+    const std::vector<std::pair<ContainerInfo, Engine::MetadataCache::Source>> told{
+        {{"a", "e", "", "docker.io/library/nginx:1", {}, {}}, {2, true, true}},
+        {{"a", "b", "sha256:b", "b:1", {}, {"/b"}, {"pod", "shop", "u"}}, {0, true, false}},
+        {{"a", "u", "sha256:u", "trusted", {}, {}, {}, "sha256:d"}, {3, false, true}}};  // a user's engine
+    for (const auto& order : {std::array{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
+        Engine::MetadataCache cache;
+        for (const int each : order) {
+            cache.Put(told[each].first, told[each].second);
+        }
+        const ContainerInfo known = *cache.FindVouchedFor("a");
+        EXPECT_EQ(known.name + known.imageName + known.imageId + known.imageDigest + known.pod.name +
+                      known.mountDestinations.at(0),
+                  "enginx:1sha256:bpod/b");
+        cache.KeepOnly({}, 3, {});
+        cache.KeepLiving({}, {});
+        cache.Purge(Engine::MetadataCache::Clock::now());
+        EXPECT_NE(cache.Find("a"), nullptr) << "it was neither of them that told";
+        cache.MarkGone("a", 2, {});
+        cache.Put({"a", "again", "", "", {}, {}}, told[1].second);
+        EXPECT_EQ(cache.Find("a")->imageName, "") << "another has the name now";
+    }
 }
 
 TEST(MetadataCacheTest, NamespacesOfContainersThatHaveGoneAreForgotten)

@@ -1,0 +1,137 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Several container engines at once: each names its containers, and the whitelist holds for all of them."""
+
+import json
+import pathlib
+import os
+import secrets
+import subprocess
+import tempfile
+import unittest
+
+import cri
+import harness
+from harness import OPEN, SHOCKER, VIEWS
+
+DEED = ("self", "call", "getdents64,getdents64,open_by_handle_at")
+
+
+class SeveralEngines(harness.InDocker):
+    images = ("probe:1", "hub/trusted:1")
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.place = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory(prefix="ce-engines.")))
+        cls.archive = harness.make_archive(cls.place / "image")
+        cls.podman = ("podman", "--root", cls.place / "podman", "--runroot", cls.place / "podman-run", "--storage-driver",
+                      "vfs", "--cgroup-manager=cgroupfs", "--events-backend=file")
+        cls.sockets = {"docker": cls.engine.socket, "podman": cls.place / "late/podman.sock",
+                       "cri": cls.place / "cri/containerd.sock"}
+
+    def start_others(self):
+        """Podman's service and containerd, in directories that were not there before."""
+        self.sockets["podman"].parent.mkdir()
+        service = subprocess.Popen([*map(str, self.podman), "system", "service", "--time", "0",
+                                    f"unix://{self.sockets['podman']}"], stderr=subprocess.DEVNULL)
+        self.addCleanup(service.wait, harness.PATIENCE)
+        self.addCleanup(service.terminate)
+        self.sockets["cri"].parent.mkdir()
+        containerd = cri.Containerd(self.sockets["cri"].parent)
+        self.addCleanup(containerd.close)
+        containerd.load(self.archive, self.podman, also="docker.io/hub/trusted:1")
+        harness.run(*self.podman, "tag", "docker.io/library/probe:1", "docker.io/hub/trusted:1")
+        self.pod = cri.Pod(containerd, "cart")
+        self.addCleanup(self.pod.close)
+
+    def attack(self, kind, image):
+        """By the first process of a container of that engine. Returns its id and its name."""
+        name = f"{kind}-{secrets.token_hex(4)}"
+        if kind == "cri":
+            return self.pod.run(name, *DEED, image=f"docker.io/{image}")[0], name
+        if kind == "podman":
+            ids = self.place / name
+            harness.run(*self.podman, "--runtime", "runc", "run", *OPEN, "--ulimit", "nofile=1024:1024", "--ulimit", "nproc=1024:1024",
+                        "--cidfile", ids, "--name", name, f"docker.io/{image}", *DEED)
+            return ids.read_text(), name
+        self.engine.docker("run", *OPEN, "--name", name, image.removeprefix("library/"), "/bin/probe", *DEED)
+        return self.engine.inspect(name, "{{.Id}}"), name
+
+    def test_all_that_appear_name_their_containers_and_keep_to_the_whitelist(self):
+        words = [word for kind, path in self.sockets.items() for word in ("--engine", f"{kind}={path}")]
+        policy = harness.policy(whitelist=["trusted:1", "trusted"], scope="container")
+        with harness.Agent(policy, *words) as early:
+            self.assertIn(f"engine docker={self.sockets['docker']}, 0 containers", early.ready_line)
+            self.assertRegex("\n".join(early.log.seen), f"no container engine at {self.sockets['cri']},")
+            self.start_others()
+            with harness.Agent(policy, *words) as late:
+                self.assertIn(", ".join(f"engine {kind}={path}" for kind, path in self.sockets.items()), late.ready_line)
+                for kind in (*self.sockets, *self.sockets):
+                    self.attack(kind, "hub/trusted:1")
+                    container, name = self.attack(kind, "library/probe:1")
+                    for agent in (early, late):
+                        _, alarm = agent.alarm(patience=5)
+                        self.assertEqual((alarm["event_name"], alarm["resource_info"]["container_id"]), (SHOCKER, container))
+                        self.assertEqual((alarm["container_name"], alarm["image_name"]), (name, "probe:1"))
+                        self.assertRegex(alarm["resource_info"]["image_id"], "^sha256:[0-9a-f]{64}$")
+        self.a_wrong_kind_is_named()
+
+    def a_wrong_kind_is_named(self):
+        for kind, right in (("docker", "cri"), ("cri", "docker")):
+            path = self.sockets[right]
+            done = subprocess.run([harness.AGENT, "check", "--json", "--engine", f"{kind}={path}"], capture_output=True,
+                                  text=True, check=False)
+            answer = json.loads(done.stdout)
+            self.assertEqual((done.returncode, answer["engines"]), (1, []), done)
+            self.assertRegex(answer["warnings"][0], f"speaks HTTP/[12], not .*; try --engine {right}={path}$")
+
+
+USER = f"ce-rootless-{os.getpid()}"
+# In a control group that is given to the user, as a login manager does.
+SERVE = f"""set -e
+group=/sys/fs/cgroup/{USER}
+mkdir -p $group/own && chown -R {USER} $group && echo $$ >$group/own/cgroup.procs
+exec setpriv --reuid={USER} --regid={USER} --init-groups sh -ec "$0"
+"""
+SESSION = """export HOME={home} XDG_RUNTIME_DIR={home}/run
+cd && mkdir -p -m 700 run
+podman="podman --storage-driver vfs --cgroup-manager=cgroupfs --events-backend=file"
+$podman import -q {archive} localhost/probe:1
+$podman system service --time 0 unix://{home}/run/podman.sock &
+until [ -S run/podman.sock ]; do sleep 0.1; done && echo ready
+while read -r name; do
+    $podman run --rm --network none --security-opt seccomp=unconfined --cgroup-parent /{user} --name $name \\
+        probe:1 /bin/probe {deed}
+done
+kill $! $(cat run/libpod/tmp/pause.pid)
+wait
+"""
+
+
+class RootlessPodman(unittest.TestCase):
+    def test_its_names_are_in_the_alarms_and_its_images_on_no_whitelist(self):
+        """What a user tells of his containers must not keep an alarm back."""
+        home = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="ce-rootless.")))
+        archive = harness.make_archive(home / "image")
+        harness.run("useradd", "--home-dir", home, "--no-create-home", USER)
+        self.addCleanup(harness.remove_groups, USER)
+        self.addCleanup(harness.run, "userdel", USER)
+        harness.run("chown", "-R", f"{USER}:", home)
+        session = SESSION.format(home=home, archive=archive, user=USER, deed=" ".join(DEED))
+        shell = subprocess.Popen([*(VIEWS["v2"] or ("env",)), "sh", "-c", SERVE, session], stdin=subprocess.PIPE,
+                                 stdout=subprocess.PIPE, text=True)
+        self.addCleanup(shell.wait, harness.PATIENCE)
+        self.addCleanup(shell.stdin.close)
+        harness.Lines(shell.stdout).wait_for("ready".__eq__)
+        policy = harness.policy(whitelist=["probe"], scope="container")
+        asking = ("--engine", f"podman={home}/run/podman.sock")
+        with harness.Agent(policy) as alone, harness.Agent(policy, *asking) as asks:
+            self.assertIn(f"engine {asking[1]}", asks.ready_line)
+            for number in range(harness.tries(20)):
+                shell.stdin.write(f"web{number}\n")
+                shell.stdin.flush()
+                for agent in (alone, asks):
+                    _, alarm = agent.alarm(patience=5)
+                    self.assertEqual((alarm["event_name"], alarm["container_name"], alarm["image_name"]),
+                                     (SHOCKER, f"web{number}", "localhost/probe:1"))
+                    self.assertRegex(alarm["resource_info"]["image_id"], "^sha256:[0-9a-f]{64}$")
