@@ -32,11 +32,11 @@ def cpu_seconds(pid):
 
 
 @contextlib.contextmanager
-def counted_agent(policy, *options):
+def counted_agent(policy, *options, **more):
     """An agent whose alarms are thrown away. After the block its attribute `counts` holds its counters."""
     with tempfile.TemporaryDirectory() as folder:
         statistics = pathlib.Path(folder) / "statistics"
-        agent = harness.Agent(policy, "--alarms", "/dev/null", "--stats", str(statistics), *options)
+        agent = harness.Agent(policy, "--alarms", "/dev/null", "--stats", str(statistics), *options, **more)
         try:
             yield agent
         finally:

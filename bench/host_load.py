@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the agent costs a host without containers: the same work without it, and with each source of system calls.
+"""What the agent costs a host: the same work without it, and with each source of system calls.
 
     host_load.py [ROUNDS]    default 7; needs root and a release build
 
@@ -20,7 +20,10 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import agents  # noqa: E402
 from agents import LOAD, ROOT, harness  # noqa: E402
 
-STATES = ("none", "bpf", "tracefs")
+STATES = {"no agent": None,
+          "--syscalls bpf": ("--syscalls", "bpf"),
+          "the same, envelopes": ("--syscalls", "bpf", "--alarm-format", "envelope"),
+          "--syscalls tracefs": ("--syscalls", "tracefs")}
 POLICY = (ROOT / "packaging/policy.json").read_text()
 TREE = "/usr"
 # Loops much shorter than a time slice: the quickest of them was not interrupted.
@@ -40,15 +43,20 @@ def compiling(folder):
     return ["sh", "-ec", f"for i in $(seq {COMPILES}); do cc -O1 -pthread -o '{folder}/out' '{source}'; done"]
 
 
+def inside(group, command):
+    return ["sh", "-ec", f"echo $$ >'{group}/cgroup.procs'; exec " + " ".join(map(str, command))]
+
+
 # Name, command, and whether it prints the ns of its calls. The policy lists setns, the Shocker detector watches
 # getdents64, by which find lists.
-def the_work(folder):
+def the_work(folder, group):
     return (("nothing", ["sleep", 2], False),
             ("an unwatched call", a_call("getppid"), True),
             ("a watched call", a_call("setns"), True),
             (f"find {TREE}", ["find", TREE, "-xdev"], False),
             (f"{COMPILES} compilations", compiling(folder), False),
-            (f"{EXECS} programs", [LOAD, "exec", EXECS, "/bin/true"], False))
+            (f"{EXECS} programs", [LOAD, "exec", EXECS, "/bin/true"], False),
+            (f"{EXECS} in a container", inside(group, [LOAD, "exec", EXECS, "/bin/true"]), False))
 
 
 def children_cpu_seconds():
@@ -69,53 +77,54 @@ def do(command, prints_ns):
 
 
 def measure(state, command, prints_ns):
-    if state == "none":
+    if STATES[state] is None:
         return do(command, prints_ns)
-    with agents.counted_agent(POLICY, "--syscalls", state) as agent:
+    with agents.counted_agent(POLICY, *STATES[state]) as agent:
         time.sleep(SETTLE_SECONDS)
         before = agents.cpu_seconds(agent.pid)
         figures = do(command, prints_ns)
         figures["the agent's CPU s"] = agents.cpu_seconds(agent.pid) - before
     time.sleep(SETTLE_SECONDS)
     figures["events read"] = agent.counts["trace.read"]
-    figures["events lost"] = agent.counts["trace.lost_overrun"] + agent.counts["trace.lost_dropped"]
+    figures["events lost"] = sum(agent.counts[f"trace.{loss}"] for loss in ("lost_overrun", "lost_dropped", "shed_kernel"))
     return figures
 
 
 def print_row(name, unit, values):
     """`values`: a list for each state, empty where there is nothing to measure."""
-    base = statistics.median(values["none"]) if values["none"] else None
+    base = statistics.median(values["no agent"]) if values["no agent"] else None
     cells = []
     for state in STATES:
         if not values[state]:
-            cells.append(f"{'':20}")
+            cells.append(f"{'':21}")
             continue
         middle = statistics.median(values[state])
         digits = 0 if unit.startswith("events") else 1 if unit == "ns" else 3
         text = f"{middle:.{digits}f}"
-        if state != "none" and base:
+        if STATES[state] and base:
             change = f"{middle - base:+.0f}, " if unit == "ns" else ""
             text += f" ({change}x{middle / base:.2f})"
-        cells.append(f"{text:20}")
+        cells.append(f"{text:21}")
     print(f"{name:20} {unit:18} {' '.join(cells)}".rstrip())
 
 
 def main():
     rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 7
-    with tempfile.TemporaryDirectory() as folder:
-        work = the_work(folder)
+    with tempfile.TemporaryDirectory() as folder, agents.control_group() as group:
+        work = the_work(folder, group)
+        states = list(STATES)
         for _, command, prints_ns in work:
             do(command, prints_ns)  # warms the caches
         results = {}
         for number in range(rounds):
-            order = STATES[number % len(STATES):] + STATES[:number % len(STATES)]
+            order = states[number % len(states):] + states[:number % len(states)]
             with harness.alone_on_this_machine():
                 for name, command, prints_ns in work:
                     for state in order:
                         for unit, value in measure(state, command, prints_ns).items():
                             row = results.setdefault((name, unit), {each: [] for each in STATES})
                             row[state].append(value)
-    print(f"{'':39} {'no agent':20} {'--syscalls bpf':20} --syscalls tracefs")
+    print(f"{'':39} " + " ".join(f"{state:21}" for state in STATES).rstrip())
     for (name, unit), values in results.items():
         print_row(name, unit, values)
 
