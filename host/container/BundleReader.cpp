@@ -37,11 +37,20 @@ bool IsRoots(const SDK::RegularFile& file)
     return file.owner == 0 && (file.mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Of Podman's containers, names and image are in the storage's own list, which is above their bundles.
-std::optional<SDK::RegularFile> StoredList(const std::string& bundle)
+// Of Podman's containers, names and image are in the lists of the storage, which are above their bundles: the second
+// has those that are removed as soon as they end, from its version 4.4 on.
+std::optional<ContainerInfo> FindStored(const std::string& id, const std::filesystem::path& bundle, bool& isRoots)
 {
-    const std::filesystem::path folder = std::filesystem::path(bundle).parent_path().parent_path();
-    return ReadFile(folder / "containers.json");
+    const std::filesystem::path folder = bundle.parent_path().parent_path();
+    for (const char* name : {"containers.json", "volatile-containers.json"}) {
+        const std::optional<SDK::RegularFile> list = ReadFile(folder / name);
+        auto stored = list ? OciBundle::ParseStored(id, list->text) : std::nullopt;
+        if (stored) {
+            isRoots = IsRoots(*list);
+            return stored;
+        }
+    }
+    return std::nullopt;
 }
 
 // As most engines make ids: the name is kept elsewhere.
@@ -63,11 +72,12 @@ void BundleReader::Want(const std::string& id, int pid, bool announced)
         const auto [known, isNew] = containers.try_emplace(id);
         Container& container = known->second;
         container.wasAnnounced = container.wasAnnounced || announced;
-        const bool isWantedAgain = container.state == State::Missing && announced;
+        const bool isLacking = !container.hasBundle || (container.searches == 0 && !container.isKnown);
+        const bool isWantedAgain = !isNew && announced && !container.isSecond && isLacking;
         if (!isNew && !isWantedAgain) {
             return;
         }
-        container.state = State::Wanted;
+        ++container.searches;
         container.isSecond = isWantedAgain;
     }
     Wanted wanted{id, BundleFinder::AncestorsOf(system, pid)};
@@ -75,14 +85,14 @@ void BundleReader::Want(const std::string& id, int pid, bool announced)
         const std::lock_guard lock(mutex);
         queue.push_back(std::move(wanted));
     }
-    wake();
+    calls.wakeReader();
 }
 
 bool BundleReader::IsAwaited(const std::string& id) const
 {
     const std::lock_guard lock(mutex);
     const auto known = containers.find(id);
-    return known != containers.end() && known->second.state == State::Wanted;
+    return known != containers.end() && known->second.searches > 0;
 }
 
 void BundleReader::AskAgain()
@@ -90,45 +100,16 @@ void BundleReader::AskAgain()
     {
         const std::lock_guard lock(mutex);
         for (auto& [id, container] : containers) {
-            if (container.state != State::Wanted) {
-                container.state = State::Wanted;
+            if (container.searches == 0) {
+                container.searches = 1;
                 unasked.push_back(id);
             }
         }
     }
-    wake();
+    calls.wakeAsker();
 }
 
-// A bundle is read in no time. An engine may take long, so what comes meanwhile goes first.
-bool BundleReader::Step()
-{
-    ReadBundles();
-    std::string id;
-    {
-        const std::lock_guard lock(mutex);
-        if (unasked.empty()) {
-            return false;
-        }
-        id = std::move(unasked.front());
-        unasked.pop_front();
-    }
-    const bool isKnown = ask(id);
-    const std::lock_guard lock(mutex);
-    if (const auto known = containers.find(id); known != containers.end()) {
-        Container& container = known->second;
-        if (!isKnown && container.wasAnnounced && !container.isSecond) {  // it knows by now
-            container.isSecond = true;
-            unasked.push_back(id);
-        } else {
-            container.state = isKnown && container.hasBundle ? State::Found
-                              : container.isSecond           ? State::MissingTwice
-                                                             : State::Missing;
-        }
-    }
-    return !unasked.empty() || !queue.empty();
-}
-
-void BundleReader::ReadBundles()
+void BundleReader::ReadWanted()
 {
     for (;;) {
         Wanted wanted;
@@ -141,20 +122,48 @@ void BundleReader::ReadBundles()
             queue.pop_front();
         }
         const bool isFound = Read(wanted);
+        {
+            const std::lock_guard lock(mutex);
+            if (const auto known = containers.find(wanted.id); known != containers.end()) {
+                known->second.hasBundle = known->second.hasBundle || isFound;
+                unasked.push_back(std::move(wanted.id));
+            }
+        }
+        calls.wakeAsker();
+    }
+}
+
+bool BundleReader::AskNext()
+{
+    std::string id;
+    {
         const std::lock_guard lock(mutex);
-        if (const auto known = containers.find(wanted.id); known != containers.end()) {
-            known->second.hasBundle = isFound;
-            unasked.push_back(std::move(wanted.id));
+        if (unasked.empty()) {
+            return false;
+        }
+        id = std::move(unasked.front());
+        unasked.pop_front();
+    }
+    const bool isKnown = calls.ask(id);
+    const std::lock_guard lock(mutex);
+    if (const auto known = containers.find(id); known != containers.end()) {
+        Container& container = known->second;
+        container.isKnown = isKnown;
+        if (!isKnown && container.wasAnnounced && !container.isSecond) {  // they know by now
+            container.isSecond = true;
+            unasked.push_back(id);
+        } else {
+            --container.searches;
         }
     }
+    return !unasked.empty();
 }
 
 void BundleReader::KeepOnly(const std::unordered_set<std::string_view>& living)
 {
     const std::lock_guard lock(mutex);
-    std::erase_if(containers, [&living](const auto& item) {
-        return item.second.state != State::Wanted && !living.contains(item.first);
-    });
+    std::erase_if(containers,
+                  [&living](const auto& item) { return item.second.searches == 0 && !living.contains(item.first); });
 }
 
 // False when there is no bundle. What an unprivileged user could have written is not vouched for.
@@ -172,13 +181,12 @@ bool BundleReader::Read(const Wanted& wanted)
     bool isVouchedFor = IsRoots(*config) && BundleFinder::IsNamedAfter(bundle, wanted.id) &&
                         !OciBundle::HasForeignAnnotations(config->text);
     if (info->name.empty() && std::filesystem::path(bundle).filename() == "userdata") {
-        const std::optional<SDK::RegularFile> list = StoredList(bundle);
-        const auto stored = list ? OciBundle::ParseStored(wanted.id, list->text) : std::nullopt;
-        if (stored) {
+        bool isRoots = false;
+        if (const auto stored = FindStored(wanted.id, bundle, isRoots)) {
             info->name = stored->name;
             info->imageName = stored->imageName;
             info->imageId = stored->imageId;
-            isVouchedFor = isVouchedFor && IsRoots(*list);
+            isVouchedFor = isVouchedFor && isRoots;
         }
     }
     if (info->name.empty() && !IsRandom(wanted.id)) {

@@ -28,12 +28,25 @@ std::vector<std::string> PathsOf(const std::vector<SDK::EngineAddress>& addresse
 
 }  // namespace
 
+ContainerBundleTask::ContainerBundleTask(BundleReader& bundles)
+    : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, 1), bundles(bundles)
+{
+}
+
+int ContainerBundleTask::Run()
+{
+    bundles.ReadWanted();
+    return Framework::Task::Run();
+}
+
 ContainerCollectTask::ContainerCollectTask(const std::vector<SDK::EngineAddress>& addresses, SDK::SystemView& system)
     : Framework::Task(taskName, "", Framework::TaskCondition::EventLoop, queueCapacity),
       socketWatch(PathsOf(addresses)),
-      bundles(
-          system, BundleFinder{}, cache, [this] { Waiter().Wake(); },
-          [this](const std::string& id) { return Ask(id); }),
+      bundles(system, BundleFinder{}, cache,
+              {[this] { bundleTask.Waiter().Wake(); }, [this] { Waiter().Wake(); },
+               [this](const std::string& id) {
+                   return Ask(id);
+               }}),
       view(table, groups, cache, system),
       registry(table, groups, system),
       observer(registry, system, receivers, cache, bundles)
@@ -108,7 +121,7 @@ int ContainerCollectTask::Run()
     }
     BulkConsumeMsg(static_cast<int>(queueCapacity));
     cache.Purge(Clock::now());
-    isMoreWanted = bundles.Step();
+    isMoreWanted = bundles.AskNext();
     StepAll();
     return 0;
 }

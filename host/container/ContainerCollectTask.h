@@ -23,9 +23,23 @@
 
 namespace Engine {
 
+// Reads what engines keep beside containers, while container_collect_task may wait for an engine. Thread: its own.
+class ContainerBundleTask : public Framework::Task {
+public:
+    static constexpr char taskName[] = "container_bundle_task";
+
+    // `bundles`: not owned.
+    explicit ContainerBundleTask(BundleReader& bundles);
+    int Run() override;
+
+private:
+    BundleReader& bundles;
+};
+
 // Ownership: `system` is not owned and outlives the task; neither is the trace task, which must have been left
 //            (Detach) before it goes.
-// Thread:    its own asks the engines; the registry and the notices live on the trace task's.
+// Thread:    its own asks the engines, its BundleTask's reads bundles; the registry and the notices live on the trace
+// task's.
 class ContainerCollectTask : public Framework::Task,
                              public ContainerMetaInfo,
                              public SDK::ContainerNames,
@@ -44,6 +58,9 @@ public:
     void Detach();
 
     SDK::ContainerResolver& Resolver() { return view; }
+
+    // To be run beside this one, and not longer.
+    Framework::Task& BundleTask() { return bundleTask; }
 
     // Reads what the engines know for the first time: names and images are in the cache when this task has started. An
     // engine that hangs delays the start by some time-outs of its client, five at most.
@@ -79,6 +96,7 @@ private:
     SocketWatch socketWatch;
     MetadataCache cache;
     BundleReader bundles;
+    ContainerBundleTask bundleTask{bundles};
     ContainerTable table;
     ContainerGroups groups;
     ContainerView view;

@@ -36,10 +36,12 @@ public:
             ContainerLog::Warning("no trace events: containers of processes are read from /proc, possibly too late");
         }
         SDK::SystemView::SetContainerResolver(&task->Resolver());
+        if (RegisterTask(&task->BundleTask(), false) != 0) {
+            return NameIsTaken(ContainerBundleTask::taskName);
+        }
         if (RegisterTask(task.get(), false) != 0) {
-            ContainerLog::Error("a task named %s exists already", std::string{ContainerCollectTask::taskName});
-            Leave();
-            return -1;
+            UnRegisterTask(ContainerBundleTask::taskName);
+            return NameIsTaken(ContainerCollectTask::taskName);
         }
         return Framework::Module::Init();
     }
@@ -48,12 +50,20 @@ public:
     {
         if (task != nullptr) {
             UnRegisterTask(ContainerCollectTask::taskName);
+            UnRegisterTask(ContainerBundleTask::taskName);
             Leave();
         }
         return Framework::Module::UnInit();
     }
 
 private:
+    int NameIsTaken(const char* taskName)
+    {
+        ContainerLog::Error("a task named %s exists already", std::string{taskName});
+        Leave();
+        return -1;
+    }
+
     void Leave()
     {
         SDK::SystemView::SetContainerResolver(nullptr);

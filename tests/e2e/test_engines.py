@@ -1,12 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """Several container engines at once: each names its containers, and the whitelist holds for all of them."""
 
+import http.server
 import json
-import pathlib
 import os
+import pathlib
 import secrets
+import socketserver
 import subprocess
 import tempfile
+import threading
+import time
 import unittest
 
 import cri
@@ -86,6 +90,34 @@ class SeveralEngines(harness.InDocker):
             self.assertRegex(answer["warnings"][0], f"speaks HTTP/[12], not .*; try --engine {right}={path}$")
 
 
+class StuckEngine(http.server.BaseHTTPRequestHandler):
+    """Tells of new containers all the time, and answers no question about any."""
+    address_string = "none".__str__
+
+    def do_GET(self):
+        self.send_response(200)
+        self.end_headers()
+        if self.path.startswith("/containers/json"):
+            self.wfile.write(b"[]")
+            return
+        while self.path.startswith("/events"):
+            event = {"Type": "container", "Action": "start", "Actor": {"ID": secrets.token_hex(32)}}
+            self.wfile.write(json.dumps(event).encode() + b"\n")
+            time.sleep(0.05)
+        time.sleep(harness.PATIENCE)
+
+    def log_message(self, *words):
+        pass
+
+
+class StuckServer(socketserver.ThreadingUnixStreamServer):
+    daemon_threads = True
+    block_on_close = False
+
+    def handle_error(self, *_):
+        """The agent leaves."""
+
+
 USER = f"ce-rootless-{os.getpid()}"
 # In a control group that is given to the user, as a login manager does.
 SERVE = f"""set -e
@@ -123,15 +155,20 @@ class RootlessPodman(unittest.TestCase):
         self.addCleanup(shell.wait, harness.PATIENCE)
         self.addCleanup(shell.stdin.close)
         harness.Lines(shell.stdout).wait_for("ready".__eq__)
+        stuck = self.enterContext(StuckServer(f"{home}/stuck.sock", StuckEngine))
+        threading.Thread(target=stuck.serve_forever, daemon=True).start()
+        self.addCleanup(stuck.shutdown)
         policy = harness.policy(whitelist=["probe"], scope="container")
         asking = ("--engine", f"podman={home}/run/podman.sock")
-        with harness.Agent(policy) as alone, harness.Agent(policy, *asking) as asks:
+        waiting = ("--engine", f"docker={home}/stuck.sock")
+        with harness.Agent(policy) as alone, harness.Agent(policy, *asking) as asks, \
+                harness.Agent(policy, *waiting) as waits:
             self.assertIn(f"engine {asking[1]}", asks.ready_line)
             for number in range(harness.tries(20)):
                 shell.stdin.write(f"web{number}\n")
                 shell.stdin.flush()
-                for agent in (alone, asks):
+                for agent in (alone, asks, waits):
                     _, alarm = agent.alarm(patience=5)
-                    self.assertEqual((alarm["event_name"], alarm["container_name"], alarm["image_name"]),
-                                     (SHOCKER, f"web{number}", "localhost/probe:1"))
+                    self.assertEqual([alarm.get(key) for key in ("event_name", "container_name", "image_name")],
+                                     [SHOCKER, f"web{number}", "localhost/probe:1"], (alarm, agent.log.arrived[-9:]))
                     self.assertRegex(alarm["resource_info"]["image_id"], "^sha256:[0-9a-f]{64}$")

@@ -72,7 +72,9 @@ protected:
     {
         bundles.Want(id, pid, false);
         EXPECT_TRUE(bundles.IsAwaited(id));
-        bundles.Step();
+        bundles.ReadWanted();
+        EXPECT_TRUE(bundles.IsAwaited(id)) << "the engines may know more";
+        bundles.AskNext();
         EXPECT_FALSE(bundles.IsAwaited(id));
         const auto found = cache.Find(id);
         return found == nullptr ? "nothing" : Told(*found);
@@ -103,8 +105,9 @@ TEST_F(BundleTest, IsFoundBelowAnEnginesRootOrByTheProcessesThatMadeTheContainer
     const std::string store = root + "/else/vfs-containers/";
     const std::string idC(64, 'c');
     bundleRoot.Write("else/vfs-containers/" + idC + "/userdata/config.json", Config(""));
-    bundleRoot.Write("else/vfs-containers/containers.json",
-                     R"([{"id":")" + idB + R"("},{"id":")" + idC +
+    bundleRoot.Write("else/vfs-containers/containers.json", R"([{"id":")" + idB + R"("}])");
+    bundleRoot.Write("else/vfs-containers/volatile-containers.json",
+                     R"([{"id":")" + idC +
                          R"(","image":"1","names":["n"],)"
                          R"("metadata":"{\"image-name\":\"docker.io/library/nginx:1\",\"name\":\"web\"}"}])");
     RunMaker(20, "/usr/bin/conmon -c " + idC + " -b " + store + idC + "/userdata", "/");
@@ -116,7 +119,7 @@ TEST_F(BundleTest, IsFoundBelowAnEnginesRootOrByTheProcessesThatMadeTheContainer
     EXPECT_EQ(Read("byhand", 31), "nothing") << "there is no such process";
     Run(31, "byhand", 30);
     bundles.Want("byhand", 31, true);
-    bundles.Step();
+    bundles.ReadWanted();
     EXPECT_EQ(Told(*cache.Find("byhand")), "byhand  / ") << "its runtime gave it no other name";
 }
 
@@ -170,18 +173,32 @@ TEST_F(BundleTest, EnginesAreAskedUntilTheContainerRunsAndAgainWhenOneComes)
     isKnown = false;
     EXPECT_EQ(Read(idA, 1), "web nginx:1 prod/shop u-1");
     bundles.Want(idB, 1, true);
-    EXPECT_TRUE(bundles.Step()) << "it runs: once more";
+    bundles.ReadWanted();
+    EXPECT_TRUE(bundles.AskNext()) << "it runs: once more";
     EXPECT_TRUE(!bundles.IsAwaited(idA) && bundles.IsAwaited(idB));
     isKnown = true;
     bundles.Want(idA, 1, true);
-    EXPECT_TRUE(bundles.Step());
-    EXPECT_FALSE(bundles.Step() || bundles.IsAwaited(idA) || bundles.IsAwaited(idB));
+    bundles.ReadWanted();
+    EXPECT_TRUE(bundles.AskNext());
+    EXPECT_FALSE(bundles.AskNext() || bundles.IsAwaited(idA) || bundles.IsAwaited(idB));
     EXPECT_THAT(std::exchange(asked, {}), testing::ElementsAre(idA, idB, idB, idA));
     bundles.AskAgain();
     EXPECT_TRUE(bundles.IsAwaited(idA));
-    while (bundles.Step()) {
+    while (bundles.AskNext()) {
     }
-    EXPECT_THAT(asked, testing::UnorderedElementsAre(idA, idB));
+    EXPECT_THAT(std::exchange(asked, {}), testing::UnorderedElementsAre(idA, idB));
+
+    const std::string idC(64, 'c');
+    bundles.Want(idC, 40, false);  // its runtime's processes are gone, its own are not born
+    bundleRoot.Write("else/" + idC + "/config.json", Config(ofCrio));
+    RunMaker(41, "/usr/bin/conmon -c " + idC + " -b " + root + "/else/" + idC, "/");
+    Run(42, idC, 41);
+    bundles.Want(idC, 42, true);  // before the first has been looked for
+    bundles.ReadWanted();
+    EXPECT_NE(cache.Find(idC), nullptr);
+    bundles.Want(idC, 42, true);
+    EXPECT_TRUE(bundles.AskNext() && bundles.IsAwaited(idC));
+    EXPECT_FALSE(bundles.AskNext() || bundles.IsAwaited(idC));
 }
 
 // Names are there before the container's program runs; when they come late, the receivers are told of it anew.
@@ -196,7 +213,7 @@ TEST_F(BundleTest, IsWantedAsSoonAsTheRuntimeMovesAProcessIn)
     Run(400, idA, runtime);
     Exec(400, "/bin/sh");
     EXPECT_EQ(last.imageName, "");
-    bundles.Step();
+    bundles.ReadWanted();
     Notices();
     Round();
     EXPECT_THAT(Notices(), testing::ElementsAre("-400", "+400"));

@@ -148,11 +148,14 @@ protected:
     Engine::NoticeReceivers receivers;
     bool isKnown = true;  // what the engines say when they are asked about a container
     std::vector<std::string> asked;
-    Engine::BundleReader bundles{proc, Engine::BundleFinder{{{bundleRoot.Path()}, {}}}, cache, [] {},
-                                 [this](const std::string& id) {
-                                     asked.push_back(id);
-                                     return isKnown;
-                                 }};
+    Engine::BundleReader bundles{proc,
+                                 Engine::BundleFinder{{{bundleRoot.Path()}, {}}},
+                                 cache,
+                                 {[] {}, [] {},
+                                  [this](const std::string& id) {
+                                      asked.push_back(id);
+                                      return isKnown;
+                                  }}};
     Engine::RegistryObserver observer{registry, proc, receivers, cache, bundles};
     Framework::Task task{"receiver", "", Framework::TaskCondition::EventLoop, 1};
     std::deque<std::function<void()>> queue;
