@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Boots another kernel of Debian's in an emulated machine. Runs the kernel's tests there, shows that the agent sees a
 # container's calls by every table of calls wherever it records them, that a storm of calls is accounted for to the last
-# one, and counts the instructions of a call that is not watched. Takes two minutes. Installs nothing and needs no root.
+# one, that a kernel which is locked down is named as such, and counts the instructions of a call that is not watched.
+# Takes two minutes. Installs nothing and needs no root.
 #   other-kernel.sh KERNEL [BUILD_DIR]   the name of a package (linux-image-6.1.0-56-cloud-amd64), its .deb file, or
 #                                        "stock" for what linux-image-cloud-amd64 stands for; default build/release
 # Needs qemu-system-x86, busybox-static, cpio, xz-utils, and a build with its tests and benchmarks. Ends with 0 when the
@@ -85,11 +86,12 @@ agent() {
     agent=$!
     awaits 'agent: ready' /tmp/log
 }
-# policy CALL...: these are high-risk
+# policy CALL...: these are high-risk, and the directories of $watched are watched
+watched=
 policy() {
     list=$(printf ', "%s"' "$@")
     echo '{"content": {"image_white_namelist": [], "container_escape_detect_task":
-        {"scope": "container", "highrisk_calls": ['"${list#, }"'], "host_directorys": []}}}' >/tmp/policy
+        {"scope": "container", "highrisk_calls": ['"${list#, }"'], "host_directorys": ['"$watched"']}}}' >/tmp/policy
 }
 counter() { grep -oE "\"$1\": ?[0-9]+" /tmp/stats | grep -oE '[0-9]+$'; }
 stop() {
@@ -146,21 +148,41 @@ test_detection() {
         [ $source = tracefs ] || storm 300000
     done
 }
-# Under -icount an instruction takes a nanosecond.
+# Under -icount an instruction takes a nanosecond. least ARGUMENT...: of an operation of the load
+least() { "$build/bench/load" "$@" | sort -n | head -1; }
 count_instructions() {
+    mkdir -p /tmp/watched/load /tmp/elsewhere/load
+    watched='"/tmp/watched"'
     policy $calls
     for source in none function enter tracefs; do
         [ $source = none ] || { agent; sleep 1; }
-        figure=$("$build/bench/load" call getuid 10000 50 | sort -n | head -1)
-        echo "instructions of a call that is not watched, $source: $figure"
+        call=$(least call getuid 10000 50)
+        write=$(least file write /tmp/elsewhere/load/file 2000 50)
+        echo "instructions of a call that is not watched and of a write outside of the watched directory, $source:" \
+            "$call, $write"
         case $source in
-        none) none=$figure ;;
-        function) check "--syscalls function: costs other calls nothing" awk "BEGIN { exit !($figure - $none < 1) }" ;;
+        none) none="$call $write" ;;
+        function)
+            check "--syscalls function: costs other calls and writes nothing" awk -v now="$call $write" -v none="$none" \
+                'BEGIN { split(now, n); split(none, o); exit !(n[1] - o[1] < 1 && n[2] - o[2] < 1) }'
+            ;;
         esac
         [ $source = none ] || stop
     done
 }
-case $(cat /proc/cmdline) in *cost*) count_instructions ;; *) test_detection ;; esac
+test_lockdown() {
+    mount -t securityfs none /sys/kernel/security
+    policy $calls
+    "$build/bin/containerescape-agent" check --policy /tmp/policy >/tmp/log
+    status=$?
+    cat /tmp/log
+    check "lockdown is named" [ "$status $(grep -c '^error: finds the kernel locked down' /tmp/log)" = "2 1" ]
+}
+case $(cat /proc/cmdline) in
+*cost*) count_instructions ;;
+*lockdown*) test_lockdown ;;
+*) test_detection ;;
+esac
 poweroff -f
 INIT
 chmod +x "$root/init"
@@ -175,5 +197,6 @@ boot() {
 }
 boot 2 ""
 boot 1 cost -icount shift=0,sleep=off
+boot 1 lockdown=confidentiality
 ! grep -q '^other-kernel: .* failed$' "$work/console" &&
-    [ "$(grep -c '^other-kernel: .* passed$' "$work/console")" = $((${#tests[@]} + 3 * (5 + 1 + 13 + 1) + 2 * (14 + 13 * x32 + 3 + 2 + 1) + 3 + 1)) ]
+    [ "$(grep -c '^other-kernel: .* passed$' "$work/console")" = $((${#tests[@]} + 3 * (5 + 1 + 13 + 1) + 2 * (14 + 13 * x32 + 3 + 2 + 1) + 3 + 1 + 1)) ]

@@ -63,6 +63,14 @@ std::string MissingCapabilities()
     return missing;
 }
 
+// Against reading the kernel, which takes tracing along (kernel_lockdown(7)).
+bool IsLockedDown()
+{
+    std::string modes;
+    SDK::FileUtils::ReadFile("/sys/kernel/security/lockdown", modes, 1024);
+    return modes.find("[confidentiality]") != std::string::npos;
+}
+
 std::string Tracefs()
 {
     for (const char* place : tracefsPlaces) {
@@ -91,6 +99,10 @@ std::string WhyNotHere()
     if (!SeesHostProcessIds()) {
         return "is in a process id namespace of its own and would take processes for others: start it on the host, or "
                "its container with the host's process ids";
+    }
+    if (IsLockedDown()) {
+        return "finds the kernel locked down, so that nobody may trace it: start the kernel with lockdown=integrity or "
+               "without lockdown";
     }
     if (Tracefs().empty()) {
         return "finds no tracefs: mount it with \"mount -t tracefs nodev /sys/kernel/tracing\", outside of a container";

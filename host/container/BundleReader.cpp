@@ -53,6 +53,16 @@ std::optional<ContainerInfo> FindStored(const std::string& id, const std::filesy
     return std::nullopt;
 }
 
+// Docker has its containers in a name space of containerd.
+std::string EngineByPlace(const std::filesystem::path& bundle)
+{
+    const std::filesystem::path nameSpace = bundle.parent_path();
+    if (nameSpace.parent_path().filename() != "io.containerd.runtime.v2.task") {
+        return {};
+    }
+    return nameSpace.filename() == "moby" ? "docker" : "containerd";
+}
+
 // As most engines make ids: the name is kept elsewhere.
 bool IsRandom(const std::string& id)
 {
@@ -186,8 +196,12 @@ bool BundleReader::Read(const Wanted& wanted)
             info->name = stored->name;
             info->imageName = stored->imageName;
             info->imageId = stored->imageId;
+            info->engine = "podman";
             isVouchedFor = isVouchedFor && isRoots;
         }
+    }
+    if (info->engine.empty()) {
+        info->engine = EngineByPlace(bundle);
     }
     if (info->name.empty() && !IsRandom(wanted.id)) {
         info->name = wanted.id;  // given by hand

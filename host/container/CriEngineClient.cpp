@@ -12,6 +12,7 @@
 #include "host/container/EngineDocuments.h"
 #include "host/container/OciBundle.h"
 #include "host/sdk/Counters.h"
+#include "host/sdk/JsonMembers.h"
 
 namespace Engine {
 
@@ -35,6 +36,23 @@ Cri::AskFunction* LoadLibrary(std::string& error)
 std::string Cut(const std::string& text)
 {
     return text.substr(0, EngineDocuments::maxTextBytes);
+}
+
+// Containerd tells what the container was asked for with, in which a false one is left out; CRI-O itself.
+std::optional<bool> IsPrivileged(const std::string& details)
+{
+    using SDK::JsonMembers::Member;
+    const std::optional<Json::Value> root = SDK::JsonMembers::Parse(details);
+    if (!root) {
+        return std::nullopt;
+    }
+    const Json::Value& config = Member(*root, "config");
+    const Json::Value& asked = Member(Member(Member(config, "linux"), "security_context"), "privileged");
+    const Json::Value& told = Member(*root, "privileged");
+    if (!told.isBool() && !config.isObject()) {
+        return std::nullopt;
+    }
+    return (told.isBool() && told.asBool()) || (asked.isBool() && asked.asBool());
 }
 
 }  // namespace
@@ -110,6 +128,8 @@ ContainerInfo ToContainerInfo(const std::string& id, const Cri::Answer& answer)
 {
     ContainerInfo info;
     info.id = id;
+    info.engine = "cri";
+    info.privileged = IsPrivileged(answer.details);
     info.name = Cut(answer.name);
     info.pod = {Cut(answer.pod.name), Cut(answer.pod.nameSpace), Cut(answer.pod.uid)};
     for (const std::string& image : answer.images) {

@@ -84,7 +84,7 @@ void DockerEngineClient::Apply(const EngineDocuments::Event& event)
     const std::string& id = event.info.id;
     if (event.action == "create") {
         // A container that is removed at once can no longer be inspected; the event alone names it.
-        cache.Put(event.info, Source(events->IsRoots()));
+        Keep(event.info, events->IsRoots());
         changed.insert(id);
     } else if (event.action == "start" || event.action == "rename") {
         changed.insert(id);
@@ -147,7 +147,7 @@ bool DockerEngineClient::ReadImageOf(const std::string& id)
     if (answer.status == httpOk && answer.IsThere()) {
         ContainerInfo info = EngineDocuments::ParseImage(answer.body);
         info.id = id;
-        cache.Put(std::move(info), Source(answer.isRoots));
+        Keep(std::move(info), answer.isRoots);
     }
     return answer.IsThere();
 }
@@ -163,11 +163,17 @@ bool DockerEngineClient::ReadContainer(const std::string& id)
         if (inspected->pid > 0) {
             SDK::NamespaceUtils::GetProcessNamespace(inspected->pid, inspected->info.namespaces);
         }
-        if (!cache.Put(std::move(inspected->info), Source(answer.isRoots))) {
+        if (!Keep(std::move(inspected->info), answer.isRoots)) {
             ContainerLog::Debug("no room for container %s, its alarms carry no names", id);
         }
     }
     return answer.IsThere();
+}
+
+bool DockerEngineClient::Keep(ContainerInfo info, bool isRoots)
+{
+    info.engine = address.kind;
+    return cache.Put(std::move(info), {number, isRoots, true});
 }
 
 DockerEngineClient::Answer DockerEngineClient::Ask(const std::string& target)

@@ -54,7 +54,7 @@ private:
     Answer Ask(const std::string& target);
     void Await(SDK::EngineRequest& request) const;
     void Fail(const SDK::EngineRequest& request, const std::string& why);
-    MetadataCache::Source Source(bool isRoots) const { return {number, isRoots, true}; }
+    bool Keep(ContainerInfo info, bool isRoots);
 
     const std::function<bool()> isCancelled;
     std::optional<SDK::EngineRequest> events;

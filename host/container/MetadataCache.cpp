@@ -32,6 +32,7 @@ void Complete(ContainerInfo& info, const MetadataCache::Source& source, const Co
     take(info.namespaces, other.namespaces);  // the first process may have ended
     take(info.mountDestinations, other.mountDestinations);
     take(info.labels, other.labels);
+    take(info.engine, other.engine);
     info.privileged = info.privileged ? info.privileged : other.privileged;
     info.pod = info.pod.name.empty() ? other.pod : info.pod;
 }

@@ -58,6 +58,7 @@ std::optional<ContainerInfo> ParseConfig(const std::string& id, const std::strin
     info.pod.name = FirstText(notes, {"io.kubernetes.cri.sandbox-name", "io.kubernetes.pod.name"});
     info.pod.nameSpace = FirstText(notes, {"io.kubernetes.cri.sandbox-namespace", "io.kubernetes.pod.namespace"});
     info.pod.uid = FirstText(notes, {"io.kubernetes.cri.sandbox-uid", "io.kubernetes.pod.uid"});
+    info.engine = info.pod.name.empty() ? "" : "cri";
     info.name = FirstText(notes, {"io.kubernetes.cri.container-name", "io.kubernetes.container.name"});
     if (info.name.empty()) {
         info.name = info.pod.name;

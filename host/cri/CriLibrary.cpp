@@ -90,14 +90,22 @@ public:
 private:
     using Stub = Api::RuntimeService::Stub;
 
-    // False, with the outcome, when there is no answer.
     template <class Request, class Reply>
-    bool Call(grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&, Reply*), const Request& request,
-              Reply& reply)
+    using Method = grpc::Status (Stub::*)(grpc::ClientContext*, const Request&, Reply*);
+
+    template <class Request, class Reply>
+    grpc::Status Try(Method<Request, Reply> method, const Request& request, Reply& reply)
     {
         grpc::ClientContext context;
         context.set_deadline(deadline);
-        const grpc::Status status = (stub.get()->*method)(&context, request, &reply);
+        return (stub.get()->*method)(&context, request, &reply);
+    }
+
+    // False, with the outcome, when there is no answer.
+    template <class Request, class Reply>
+    bool Call(Method<Request, Reply> method, const Request& request, Reply& reply)
+    {
+        const grpc::Status status = Try(method, request, reply);
         answer.outcome = OutcomeOf(status.error_code());
         answer.text = status.error_message();
         return status.ok();
@@ -122,7 +130,20 @@ private:
         for (const Api::Label& label : status.labels()) {
             answer.labels.emplace_back(label.key(), label.value());
         }
+        AskForDetails(request);
         return true;
+    }
+
+    // By a call of its own: what it answers may be too long, and nothing else must be lost with it.
+    void AskForDetails(Api::ContainerStatusRequest& request)
+    {
+        request.set_verbose(true);
+        Api::ContainerStatusResponse response;
+        if (Try(&Stub::ContainerStatus, request, response).ok()) {
+            for (const Api::Label& each : response.info()) {
+                answer.details = each.key() == "info" ? each.value() : answer.details;
+            }
+        }
     }
 
     void AskForPod(const std::string& id)

@@ -34,6 +34,7 @@ struct Answer {
     std::vector<std::string> mounts;      // where they end in the container
     std::vector<std::pair<std::string, std::string>> labels;
     ContainerInfo::Pod pod;
+    std::string details;  // of the container, a document of the engine's own; empty when there is none
 };
 
 // Asks about a container, a pod's sandbox among them; by the empty id, about the engine. All within the time-out.

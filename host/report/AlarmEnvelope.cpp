@@ -109,6 +109,7 @@ Json::Value ContainerOf(const std::string& id, const SDK::ContainerNames* names)
     }
     const auto known = names == nullptr ? nullptr : names->Find(id);
     const ContainerInfo info = known == nullptr ? ContainerInfo{} : *known;
+    described["engine"] = TextOrNull(info.engine);
     described["id"] = id;
     described["vouched"] = known == nullptr ? Json::Value{} : Json::Value{IsVouchedFor(id)};
     described["name"] = TextOrNull(info.name);

@@ -103,12 +103,12 @@ class Pod:
         self.logs.mkdir()
         spaces = message((1, HOST))
         self.config = message((1, message((1, name), (2, self.uid), (3, "shop"))), (3, str(self.logs)),
-                              (8, message((2, message((1, spaces))))))
+                              (8, message((2, message((1, spaces), (6, 1))))))  # may have privileged containers
         self.sandbox = containerd.call("RunPodSandbox", field(1, self.config))
 
-    def start(self, name, *words, image="docker.io/library/probe:1", command=()):
+    def start(self, name, *words, image="docker.io/library/probe:1", command=(), privileged=False):
         """Starts the probe, or another command, in a container. Returns its id."""
-        security = message((1, field(1, "SYS_ADMIN")), (3, message((1, HOST))))
+        security = message((1, field(1, "SYS_ADMIN")), (2, int(privileged)), (3, message((1, HOST))))
         config = message((1, field(1, name)), (2, field(1, image)), *((3, word) for word in command),
                          *((4, word) for word in words), (11, f"{name}.log"), (15, field(2, security)))
         container = self.containerd.call("CreateContainer", message((1, self.sandbox), (2, config), (3, self.config)))

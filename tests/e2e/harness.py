@@ -190,7 +190,14 @@ class Server:
         self.process.stdout.close()
 
 
-class Resident(Server):
+class Piped(Server):
+    """One that is reached by two named pipes."""
+
+    def __init__(self, into, out):
+        super().__init__("sh", "-c", f"cat {out} & exec cat >{into}")
+
+
+class Resident(Piped):
     """The first process of a container as a server, reached by named pipes: it outlives the engine that started it.
     `before`: what a shell does first in the container."""
 
@@ -200,7 +207,7 @@ class Resident(Server):
             (folder / f"{name}.{pipe}").chmod(0o666)  # whichever user it runs as
         self.id = engine.start("--name", name, "-v", f"{folder}:/pipes", *options, **more, command=(
             "sh", "-c", f"{before}; exec {serve} </pipes/{name}.in >/pipes/{name}.out"))
-        super().__init__("sh", "-c", f"cat {folder}/{name}.out & exec cat >{folder}/{name}.in")
+        super().__init__(folder / f"{name}.in", folder / f"{name}.out")
 
 
 def made(text):
@@ -248,6 +255,10 @@ class Agent(contextlib.AbstractContextManager):
         fields = pathlib.Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
+    def memory(self):
+        """What it has resident, in MiB."""
+        return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{self.pid}/status").read_text())[1]) / 1024
+
     def reload(self):
         """Has it read its policy again, and waits until that is in force."""
         self.process.send_signal(signal.SIGHUP)
@@ -292,6 +303,8 @@ def bundle(folder, root, group, words):
     described["root"] = {"path": str(root), "readonly": True}
     described["process"].update(terminal=False, args=list(words))
     del described["process"]["rlimits"]
+    for kind in ("bounding", "effective", "permitted"):
+        described["process"]["capabilities"][kind].append("CAP_SYS_ADMIN")
     described["linux"].update(cgroupsPath=group, resources={})
     (folder / "config.json").write_text(json.dumps(described))
     return folder
@@ -327,6 +340,11 @@ def named(name):
 def is_call(name):
     """For Agent.alarm: a high-risk alarm of that call."""
     return lambda document: document.get("forensic_info", {}).get("sys_call") == name
+
+
+def inside(wanted):
+    """For Agent.alarm: the same in an envelope."""
+    return lambda envelope: wanted(envelope["alarm"])
 
 
 def host_pid(container_pid, command):

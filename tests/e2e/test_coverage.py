@@ -37,6 +37,9 @@ ATTACK = ("/bin/probe", "self", *DEED)
 WAYS = {"self": "a shell forks and execs", "fork": "fork alone", "daemon": "double fork with setsid", "thread": "thread",
         "vfork": "vfork and exec", "namespaces": "clone with new namespaces"}
 
+# Does that, in a container.
+SHELL = ("/bin/sh", "-c", "while read -r order; do probe $order; echo done; done")
+
 # The control groups of the containers that no engine names; also a name space of containerd's.
 GROUPS = f"ce-coverage-{os.getpid()}"
 
@@ -95,12 +98,17 @@ class Watched(unittest.TestCase):
         """What the log has to say: names from a bundle may join an alarm on its way out."""
         return container if "container_name" in seen else {"container_id": container["container_id"]}
 
-    def try_way(self, name, *attacks):
+    def try_from(self, shell, name, container, tries=TRIES):
+        """Every way that begins with a shell in the container."""
+        for how, way in WAYS.items():
+            self.try_way(name + way, lambda how=how: (shell.do(f"{how} {ORDER}"), container), tries=tries)
+
+    def try_way(self, name, *attacks, tries=TRIES):
         """Makes the attacks in turn. Each returns what the probe said of it, and what an alarm has to say about the
         container."""
         latencies = []
         with self.subTest(way=name):
-            for attack, _ in zip(itertools.cycle(attacks), range(TRIES)):
+            for attack, _ in zip(itertools.cycle(attacks), range(tries)):
                 self.fresh.reload()
                 (begun, _), container = attack()
                 type(self).expected += 1
@@ -134,7 +142,7 @@ class RunningContainers(Watched, Containers):
         self.engine.start("-i", "--name", "victim", "--cap-add", "SYS_ADMIN", command=("probe", "serve"))
         victim = self.known("victim")
         again = self.create("again", "probe:1", "probe", "serve", *ATTACK[1:])
-        shell = self.server(command=("sh", "-c", "while read -r order; do probe $order; echo done; done"))
+        shell = self.server(command=SHELL)
 
         def first_process():
             name = f"first-{secrets.token_hex(4)}"
@@ -150,8 +158,7 @@ class RunningContainers(Watched, Containers):
         # As an image's health check may be called: by the name under which runtimes execute themselves.
         self.try_way("docker exec under a runtime's name",
                      lambda: (self.docker("exec", "victim", "/proc/1/exe", *ATTACK[1:]), victim))
-        for how, name in WAYS.items():
-            self.try_way(name, lambda how=how: (shell.do(f"{how} {ORDER}"), victim))
+        self.try_from(shell, "", victim)
         self.try_way("exec in place",
                      lambda: (self.docker("exec", "victim", "sh", "-c", f"exec probe self {ORDER}"), victim))
         self.try_way("docker restart, from its beginning", restart)
@@ -267,6 +274,9 @@ class WithoutEngine(Watched):
             self.assertEqual(envelope["container"]["name"], identity_of(container).get("container_name"))
         self.try_way(f"{name}: started in it later", lambda: (harness.made(harness.run(*join(container, *ATTACK))),
                                                                identity_of(container)))
+        shell = harness.Server(*join(container, *SHELL))
+        self.addCleanup(shell.close)
+        self.try_from(shell, f"{name}: ", identity_of(container), TRIES // 5)
 
     def test_runtimes(self):
         for name, command in {"runc": ("runc",), **{f"crun, {view}": (*VIEWS[view], "crun") for view in VIEWS}}.items():
@@ -286,12 +296,12 @@ class WithoutEngine(Watched):
             image = harness.run(*podman, "image", "inspect", "probe:1", "--format", "{{.Id}}")
 
             def run(container, *words, podman=podman):
-                return (*podman, "run", "--rm", "-i", *OPEN, "--ulimit", "nofile=1024:1024", "--ulimit",
+                return (*podman, "run", "--rm", "-i", *OPEN, "--cap-add", "SYS_ADMIN", "--ulimit", "nofile=1024:1024", "--ulimit",
                         "nproc=1024:1024", "--cgroup-parent", f"/{GROUPS}", "--cidfile", self.folder / container,
                         "--name", container, "probe:1", *words)
 
             self.both(f"podman, {runtime}", run,
-                      lambda container, *words, podman=podman: (*podman, "exec", container, *words),
+                      lambda container, *words, podman=podman: (*podman, "exec", "-i", container, *words),
                       lambda container, image=image: {
                           "container_id": (self.folder / container).read_text(), "container_name": container,
                           "image_name": "localhost/probe:1", "image_id": f"sha256:{image}"})
@@ -306,7 +316,7 @@ class WithoutEngine(Watched):
         ctr = ("ctr", "-a", socket, "-n", GROUPS)
         # Its socket is there before it answers.
         harness.wait_until(lambda: subprocess.run([*ctr, "version"], capture_output=True, check=False).returncode == 0)
-        self.both("containerd", lambda *words: (*ctr, "run", "--rm", "--rootfs", self.folder / "root", *words),
+        self.both("containerd", lambda *words: (*ctr, "run", "--rm", "--cap-add", "CAP_SYS_ADMIN", "--rootfs", self.folder / "root", *words),
                   lambda *words: (*ctr, "tasks", "exec", "--exec-id", secrets.token_hex(4), *words))
 
 
@@ -340,25 +350,26 @@ class InPods(Watched):
         resident = self.pod.start("resident", command=("/bin/sleep", "100000"))
         known = self.known(resident, "resident")
         join = (*self.containerd.ctr("k8s.io"), "tasks", "exec", "--exec-id")
-        shell = harness.Server(*join, "shell", resident, "sh", "-c",
-                               "while read -r order; do probe $order; echo done; done")
+        shell = harness.Server(*join, "shell", resident, *SHELL)
         self.addCleanup(shell.close)
         # As the kubelet gives it: by its id.
         images = itertools.cycle(("docker.io/library/probe:1", self.image))
 
-        def first():
+        def first(**more):
             name = f"web-{secrets.token_hex(4)}"
-            container, said = self.pod.run(name, *ATTACK[1:], image=next(images))
+            container, said = self.pod.run(name, *ATTACK[1:], image=next(images), **more)
             return harness.made(said), self.known(container, name)
 
         with harness.Agent(harness.policy(scope="container"), "--alarm-format", "envelope", *self.asking) as agent:
             self.try_way("CRI: first process", first)
             envelopes = [agent.alarm(patience=NOTICED)[1] for _ in range(TRIES)]
+            self.try_way("CRI: privileged", lambda: first(privileged=True), tries=1)
+            strong = agent.alarm(patience=NOTICED)[1]
+        self.assertEqual([each["container"]["privileged"] for each in (envelopes[0], strong)], [False, True])
         for told in (envelope["container"] for envelope in envelopes):
             self.assertEqual((told["name"][:4], told["pod"], told["namespace"], told["pod_uid"], told["image"]),
                              ("web-", "cart", "shop", self.pod.uid, "probe:1"))
-            self.assertEqual((told["image_id"], told["digest"]), (self.image, self.digest))
+            self.assertEqual((told["engine"], told["image_id"], told["digest"]), ("cri", self.image, self.digest))
         self.assertEqual(len({envelope["container"]["id"] for envelope in envelopes}), TRIES)
         self.try_way("CRI: exec", lambda: (harness.made(harness.run(*join, secrets.token_hex(4), resident, *ATTACK)), known))
-        for how, name in WAYS.items():
-            self.try_way(f"CRI: {name}", lambda how=how: (shell.do(f"{how} {ORDER}"), known))
+        self.try_from(shell, "CRI: ", known)

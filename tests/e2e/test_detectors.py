@@ -191,16 +191,20 @@ class Detectors(harness.InDocker):
 
     def test_switched_namespaces_are_named_on_every_cycle(self):
         self.start("--name", "shared", "--pid", "host", "--cap-add", "SYS_ADMIN", "--cap-add", "SYS_PTRACE")
-        agent = self.agent("--namespace-check")
-        inside, entering = self.server(), self.server("shared")
-        _, own = inside.do("self unshareuts")
+        agent = self.agent("--namespace-check", "--alarm-format", "envelope")
+        leaving, entering = self.server(), self.server("shared", command=("sh", "-c", "probe serve; true"))
+        _, own = leaving.do("self unshareuts")
         entering.do(f"self enter {os.getpid()}")
         wanted = {"victim": 0, "shared": 0}
         while min(wanted.values()) < 2:
-            _, alarm = agent.alarm(named(NAMESPACE), patience=120)
+            _, told = agent.alarm(harness.inside(named(NAMESPACE)), patience=120)
+            alarm, process = told["alarm"], told["process"]
             self.assertEqual(alarm["process_info"][0]["process_name"], "probe")
             self.assertIn("serverity", alarm)
+            self.assertEqual((process["argv"], process["pid"]), (["probe", "serve"], alarm["process_info"][0]["process_pid"]))
+            self.assertEqual([each["argv"][:2] for each in process["ancestors"]],
+                             [["sh", "-c"]] if alarm["container_name"] == "shared" else [])
             wanted[alarm["container_name"]] += 1
-        processes = {alarm["process_info"][0]["process_pid"] for alarm in agent.alarms()}
+        processes = {told["alarm"]["process_info"][0]["process_pid"] for told in agent.alarms()}
         self.assertEqual(len(processes), 2)
         self.assertIn(harness.host_pid(own, "probe"), processes)

@@ -2,10 +2,12 @@
 """Several container engines at once: each names its containers, and the whitelist holds for all of them."""
 
 import http.server
+import itertools
 import json
 import os
 import pathlib
 import secrets
+import shlex
 import socketserver
 import subprocess
 import tempfile
@@ -16,6 +18,7 @@ import unittest
 import cri
 import harness
 from harness import OPEN, SHOCKER, VIEWS
+from test_coverage import ORDER, SHELL, WAYS
 
 DEED = ("self", "call", "getdents64,getdents64,open_by_handle_at")
 
@@ -90,6 +93,50 @@ class SeveralEngines(harness.InDocker):
             self.assertRegex(answer["warnings"][0], f"speaks HTTP/[12], not .*; try --engine {right}={path}$")
 
 
+class Hostile(harness.InDocker):
+    # 1.95 MB, of 2 that the kernel allows.
+    ARGUMENTS = """a=$(printf 'a\\nb\\377\\033[2J%0129990d' 0)
+        exec probe self call unshare "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a" "$a\""""
+    TEXT = "a\nb\x1b[2J\u202e"
+
+    def test_hostile_texts_garble_no_line_and_stay_out_of_memory(self):
+        agent = self.agent("--alarm-format", "envelope", calls=["unshare"], scope="container")
+        harness.make_root(self.folder / "root")
+        self.addCleanup(harness.remove_groups, USER)
+        before = agent.memory()
+        for number in range(harness.tries(5)):
+            self.docker_run(agent)
+            for many in (4000, 100_000):
+                self.bundle_run(agent, number, many)
+        agent.log.wait_for(lambda line: f"{self.folder}/100000-0/config.json: is larger than 1048576 bytes" in line)
+        grown = agent.memory() - before
+        print(f"\n  memory: {grown:+.1f} MiB")
+        self.assertLess(grown, 8)
+
+    def docker_run(self, agent):
+        self.engine.docker("run", "--rm", *OPEN, "--label", f"{self.TEXT}={self.TEXT}", "--label", "large=" + "x" * 100_000,
+                           "probe:1", "sh", "-c", self.ARGUMENTS)
+        told = agent.alarm()[1]
+        self.assertEqual(told["container"]["labels"], {self.TEXT: self.TEXT})
+        argv = told["process"]["argv"]
+        self.assertEqual((argv[:4], argv[4][:3]), (["probe", "self", "call", "unshare"], "a\nb"))
+        self.assertLess(sum(map(len, argv)), 10_000)
+
+    def bundle_run(self, agent, number, many):
+        """By a runtime alone, whose bundle has that many annotations."""
+        container = f"{many}-{number}"
+        bundle = harness.bundle(self.folder / container, self.folder / "root", f"/{USER}/of-{container}",
+                                ("/bin/probe", "self", "call", "unshare"))
+        config = bundle / "config.json"
+        described = json.loads(config.read_text())
+        described["annotations"] = {f"{self.TEXT}{each}": self.TEXT * 5 for each in range(many)}
+        described["annotations"]["io.kubernetes.cri.container-name"] = self.TEXT
+        config.write_text(json.dumps(described))
+        harness.run("runc", "--root", self.folder / "runc", "run", "-b", bundle, container)
+        told = agent.alarm()[1]["container"]
+        self.assertEqual((told["id"], told["name"]), (container, self.TEXT if many < 5000 else None))
+
+
 class StuckEngine(http.server.BaseHTTPRequestHandler):
     """Tells of new containers all the time, and answers no question about any."""
     address_string = "none".__str__
@@ -130,13 +177,23 @@ cd && mkdir -p -m 700 run
 podman="podman --storage-driver vfs --cgroup-manager=cgroupfs --events-backend=file"
 $podman import -q {archive} localhost/probe:1
 $podman system service --time 0 unix://{home}/run/podman.sock &
-until [ -S run/podman.sock ]; do sleep 0.1; done && echo ready
-while read -r name; do
-    $podman run --rm --network none --security-opt seccomp=unconfined --cgroup-parent /{user} --name $name \\
-        probe:1 /bin/probe {deed}
+service=$!
+trap 'kill $service $(cat run/libpod/tmp/pause.pid); wait' EXIT
+until [ -S run/podman.sock ]; do sleep 0.1; done
+start() {{
+    $podman --runtime $1 run --network none --security-opt seccomp=unconfined --cap-add SYS_ADMIN --cgroup-parent /{user} \\
+        --name $2 $3 probe:1 /bin/probe $4
+}}
+for runtime in crun runc; do
+    mkfifo $runtime.in $runtime.out
+    start $runtime $runtime -di serve
+    $podman exec -i $runtime {shell} <$runtime.in >$runtime.out &
 done
-kill $! $(cat run/libpod/tmp/pause.pid)
-wait
+echo ready
+while read -r runtime name; do
+    start $runtime $name --rm "{deed}"
+done
+$podman rm -f -t 0 crun runc
 """
 
 
@@ -149,12 +206,14 @@ class RootlessPodman(unittest.TestCase):
         self.addCleanup(harness.remove_groups, USER)
         self.addCleanup(harness.run, "userdel", USER)
         harness.run("chown", "-R", f"{USER}:", home)
-        session = SESSION.format(home=home, archive=archive, user=USER, deed=" ".join(DEED))
+        session = SESSION.format(home=home, archive=archive, user=USER, deed=" ".join(DEED),
+                                 shell=shlex.join(SHELL))
         shell = subprocess.Popen([*(VIEWS["v2"] or ("env",)), "sh", "-c", SERVE, session], stdin=subprocess.PIPE,
                                  stdout=subprocess.PIPE, text=True)
         self.addCleanup(shell.wait, harness.PATIENCE)
         self.addCleanup(shell.stdin.close)
         harness.Lines(shell.stdout).wait_for("ready".__eq__)
+        servers = {runtime: harness.Piped(home / f"{runtime}.in", home / f"{runtime}.out") for runtime in ("crun", "runc")}
         stuck = self.enterContext(StuckServer(f"{home}/stuck.sock", StuckEngine))
         threading.Thread(target=stuck.serve_forever, daemon=True).start()
         self.addCleanup(stuck.shutdown)
@@ -164,11 +223,19 @@ class RootlessPodman(unittest.TestCase):
         with harness.Agent(policy) as alone, harness.Agent(policy, *asking) as asks, \
                 harness.Agent(policy, *waiting) as waits:
             self.assertIn(f"engine {asking[1]}", asks.ready_line)
-            for number in range(harness.tries(20)):
-                shell.stdin.write(f"web{number}\n")
-                shell.stdin.flush()
+            def check(name):
                 for agent in (alone, asks, waits):
                     _, alarm = agent.alarm(patience=5)
                     self.assertEqual([alarm.get(key) for key in ("event_name", "container_name", "image_name")],
-                                     [SHOCKER, f"web{number}", "localhost/probe:1"], (alarm, agent.log.arrived[-9:]))
+                                     [SHOCKER, name, "localhost/probe:1"], (alarm, agent.log.arrived[-9:]))
                     self.assertRegex(alarm["resource_info"]["image_id"], "^sha256:[0-9a-f]{64}$")
+                    agent.reload()  # or the next one of that container would be merged with it
+
+            for number in range(harness.tries(10)):
+                for runtime in servers:
+                    shell.stdin.write(f"{runtime} web-{runtime}{number}\n")
+                    shell.stdin.flush()
+                    check(f"web-{runtime}{number}")
+            for runtime, how, _ in itertools.product(servers, WAYS, range(harness.tries(5))):
+                servers[runtime].do(f"{how} {ORDER}")
+                check(runtime)

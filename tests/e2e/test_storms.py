@@ -63,7 +63,7 @@ class Storms(harness.InDocker):
                     took.append((arrived - made) / 1e6)
                 else:
                     print(f"\n  of another container: {alarm}", flush=True)
-        resident = int(re.search(r"VmRSS:\s*(\d+) kB", pathlib.Path(f"/proc/{agent.pid}/status").read_text())[1]) / 1024
+        resident = agent.memory()
         counts = agent.stop()
         self.doCleanups()
         in_time = sum(each <= 500 for each in took)

@@ -15,7 +15,7 @@ import time
 import unittest
 
 import harness
-from harness import is_call
+from harness import inside, is_call
 
 IMPAIRED = "Detection impaired"
 NOBODY = 65534
@@ -37,7 +37,7 @@ class Target(harness.InDocker):
         agent.alarm(is_call(call))
 
     def test_what_is_done_to_it_is_undone_and_told(self):
-        agent = self.agent(calls=["unshare", "mount", "setns"])
+        agent = self.agent("--alarm-format", "envelope", calls=["unshare", "mount", "setns"])
         instance = harness.INSTANCES / f"containerescape-agent-{agent.pid}"
         limits = resource.prlimit(agent.pid, resource.RLIMIT_NOFILE)
 
@@ -56,9 +56,12 @@ class Target(harness.InDocker):
             with self.subTest(text):
                 deed()
                 if text != "CPU":  # the same cause, within the minute
-                    agent.alarm(impaired(cause, text))
+                    told = agent.alarm(inside(impaired(cause, text)))[1]
+                    self.assertEqual((told["process"], told["container"], told["event"]),
+                                     (None, None, {"call": None, "args": None}))
         self.assertEqual(resource.prlimit(agent.pid, resource.RLIMIT_NOFILE), limits)
-        self.attacked(agent)
+        self.server().do("fork call unshare")
+        agent.alarm(inside(is_call("unshare")))
         agent.stop()
         self.assertEqual(agent.exit_code, 0)
 

@@ -44,6 +44,10 @@ struct ContainerInfo {
     std::string imageDigest = {};  // of the image's manifest, as a registry has it; empty when it is not known
     // The image's own, too, which the container was created from: what an image says of itself proves nothing.
     std::map<std::string, std::string> labels = {};
+
+    // "docker", "podman", "cri" (Kubernetes) or "containerd", as it or its files tell; empty for a runtime alone, and
+    // when none has told.
+    std::string engine = {};
 };
 
 // The container metadata service: an interface of the task registered as "container_collect_task". Answers come from a

@@ -8,7 +8,7 @@ namespace SDK {
 class CryptoCodeUtils {
 public:
     // A new random UUID (RFC 4122, version 4) in its textual form of 36 characters, lower case. Any thread. Throws
-    // std::system_error where the kernel has no random bytes to give (getrandom(2)).
+    // nothing but std::bad_alloc.
     static std::string GenerateUUID();
 };
 

@@ -124,6 +124,17 @@ TEST(CriAnswerTest, AnIdIsNoNameAndADigestNoId)
     const Engine::ContainerInfo info = Engine::ToContainerInfo("a", answer);
     EXPECT_EQ(info.imageName + ' ' + info.imageId + ' ' + info.imageDigest, "nginx:1 sha256:" + id + " sha256:0f");
     EXPECT_THAT(info.mountDestinations, testing::ElementsAre("/data"));
+    const auto privileged = [&answer](const char* details) {
+        answer.details = details;
+        const std::optional<bool> is = Engine::ToContainerInfo("a", answer).privileged;
+        return is ? *is ? "yes" : "no" : "unknown";
+    };
+    EXPECT_STREQ(privileged(R"({"config":{"linux":{"security_context":{"privileged":true}}}})"), "yes");
+    EXPECT_STREQ(privileged(R"({"config":{"linux":[]}})"), "no");
+    EXPECT_STREQ(privileged(R"({"privileged":true})"), "yes") << "as CRI-O says it";
+    for (const char* none : {"", "[1", R"({"config":1,"privileged":"true"})"}) {
+        EXPECT_STREQ(privileged(none), "unknown") << none;
+    }
     EXPECT_THAT(info.labels, testing::ElementsAre(testing::Pair("app", "shop"), testing::Pair("tier", "web")));
 }
 

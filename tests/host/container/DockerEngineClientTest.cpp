@@ -206,7 +206,7 @@ TEST(MetadataCacheTest, TheBestWordCountsWhateverComesFirst)
     const std::vector<std::pair<ContainerInfo, Engine::MetadataCache::Source>> told{
         {{"a", "e", "", "docker.io/library/nginx:1", {}, {}}, {2, true, true}},
         {{"a", "b", "sha256:b", "b:1", {}, {"/b"}, {"pod", "shop", "u"}}, {0, true, false}},
-        {{"a", "u", "sha256:u", "trusted", {}, {}, {}, "sha256:d"}, {3, false, true}}};  // a user's engine
+        {{"a", "u", "sha256:u", "trusted", {}, {}, {}, {}, "sha256:d"}, {3, false, true}}};  // a user's engine
     for (const auto& order : {std::array{0, 1, 2}, {0, 2, 1}, {1, 0, 2}, {1, 2, 0}, {2, 0, 1}, {2, 1, 0}}) {
         Engine::MetadataCache cache;
         for (const int each : order) {
