@@ -45,6 +45,11 @@ Readiness Readiness::Look(Framework::Engine& engine, const StartPlan& plan)
                 std::string{"container engine at "}.append(state.engine).append(": ").append(state.problem));
         }
     }
+    if (const std::string why = trace == nullptr ? "" : trace->WhyWithoutBpf(); !why.empty()) {
+        now.coverage.warnings.push_back("no BPF (" + why +
+                                        "): calls through the 32-bit entry are not seen, a storm is not bounded " +
+                                        "in the kernel, and a program that has ended is not described");
+    }
     const std::vector<std::string> doubts = DoubtsAbout(plan.options.exceptions, plan.options, plan.policy);
     now.coverage.warnings.insert(now.coverage.warnings.end(), doubts.begin(), doubts.end());
     now.warnings.insert(now.warnings.end(), now.coverage.warnings.begin(), now.coverage.warnings.end());

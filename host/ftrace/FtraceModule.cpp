@@ -26,8 +26,10 @@ std::size_t Cpus(int which)
 }
 
 // `source`: as the option --syscalls. Null where the trace alone is wanted, or where this kernel takes no program of
-// ours: then calls of the host's processes are read as well, and those through the 32-bit entry are not seen.
-std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb, bool describesPrograms)
+// ours, for which `whyNot` is set: then calls of the host's processes are read as well, and those through the 32-bit
+// entry are not seen.
+std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t ringKb, bool describesPrograms,
+                                        std::string& whyNot)
 {
     constexpr unsigned int programBudget = 64;
     if (source == "tracefs") {
@@ -43,7 +45,7 @@ std::unique_ptr<SyscallProbe> MakeProbe(const std::string& source, std::size_t r
         if (source != "auto") {
             throw;
         }
-        TraceLog::Warning("system calls come from the trace, without BPF: %s", error.what());
+        whyNot = error.what();
         return nullptr;
     }
 }
@@ -55,11 +57,14 @@ std::unique_ptr<LiveTrace> MakeTrace()
     const auto sizeOr = [configuredKb](std::size_t defaultKb) {
         return configuredKb != 0 ? configuredKb : defaultKb;
     };
+    std::string whyNot;
     auto probe = MakeProbe(settings.getString(SDK::Config::syscallSource, "auto"),
                            sizeOr(SyscallProbe::DefaultRingKb(Cpus(_SC_NPROCESSORS_CONF))),
-                           settings.getBool(SDK::Config::describePrograms, false));
+                           settings.getBool(SDK::Config::describePrograms, false), whyNot);
     const std::size_t bufferKb = sizeOr(TracefsInstance::DefaultBufferKb(Cpus(_SC_NPROCESSORS_ONLN), probe == nullptr));
-    return std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe));
+    auto trace = std::make_unique<LiveTrace>(TracefsInstance::OwnName(), bufferKb, std::move(probe));
+    trace->SetWhyWithoutBpf(std::move(whyNot));
+    return trace;
 }
 
 class FtraceModule final : public Framework::Module {

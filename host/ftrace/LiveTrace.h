@@ -54,6 +54,9 @@ public:
     // As TraceStatus's. Any thread.
     const char* CallPlace() const { return probe == nullptr ? "trace events" : probe->Place(); }
 
+    void SetWhyWithoutBpf(std::string why) { whyWithoutBpf = std::move(why); }
+    const std::string& WhyWithoutBpf() const { return whyWithoutBpf; }
+
     // As TracefsInstance's. Any thread.
     std::vector<std::string> Repair() { return instance.Repair(); }
 
@@ -71,6 +74,7 @@ private:
 
     TracefsInstance instance;  // first: what is open in it must be closed before it goes
     std::unique_ptr<SyscallProbe> probe;
+    std::string whyWithoutBpf;
     std::vector<RawPipe*> pipes;
     std::vector<Readers> readers;
     std::vector<int> descriptors;

@@ -19,6 +19,9 @@ public:
     // while none is subscribed to.
     virtual std::string CallPlace() const = 0;
 
+    // Why system calls come from the trace although BPF was wanted; empty: they do not, or were to.
+    virtual std::string WhyWithoutBpf() const = 0;
+
     // Puts back what another program has changed in the trace's settings; a line for each. Waits for the kernel.
     virtual std::vector<std::string> Repair() = 0;
 

@@ -50,6 +50,7 @@ public:
 
     std::set<std::string> RecordedEvents() override;
     std::string CallPlace() const override { return trace->CallPlace(); }
+    std::string WhyWithoutBpf() const override { return trace->WhyWithoutBpf(); }
     std::vector<std::string> Repair() override;
 
 private:

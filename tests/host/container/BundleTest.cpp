@@ -10,7 +10,6 @@
 
 namespace {
 
-using Engine::BundleFinder;
 using Engine::ContainerInfo;
 
 std::string Config(const std::string& annotations)
