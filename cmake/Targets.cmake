@@ -16,6 +16,9 @@ target_include_directories(ce_options INTERFACE
     $<BUILD_INTERFACE:${CE_CONCURRENTQUEUE_DIR}>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/containerescape>)
 target_compile_features(ce_options INTERFACE cxx_std_20)
+# All symbols are looked up at the start, and their table is read-only from then on: the first alarm does not pay for it,
+# and nothing that writes where it should not can change what is called.
+target_link_options(ce_options INTERFACE $<BUILD_INTERFACE:LINKER:-z,relro,-z,now>)
 if(CE_SANITIZE)
     target_compile_options(ce_options INTERFACE $<BUILD_INTERFACE:
         -fsanitize=${CE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer>)

@@ -19,13 +19,9 @@ bool IsPlain(char c)
 
 }  // namespace
 
-std::shared_ptr<AlarmDocument> AlarmDocument::Make(const std::string& text, std::size_t sinks, const Form& form)
+std::shared_ptr<AlarmDocument> AlarmDocument::Make(const Alarm& alarm, std::size_t sinks, const Form& form)
 {
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), root) != 0 || !root.isObject()) {
-        CountLost();
-        return nullptr;
-    }
+    const auto& [text, root] = alarm;
     // Only what would break a line is written anew: otherwise the text goes out byte for byte.
     const bool isPlain = std::all_of(text.begin(), text.end(), IsPlain);
     std::string line = isPlain ? text : SDK::JsonUtils::JsonToString(root);

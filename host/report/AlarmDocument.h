@@ -12,16 +12,18 @@
 #include <optional>
 #include <string>
 
+#include "host/report/Alarm.h"
+
 namespace Engine {
 
 // Shared by the queues of the sinks. Counted once however many sinks there are: "alarms.sent" when every sink wrote it,
 // "alarms.lost" when one did not. Any thread.
 class AlarmDocument {
 public:
-    // `sinks`: how many will report their result, at least 1. Null when `text` is not a JSON object, which is counted
-    // as lost. `form` makes the line, given the document in printable ASCII and parsed; none: the document is the line.
+    // `sinks`: how many will report their result, at least 1. `form` makes the line, given the document in printable
+    // ASCII and parsed; none: the document is the line.
     using Form = std::function<std::string(const std::string& text, const Json::Value& document)>;
-    static std::shared_ptr<AlarmDocument> Make(const std::string& text, std::size_t sinks, const Form& form = {});
+    static std::shared_ptr<AlarmDocument> Make(const Alarm& alarm, std::size_t sinks, const Form& form = {});
 
     // `classId`: of the alarm, for its counter; empty: none.
     AlarmDocument(std::string line, std::size_t sinks, std::string classId = {})

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/report/NameWait.h"
 
-#include <json/value.h>
-
 #include <utility>
 
 #include "host/report/ReportLog.h"
@@ -17,19 +15,11 @@ namespace {
 using SDK::JsonMembers::Member;
 using SDK::JsonMembers::Text;
 
-// The container of an alarm; empty for every other text.
-std::string ContainerOf(const std::string& text, Json::Value& alarm)
-{
-    const bool isObject = SDK::JsonUtils::ParseJsonStr(text.data(), text.size(), alarm) == 0 && alarm.isObject();
-    const Json::Value& id = isObject ? Member(Member(alarm, "resource_info"), "container_id") : alarm;
-    return id.isString() ? id.asString() : std::string{};
-}
-
-// With what the alarm does not tell of its container.
-std::string Named(const std::string& text, Json::Value& alarm, const ContainerInfo* container)
+// Adds what the alarm does not tell of its container. Null: nothing is known of that.
+void Complete(Alarm& alarm, const ContainerInfo* container)
 {
     if (container == nullptr) {
-        return text;
+        return;
     }
     bool isMore = false;
     const auto complete = [&isMore](Json::Value& object, const char* key, const std::string& value) {
@@ -38,33 +28,34 @@ std::string Named(const std::string& text, Json::Value& alarm, const ContainerIn
             isMore = true;
         }
     };
-    complete(alarm, "container_name", container->name);
-    complete(alarm, "image_name", container->imageName);
-    complete(alarm["resource_info"], "image_id", container->imageId);
-    return isMore ? SDK::JsonUtils::JsonToString(alarm) : text;
+    complete(alarm.document, "container_name", container->name);
+    complete(alarm.document, "image_name", container->imageName);
+    complete(alarm.document["resource_info"], "image_id", container->imageId);
+    if (isMore) {
+        alarm.text = SDK::JsonUtils::JsonToString(alarm.document);
+    }
 }
 
 }  // namespace
 
-std::optional<std::string> NameWait::Pass(const std::string& text, const SDK::ContainerNames* names,
-                                          Clock::time_point now, const Context& context)
+bool NameWait::Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now, const Context& context)
 {
     static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
     if (names == nullptr) {
-        return text;
+        return true;
     }
-    Json::Value alarm;
-    const std::string id = ContainerOf(text, alarm);
+    const std::string id = Text(Member(alarm.document, "resource_info"), "container_id");
     if (id.empty()) {
-        return text;
+        return true;
     }
     if (!names->IsAwaited(id) || waiting.size() >= capacity) {
-        return Named(text, alarm, names->Find(id).get());
+        Complete(alarm, names->Find(id).get());
+        return true;
     }
     ++deferred;
-    ReportLog::Warning("alarm waits for the name of its container: %s", text);
-    waiting.push_back({text, context, id, now + patience});
-    return std::nullopt;
+    ReportLog::Warning("alarm waits for the name of its container: %s", alarm.text);
+    waiting.push_back({std::move(alarm), context, id, now + patience});
+    return false;
 }
 
 void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, const Send& send)
@@ -75,10 +66,8 @@ void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, 
             left.push_back(std::move(each));
             continue;
         }
-        Json::Value alarm;
-        ContainerOf(each.text, alarm);
-        const auto found = names == nullptr ? nullptr : names->Find(each.container);
-        send(Named(each.text, alarm, found.get()), each.context);
+        Complete(each.alarm, names == nullptr ? nullptr : names->Find(each.container).get());
+        send(each.alarm, each.context);
     }
     waiting = std::move(left);
 }

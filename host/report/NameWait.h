@@ -9,9 +9,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 
+#include "host/report/Alarm.h"
 #include "host/report/AlarmContext.h"
 #include "host/sdk/ContainerNames.h"
 
@@ -22,19 +22,18 @@ class NameWait {
 public:
     using Clock = std::chrono::steady_clock;
     using Context = std::shared_ptr<const AlarmContext>;
-    using Send = std::function<void(const std::string& text, const Context& context)>;
+    using Send = std::function<void(const Alarm& alarm, const Context& context)>;
 
     // After it an alarm goes out as it is.
     static constexpr std::chrono::seconds patience{2};
     // Alarms that may wait; more go out as they are.
     static constexpr std::size_t capacity = 1024;
 
-    // The alarm as it goes out now, with the names of its container that it lacks if they have become known since it
-    // was raised. Nothing when it waits from now on: it has a container of which more is awaited. It is shown in the
-    // log meanwhile, as it may tell of an attack that ends the agent. `names`: null for none. `context` goes with the
-    // alarm.
-    std::optional<std::string> Pass(const std::string& text, const SDK::ContainerNames* names, Clock::time_point now,
-                                    const Context& context = {});
+    // Whether the alarm goes out now; it then has the names of its container that it lacked, if they have become known
+    // since it was raised. Otherwise it is taken, and waits: it has a container of which more is awaited. It is shown
+    // in the log meanwhile, as it may tell of an attack that ends the agent. `names`: null for none. `context` goes
+    // with the alarm.
+    bool Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now, const Context& context = {});
 
     // Hands over, with their names as far as these are known, the alarms that have waited for long enough or whose
     // container's names are awaited no more.
@@ -44,7 +43,7 @@ public:
 
 private:
     struct Waiting {
-        std::string text;
+        Alarm alarm;
         Context context;
         std::string container;
         Clock::time_point until;

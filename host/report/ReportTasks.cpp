@@ -3,6 +3,7 @@
 
 #include "host/report/AlarmDocument.h"
 #include "host/report/ReportLog.h"
+#include "sdk/JsonUtils.h"
 
 namespace Engine {
 
@@ -61,6 +62,17 @@ int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
     return excepted && excepted->mustBeRefused ? -1 : result;
 }
 
+int DataReportTask::Init()
+{
+    constexpr char example[] = R"({"event_name":"\u00e9","process_info":[{"process_pid":1}],"occur_time":1})";
+    if (const auto alarm = Alarm::Parse(SDK::JsonUtils::JsonToString(Alarm::Parse(example).value().document))) {
+        AlarmDocument::Make(*alarm, 1, [&](const std::string& text, const Json::Value& document) {
+            return format.Format(text, document, nullptr, Names(), "");
+        });
+    }
+    return Framework::Task::Init();
+}
+
 int DataReportTask::HandleMsg(const Framework::Message* message)
 {
     const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
@@ -70,8 +82,16 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
     if (IsAlarm(data)) {
         const auto* report = dynamic_cast<const AlarmReport*>(data);
         const auto context = report != nullptr ? report->Context() : nullptr;
-        const auto alarm = unnamed.Pass(data->Content(), Names(), NameWait::Clock::now(), context);
-        return alarm ? Report(*alarm, context.get(), report != nullptr ? report->Exception() : "") : 0;
+        auto alarm = Alarm::Parse(data->Content());
+        if (!alarm) {
+            AlarmDocument::CountLost();
+            ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", data->Content().size());
+            return -1;
+        }
+        if (unnamed.Pass(*alarm, Names(), NameWait::Clock::now(), context)) {
+            Report(*alarm, context.get(), report != nullptr ? report->Exception() : "");
+        }
+        return 0;
     }
     ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
@@ -85,13 +105,13 @@ int DataReportTask::Run()
     Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
     BulkConsumeMsg(static_cast<int>(queueCapacity));
     unnamed.Release(Names(), NameWait::Clock::now(),
-                    [this](const std::string& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
+                    [this](const Alarm& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
     return 0;
 }
 
-void DataReportTask::ReportNamed(const std::string& alarm, const AlarmContext* context)
+void DataReportTask::ReportNamed(const Alarm& alarm, const AlarmContext* context)
 {
-    const auto excepted = context != nullptr ? exceptions.Find(alarm, *context, SDK::SystemView::Current())
+    const auto excepted = context != nullptr ? exceptions.Find(alarm.text, *context, SDK::SystemView::Current())
                                              : std::optional<Exceptions::Match>{};
     if (excepted) {
         Exceptions::Count(*excepted);
@@ -101,22 +121,17 @@ void DataReportTask::ReportNamed(const std::string& alarm, const AlarmContext* c
     }
 }
 
-int DataReportTask::Report(const std::string& alarm, const AlarmContext* context, const std::string& exception)
+void DataReportTask::Report(const Alarm& alarm, const AlarmContext* context, const std::string& exception)
 {
     const std::shared_ptr<AlarmDocument> document =
         AlarmDocument::Make(alarm, sinks.size(), [&](const std::string& text, const Json::Value& document) {
             return format.Format(text, document, context, Names(), findPolicy ? findPolicy() : std::string{},
                                  exception);
         });
-    if (document == nullptr) {
-        ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", alarm.size());
-        return -1;
-    }
     document->SetEvent(context != nullptr ? context->event : std::nullopt);
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->Push(document);
     }
-    return 0;
 }
 
 int DataReportTask::UnInit()
@@ -124,7 +139,7 @@ int DataReportTask::UnInit()
     while (BulkConsumeMsg(queueCapacity) > 0) {
     }
     unnamed.Release(nullptr, NameWait::Clock::now(),
-                    [this](const std::string& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
+                    [this](const Alarm& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->End(drainBound);
     }

@@ -52,6 +52,11 @@ std::unique_ptr<AlarmSink> Onto(const Poco::Pipe& pipe, const std::string& name)
     return std::make_unique<TestSink>(name, std::bind_front(&LineStream::Write, stream));
 }
 
+std::shared_ptr<AlarmDocument> Made(const std::string& text)
+{
+    return AlarmDocument::Make(Alarm::Parse(text).value(), 1);
+}
+
 struct SinkQueueTest : testing::Test {
     // What a counter has grown by since the case began.
     std::uint64_t Grown(const std::string& name) { return SDK::Counters::Get(name).load() - before[name]; }
@@ -143,13 +148,13 @@ TEST_F(SinkQueueTest, AFullQueueLosesWhatDoesNotFitAndTheEndWritesTheRestInOrder
     };
     {
         SinkQueue queue(std::make_unique<TestSink>("full", write), 3);
-        queue.Push(AlarmDocument::Make("{}", 1));
+        queue.Push(Made("{}"));
         isStuck.get_future().wait();  // inside its first write, the queue is empty
         for (const char* document : {"{\"n\":1}", "{\"n\":2}", "{\"n\":3}", "{\"n\":4}", "{\"n\":5}"}) {
-            queue.Push(AlarmDocument::Make(document, 1));
+            queue.Push(Made(document));
         }
         queue.End(farTooLong);
-        queue.Push(AlarmDocument::Make("{\"late\":1}", 1));
+        queue.Push(Made("{\"late\":1}"));
         EXPECT_EQ(Grown("alarms.lost_full"), 3U);
         released.set_value();
     }
@@ -173,8 +178,8 @@ TEST_F(SinkQueueTest, WhatASinkRefusesIsTriedAgainBeforeWhatComesBehind)
         }
         return std::error_code{};
     }));
-    queue.Push(AlarmDocument::Make("{\"n\":1}", 1));
-    queue.Push(AlarmDocument::Make("{\"n\":2}", 1));
+    queue.Push(Made("{\"n\":1}"));
+    queue.Push(Made("{\"n\":2}"));
     ASSERT_EQ(hasAll.get_future().wait_for(farTooLong), std::future_status::ready);
     EXPECT_EQ(text, "{\"n\":1}\n{\"n\":2}\n");
     EXPECT_EQ(Grown("alarms.lost"), 0U);
@@ -212,12 +217,13 @@ TEST_F(SinkQueueTest, HostileTextStaysOnePrintableLineAndWhatIsNoJsonObjectIsDro
 {
     for (const auto& [text, written] :
          {std::pair{"\n", "\\n"}, {"\x1f", "\\u001f"}, {"\x7f", "\\u007f"}, {"\xff", "\\ufffd"}}) {
-        EXPECT_EQ(AlarmDocument::Make("{\"a\": \"" + std::string(text) + "\"}", 1)->Line(),
-                  "{\"a\":\"" + std::string(written) + "\"}\n");
+        EXPECT_EQ(Made("{\"a\": \"" + std::string(text) + "\"}")->Line(), "{\"a\":\"" + std::string(written) + "\"}\n");
     }
     const std::vector<std::string> texts{"", "[1]", "{\"a\":1} {\"b\":2}", std::string(100'000, '[')};
+    DataReportTask task({});
     for (const std::string& text : texts) {
-        EXPECT_EQ(AlarmDocument::Make(text, 1), nullptr);
+        const Framework::DataMessage alarm("2", text);
+        EXPECT_EQ(task.HandleMsg(&alarm), -1);
     }
     EXPECT_EQ(Grown("alarms.lost"), texts.size());
 }
@@ -377,34 +383,39 @@ TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNo
     NameWait wait;
     std::string sent;
     const auto release = [&](std::chrono::milliseconds after) {
-        wait.Release(&names, start + after, [&](const std::string& text, const auto&) { sent += text + '\n'; });
+        wait.Release(&names, start + after, [&](const Alarm& alarm, const auto&) { sent += alarm.text + '\n'; });
         return std::exchange(sent, {});
     };
-    for (const char* text : {"", "[]", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})"}) {
-        EXPECT_EQ(wait.Pass(text, &names, start), text);
+    // What goes out now; empty: it waits.
+    const auto pass = [&](const std::string& text, const SDK::ContainerNames* known, auto when) {
+        Alarm alarm = Alarm::Parse(text).value();
+        return wait.Pass(alarm, known, when) ? alarm.text : std::string{};
+    };
+    for (const char* text : {"{}", R"({"resource_info":null})", R"({"resource_info":{"container_id":1}})"}) {
+        EXPECT_EQ(pass(text, &names, start), text);
     }
-    EXPECT_EQ(wait.Pass(nameless, nullptr, start), nameless);
-    EXPECT_FALSE(wait.Pass(nameless, &names, start));
-    EXPECT_FALSE(wait.Pass(nameless, &names, start + 1s));
+    EXPECT_EQ(pass(nameless, nullptr, start), nameless);
+    EXPECT_EQ(pass(nameless, &names, start), "");
+    EXPECT_EQ(pass(nameless, &names, start + 1s), "");
     EXPECT_EQ(release(1999ms), "");
     EXPECT_EQ(release(2000ms), nameless + "\n");
     names.known = "c1";
     const std::string half =
         R"({"container_name":"a","image_name":"","resource_info":{"container_id":"c1","image_id":""}})";
-    EXPECT_FALSE(wait.Pass(half, &names, start)) << "more is awaited";
+    EXPECT_EQ(pass(half, &names, start), "") << "more is awaited";
     names.areAwaited = false;
-    const std::string named = wait.Pass(nameless, &names, start).value_or("");
-    const std::string whole = wait.Pass(half, &names, start).value_or("");
+    const std::string named = pass(nameless, &names, start);
+    const std::string whole = pass(half, &names, start);
     for (const char* part : {R"("image_name":"nginx")", R"("image_id":"sha256:1")", R"("container_id":"c1")"}) {
         EXPECT_NE(named.find(part), std::string::npos) << named;
         EXPECT_NE(whole.find(part), std::string::npos) << whole;
     }
     EXPECT_NE(named.find(R"("container_name":"web")"), std::string::npos) << named;
     EXPECT_NE(whole.find(R"("container_name":"a")"), std::string::npos) << whole;
-    EXPECT_EQ(wait.Pass(whole, &names, start), whole);
+    EXPECT_EQ(pass(whole, &names, start), whole);
     EXPECT_EQ(release(0ms), named + "\n" + whole + "\n") << "the engine has answered";
     names.known = "";
-    EXPECT_EQ(wait.Pass(nameless, &names, start), nameless) << "no engine's container";
+    EXPECT_EQ(pass(nameless, &names, start), nameless) << "no engine's container";
 }
 
 }  // namespace
