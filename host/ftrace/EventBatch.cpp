@@ -6,6 +6,7 @@
 
 #include "host/ftrace/EventKind.h"
 #include "host/ftrace/Log.h"
+#include "host/ftrace/SyscallProbeLayout.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
 
@@ -17,7 +18,13 @@ class Delivered final : public SDK::DeliveredEvent {
 public:
     virtual ~Delivered() = default;
 
-    void MoveTo(const FtraceMessage& next) { message = &next; }
+    // `nameOfCaller`: of CE_NAME_BYTES; null: not told.
+    void MoveTo(const FtraceMessage& next, const std::byte* record, const std::byte* nameOfCaller)
+    {
+        message = &next;
+        entry = record;
+        callerName = reinterpret_cast<const char*>(nameOfCaller);
+    }
 
     const std::string& Name() const override { return message->Kind().Name(); }
     std::vector<std::pair<std::string, std::int64_t>> Numbers() const override
@@ -31,9 +38,20 @@ public:
         }
         return numbers;
     }
+    std::optional<Caller> MadeBy() const override
+    {
+        if (callerName == nullptr) {
+            return std::nullopt;
+        }
+        CeTraceEntry call;
+        std::memcpy(&call, entry, sizeof call);
+        return Caller{call.head.thread, {callerName, ::strnlen(callerName, CE_NAME_BYTES)}, call.parent};
+    }
 
 private:
     const FtraceMessage* message = nullptr;
+    const std::byte* entry = nullptr;
+    const char* callerName = nullptr;
 };
 
 }  // namespace
@@ -67,14 +85,19 @@ std::unique_ptr<Framework::Message> EventBatch::Lend(std::shared_ptr<EventBatch>
 
 bool EventBatch::Add(const EventKind& kind, const RawRecord& record, bool isCall)
 {
-    const std::size_t stride = Stride(record.size);
+    const char* const name = record.source.callerName;
+    const std::uint32_t nameBytes = name != nullptr ? CE_NAME_BYTES : 0;
+    const std::size_t stride = Stride(record.size + nameBytes);
     if (count == maxEvents || stride > events.size() - used) {
         return false;
     }
-    const Entry entry{&kind, record.when, record.size};
+    const Entry entry{&kind, record.when, record.size, nameBytes};
     std::byte* to = events.data() + used;
     std::memcpy(to, &entry, sizeof entry);
     std::memcpy(to + sizeof entry, record.data, record.size);
+    if (name != nullptr) {
+        std::memcpy(to + sizeof entry + record.size, name, nameBytes);
+    }
     used += stride;
     ++count;
     calls += isCall ? 1 : 0;
@@ -153,14 +176,14 @@ std::size_t EventBatch::HandEvents(std::size_t from, std::size_t to,
         const std::byte* record = events.data() + at + sizeof entry;
         const std::chrono::nanoseconds when{entry.when};
         const FtraceMessage message(*entry.kind, record, entry.size, when);
-        delivered.MoveTo(message);
+        delivered.MoveTo(message, record, entry.nameBytes != 0 ? record + entry.size : nullptr);
         time.MoveTo(when, &delivered);
         try {
             receiver.Receive(message);
         } catch (...) {
             ++failures;
         }
-        at += Stride(entry.size);
+        at += Stride(entry.size + entry.nameBytes);
     }
     return failures;
 }

@@ -60,7 +60,8 @@ private:
     struct Entry {
         const EventKind* kind;
         std::uint64_t when;
-        std::uint32_t size;  // of the record, which follows
+        std::uint32_t size;       // of the record, which follows
+        std::uint32_t nameBytes;  // of the caller's name, which follows the record; 0: not told
     };
     struct Between {
         std::size_t at;  // where the event before the message ends
@@ -68,7 +69,7 @@ private:
     };
 
     // From one entry to the next: the record is padded so that the entry after it is aligned.
-    static std::size_t Stride(std::uint32_t size)
+    static std::size_t Stride(std::size_t size)
     {
         return (sizeof(Entry) + size + alignof(Entry) - 1) / alignof(Entry) * alignof(Entry);
     }

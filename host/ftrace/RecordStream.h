@@ -16,6 +16,7 @@ struct RecordSource {
     std::int32_t process = 0;            // 0: not known
     ProcessIdentity identity;            // the process's
     const CeProgram* program = nullptr;  // of an exec that is described; valid as long as the record
+    const char* callerName = nullptr;    // of a system call that tells it, of CE_NAME_BYTES; likewise
 };
 
 // A record where it lies: valid until its stream moves on.

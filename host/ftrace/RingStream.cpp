@@ -137,6 +137,10 @@ void RingStream::LoadHead()
     head.id = reinterpret_cast<const CeEventHead*>(head.data)->type;
     head.when = begin->when;
     head.source = {begin->process, {begin->identity, begin->isInSetUp != 0}};
+    if (begin->hasName != 0) {
+        head.source.callerName = static_cast<const char*>(reinterpret_cast<const CeSyscallRecord*>(begin)->name);
+        head.size = sizeof(CeTraceEntry);
+    }
     if (begin->hasProgram != 0) {
         head.source.program = &reinterpret_cast<const CeProgramRecord*>(begin)->program;
     }

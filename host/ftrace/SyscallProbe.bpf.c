@@ -51,8 +51,10 @@ static __always_inline void RecordCall(struct task_struct* task, const struct Ce
     }
     Begin(&record->head, &record->entry.head, call->event);
     record->entry.number = call->number;
-    record->entry.padding = 0;
+    record->entry.parent = task->real_parent->tgid;
     FillArguments(record->entry.arguments, regs, compat);
+    record->head.hasName = 1;
+    __builtin_memcpy(record->name, task->comm, CE_NAME_BYTES);
     Submit(record, 0);
 }
 

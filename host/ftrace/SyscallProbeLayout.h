@@ -11,6 +11,8 @@
 /* The tables of calls by which a program may enter the kernel: x86-64's, i386's through the 32-bit entry, x32's. */
 enum CeCallTable { CE_NATIVE, CE_COMPAT, CE_X32, CE_CALL_TABLES };
 
+#define CE_NAME_BYTES 16 /* TASK_COMM_LEN (include/linux/sched.h) */
+
 /* Process ids up to 2^22 (PID_MAX_LIMIT, include/linux/threads.h), so many to an element of the map of processes. */
 #define CE_PROCESSES_PER_ELEMENT 2048
 
@@ -70,7 +72,8 @@ struct CeProcesses {
 /* How every record in a ring begins. */
 struct CeRecordHead {
     unsigned long long when;     /* nanoseconds, CLOCK_MONOTONIC */
-    int process;                 /* of the thread that made it */
+    int process : 31;            /* of the thread that made it */
+    unsigned int hasName : 1;    /* a CeSyscallRecord, with the name of the thread */
     unsigned int identity : 30;  /* of that process; see CeMoveEvent */
     unsigned int isInSetUp : 1;  /* likewise; see CeTask */
     unsigned int hasProgram : 1; /* a CeProgram lies behind the event's fields */
@@ -89,20 +92,19 @@ struct CeEventHead {
 struct CeTraceEntry {
     struct CeEventHead head;
     int number; /* __syscall_nr: x86-64's, whichever entry the call came through */
-    int padding;
+    int parent; /* the process that is its process's parent; the kernel's own has nothing here */
     unsigned long long arguments[6];
 };
 
 struct CeSyscallRecord {
     struct CeRecordHead head;
     struct CeTraceEntry entry;
+    char name[CE_NAME_BYTES]; /* the thread's command name */
 };
 
 /* The events of processes' lives have the fields that the kernel's own of the same names have on every kernel, and some
  * that those lack; LifeFormats describes them. A text field holds where its text lies, as a __data_loc does: the offset
  * from the event's beginning, and the length with its zero byte in the upper half. */
-#define CE_NAME_BYTES 16 /* TASK_COMM_LEN (include/linux/sched.h) */
-
 struct CeForkEvent {
     struct CeEventHead head;
     char parentName[CE_NAME_BYTES];

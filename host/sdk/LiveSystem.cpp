@@ -258,6 +258,13 @@ int LiveSystem::ExecutablePath(unsigned int pid, std::string& path)
 
 int LiveSystem::Status(int pid, ProcessUtils::procStatus& status)
 {
+    // What the event being delivered tells of the thread that made it holds also when that has ended.
+    const DeliveredEvent* event = TraceTime::Event();
+    if (const auto caller = event != nullptr ? event->MadeBy() : std::nullopt; caller && caller->thread == pid) {
+        status.name = caller->name;
+        status.ppid = caller->parent;
+        return 0;
+    }
     std::string text;
     if (FileUtils::ReadFile(PathOf(pid, "status"), text, maxStatusBytes) != 0) {
         return -1;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,6 +19,15 @@ public:
     virtual const std::string& Name() const = 0;  // "syscalls:sys_enter_mount"
     // Its fields that are numbers, but for those that all events have; in their order, as they were recorded.
     virtual std::vector<std::pair<std::string, std::int64_t>> Numbers() const = 0;
+
+    // The thread that made it, as it was then. The name is good as long as the event is being delivered.
+    struct Caller {
+        int thread = 0;
+        std::string_view name;  // the kernel's command name
+        int parent = 0;         // the process that is its process's parent
+    };
+    // Nothing where the record does not tell.
+    virtual std::optional<Caller> MadeBy() const = 0;
 
 protected:
     ~DeliveredEvent() = default;

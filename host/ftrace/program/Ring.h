@@ -68,6 +68,7 @@ static __always_inline void Begin(struct CeRecordHead* record, struct CeEventHea
     const __u64 ids = bpf_get_current_pid_tgid();
     record->when = bpf_ktime_get_ns();
     record->process = (int)(ids >> 32);
+    record->hasName = 0;
     const struct CeTask* leader = Kept(bpf_get_current_task_btf()->group_leader, 0);
     record->identity = leader == NULL ? 0 : leader->identity;
     record->isInSetUp = leader != NULL && leader->isSetUp;

@@ -23,7 +23,8 @@ public:
     // The target of /proc/<pid>/exe. 0, or -1 (no such process, a kernel thread); `path` is then untouched.
     static int GetProcessExePath(unsigned int pid, std::string& path);
 
-    // 0, or -1 (no such process); `status` is then untouched.
+    // While a system call is being delivered on this thread, and the kernel's record of it tells that, the status of
+    // the thread that made it is the one that it had then. 0, or -1 (no such process); `status` is then untouched.
     static int GetProcessStatusInfo(int pid, procStatus& status);
 };
 

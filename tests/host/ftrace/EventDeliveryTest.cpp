@@ -15,8 +15,10 @@
 #include <vector>
 
 #include "host/ftrace/SubscriptionTable.h"
+#include "host/ftrace/SyscallProbeLayout.h"
 #include "host/sdk/Counters.h"
 #include "host/sdk/TraceTime.h"
+#include "sdk/ProcessUtils.h"
 #include "tests/support/PageBuilder.h"
 
 namespace Engine {
@@ -27,9 +29,10 @@ using std::chrono::nanoseconds;
 
 constexpr std::uint16_t forkId = 1;
 constexpr std::uint16_t callId = 2;
-constexpr int slowPid = -1;  // its events take the subscriber long, which fails then
-constexpr int lossPid = 3;   // its forks come after a loss
-constexpr int hostPid = 9;   // its calls are not admitted; each process below is a container of its own
+constexpr int slowPid = -1;           // its events take the subscriber long, which fails then
+constexpr int lossPid = 3;            // its forks come after a loss
+constexpr int endedThread = 1 << 30;  // no thread can have that id
+constexpr int hostPid = 9;            // its calls are not admitted; each process below is a container of its own
 
 KnownEvent Event(std::uint16_t id, const std::string& system, const std::string& event)
 {
@@ -50,6 +53,7 @@ public:
             throw std::runtime_error{"no such process"};
         }
         seen.push_back(event.Kind().Event() + " " + std::to_string(pid));
+        SDK::ProcessUtils::GetProcessStatusInfo(endedThread, ended);
         return 0;
     }
     int HandleMsg(const Framework::Message* /*message*/) override
@@ -79,6 +83,7 @@ public:
     void OnLoss(TraceSequencer&) override { seen.emplace_back("loss"); }
 
     std::vector<std::string> seen;
+    SDK::ProcessUtils::procStatus ended;
 };
 
 class EventDeliveryTest : public Test {
@@ -198,6 +203,22 @@ TEST_F(EventDeliveryTest, ObserversMessagesAndBarriersHaveTheirPlaceAmongTheEven
     EXPECT_THAT(batches, ElementsAre(2U, 1U, 3U, 1U, 1U, 3U, 1U, 1U))
         << "from the second round on with the notice, the barrier's";
     EXPECT_FALSE(delivery.HasBarriers());
+}
+
+TEST_F(EventDeliveryTest, WhileACallIsDeliveredItsThreadIsKnownAlthoughItHasEnded)
+{
+    table.Add(task, call);
+    const std::array<char, CE_NAME_BYTES> name{"fifteen bytes.."};
+    const CeTraceEntry entry{{callId, 0, 0, endedThread}, 0, 42, {}};
+    const auto* bytes = reinterpret_cast<const std::byte*>(&entry);
+    Record(callId, 1);
+    Handle();
+    EXPECT_EQ(task.ended.ppid, -1) << "another made the call";
+    delivery.OnRecord({bytes, sizeof entry, callId, false, ++clock, {0, {}, nullptr, name.data()}});
+    Record(callId, 2);
+    EXPECT_THAT(Handle(), ElementsAre("sys_enter_call " + std::to_string(endedThread), "sys_enter_call 2"));
+    EXPECT_EQ(task.ended.ppid, 42);
+    EXPECT_EQ(task.ended.name, "fifteen bytes..");
 }
 
 // All that may become of a subscriber's events, in any order.

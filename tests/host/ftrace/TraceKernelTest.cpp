@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <linux/sched.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -107,6 +108,7 @@ protected:
         if (record.size > sizeof(CeTraceEntry)) {
             return;  // of an event that a test turned on by all others
         }
+        callerName = record.source.callerName != nullptr ? record.source.callerName : "";
         CeTraceEntry& entry = entries.emplace_back();
         std::memcpy(&entry, record.data, record.size);  // the trace keeps only the arguments that the call has
     }
@@ -120,6 +122,7 @@ protected:
     std::unique_ptr<LiveTrace> trace;
     const KnownEvent* event = nullptr;
     std::vector<CeTraceEntry> entries;
+    std::string callerName;  // of the last one
     std::vector<const KnownEvent*> followed;
     std::vector<std::string> lives;
     std::shared_ptr<const SDK::ProcessDetails> executed;  // of the last one
@@ -156,8 +159,11 @@ TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
     });
     EXPECT_EQ(Read().size(), 1U) << "what a moved process forks is recorded, too";
     const pid_t child = CallInChild(1, root.c_str());
-    EXPECT_THAT(Read(), ElementsAre(FieldsAre(FieldsAre(event->id, _, _, child), callNumber, _, _)))
+    EXPECT_THAT(Read(), ElementsAre(FieldsAre(FieldsAre(event->id, _, _, child), callNumber, self, _)))
         << "made in another group";
+    std::array<char, CE_NAME_BYTES> own{};
+    ::prctl(PR_GET_NAME, own.data());
+    EXPECT_EQ(callerName, own.data());
     ASSERT_EQ(trace->Stop(*event), 0);
     CallInChild(1, root.c_str());
     EXPECT_TRUE(Read().empty());
