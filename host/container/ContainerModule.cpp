@@ -36,6 +36,7 @@ public:
             ContainerLog::Warning("no trace events: containers of processes are read from /proc, possibly too late");
         }
         SDK::SystemView::SetContainerResolver(&task->Resolver());
+        SDK::ContainerNames::Provide(task.get());
         if (RegisterTask(&task->BundleTask(), false) != 0) {
             return NameIsTaken(ContainerBundleTask::taskName);
         }
@@ -66,6 +67,7 @@ private:
 
     void Leave()
     {
+        SDK::ContainerNames::Provide(nullptr);
         SDK::SystemView::SetContainerResolver(nullptr);
         task->Detach();
         task.reset();

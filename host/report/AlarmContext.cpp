@@ -21,9 +21,8 @@ std::chrono::nanoseconds Now(clockid_t clock)
 }
 
 // 0 when the document names none.
-int ThreadOf(const std::string& alarm)
+int ThreadOf(const Json::Value& document)
 {
-    const Json::Value document = SDK::JsonMembers::Parse(alarm).value_or(Json::Value{});
     const Json::Value& pid = Member(SDK::JsonMembers::First(Member(document, "process_info")), "process_pid");
     return pid.isInt() ? pid.asInt() : 0;
 }
@@ -37,7 +36,7 @@ std::shared_ptr<const AlarmContext> AlarmContext::OfEvent()
     return context;
 }
 
-std::shared_ptr<const AlarmContext> AlarmContext::Take(const std::string& alarm, SDK::SystemView& system)
+std::shared_ptr<const AlarmContext> AlarmContext::Take(const Alarm& alarm, SDK::SystemView& system)
 {
     auto context = std::make_shared<AlarmContext>();
     context->event = SDK::TraceTime::Current();
@@ -47,7 +46,7 @@ std::shared_ptr<const AlarmContext> AlarmContext::Take(const std::string& alarm,
         context->call = event->Name().substr(callEvent.size());
         context->arguments = event->Numbers();
     }
-    context->tid = ThreadOf(alarm);
+    context->tid = ThreadOf(alarm.document);
     if (context->tid <= 0) {
         return context;
     }

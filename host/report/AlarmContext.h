@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "framework/Message.h"
+#include "host/report/Alarm.h"
 #include "host/sdk/SystemView.h"
 
 namespace Engine {
@@ -35,27 +35,8 @@ struct AlarmContext {
     // Of the event alone. Thread: as Take.
     static std::shared_ptr<const AlarmContext> OfEvent();
 
-    // `alarm`: the document. Thread: the one that raises the alarm, while it handles the event.
-    static std::shared_ptr<const AlarmContext> Take(const std::string& alarm, SDK::SystemView& system);
-};
-
-// An alarm on its way to the report task.
-class AlarmReport : public Framework::DataMessage {
-public:
-    // `exception`: that holds for it; empty: none does.
-    AlarmReport(const Framework::DataMessage& alarm, std::shared_ptr<const AlarmContext> context, std::string exception)
-        : Framework::DataMessage(alarm.Type(), alarm.Content()),
-          context(std::move(context)),
-          exception(std::move(exception))
-    {
-    }
-
-    const std::shared_ptr<const AlarmContext>& Context() const { return context; }
-    const std::string& Exception() const { return exception; }
-
-private:
-    std::shared_ptr<const AlarmContext> context;
-    std::string exception;
+    // Thread: the one that raises the alarm, while it handles the event.
+    static std::shared_ptr<const AlarmContext> Take(const Alarm& alarm, SDK::SystemView& system);
 };
 
 }  // namespace Engine

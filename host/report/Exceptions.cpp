@@ -68,12 +68,11 @@ Exceptions::RuleList Exceptions::Rules() const
     return rules;
 }
 
-std::optional<Exceptions::Match> Exceptions::Find(const std::string& alarm, const AlarmContext& context,
+std::optional<Exceptions::Match> Exceptions::Find(const Alarm& alarm, const AlarmContext& context,
                                                   SDK::SystemView& system) const
 {
     const RuleList list = Rules();
-    const std::optional<Json::Value> document = list == nullptr ? std::nullopt : SDK::JsonMembers::Parse(alarm);
-    const auto facts = document ? FactsOf(*document, context, system) : std::nullopt;
+    const auto facts = list != nullptr ? FactsOf(alarm.document, context, system) : std::nullopt;
     if (!facts) {
         return std::nullopt;
     }

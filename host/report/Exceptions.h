@@ -40,7 +40,7 @@ public:
     // The first exception that holds. None for an alarm that may stand for more than the container it names: one of no
     // process or of several, or whose process the host knows in another container; and none where nothing that can be
     // relied on is known of the container yet.
-    std::optional<Match> Find(const std::string& alarm, const AlarmContext& context, SDK::SystemView& system) const;
+    std::optional<Match> Find(const Alarm& alarm, const AlarmContext& context, SDK::SystemView& system) const;
 
     // By their names, and all.
     static void Count(const Match& match);

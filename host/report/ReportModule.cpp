@@ -11,17 +11,11 @@
 #include "host/report/ReportTasks.h"
 #include "host/report/Sinks.h"
 #include "host/sdk/Config.h"
-#include "host/sdk/FindTask.h"
 #include "host/sdk/JsonMembers.h"
 
 namespace Engine {
 
 namespace {
-
-const SDK::ContainerNames* FindNames()
-{
-    return dynamic_cast<SDK::ContainerNames*>(SDK::FindTask("container_collect_task"));
-}
 
 std::string PolicyInForce()
 {
@@ -51,7 +45,7 @@ public:
         const auto& settings = Poco::Util::Application::instance().config();
         const bool isTerminal = !settings.has(SDK::Config::alarmsFile) && ::isatty(STDOUT_FILENO) == 1;
         data = std::make_unique<DataReportTask>(
-            MakeSinks(settings), FindNames,
+            MakeSinks(settings),
             AlarmFormat(AlarmFormat::Parse(settings.getString(SDK::Config::alarmsFormat, "auto"), isTerminal),
                         EnvelopeSettings(settings)),
             PolicyInForce, settings.getBool(SDK::Config::showExcepted, false));

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/report/ReportTasks.h"
 
+#include <utility>
+
 #include "host/report/AlarmDocument.h"
 #include "host/report/ReportLog.h"
+#include "host/sdk/SystemView.h"
 #include "sdk/JsonUtils.h"
 
 namespace Engine {
@@ -18,21 +21,14 @@ constexpr std::size_t maxLoggedBytes = 1024;
 constexpr int nameWaitMs = 20;
 constexpr int mostEventsAtOnce = 16;
 
-bool IsAlarm(const Framework::Message* message)
-{
-    const auto* data = dynamic_cast<const Framework::DataMessage*>(message);
-    return data != nullptr && data->Type() == alarmType;
-}
-
 }  // namespace
 
-DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, FindNames findNames,
-                               AlarmFormat alarmFormat, FindPolicy findPolicy, bool showExcepted)
+DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToServe, AlarmFormat alarmFormat,
+                               FindPolicy findPolicy, bool showExcepted)
     : Framework::Task("data_comm_report_task", "", TaskCondition::EventLoop, queueCapacity),
-      findNames(std::move(findNames)),
       findPolicy(std::move(findPolicy)),
-      format(std::move(alarmFormat)),
-      showExcepted(showExcepted)
+      showExcepted(showExcepted),
+      format(std::move(alarmFormat))
 {
     for (std::unique_ptr<AlarmSink>& sink : sinksToServe) {
         sinks.push_back(std::make_unique<SinkQueue>(std::move(sink)));
@@ -41,36 +37,8 @@ DataReportTask::DataReportTask(std::vector<std::unique_ptr<AlarmSink>> sinksToSe
 
 int DataReportTask::EnqueueMsg(std::shared_ptr<Framework::Message>& message)
 {
-    const bool isAlarm = IsAlarm(message.get());
-    std::optional<Exceptions::Match> excepted;
-    if (isAlarm) {
-        const auto& alarm = dynamic_cast<const Framework::DataMessage&>(*message);
-        SDK::SystemView& system = SDK::SystemView::Current();
-        const auto context = format.WantsContext() || exceptions.AreThere()
-                                 ? AlarmContext::Take(alarm.Content(), system)
-                                 : AlarmContext::OfEvent();
-        excepted = exceptions.Find(alarm.Content(), *context, system);
-        message = std::make_shared<AlarmReport>(alarm, context, excepted ? excepted->name : std::string{});
-    }
-    if (excepted) {
-        Exceptions::Count(*excepted);
-    }
-    const int result = excepted && !showExcepted ? 0 : Framework::Task::EnqueueMsg(message);
-    if (result != 0 && isAlarm) {
-        AlarmDocument::CountLost();
-    }
-    return excepted && excepted->mustBeRefused ? -1 : result;
-}
-
-int DataReportTask::Init()
-{
-    constexpr char example[] = R"({"event_name":"\u00e9","process_info":[{"process_pid":1}],"occur_time":1})";
-    if (const auto alarm = Alarm::Parse(SDK::JsonUtils::JsonToString(Alarm::Parse(example).value().document))) {
-        AlarmDocument::Make(*alarm, 1, [&](const std::string& text, const Json::Value& document) {
-            return format.Format(text, document, nullptr, Names(), "");
-        });
-    }
-    return Framework::Task::Init();
+    const auto* data = dynamic_cast<const Framework::DataMessage*>(message.get());
+    return data != nullptr && data->Type() == alarmType ? Take(*data) : Framework::Task::EnqueueMsg(message);
 }
 
 int DataReportTask::HandleMsg(const Framework::Message* message)
@@ -79,56 +47,98 @@ int DataReportTask::HandleMsg(const Framework::Message* message)
     if (data == nullptr) {
         return -1;
     }
-    if (IsAlarm(data)) {
-        const auto* report = dynamic_cast<const AlarmReport*>(data);
-        const auto context = report != nullptr ? report->Context() : nullptr;
-        auto alarm = Alarm::Parse(data->Content());
-        if (!alarm) {
-            AlarmDocument::CountLost();
-            ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", data->Content().size());
-            return -1;
-        }
-        if (unnamed.Pass(*alarm, Names(), NameWait::Clock::now(), context)) {
-            Report(*alarm, context.get(), report != nullptr ? report->Exception() : "");
-        }
-        return 0;
+    if (data->Type() == alarmType) {
+        return Take(*data);
     }
     ReportLog::Notice("report of type %s, %z bytes, has no receiver", data->Type(), data->Content().size());
     return 0;
 }
 
-int DataReportTask::Run()
+int DataReportTask::Take(const Framework::DataMessage& message)
 {
-    if (unnamed.IsEmpty()) {
-        return Framework::Task::Run();
+    auto alarm = Alarm::Parse(message.Content());
+    if (!alarm) {
+        AlarmDocument::CountLost();
+        ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", message.Content().size());
+        return -1;
     }
-    Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
-    BulkConsumeMsg(static_cast<int>(queueCapacity));
-    unnamed.Release(Names(), NameWait::Clock::now(),
-                    [this](const Alarm& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
-    return 0;
-}
-
-void DataReportTask::ReportNamed(const Alarm& alarm, const AlarmContext* context)
-{
-    const auto excepted = context != nullptr ? exceptions.Find(alarm.text, *context, SDK::SystemView::Current())
-                                             : std::optional<Exceptions::Match>{};
+    SDK::SystemView& system = SDK::SystemView::Current();
+    const bool wantsContext = format.WantsContext() || exceptions.AreThere();
+    const Context context = wantsContext ? AlarmContext::Take(*alarm, system) : AlarmContext::OfEvent();
+    const auto excepted = exceptions.Find(*alarm, *context, system);
     if (excepted) {
         Exceptions::Count(*excepted);
     }
-    if (!excepted || showExcepted) {
-        Report(alarm, context, excepted ? excepted->name : std::string{});
-    }
+    const bool goesOut = !excepted || showExcepted;
+    const int result = goesOut ? Deliver(std::move(*alarm), context, excepted ? excepted->name : "") : 0;
+    return excepted && excepted->mustBeRefused ? -1 : result;
 }
 
-void DataReportTask::Report(const Alarm& alarm, const AlarmContext* context, const std::string& exception)
+int DataReportTask::Deliver(Alarm alarm, const Context& context, const std::string& exception)
+{
+    const SDK::ContainerNames::InForce names;
+    const std::lock_guard lock(mutex);
+    if (sinks.empty()) {
+        AlarmDocument::CountLost();
+        return -1;
+    }
+    if (unnamed.Pass(alarm, names.Get(), NameWait::Clock::now(), context)) {
+        Report(alarm, context.get(), exception, names.Get());
+    } else {
+        Waiter().Wake();
+    }
+    return 0;
+}
+
+int DataReportTask::Init()
+{
+    constexpr char example[] = R"({"event_name":"\u00e9","process_info":[{"process_pid":1}],"occur_time":1})";
+    const std::lock_guard lock(mutex);
+    if (const auto alarm = Alarm::Parse(SDK::JsonUtils::JsonToString(Alarm::Parse(example).value().document))) {
+        AlarmDocument::Make(*alarm, 1, [&](const std::string& text, const Json::Value& document) {
+            return format.Format(text, document, nullptr, nullptr, "");
+        });
+    }
+    return Framework::Task::Init();
+}
+
+int DataReportTask::Run()
+{
+    std::unique_lock lock(mutex);
+    if (unnamed.IsEmpty()) {
+        lock.unlock();
+        return Framework::Task::Run();
+    }
+    lock.unlock();
+    Waiter().WaitAndHandleEvent(nameWaitMs, mostEventsAtOnce);
+    BulkConsumeMsg(static_cast<int>(queueCapacity));
+    const SDK::ContainerNames::InForce names;
+    lock.lock();
+    Release(names.Get());
+    return 0;
+}
+
+void DataReportTask::Release(const SDK::ContainerNames* names)
+{
+    unnamed.Release(names, NameWait::Clock::now(), [this, names](const Alarm& alarm, const Context& context) {
+        const auto excepted = exceptions.Find(alarm, *context, SDK::SystemView::Current());
+        if (excepted) {
+            Exceptions::Count(*excepted);
+        }
+        if (!excepted || showExcepted) {
+            Report(alarm, context.get(), excepted ? excepted->name : "", names);
+        }
+    });
+}
+
+void DataReportTask::Report(const Alarm& alarm, const AlarmContext* context, const std::string& exception,
+                            const SDK::ContainerNames* names)
 {
     const std::shared_ptr<AlarmDocument> document =
-        AlarmDocument::Make(alarm, sinks.size(), [&](const std::string& text, const Json::Value& document) {
-            return format.Format(text, document, context, Names(), findPolicy ? findPolicy() : std::string{},
-                                 exception);
+        AlarmDocument::Make(alarm, sinks.size(), [&](const std::string& text, const Json::Value& parsed) {
+            return format.Format(text, parsed, context, names, findPolicy ? findPolicy() : std::string{}, exception);
         });
-    document->SetEvent(context != nullptr ? context->event : std::nullopt);
+    document->SetEvent(context->event);
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->Push(document);
     }
@@ -138,13 +148,14 @@ int DataReportTask::UnInit()
 {
     while (BulkConsumeMsg(queueCapacity) > 0) {
     }
-    unnamed.Release(nullptr, NameWait::Clock::now(),
-                    [this](const Alarm& alarm, const auto& context) { ReportNamed(alarm, context.get()); });
-    for (const std::unique_ptr<SinkQueue>& sink : sinks) {
+    std::unique_lock lock(mutex);
+    Release(nullptr);
+    const auto ending = std::exchange(sinks, {});
+    lock.unlock();
+    for (const std::unique_ptr<SinkQueue>& sink : ending) {
         sink->End(drainBound);
     }
-    sinks.clear();  // waits for their threads
-    return 0;
+    return 0;  // when the threads of all have ended
 }
 
 CmdReportTask::CmdReportTask() : Framework::Task("cmd_comm_report_task", "", TaskCondition::EventLoop, queueCapacity)

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -28,6 +30,20 @@ public:
 
     // Null for a container that is not known.
     virtual std::shared_ptr<const Engine::ContainerInfo> Find(const std::string& id) const = 0;
+
+    // Those that are asked, while this lives: they come and go with their module. Not while this thread has another.
+    class InForce {
+    public:
+        InForce();
+        const ContainerNames* Get() const { return names; }  // null: there are none
+
+    private:
+        std::shared_lock<std::shared_mutex> lock;
+        const ContainerNames* names;
+    };
+
+    // Puts `next` in force; null: none. Not owned. Returns when nobody asks those before any more.
+    static void Provide(const ContainerNames* next);
 
 protected:
     ~ContainerNames() = default;

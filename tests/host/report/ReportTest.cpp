@@ -257,7 +257,7 @@ TEST(AlarmFormatTest, AnEnvelopeTellsOfProcessAndContainerAndATextIsALineForPeop
     const Json::Value document = SDK::JsonMembers::Parse(alarm).value_or(Json::Value{});
     SDK::TraceTime::Scope event;
     event.MoveTo(std::chrono::nanoseconds{1});
-    const auto context = AlarmContext::Take(alarm, proc);
+    const auto context = AlarmContext::Take({alarm, document}, proc);
     AlarmFormat envelopes(AlarmFormat::Parse("envelope", true));
     const std::string text = envelopes.Format(alarm, document, context.get(), &names, "");
     EXPECT_TRUE(text.ends_with(",\"alarm\":" + alarm + "}")) << text;
@@ -272,7 +272,7 @@ TEST(AlarmFormatTest, AnEnvelopeTellsOfProcessAndContainerAndATextIsALineForPeop
     EXPECT_EQ(envelope["container"]["pod"], Json::Value{});
     EXPECT_TRUE(envelope["time"].isString());
     EXPECT_EQ(envelope["agent"]["policy_sha256"], Json::Value{});
-    EXPECT_EQ(AlarmContext::Take("{}", proc)->tid, 0);
+    EXPECT_EQ(AlarmContext::Take({"{}", Json::objectValue}, proc)->tid, 0);
 
     EXPECT_EQ(AlarmFormat(AlarmFormat::Parse("auto", false)).Format(alarm, document, nullptr, nullptr, ""), alarm);
     AlarmFormat texts(AlarmFormat::Parse("auto", true));
@@ -304,8 +304,9 @@ protected:
     static std::string By(int pid) { return R"({"process_pid":)" + std::to_string(pid) + "}"; }
 
     // Which exception holds for an alarm, of these and one that holds for nothing; empty: none does.
-    std::string Held(const SDK::ExceptionRule& rule, const std::string& alarm)
+    std::string Held(const SDK::ExceptionRule& rule, const std::string& text)
     {
+        const Engine::Alarm alarm{text, SDK::JsonMembers::Parse(text).value_or(Json::objectValue)};
         Exceptions exceptions;
         exceptions.Replace({{"none", "another", "", "", {}, "", {}}, rule});
         const auto found = exceptions.Find(alarm, *AlarmContext::Take(alarm, proc), proc);
@@ -349,7 +350,7 @@ TEST_F(ExceptionsTest, AnExceptedAlarmIsCountedAndRefusedWhereAnotherProgramWoul
         text += line;
         return std::error_code{};
     }));
-    DataReportTask task(std::move(sinks), {}, AlarmFormat(AlarmFormat::Form::Text));
+    DataReportTask task(std::move(sinks), AlarmFormat(AlarmFormat::Form::Text));
     const auto enqueue = [&](int pid) {
         std::shared_ptr<Framework::Message> message = std::make_shared<Framework::DataMessage>("2", Alarm(By(pid)));
         return task.EnqueueMsg(message);
