@@ -6,6 +6,7 @@ import ctypes
 import json
 import os
 import pathlib
+import re
 import secrets
 import sys
 import tempfile
@@ -29,6 +30,12 @@ def cpu_seconds(pid):
     if error != 0:
         raise OSError(error, os.strerror(error))
     return time.clock_gettime(clock.value)
+
+
+def wake_ups(pid):
+    """How often its threads have waited for something."""
+    statuses = pathlib.Path(f"/proc/{pid}/task").glob("*/status")
+    return sum(int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", status.read_text(), re.M)[1]) for status in statuses)
 
 
 @contextlib.contextmanager

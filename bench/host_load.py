@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the agent costs a host: the same work without it, and with each source of system calls.
 
-    host_load.py [ROUNDS]    default 7; needs root and a release build
+    host_load.py [ROUNDS [AGENT]]    default 7; needs root and a release build. AGENT: another build, to compare
 
 A round does all the work once in each state, so that what disturbs the machine for a while disturbs all of them. Each
 figure is the median over the rounds, that of a single call the median of each round's quickest loop.
@@ -24,6 +24,8 @@ STATES = {"no agent": None,
           "--syscalls bpf": ("--syscalls", "bpf"),
           "the same, envelopes": ("--syscalls", "bpf", "--alarm-format", "envelope"),
           "--syscalls tracefs": ("--syscalls", "tracefs")}
+OTHER = "the other build"
+AGENT = harness.AGENT
 POLICY = (ROOT / "packaging/policy.json").read_text()
 TREE = "/usr"
 # Loops much shorter than a time slice: the quickest of them was not interrupted.
@@ -79,11 +81,13 @@ def do(command, prints_ns):
 def measure(state, command, prints_ns):
     if STATES[state] is None:
         return do(command, prints_ns)
+    harness.AGENT = pathlib.Path(sys.argv[2]) if state == OTHER else AGENT
     with agents.counted_agent(POLICY, *STATES[state]) as agent:
         time.sleep(SETTLE_SECONDS)
-        before = agents.cpu_seconds(agent.pid)
+        before, slept = agents.cpu_seconds(agent.pid), agents.wake_ups(agent.pid)
         figures = do(command, prints_ns)
         figures["the agent's CPU s"] = agents.cpu_seconds(agent.pid) - before
+        figures["wake-ups"] = agents.wake_ups(agent.pid) - slept
     time.sleep(SETTLE_SECONDS)
     figures["events read"] = agent.counts["trace.read"]
     figures["events lost"] = sum(agent.counts[f"trace.{loss}"] for loss in ("lost_overrun", "lost_dropped", "shed_kernel"))
@@ -99,7 +103,7 @@ def print_row(name, unit, values):
             cells.append(f"{'':21}")
             continue
         middle = statistics.median(values[state])
-        digits = 0 if unit.startswith("events") else 1 if unit == "ns" else 3
+        digits = 0 if unit.startswith(("events", "wake")) else 1 if unit == "ns" else 3
         text = f"{middle:.{digits}f}"
         if STATES[state] and base:
             change = f"{middle - base:+.0f}, " if unit == "ns" else ""
@@ -110,6 +114,8 @@ def print_row(name, unit, values):
 
 def main():
     rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 7
+    if len(sys.argv) > 2:
+        STATES[OTHER] = ("--syscalls", "bpf")
     with tempfile.TemporaryDirectory() as folder, agents.control_group() as group:
         work = the_work(folder, group)
         states = list(STATES)
