@@ -38,11 +38,19 @@ static __always_inline void RecordCall(struct task_struct* task, const struct Ce
     struct CeTask* kept = Kept(task, BPF_LOCAL_STORAGE_GET_F_CREATE);
     struct Account* account;
     enum Need need;
-    if (!IsWithinBudgets(task, kept, call->kind, &account, &need)) {
+    int isGuaranteed = 0;
+    if (!IsWithinBudgets(task, kept, call->kind, &account, &need, &isGuaranteed)) {
         Count(CE_SHED);
         return;
     }
-    struct CeSyscallRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED);
+    struct CeSyscallRecord* record;
+    char* name = NULL;
+    if (isGuaranteed) {
+        record = Reserve(account, need, sizeof *record, CE_DROPPED);
+        name = record == NULL ? NULL : record->name;
+    } else { /* a storm's have no names, and the ring more room */
+        record = Reserve(account, need, __builtin_offsetof(struct CeSyscallRecord, name), CE_DROPPED);
+    }
     if (record == NULL) {
         return;
     }
@@ -53,8 +61,10 @@ static __always_inline void RecordCall(struct task_struct* task, const struct Ce
     record->entry.number = call->number;
     record->entry.parent = task->real_parent->tgid;
     FillArguments(record->entry.arguments, regs, compat);
-    record->head.hasName = 1;
-    __builtin_memcpy(record->name, task->comm, CE_NAME_BYTES);
+    if (name != NULL) {
+        record->head.hasName = 1;
+        __builtin_memcpy(name, task->comm, CE_NAME_BYTES);
+    }
     Submit(record, 0);
 }
 

@@ -73,7 +73,7 @@ struct CeProcesses {
 struct CeRecordHead {
     unsigned long long when;     /* nanoseconds, CLOCK_MONOTONIC */
     int process : 31;            /* of the thread that made it */
-    unsigned int hasName : 1;    /* a CeSyscallRecord, with the name of the thread */
+    unsigned int hasName : 1;    /* a CeSyscallRecord, up to its end */
     unsigned int identity : 30;  /* of that process; see CeMoveEvent */
     unsigned int isInSetUp : 1;  /* likewise; see CeTask */
     unsigned int hasProgram : 1; /* a CeProgram lies behind the event's fields */
@@ -99,7 +99,7 @@ struct CeTraceEntry {
 struct CeSyscallRecord {
     struct CeRecordHead head;
     struct CeTraceEntry entry;
-    char name[CE_NAME_BYTES]; /* the thread's command name */
+    char name[CE_NAME_BYTES]; /* the thread's command name; only in the first calls of a kind in a window */
 };
 
 /* The events of processes' lives have the fields that the kernel's own of the same names have on every kernel, and some

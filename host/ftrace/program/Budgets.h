@@ -132,9 +132,9 @@ static __always_inline int Spend(__u16* used, __u32 budget)
 
 /* A container that storms does not hide the few calls of its other threads, and a thread that storms does not hide its
  * own other calls: what follows on a call of another kind has a budget of its own, which calls of one kind alone,
- * however many, do not touch. Sequences are what detectors look for. */
+ * however many, do not touch. Sequences are what detectors look for. `isGuaranteed`: whatever else was made. */
 static __always_inline int IsWithinBudgets(const struct task_struct* task, struct CeTask* kept, __u32 kind,
-                                           struct Account** account, enum Need* need)
+                                           struct Account** account, enum Need* need, int* isGuaranteed)
 {
     kind &= CE_KINDS - 1;
     *account = NULL;
@@ -157,7 +157,8 @@ static __always_inline int IsWithinBudgets(const struct task_struct* task, struc
     }
     struct Account* found = AccountOf(task, kept);
     *account = found;
-    if (used < settings.guaranteed || (isChange && (found == NULL || Spend(&found->changes, settings.groupBudget)))) {
+    *isGuaranteed = used < settings.guaranteed;
+    if (*isGuaranteed || (isChange && (found == NULL || Spend(&found->changes, settings.groupBudget)))) {
         *need = ESSENTIAL;
         return 1;
     }
