@@ -32,6 +32,20 @@ static __always_inline int IsExcluded(const struct task_struct* task)
     return IsHost(task->tgid) || task->pid == tables.ownThread;
 }
 
+static __always_inline void Fill(struct CeSyscallRecord* record, const struct task_struct* task, struct CeTask* kept,
+                                 const struct CeWatchedCall* call, const struct pt_regs* regs, int compat)
+{
+    if (kept != NULL) {
+        kept->isTold = 1;
+    }
+    Begin(&record->head, &record->entry.head, call->event);
+    record->entry.number = call->number;
+    record->entry.parent = task->real_parent->tgid;
+    FillArguments(record->entry.arguments, regs, compat);
+}
+
+/* A storm's records have no names, and the ring more room for them. Each way has a record of its own from end to end:
+ * Linux 6.1 does not know of a pointer that comes from two whether it was found to be null. */
 static __always_inline void RecordCall(struct task_struct* task, const struct CeWatchedCall* call,
                                        const struct pt_regs* regs, int compat)
 {
@@ -43,29 +57,22 @@ static __always_inline void RecordCall(struct task_struct* task, const struct Ce
         Count(CE_SHED);
         return;
     }
-    struct CeSyscallRecord* record;
-    char* name = NULL;
     if (isGuaranteed) {
-        record = Reserve(account, need, sizeof *record, CE_DROPPED);
-        name = record == NULL ? NULL : record->name;
-    } else { /* a storm's have no names, and the ring more room */
-        record = Reserve(account, need, __builtin_offsetof(struct CeSyscallRecord, name), CE_DROPPED);
-    }
-    if (record == NULL) {
+        struct CeSyscallRecord* record = Reserve(account, need, sizeof *record, CE_DROPPED);
+        if (record != NULL) {
+            Fill(record, task, kept, call, regs, compat);
+            record->head.hasName = 1;
+            __builtin_memcpy(record->name, task->comm, CE_NAME_BYTES);
+            Submit(record, 0);
+        }
         return;
     }
-    if (kept != NULL) {
-        kept->isTold = 1;
+    struct CeSyscallRecord* record =
+        Reserve(account, need, __builtin_offsetof(struct CeSyscallRecord, name), CE_DROPPED);
+    if (record != NULL) {
+        Fill(record, task, kept, call, regs, compat);
+        Submit(record, 0);
     }
-    Begin(&record->head, &record->entry.head, call->event);
-    record->entry.number = call->number;
-    record->entry.parent = task->real_parent->tgid;
-    FillArguments(record->entry.arguments, regs, compat);
-    if (name != NULL) {
-        record->head.hasName = 1;
-        __builtin_memcpy(name, task->comm, CE_NAME_BYTES);
-    }
-    Submit(record, 0);
 }
 
 static __always_inline int IsCompat(const struct task_struct* task)
