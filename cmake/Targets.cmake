@@ -23,6 +23,12 @@ if(CE_SANITIZE)
     target_compile_options(ce_options INTERFACE $<BUILD_INTERFACE:
         -fsanitize=${CE_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer>)
     target_link_options(ce_options INTERFACE $<BUILD_INTERFACE:-fsanitize=${CE_SANITIZE}>)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+        # Its run-time library is linked into programs alone, unless told otherwise: then no library would be whole.
+        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
+            OUTPUT_VARIABLE directory OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+        target_link_options(ce_options INTERFACE $<BUILD_INTERFACE:-shared-libsan -Wl,-rpath,${directory}>)
+    endif()
 endif()
 
 # What the host's components may include beside the contract; the module never gets this.

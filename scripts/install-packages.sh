@@ -9,7 +9,8 @@ build=(g++ cmake ninja-build pkg-config make libc6-dev libpoco-dev libjsoncpp-de
     libcli11-dev libconcurrentqueue-dev libbpf-dev libseccomp-dev prometheus-cpp-dev libre2-dev libgrpc++-dev
     libprotobuf-dev protobuf-compiler protobuf-compiler-grpc libcurl4-openssl-dev clang bpftool)
 test=(libgtest-dev libgmock-dev libbenchmark-dev docker.io podman uidmap crun curl busybox-static python3
-    python3-jsonschema clang-format clang-tidy git procps logrotate prometheus qemu-system-x86 cpio xz-utils)
+    python3-jsonschema clang-format clang-tidy libclang-rt-dev git procps logrotate prometheus qemu-system-x86
+    cpio xz-utils)
 
 ask=
 if [ "${1:-}" = --ask ]; then ask=1; shift; fi

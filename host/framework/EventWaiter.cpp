@@ -129,7 +129,8 @@ int EventWaiter::Impl::RunHandlers(int fetched)
     int ran = 0;
     for (int i = 0; i < fetched; ++i) {
         const epoll_event event = ready[static_cast<std::size_t>(i)];
-        const auto found = watches.find(event.data.u64);
+        const std::uint64_t number = event.data.u64;  // copied: members of the packed structure are not aligned
+        const auto found = watches.find(number);
         if (found == watches.end()) {
             continue;
         }
