@@ -101,8 +101,8 @@ std::string WhyNotHere()
                "its container with the host's process ids";
     }
     if (IsLockedDown()) {
-        return "finds the kernel locked down, so that nobody may trace it: start the kernel with lockdown=integrity or "
-               "without lockdown";
+        return "finds the kernel locked down, so that no process may trace it: start the kernel with "
+               "lockdown=integrity or without lockdown";
     }
     if (Tracefs().empty()) {
         return "finds no tracefs: mount it with \"mount -t tracefs nodev /sys/kernel/tracing\", outside of a container";

@@ -35,7 +35,7 @@ public:
     const std::vector<RawPipe*>& Pipes() const { return pipes; }
 
     // Null when the kernel excludes no process.
-    SyscallFilter* Filter() { return probe.get(); }
+    SyscallFilter* Filter() { return probe == nullptr ? nullptr : &probe->Filter(); }
 
     // Shared with the batches that are on their way.
     const std::shared_ptr<EventCatalog>& Catalog() const { return catalog; }

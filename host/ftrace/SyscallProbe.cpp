@@ -4,7 +4,6 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <malloc.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -12,7 +11,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <bit>
 #include <cerrno>
 #include <cstdarg>
@@ -28,8 +26,6 @@
 #include "host/ftrace/LifeFormats.h"
 #include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallProbeLayout.h"
-#include "host/sdk/Limits.h"
-#include "sdk/FileUtils.h"
 
 // Generated from the compiled program; its variables are of the types above.
 #include "SyscallProbe.skel.h"
@@ -41,9 +37,6 @@ constexpr std::size_t kib = 1024;
 constexpr std::size_t bytesForOneWaiting = 16 * kib;  // about eighty times what a record takes
 
 constexpr unsigned int windowMs = 100;  // at least
-
-// PID_MAX_LIMIT (include/linux/threads.h); where the setting cannot be read.
-constexpr std::size_t mostProcesses = std::size_t{1} << 22;
 
 [[noreturn]] void Fail(const std::string& what, int error)
 {
@@ -71,14 +64,6 @@ unsigned int WindowShift()
     return static_cast<unsigned int>(std::bit_width(std::max(ticks, 1U) - 1));
 }
 
-std::size_t ProcessLimit()
-{
-    std::string text;
-    SDK::FileUtils::ReadFile("/proc/sys/kernel/pid_max", text, 32);
-    const std::size_t limit = std::strtoul(text.c_str(), nullptr, 10);
-    return limit == 0 ? mostProcesses : std::min(limit + 1, mostProcesses);
-}
-
 // Whether a call by x32's table is served: its number of getpid(2) is x86-64's with a bit on top.
 bool HasX32()
 {
@@ -96,26 +81,11 @@ struct stat OfHost(const std::string& file)
     return found;
 }
 
-SDK::FileDescriptor PidFd(int process)
-{
-    return SDK::Limits::Opened([process] { return static_cast<int>(::syscall(SYS_pidfd_open, process, 0)); });
-}
-
-std::size_t Elements(std::size_t processes)
-{
-    return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
-}
-
 }  // namespace
 
 void SyscallProbe::ProgramDeleter::operator()(SyscallProbeProgram* loaded) const
 {
     SyscallProbeProgram::destroy(loaded);
-}
-
-void SyscallProbe::StatesDeleter::operator()(std::uint16_t* memory) const
-{
-    ::munmap(memory, bytes);
 }
 
 std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
@@ -126,7 +96,7 @@ std::size_t SyscallProbe::DefaultRingKb(std::size_t cpus)
 }
 
 SyscallProbe::SyscallProbe(std::size_t ringKb, Where where, const Budgets& budgets)
-    : processLimit(ProcessLimit()),
+    : processLimit(ProcessFilter::Limit()),
       ringBytes(std::bit_ceil(std::max(ringKb * kib, static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)))))
 {
     const int cpus = libbpf_num_possible_cpus();
@@ -137,7 +107,7 @@ SyscallProbe::SyscallProbe(std::size_t ringKb, Where where, const Budgets& budge
     Load(where, budgets);
     // The kernel's types, which were read for each try, are some megabytes that the library has freed.
     ::malloc_trim(0);
-    MapStates();
+    filter.emplace(*program, processLimit);
     MakeRings();
     if (const int error = SyscallProbeProgram::attach(program.get()); error != 0) {
         Fail("cannot attach the BPF program", error);
@@ -185,23 +155,13 @@ int SyscallProbe::TryLoad(bool withFunctions, const Budgets& budgets)
     settings.hostDevice = major(root.st_dev) << 20U | minor(root.st_dev);
     settings.hostRoot = root.st_ino;
     settings.hasX32 = HasX32() ? 1 : 0;
-    bpf_map__set_max_entries(program->maps.processes, static_cast<unsigned int>(Elements(processLimit)));
+    ProcessFilter::Size(*program, processLimit);
     bpf_map__set_max_entries(program->maps.rings, static_cast<unsigned int>(perCpu.size()));
     // Attached as calls need them.
     bpf_program__set_autoattach(program->progs.OnSystemCall, false);
     bpf_program__set_autoattach(program->progs.OnCallFunction, false);
     bpf_program__set_autoload(program->progs.OnCallFunction, withFunctions);
     return SyscallProbeProgram::load(program.get());
-}
-
-void SyscallProbe::MapStates()
-{
-    const std::size_t bytes = Elements(processLimit) * sizeof(CeProcesses);
-    void* memory = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, bpf_map__fd(program->maps.processes), 0);
-    if (memory == MAP_FAILED) {
-        Fail("cannot map the table of processes", errno);
-    }
-    states = {static_cast<std::uint16_t*>(memory), StatesDeleter{bytes}};
 }
 
 void SyscallProbe::MakeRings()
@@ -321,66 +281,6 @@ void SyscallProbe::ExcludeThread(int tid)
     program->bss->tables.ownThread = tid;
 }
 
-std::uint16_t* SyscallProbe::StateOf(int process) const
-{
-    return process > 0 && static_cast<std::size_t>(process) < processLimit ? states.get() + process : nullptr;
-}
-
-bool SyscallProbe::IsExcluded(int process) const
-{
-    std::uint16_t* const state = StateOf(process);
-    return state != nullptr && (std::atomic_ref<std::uint16_t>(*state).load() & 1) != 0;
-}
-
-std::optional<SyscallFilter::Ticket> SyscallProbe::TicketOf(int process) const
-{
-    std::uint16_t* const state = StateOf(process);
-    const Ticket ticket = state == nullptr ? 1 : std::atomic_ref<std::uint16_t>(*state).load();
-    return (ticket & 1) != 0 ? std::nullopt : std::optional{ticket};
-}
-
-void SyscallProbe::Exclude(int process, Ticket ticket)
-{
-    if (std::uint16_t* const state = StateOf(process); state != nullptr) {
-        std::atomic_ref<std::uint16_t>(*state).compare_exchange_strong(ticket, 1);
-    }
-}
-
-ProcessIdentity SyscallProbe::IdentityOf(int process) const
-{
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    CeTask kept{};
-    bpf_map_lookup_elem(bpf_map__fd(program->maps.tasks), &key, &kept);  // there may be nothing
-    return {kept.identity, kept.isSetUp != 0};
-}
-
-void SyscallProbe::FollowExit(int process)
-{
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    const std::uint32_t isFollowed = 1;
-    bpf_map_update_elem(bpf_map__fd(program->maps.followed), &key, &isFollowed, BPF_ANY);  // it may have ended
-}
-
-std::uint32_t SyscallProbe::GiveIdentity(int process, std::uint32_t number)
-{
-    const int tasks = bpf_map__fd(program->maps.tasks);
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    CeTask kept{};
-    bpf_map_lookup_elem(tasks, &key, &kept);  // there may be nothing yet
-    if (kept.identity != 0) {
-        return kept.identity;
-    }
-    const auto next = [this] {
-        return std::atomic_ref<unsigned int>(program->bss->tables.identities).fetch_add(1) + 1;
-    };
-    kept.identity = number == 0 ? next() : number;
-    kept.isTold = 1;
-    return bpf_map_update_elem(tasks, &key, &kept, BPF_ANY) == 0 ? kept.identity : 0;
-}
-
 std::uint64_t SyscallProbe::Sum(unsigned int count)
 {
     const bool isRead = bpf_map_lookup_elem(bpf_map__fd(program->maps.counts), &count, perCpu.data()) == 0;
@@ -404,9 +304,8 @@ SyscallLoss SyscallProbe::TakeLoss()
 {
     const std::uint64_t misses = LifeMisses();
     if (misses != seenLifeMisses) {
-        // What was missed may have been a process's way into a container: all may be in one again.
         seenLifeMisses = misses;
-        std::fill_n(states.get(), processLimit, std::uint16_t{0});
+        filter->IncludeAll();
     }
     std::uint64_t callMisses = CallFunctions::MissesOf(bpf_program__fd(program->progs.OnSystemCall));
     if (functions != nullptr) {

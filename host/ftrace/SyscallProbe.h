@@ -8,14 +8,15 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/ftrace/CallFunctions.h"
 #include "host/ftrace/EventCatalog.h"
+#include "host/ftrace/ProcessFilter.h"
 #include "host/ftrace/RingStream.h"
-#include "host/ftrace/SyscallFilter.h"
 
 struct SyscallProbeProgram;
 
@@ -36,7 +37,7 @@ struct SyscallLoss {
 // The programs and all memory of them go with this process, however it ends.
 //
 // Thread: one at a time. Needs CAP_BPF and CAP_PERFMON, or CAP_SYS_ADMIN, and the kernel's BTF (Linux 5.12 or later).
-class SyscallProbe final : public SyscallFilter {
+class SyscallProbe {
 public:
     // How many calls of one kind, unless said otherwise, may be recorded in a window of 100 to 200 ms.
     struct Budgets {
@@ -63,7 +64,7 @@ public:
     SyscallProbe(std::size_t ringKb, Where where, const Budgets& budgets);
     SyscallProbe(const SyscallProbe&) = delete;
     SyscallProbe& operator=(const SyscallProbe&) = delete;
-    virtual ~SyscallProbe();
+    ~SyscallProbe();
 
     // One for each CPU. Once.
     std::vector<std::unique_ptr<RingStream>> TakeStreams();
@@ -82,12 +83,8 @@ public:
     // The thread that reads, which is excluded.
     void ExcludeThread(int tid);
 
-    bool IsExcluded(int process) const override;
-    std::optional<Ticket> TicketOf(int process) const override;
-    void Exclude(int process, Ticket ticket) override;
-    ProcessIdentity IdentityOf(int process) const override;
-    void FollowExit(int process) override;
-    std::uint32_t GiveIdentity(int process, std::uint32_t number) override;
+    // Good as long as this.
+    SyscallFilter& Filter() { return *filter; }
 
     // Since the last call. Ends what calls have needed that are not watched any more.
     SyscallLoss TakeLoss();
@@ -99,24 +96,18 @@ private:
     struct ProgramDeleter {
         void operator()(SyscallProbeProgram* loaded) const;
     };
-    struct StatesDeleter {
-        std::size_t bytes;
-        void operator()(std::uint16_t* memory) const;
-    };
 
     void Load(Where where, const Budgets& budgets);
     int TryLoad(bool withFunctions, const Budgets& budgets);
     bool AttachToEnter();
     void TellPlace();
     std::uint64_t LifeMisses() const;
-    void MapStates();
     void MakeRings();
     std::uint64_t Sum(unsigned int count);
-    std::uint16_t* StateOf(int process) const;
 
     std::unique_ptr<SyscallProbeProgram, ProgramDeleter> program;
-    std::unique_ptr<CallFunctions> functions;                // null: the kernel takes no program there
-    std::unique_ptr<std::uint16_t[], StatesDeleter> states;  // of all processes, CeProcesses::state
+    std::optional<ProcessFilter> filter;
+    std::unique_ptr<CallFunctions> functions;  // null: the kernel takes no program there
     std::size_t processLimit;
     std::size_t ringBytes;  // of each
     std::vector<std::unique_ptr<RingStream>> streams;

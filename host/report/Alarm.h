@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// An alarm's document, parsed once for all that look into it on its way out.
+// An alarm on its way out: its document, parsed once for all that look into it, and what is known beside it.
 #pragma once
 
 #include <json/value.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -12,9 +13,13 @@
 
 namespace Engine {
 
+struct AlarmContext;
+
 struct Alarm {
     std::string text;
     Json::Value document;  // the same
+    std::shared_ptr<const AlarmContext> context{};
+    std::string exception{};  // that holds for it; empty: none does
 
     // Nothing when it is not a JSON object. Any thread.
     static std::optional<Alarm> Parse(std::string text)

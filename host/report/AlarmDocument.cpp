@@ -21,7 +21,8 @@ bool IsPlain(char c)
 
 std::shared_ptr<AlarmDocument> AlarmDocument::Make(const Alarm& alarm, std::size_t sinks, const Form& form)
 {
-    const auto& [text, root] = alarm;
+    const std::string& text = alarm.text;
+    const Json::Value& root = alarm.document;
     // Only what would break a line is written anew: otherwise the text goes out byte for byte.
     const bool isPlain = std::all_of(text.begin(), text.end(), IsPlain);
     std::string line = isPlain ? text : SDK::JsonUtils::JsonToString(root);

@@ -38,7 +38,7 @@ void Complete(Alarm& alarm, const ContainerInfo* container)
 
 }  // namespace
 
-bool NameWait::Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now, const Context& context)
+bool NameWait::Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now)
 {
     static SDK::Counters::Counter& deferred = SDK::Counters::Get(SDK::CounterName::alarmsDeferred);
     if (names == nullptr) {
@@ -54,7 +54,7 @@ bool NameWait::Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_
     }
     ++deferred;
     ReportLog::Warning("alarm waits for the name of its container: %s", alarm.text);
-    waiting.push_back({std::move(alarm), context, id, now + patience});
+    waiting.push_back({std::move(alarm), id, now + patience});
     return false;
 }
 
@@ -67,7 +67,7 @@ void NameWait::Release(const SDK::ContainerNames* names, Clock::time_point now, 
             continue;
         }
         Complete(each.alarm, names == nullptr ? nullptr : names->Find(each.container).get());
-        send(each.alarm, each.context);
+        send(each.alarm);
     }
     waiting = std::move(left);
 }

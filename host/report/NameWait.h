@@ -8,11 +8,9 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include "host/report/Alarm.h"
-#include "host/report/AlarmContext.h"
 #include "host/sdk/ContainerNames.h"
 
 namespace Engine {
@@ -21,8 +19,7 @@ namespace Engine {
 class NameWait {
 public:
     using Clock = std::chrono::steady_clock;
-    using Context = std::shared_ptr<const AlarmContext>;
-    using Send = std::function<void(const Alarm& alarm, const Context& context)>;
+    using Send = std::function<void(Alarm& alarm)>;
 
     // After it an alarm goes out as it is.
     static constexpr std::chrono::seconds patience{2};
@@ -31,9 +28,8 @@ public:
 
     // Whether the alarm goes out now; it then has the names of its container that it lacked, if they have become known
     // since it was raised. Otherwise it is taken, and waits: it has a container of which more is awaited. It is shown
-    // in the log meanwhile, as it may tell of an attack that ends the agent. `names`: null for none. `context` goes
-    // with the alarm.
-    bool Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now, const Context& context = {});
+    // in the log meanwhile, as it may tell of an attack that ends the agent. `names`: null for none.
+    bool Pass(Alarm& alarm, const SDK::ContainerNames* names, Clock::time_point now);
 
     // Hands over, with their names as far as these are known, the alarms that have waited for long enough or whose
     // container's names are awaited no more.
@@ -44,7 +40,6 @@ public:
 private:
     struct Waiting {
         Alarm alarm;
-        Context context;
         std::string container;
         Clock::time_point until;
     };

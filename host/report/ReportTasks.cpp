@@ -62,19 +62,24 @@ int DataReportTask::Take(const Framework::DataMessage& message)
         ReportLog::Error("alarm of %z bytes is not a JSON object, dropped", message.Content().size());
         return -1;
     }
-    SDK::SystemView& system = SDK::SystemView::Current();
     const bool wantsContext = format.WantsContext() || exceptions.AreThere();
-    const Context context = wantsContext ? AlarmContext::Take(*alarm, system) : AlarmContext::OfEvent();
-    const auto excepted = exceptions.Find(*alarm, *context, system);
-    if (excepted) {
-        Exceptions::Count(*excepted);
-    }
-    const bool goesOut = !excepted || showExcepted;
-    const int result = goesOut ? Deliver(std::move(*alarm), context, excepted ? excepted->name : "") : 0;
+    alarm->context = wantsContext ? AlarmContext::Take(*alarm, SDK::SystemView::Current()) : AlarmContext::OfEvent();
+    const auto excepted = Except(*alarm);
+    const int result = !excepted || showExcepted ? Deliver(std::move(*alarm)) : 0;
     return excepted && excepted->mustBeRefused ? -1 : result;
 }
 
-int DataReportTask::Deliver(Alarm alarm, const Context& context, const std::string& exception)
+std::optional<Exceptions::Match> DataReportTask::Except(Alarm& alarm) const
+{
+    auto found = exceptions.Find(alarm, *alarm.context, SDK::SystemView::Current());
+    if (found) {
+        Exceptions::Count(*found);
+        alarm.exception = found->name;
+    }
+    return found;
+}
+
+int DataReportTask::Deliver(Alarm alarm)
 {
     const SDK::ContainerNames::InForce names;
     const std::lock_guard lock(mutex);
@@ -82,8 +87,8 @@ int DataReportTask::Deliver(Alarm alarm, const Context& context, const std::stri
         AlarmDocument::CountLost();
         return -1;
     }
-    if (unnamed.Pass(alarm, names.Get(), NameWait::Clock::now(), context)) {
-        Report(alarm, context.get(), exception, names.Get());
+    if (unnamed.Pass(alarm, names.Get(), NameWait::Clock::now())) {
+        Report(alarm, names.Get());
     } else {
         Waiter().Wake();
     }
@@ -120,25 +125,22 @@ int DataReportTask::Run()
 
 void DataReportTask::Release(const SDK::ContainerNames* names)
 {
-    unnamed.Release(names, NameWait::Clock::now(), [this, names](const Alarm& alarm, const Context& context) {
-        const auto excepted = exceptions.Find(alarm, *context, SDK::SystemView::Current());
-        if (excepted) {
-            Exceptions::Count(*excepted);
-        }
-        if (!excepted || showExcepted) {
-            Report(alarm, context.get(), excepted ? excepted->name : "", names);
+    unnamed.Release(names, NameWait::Clock::now(), [this, names](Alarm& alarm) {
+        const bool isExcepted = !alarm.exception.empty() || Except(alarm);
+        if (!isExcepted || showExcepted) {
+            Report(alarm, names);
         }
     });
 }
 
-void DataReportTask::Report(const Alarm& alarm, const AlarmContext* context, const std::string& exception,
-                            const SDK::ContainerNames* names)
+void DataReportTask::Report(const Alarm& alarm, const SDK::ContainerNames* names)
 {
     const std::shared_ptr<AlarmDocument> document =
         AlarmDocument::Make(alarm, sinks.size(), [&](const std::string& text, const Json::Value& parsed) {
-            return format.Format(text, parsed, context, names, findPolicy ? findPolicy() : std::string{}, exception);
+            return format.Format(text, parsed, alarm.context.get(), names, findPolicy ? findPolicy() : std::string{},
+                                 alarm.exception);
         });
-    document->SetEvent(context->event);
+    document->SetEvent(alarm.context->event);
     for (const std::unique_ptr<SinkQueue>& sink : sinks) {
         sink->Push(document);
     }

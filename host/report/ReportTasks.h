@@ -48,15 +48,14 @@ public:
     int UnInit() override;
 
 private:
-    using Context = std::shared_ptr<const AlarmContext>;
-
     int Take(const Framework::DataMessage& message);
-    // Passes it on or lets it wait. `exception`: that holds for the alarm; empty: none does. -1 after the end.
-    int Deliver(Alarm alarm, const Context& context, const std::string& exception);
+    // Sets and counts the exception that holds for the alarm, if one does.
+    std::optional<Exceptions::Match> Except(Alarm& alarm) const;
+    // Passes it on or lets it wait. -1 after the end.
+    int Deliver(Alarm alarm);
     // All that wait, or those that need not any more. The lock is held.
     void Release(const SDK::ContainerNames* names);
-    void Report(const Alarm& alarm, const AlarmContext* context, const std::string& exception,
-                const SDK::ContainerNames* names);
+    void Report(const Alarm& alarm, const SDK::ContainerNames* names);
 
     const FindPolicy findPolicy;
     const bool showExcepted;

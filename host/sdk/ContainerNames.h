@@ -42,7 +42,7 @@ public:
         const ContainerNames* names;
     };
 
-    // Puts `next` in force; null: none. Not owned. Returns when nobody asks those before any more.
+    // Puts `next` in force; null: none. Not owned. Returns when the ones before are not used any more.
     static void Provide(const ContainerNames* next);
 
 protected:

@@ -23,6 +23,7 @@
 #include "host/sdk/CgroupPath.h"
 #include "host/sdk/Directory.h"
 #include "host/sdk/FileDescriptor.h"
+#include "host/sdk/ProcText.h"
 #include "host/sdk/TraceTime.h"
 #include "sdk/FileUtils.h"
 
@@ -36,49 +37,7 @@ constexpr long maxCgroupBytes = 256L * 1024;  // a path of PATH_MAX bytes in eac
 constexpr long maxCommandLineBytes = 4096;
 constexpr std::size_t maxThreads = 65536;  // of one process that are listed
 constexpr std::int64_t nanosecondsPerSecond = 1000000000;
-constexpr std::size_t maxCommBytes = 15;  // TASK_COMM_LEN in include/linux/sched.h, less the terminator
 constexpr std::array<const char*, 6> namespaceKinds{"ipc", "mnt", "net", "pid", "user", "uts"};
-
-// The text after "KEY:" and its blanks, up to the line's end.
-std::optional<std::string_view> ValueOf(std::string_view text, std::string_view key)
-{
-    while (!text.empty()) {
-        std::string_view line = text.substr(0, text.find('\n'));
-        text.remove_prefix(std::min(text.size(), line.size() + 1));
-        if (line.substr(0, key.size()) == key && line.substr(key.size(), 1) == ":") {
-            line.remove_prefix(key.size() + 1);
-            line.remove_prefix(std::min(line.size(), line.find_first_not_of(" \t")));
-            return line;
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<int> NumberIn(std::string_view text)
-{
-    int number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc{} || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return number;
-}
-
-// The kernel writes a newline in a name as "\n" and a backslash as "\\" (proc_task_name() in fs/proc/array.c), and for
-// its own workers more than the name (wq_worker_comm()), which is cut here to what trace events carry.
-std::string CommIn(std::string_view escaped)
-{
-    std::string comm;
-    for (std::size_t i = 0; i < escaped.size() && comm.size() < maxCommBytes; ++i) {
-        if (escaped[i] == '\\' && i + 1 < escaped.size()) {
-            ++i;
-            comm += escaped[i] == 'n' ? '\n' : escaped[i];
-        } else {
-            comm += escaped[i];
-        }
-    }
-    return comm;
-}
 
 std::optional<std::string> LinkTarget(const std::string& path)
 {
@@ -100,7 +59,7 @@ std::vector<int> NumbersIn(const std::string& path, std::size_t most)
         if (entry == nullptr) {
             break;
         }
-        if (const std::optional<int> number = NumberIn(entry->d_name); number && *number > 0) {
+        if (const std::optional<int> number = ProcText::Number(entry->d_name); number && *number > 0) {
             numbers.push_back(*number);
         }
     }
@@ -224,25 +183,17 @@ bool LiveSystem::RunSameFile(int tid, int other)
            one.st_dev == two.st_dev && one.st_ino == two.st_ino;
 }
 
-// Field 22 of the line, in clock ticks since the boot (proc(5)): CLOCK_BOOTTIME, which goes on while the machine
-// sleeps. Counted from the end of the name, which may hold anything, a parenthesis included.
 std::optional<std::chrono::nanoseconds> LiveSystem::StartTime(int tid)
 {
-    constexpr int fieldsBefore = 19;  // after the name
     std::string text;
     if (FileUtils::ReadFile(PathOf(tid, "stat"), text, maxStatBytes) != 0) {
         return std::nullopt;
     }
-    std::size_t at = text.rfind(") ");
-    for (int i = 0; i <= fieldsBefore && at != std::string::npos; ++i) {
-        at = text.find(' ', at + 1);
-    }
-    std::int64_t ticks = 0;
-    if (at == std::string::npos ||
-        std::from_chars(text.data() + at + 1, text.data() + text.size(), ticks).ec != std::errc{}) {
+    const std::optional<std::int64_t> ticks = ProcText::StartTicks(text);
+    if (!ticks) {
         return std::nullopt;
     }
-    const std::chrono::nanoseconds sinceBoot{ticks * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
+    const std::chrono::nanoseconds sinceBoot{*ticks * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
     return sinceBoot - (Now(CLOCK_BOOTTIME) - Now(CLOCK_MONOTONIC));
 }
 
@@ -269,13 +220,13 @@ int LiveSystem::Status(int pid, ProcessUtils::procStatus& status)
     if (FileUtils::ReadFile(PathOf(pid, "status"), text, maxStatusBytes) != 0) {
         return -1;
     }
-    const auto name = ValueOf(text, "Name");
-    const auto parent = ValueOf(text, "PPid");
-    const auto ppid = parent ? NumberIn(*parent) : std::nullopt;
+    const auto name = ProcText::ValueOf(text, "Name");
+    const auto parent = ProcText::ValueOf(text, "PPid");
+    const auto ppid = parent ? ProcText::Number(*parent) : std::nullopt;
     if (!name || !ppid) {
         return -1;
     }
-    status.name = CommIn(*name);
+    status.name = ProcText::Comm(*name);
     status.ppid = *ppid;
     return 0;
 }
@@ -374,7 +325,7 @@ std::optional<ProcessDetails> LiveSystem::Read(int tid)
     }
     // The first of several numbers.
     const auto number = [&status](std::string_view key) -> std::optional<unsigned int> {
-        const std::string_view value = ValueOf(status, key).value_or("");
+        const std::string_view value = ProcText::ValueOf(status, key).value_or("");
         unsigned int first = 0;
         const bool isNumber = std::from_chars(value.data(), value.data() + value.size(), first).ec == std::errc{};
         return isNumber ? std::optional{first} : std::nullopt;
@@ -384,17 +335,13 @@ std::optional<ProcessDetails> LiveSystem::Read(int tid)
     details.parent = static_cast<int>(number("PPid").value_or(0));
     details.uid = number("Uid");
     details.gid = number("Gid");
-    details.capabilities = ValueOf(status, "CapEff").value_or("");
+    details.capabilities = ProcText::ValueOf(status, "CapEff").value_or("");
     details.executable = LinkTarget(PathOf(tid, "exe")).value_or("");
     details.linkedExecutable = details.executable;
     details.workingDirectory = LinkTarget(PathOf(tid, "cwd")).value_or("");
     std::string text;
     if (FileUtils::ReadFile(PathOf(tid, "cmdline"), text, maxCommandLineBytes) == 0) {
-        std::size_t begin = 0;
-        for (std::size_t end = text.find('\0'); begin < text.size(); begin = end + 1, end = text.find('\0', begin)) {
-            end = std::min(end, text.size());
-            details.arguments.push_back(text.substr(begin, end - begin));
-        }
+        details.arguments = ProcText::Arguments(text);
     }
     constexpr long maxNumberBytes = 16;
     unsigned int loginUid = 0;

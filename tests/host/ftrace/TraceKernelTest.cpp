@@ -132,10 +132,10 @@ protected:
 TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
 {
     auto made = std::make_unique<SyscallProbe>(64);
-    SyscallProbe* const probe = made.get();
+    SyscallFilter* const filter = &made->Filter();
     Start(std::move(made), 0);
     const int self = ::getpid();
-    const auto ticket = probe->TicketOf(self);
+    const auto ticket = filter->TicketOf(self);
     ASSERT_TRUE(ticket);
     const std::string root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
     const std::string group = root + "/probe-test-" + std::to_string(self);
@@ -144,15 +144,15 @@ TEST_F(TraceKernelTest, TheHostIsExcludedWithItsChildrenUntilOneIsMoved)
         std::ofstream{where + "/cgroup.procs"} << 0;
     };
     join(group);
-    probe->Exclude(self, *ticket);
+    filter->Exclude(self, *ticket);
     MakeCalls(1);
     EXPECT_EQ(Read().size(), 1U) << "it was moved between the ticket and its use";
 
-    probe->Exclude(self, probe->TicketOf(self).value_or(0));
+    filter->Exclude(self, filter->TicketOf(self).value_or(0));
     MakeCalls(1);
     CallInChild(1);
     EXPECT_TRUE(Read().empty());
-    EXPECT_FALSE(probe->TicketOf(self));
+    EXPECT_FALSE(filter->TicketOf(self));
     InChild([&] {
         join(root);
         CallInChild(1);
@@ -229,14 +229,14 @@ TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
     SyscallProbe::Budgets budgets;
     budgets.programs = 1;
     auto made = std::make_unique<SyscallProbe>(64, SyscallProbe::Where::Best, budgets);
-    SyscallProbe* const probe = made.get();
+    SyscallFilter* const filter = &made->Filter();
     Start(std::move(made), 0);
     for (const char* name : {"fork", "exec", "exit"}) {
         Follow("sched", std::string{"sched_process_"} + name);
     }
     Follow("cgroup", "cgroup_attach_task");
     const int self = ::getpid();
-    probe->Exclude(self, probe->TicketOf(self).value_or(0));
+    filter->Exclude(self, filter->TicketOf(self).value_or(0));
     const std::string root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
     const std::string group = root + "/probe-test-" + std::to_string(self);
     fs::create_directory(group);

@@ -384,7 +384,7 @@ TEST(NameWaitTest, AnAlarmWaitsForTheNameOfItsContainerWhileTheEngineStartsAndNo
     NameWait wait;
     std::string sent;
     const auto release = [&](std::chrono::milliseconds after) {
-        wait.Release(&names, start + after, [&](const Alarm& alarm, const auto&) { sent += alarm.text + '\n'; });
+        wait.Release(&names, start + after, [&](const Alarm& alarm) { sent += alarm.text + '\n'; });
         return std::exchange(sent, {});
     };
     // What goes out now; empty: it waits.
