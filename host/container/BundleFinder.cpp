@@ -54,9 +54,9 @@ BundleFinder::Roots BundleFinder::UsualRoots()
 std::vector<BundleFinder::Ancestor> BundleFinder::AncestorsOf(SDK::SystemView& system, int pid)
 {
     std::vector<Ancestor> ancestors;
-    SDK::ProcessUtils::procStatus status;
-    for (int generation = 0; generation < maxGenerations && system.Status(pid, status) == 0; ++generation) {
-        pid = status.ppid;
+    for (int generation = 0; generation < maxGenerations; ++generation) {
+        const auto stat = system.StatOf(pid);
+        pid = stat ? stat->parent : 0;
         if (pid <= 1 || RuntimeSetUp::HasLeftHost(system, pid)) {
             break;
         }

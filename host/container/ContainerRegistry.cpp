@@ -121,8 +121,8 @@ const ContainerRegistry::Entry* ContainerRegistry::LoadMoved(const Move& move, N
             made.inSetUp = isSelfExecuted || RuntimeSetUp::IsManager(system, made.parent);
             made.bornInSetUp = isSelfExecuted && move.past->bornInSetUp;
         } else {
-            SDK::ProcessUtils::procStatus status;
-            made.parent = system.Status(move.pid, status) == 0 ? status.ppid : -1;
+            const auto stat = system.StatOf(move.pid);
+            made.parent = stat ? stat->parent : -1;
             proc.Believe(move.pid, when);
         }
         made.seen = when;
@@ -286,11 +286,7 @@ ContainerRegistry::Ids ContainerRegistry::PruneGone()
 
 void ContainerRegistry::Resync(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)
 {
-    if (!IsSynced()) {
-        proc.ClaimGroups();
-        proc.AdoptGroups();
-    }
-    proc.UpdateAll(since, now, filter);
+    proc.UpdateAll(since, now, !IsSynced(), filter);
     synced.store(true, std::memory_order_relaxed);
 }
 

@@ -5,7 +5,9 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
 #include "host/sdk/CgroupPath.h"
 
@@ -49,11 +51,16 @@ ProcSync::Entry ProcSync::MakeEntry(const Seen& seen, Nanoseconds since, Nanosec
     return entry;
 }
 
-void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter)
+void ProcSync::UpdateAll(Nanoseconds since, Nanoseconds now, bool isFirst, SyscallFilter* filter)
 {
-    const std::vector<Seen> all = LookAtAll(filter);
-    for (const Seen& seen : all) {
-        Merge(seen, since, now);
+    ProcListing listing = ProcListing::Of(system, filter);
+    if (isFirst) {
+        ClaimGroups(listing);
+        AdoptGroups(listing);
+    }
+    const std::vector<Seen> all = LookAtAll(listing, filter);
+    for (const Seen& each : all) {
+        Merge(each, since, now);
     }
     MarkMissing(all, now);
 }
@@ -69,34 +76,41 @@ std::optional<ProcSync::Entry> ProcSync::Load(int tid, ProcessIdentity identity,
     }
     Adopt(*found);
     Identify(*found, identity);
-    return MakeEntry({tid, *found, identity.number}, since, now);
+    return MakeEntry({tid, {}, *found, identity.number}, since, now);
 }
 
-void ProcSync::AdoptGroups()
+void ProcSync::AdoptGroups(const ProcListing& listing)
 {
+    std::vector<std::vector<SDK::Cgroup>> unknown = listing.groups;
+    for (std::vector<SDK::Cgroup>& of : unknown) {
+        std::for_each(of.begin(), of.end(), [](SDK::Cgroup& group) { CutInitScope(group.path); });
+        std::erase_if(of, [this](const auto& group) { return group.path.size() <= 1 || !groups.Find(group).empty(); });
+    }
     GroupMap found;                      // outer ones before those below them
     std::map<std::string, int> makerOf;  // by the path of a group
-    std::unordered_set<int> makers;
-    for (const int pid : system.Processes()) {
-        const std::optional<int> maker = RuntimeSetUp::MakerOf(system, pid);
+    for (const ProcListing::Process& process : listing.processes) {
+        const std::vector<SDK::Cgroup>& of = unknown[process.groups];
+        const auto maker = of.empty() ? std::nullopt : RuntimeSetUp::MakerOf(system, process.pid);
         if (!maker) {
             continue;
         }
-        makers.insert(*maker);
-        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
-            CutInitScope(group.path);
-            if (group.path.size() > 1 && groups.Find(group).empty()) {
-                makerOf.try_emplace(group.path, *maker);
-                found.try_emplace({group.hierarchy, group.path}, group);
-            }
+        for (const SDK::Cgroup& group : of) {
+            makerOf.try_emplace(group.path, *maker);
+            found.try_emplace({group.hierarchy, group.path}, group);
         }
     }
     if (found.empty()) {
         return;
     }
-    for (const int pid : system.Processes()) {
-        if (makers.contains(pid) || RuntimeSetUp::IsVisitor(system, pid)) {
-            for (const SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+    std::unordered_set<int> makers;  // of all containers
+    for (const ProcListing::Process& process : listing.processes) {
+        if (const auto maker = RuntimeSetUp::MakerOf(system, process.pid)) {
+            makers.insert(*maker);
+        }
+    }
+    for (const ProcListing::Process& process : listing.processes) {
+        if (makers.contains(process.pid) || RuntimeSetUp::IsVisitor(system, process.pid)) {
+            for (const SDK::Cgroup& group : listing.groups[process.groups]) {
                 EraseAbove(found, group);
             }
         }
@@ -106,45 +120,96 @@ void ProcSync::AdoptGroups()
     }
 }
 
-std::vector<ProcSync::Seen> ProcSync::LookAtAll(SyscallFilter* filter)
+std::vector<ProcSync::Found> ProcSync::FindAll(const ProcListing& listing) const
 {
-    std::vector<Seen> all;
-    NumberMap given;
-    RuntimeSetUp::ContainersSeen containers;
-    for (const int pid : system.Processes()) {
-        std::optional<Found> found = RuntimeSetUp::Look(system, groups, pid, &containers);
-        if (!found) {
-            continue;
+    std::vector<std::string> containers;
+    for (const std::vector<SDK::Cgroup>& of : listing.groups) {
+        containers.push_back(groups.Find(of));
+    }
+    std::unordered_map<int, bool> isInside;
+    for (const ProcListing::Process& process : listing.processes) {
+        isInside.emplace(process.pid, !containers[process.groups].empty());
+    }
+    std::vector<Found> all;
+    all.reserve(listing.processes.size());
+    for (const ProcListing::Process& process : listing.processes) {
+        Found found{State::Host, containers[process.groups], process.parent};
+        if (!found.container.empty()) {
+            const auto parent = isInside.find(process.parent);
+            found.state =
+                RuntimeSetUp::StateOf(system, process.pid, process.parent, parent == isInside.end() || parent->second);
         }
-        const bool isAsked = filter != nullptr && !filter->IsExcluded(pid);
-        const std::uint32_t identity = isAsked ? Identified(pid, *found, *filter, given) : 0;
-        all.push_back({pid, *found, identity});
-        for (const int tid : system.Threads(pid)) {
-            if (tid != pid) {
-                all.push_back({tid, Found{found->state, found->container, pid}, identity});
-            }
-        }
+        all.push_back(std::move(found));
     }
     return all;
 }
 
-// The number that the process has, or is given when it is older than the agent: one serves all of a container.
-std::uint32_t ProcSync::Identified(int pid, Found& found, SyscallFilter& filter, NumberMap& given)
+std::vector<ProcSync::Seen> ProcSync::LookAtAll(ProcListing& listing, SyscallFilter* filter)
 {
-    const ProcessIdentity identity = filter.IdentityOf(pid);
-    Identify(found, identity);
-    if (identity.number != 0) {
-        filter.FollowExit(pid);
+    std::vector<Found> found = FindAll(listing);
+    if (filter != nullptr) {
+        Give(listing, found, *filter);
     }
-    if (identity.number != 0 || found.state != State::Inside) {
-        return identity.number;
+    std::vector<Seen> all;
+    all.reserve(found.size() + listing.threads.size());
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        ProcListing::Process& process = listing.processes[i];
+        if (filter != nullptr && filter->IsExcluded(process.pid)) {
+            process.identity = {};
+        }
+        Identify(found[i], process.identity);
+        all.push_back({process.pid, process.started, found[i], process.identity.number});
     }
-    std::uint32_t& number = given[found.container];
-    number = filter.GiveIdentity(pid, number);
-    if (number != 0 && identities.Find(number) == nullptr) {
-        identities.Put(number, ContainerTable::Shared(found.container));
+    for (const ProcListing::Thread& thread : listing.threads) {
+        const ProcListing::Process& process = listing.processes[thread.process];
+        const Found& its = found[thread.process];
+        all.push_back({thread.tid, thread.started, {its.state, its.container, process.pid}, process.identity.number});
     }
-    return number;
+    return all;
+}
+
+// Processes that are older than the agent get an identity: one serves all of a container.
+void ProcSync::Give(ProcListing& listing, const std::vector<Found>& found, SyscallFilter& filter)
+{
+    std::map<std::string_view, std::uint32_t> numbers;  // by container
+    SyscallFilter::Given given;
+    std::vector<std::uint64_t> inSetUp;
+    for (std::size_t i = 0; i < found.size(); ++i) {
+        const ProcListing::Process& process = listing.processes[i];
+        if (found[i].container.empty() || process.identity.number != 0 || process.kernelGroups == 0) {
+            continue;
+        }
+        if (found[i].state != State::Inside) {
+            given.except.push_back(process.pid);
+            inSetUp.push_back(process.kernelGroups);
+            continue;
+        }
+        const auto [number, isNew] = numbers.try_emplace(found[i].container);
+        if (isNew) {
+            number->second = filter.NewIdentity();
+            identities.Put(number->second, ContainerTable::Shared(found[i].container));
+        }
+        given.numbers.emplace(process.kernelGroups, number->second);
+    }
+    // Programs of containers may look like a runtime: if so many do, only their own control groups go without.
+    if (given.except.size() > SyscallFilter::mostExcept) {
+        std::for_each(inSetUp.begin(), inSetUp.end(), [&](std::uint64_t number) { given.numbers.erase(number); });
+        given.except.clear();
+    }
+    if (given.numbers.empty()) {
+        return;
+    }
+    std::unordered_map<int, SyscallFilter::Listed> now;
+    for (const SyscallFilter::Listed& each : filter.List(given)) {
+        if (each.thread == each.process) {
+            now.emplace(each.process, each);
+        }
+    }
+    for (ProcListing::Process& process : listing.processes) {
+        if (const auto its = now.find(process.pid); its != now.end() && its->second.started == process.started) {
+            process.identity = its->second.identity;
+        }
+    }
 }
 
 void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
@@ -158,7 +223,7 @@ void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
     }
     // Otherwise the id is another process's by now, and neither that one's exit nor this one's fork was told.
     const bool isSame = known->identity == seen.identity ||
-                        ((known->identity == 0 || seen.identity == 0) && !HasBegunAfter(seen.tid, *known));
+                        ((known->identity == 0 || seen.identity == 0) && seen.started <= known->seen);
     if (isSame && seen.identity != 0) {
         table.Update(seen.tid, [&](Entry& entry) { entry.identity = seen.identity; });
     }
@@ -169,7 +234,7 @@ void ProcSync::Merge(Seen seen, Nanoseconds since, Nanoseconds now)
         return;
     }
     // Whatever groups it is in now: it may have moved itself, and have made us lose events on purpose.
-    if (isSame && known->IsInside() && IsSince(seen.tid, *known)) {
+    if (isSame && known->IsInside() && seen.started <= known->seen) {
         return;
     }
     Entry made = MakeEntry(seen, since, now);
@@ -201,16 +266,10 @@ void ProcSync::MarkMissing(const std::vector<Seen>& all, Nanoseconds when)
     }
 }
 
-bool ProcSync::HasBegunAfter(int tid, const Entry& entry) const
-{
-    const std::optional<Nanoseconds> start = system.StartTime(tid);
-    return start && *start > entry.seen;
-}
-
 bool ProcSync::IsSince(int tid, const Entry& entry) const
 {
-    const std::optional<Nanoseconds> start = system.StartTime(tid);
-    return start && *start <= entry.seen;
+    const auto stat = system.StatOf(tid);
+    return stat && stat->started <= entry.seen;
 }
 
 // Outside of every container by its groups, but a child of a process that is known to be Inside: its parent has left
@@ -225,13 +284,13 @@ void ProcSync::Adopt(Found& found) const
 }
 
 // Those that are below the fewest others first: they have the better right to their ids.
-void ProcSync::ClaimGroups()
+void ProcSync::ClaimGroups(const ProcListing& listing)
 {
     std::vector<std::pair<std::size_t, SDK::Cgroup>> found;
-    for (const int pid : system.Processes()) {
-        for (SDK::Cgroup& group : system.Cgroups(pid).value_or(std::vector<SDK::Cgroup>{})) {
+    for (const std::vector<SDK::Cgroup>& of : listing.groups) {
+        for (const SDK::Cgroup& group : of) {
             if (const std::size_t depth = SDK::CgroupPath::ContainerParts(group.path).size(); depth != 0) {
-                found.emplace_back(depth, std::move(group));
+                found.emplace_back(depth, group);
             }
         }
     }

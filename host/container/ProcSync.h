@@ -12,6 +12,7 @@
 #include "host/container/ContainerGroups.h"
 #include "host/container/ContainerIdentities.h"
 #include "host/container/ContainerTable.h"
+#include "host/container/ProcListing.h"
 #include "host/container/RuntimeSetUp.h"
 #include "host/ftrace/SyscallFilter.h"
 #include "host/sdk/SystemView.h"
@@ -39,16 +40,10 @@ public:
     {
     }
 
-    // Gives the container groups that have processes to their containers, before anything else is asked.
-    void ClaimGroups();
-
-    // Then takes the groups whose names say nothing and that a runtime has put a container's processes into. Not those
-    // that the host's own processes are in or below: a runtime may leave a container's process where it is itself, and
-    // a container that can write to control groups may have moved into a group of the host's.
-    void AdoptGroups();
-
-    // As of `since` holds what differs from the table. `filter`: tells identities; null for none.
-    void UpdateAll(Nanoseconds since, Nanoseconds now, SyscallFilter* filter);
+    // As of `since` holds what differs from the table. `isFirst`: before anything else is asked. It gives the container
+    // groups that have processes to their containers, then those groups whose names say nothing and that a runtime has
+    // put a container's processes into. `filter`: tells identities; null for none.
+    void UpdateAll(Nanoseconds since, Nanoseconds now, bool isFirst, SyscallFilter* filter);
 
     // What is to be had of a thread that is not in the table. Nothing when it has gone and its identity tells nothing.
     std::optional<Entry> Load(int tid, ProcessIdentity identity, Nanoseconds since, Nanoseconds now);
@@ -66,19 +61,23 @@ private:
     using Text = ContainerTable::Text;
     using State = ContainerTable::State;
     using Found = RuntimeSetUp::Found;
-    using NumberMap = std::map<std::string, std::uint32_t>;  // by container
     struct Seen {
         int tid;
+        Nanoseconds started;
         Found found;
         std::uint32_t identity;
     };
 
-    std::vector<Seen> LookAtAll(SyscallFilter* filter);
-    std::uint32_t Identified(int pid, Found& found, SyscallFilter& filter, NumberMap& given);
+    void ClaimGroups(const ProcListing& listing);
+    // Not those that the host's own processes are in or below: a runtime may leave a container's process where it is
+    // itself, and a container that can write to control groups may have moved into a group of the host's.
+    void AdoptGroups(const ProcListing& listing);
+    std::vector<Found> FindAll(const ProcListing& listing) const;
+    std::vector<Seen> LookAtAll(ProcListing& listing, SyscallFilter* filter);
+    void Give(ProcListing& listing, const std::vector<Found>& found, SyscallFilter& filter);
     void Merge(Seen seen, Nanoseconds since, Nanoseconds now);
     void MarkMissing(const std::vector<Seen>& all, Nanoseconds when);
     Entry MakeEntry(const Seen& seen, Nanoseconds since, Nanoseconds now);
-    bool HasBegunAfter(int tid, const Entry& entry) const;
     void Adopt(Found& found) const;
     void Identify(Found& found, ProcessIdentity identity) const;
 

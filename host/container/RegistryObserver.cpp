@@ -216,17 +216,16 @@ void RegistryObserver::OnAttach(const FtraceMessage& event, const RecordSource& 
 void RegistryObserver::Resync(Nanoseconds now, TraceSequencer& sequencer)
 {
     registry.Resync(lastEvent, now, sequencer.Filter());
-    for (const int process : system.Processes()) {
+    const std::vector<int> processes = system.Processes();
+    for (const int process : processes) {
         if (const Entry* entry = registry.Find(process); entry != nullptr && entry->container != nullptr) {
             bundles.Want(*entry->container, process, false);
         }
     }
     mustResync = false;
     lastResync = now;
-    if (sequencer.Filter() != nullptr) {
-        for (const int process : system.Processes()) {
-            ExcludeHost(process, now, sequencer.Filter());
-        }
+    for (const int process : processes) {
+        ExcludeHost(process, now, sequencer.Filter());
     }
     ContainerLog::Debug("read /proc as a whole");
 }
@@ -245,8 +244,8 @@ void RegistryObserver::ExcludeHost(int process, Nanoseconds when, SyscallFilter*
         }
         filter->Exclude(process, *ticket);
         registry.ForgetHost(process);
-        SDK::ProcessUtils::procStatus status;
-        process = system.Status(process, status) == 0 ? status.ppid : 0;
+        const auto stat = system.StatOf(process);
+        process = stat ? stat->parent : 0;
     }
 }
 

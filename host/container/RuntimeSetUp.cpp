@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/RuntimeSetUp.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <iterator>
-#include <map>
 #include <utility>
 
 #include "host/ftrace/SyscallProbeLayout.h"
@@ -37,13 +34,6 @@ bool CutProcess(std::string_view& text)
     }
     text.remove_prefix(process.size());
     return true;
-}
-
-// Empty when the process has gone or may not be looked at.
-std::string MountNamespace(SDK::SystemView& system, int pid)
-{
-    std::map<std::string, std::string> namespaces;
-    return system.Namespaces(pid, namespaces) == 0 ? namespaces["mnt"] : std::string{};
 }
 
 // The two ways in which a set-up process is a copy of the runtime: it runs a file without a name (memfd_create(2)), or
@@ -94,8 +84,8 @@ bool RunsOneOf(SDK::SystemView& system, int pid, const std::string_view (&names)
 // -1 when it has gone.
 int ParentOf(SDK::SystemView& system, int pid)
 {
-    SDK::ProcessUtils::procStatus status;
-    return system.Status(pid, status) == 0 ? status.ppid : -1;
+    const auto stat = system.StatOf(pid);
+    return stat ? stat->parent : -1;
 }
 
 }  // namespace
@@ -121,23 +111,12 @@ bool Continues(SDK::SystemView& system, int pid, std::string_view filename, bool
         return false;
     }
     return (place & CE_PLACE_KNOWN) != 0 ? (place & CE_OTHER_MOUNTS) == 0
-                                         : InHostMountNamespace(system, pid).value_or(!bornInSetUp);
-}
-
-// Process 1 has the host's mount namespace even where the agent runs in one of its
-// own. Where its link cannot be read (it needs ptrace access, namespaces(7)) the agent's own stands in.
-std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid)
-{
-    const std::string own = MountNamespace(system, pid);
-    if (own.empty()) {
-        return std::nullopt;
-    }
-    return own == MountNamespace(system, 1) || own == MountNamespace(system, ::getpid());
+                                         : system.HasHostMounts(pid).value_or(!bornInSetUp);
 }
 
 bool HasLeftHost(SDK::SystemView& system, int pid)
 {
-    return !system.HasHostRoot(pid).value_or(true) && !InHostMountNamespace(system, pid).value_or(true);
+    return !system.HasHostRoot(pid).value_or(true) && !system.HasHostMounts(pid).value_or(true);
 }
 
 std::optional<int> MakerOf(SDK::SystemView& system, int pid)
@@ -171,7 +150,7 @@ std::string IdGivenTo(SDK::SystemView& system, int pid)
 
 bool IsVisitor(SDK::SystemView& system, int pid)
 {
-    return system.HasHostRoot(pid).value_or(false) && InHostMountNamespace(system, pid).value_or(false) &&
+    return system.HasHostRoot(pid).value_or(false) && system.HasHostMounts(pid).value_or(false) &&
            !RunsOneOf(system, ParentOf(system, pid), makers);
 }
 
@@ -185,29 +164,22 @@ bool IsManager(SDK::SystemView& system, int pid)
     return pid == 1 || (RunsOneOf(system, pid, managers) && system.HasHostRoot(pid).value_or(false));
 }
 
-std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid, ContainersSeen* seen)
+ContainerTable::State StateOf(SDK::SystemView& system, int tid, int parent, bool parentIsInside)
 {
-    const auto containerOf = [&](int thread) {
-        if (seen != nullptr && seen->contains(thread)) {
-            return seen->at(thread);
-        }
-        const auto of = system.Cgroups(thread);
-        std::optional<std::string> container = of ? std::optional{groups.Find(*of)} : std::nullopt;
-        if (seen != nullptr) {
-            seen->emplace(thread, container);
-        }
-        return container;
-    };
-    std::optional<std::string> container = containerOf(tid);
-    if (!container) {
+    return !parentIsInside && RunsCopyOfRuntime(system, tid, parent) ? ContainerTable::State::Entering
+                                                                     : ContainerTable::State::Inside;
+}
+
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid)
+{
+    const auto of = system.Cgroups(tid);
+    if (!of) {
         return std::nullopt;
     }
-    const int parent = ParentOf(system, tid);
-    Found found{ContainerTable::State::Host, std::move(*container), parent};
+    Found found{ContainerTable::State::Host, groups.Find(*of), ParentOf(system, tid)};
     if (!found.container.empty()) {
-        const bool parentIsInside = !containerOf(parent).value_or(found.container).empty();
-        const bool isRuntime = !parentIsInside && RunsCopyOfRuntime(system, tid, parent);
-        found.state = isRuntime ? ContainerTable::State::Entering : ContainerTable::State::Inside;
+        const auto ofParent = system.Cgroups(found.parent);
+        found.state = StateOf(system, tid, found.parent, !ofParent || !groups.Find(*ofParent).empty());
     }
     return found;
 }

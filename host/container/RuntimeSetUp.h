@@ -37,16 +37,13 @@ struct Found {
     int parent = -1;        // process id
 };
 
-// Nothing when the thread has gone. State Entering is a guess: the process runs a copy of the runtime and its parent is
-// in no container. A container can arrange the first, not the second, except for the process that the runtime itself
-// starts in it; so this is to be believed for a short time only.
-// `seen`: what is found about control groups, kept for the questions that follow at once; null: nothing is kept.
-using ContainersSeen = std::unordered_map<int, std::optional<std::string>>;  // by thread; nothing: it has gone
-std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid,
-                          ContainersSeen* seen = nullptr);
+// Nothing when the thread has gone.
+std::optional<Found> Look(SDK::SystemView& system, const ContainerGroups& groups, int tid);
 
-// Whether a process has the mount namespace of process 1, or the agent's. Nothing when it has gone.
-std::optional<bool> InHostMountNamespace(SDK::SystemView& system, int pid);
+// Of a thread in a container's control groups, Entering or Inside. Entering is a guess: the process runs a copy of the
+// runtime and its parent is in no container. A container can arrange the first, not the second, except for the process
+// that the runtime itself starts in it; so this is to be believed for a short time only.
+ContainerTable::State StateOf(SDK::SystemView& system, int tid, int parent, bool parentIsInside);
 
 // Whether a process has left both the host's root directory and the host's mount namespace. False when it has gone.
 bool HasLeftHost(SDK::SystemView& system, int pid);

@@ -4,18 +4,21 @@
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <iterator>
 #include <string>
 #include <system_error>
 
+#include "host/ftrace/Log.h"
 #include "host/ftrace/SyscallProbeLayout.h"
-#include "host/sdk/Limits.h"
+#include "host/sdk/FileDescriptor.h"
 #include "sdk/FileUtils.h"
 
 // Generated from the compiled program; its variables are of the types above.
@@ -33,9 +36,16 @@ std::size_t Elements(std::size_t processes)
     return (processes + CE_PROCESSES_PER_ELEMENT - 1) / CE_PROCESSES_PER_ELEMENT;
 }
 
-SDK::FileDescriptor PidFd(int process)
+constexpr std::size_t listedAtOnce = 1024;  // threads
+
+// Behind `rest` bytes. 0 at the end, -1 when it fails.
+ssize_t ReadSome(int fd, std::vector<CeListedThread>& buffer, std::size_t rest)
 {
-    return SDK::Limits::Opened([process] { return static_cast<int>(::syscall(SYS_pidfd_open, process, 0)); });
+    ssize_t got = -1;
+    do {
+        got = ::read(fd, reinterpret_cast<char*>(buffer.data()) + rest, buffer.size() * sizeof buffer.front() - rest);
+    } while (got < 0 && (errno == EINTR || errno == EAGAIN));
+    return got;
 }
 
 }  // namespace
@@ -98,39 +108,57 @@ void ProcessFilter::IncludeAll()
     std::fill_n(states.get(), limit, std::uint16_t{0});
 }
 
-ProcessIdentity ProcessFilter::IdentityOf(int process) const
+std::vector<SyscallFilter::Listed> ProcessFilter::List(const Given& given)
 {
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    CeTask kept{};
-    bpf_map_lookup_elem(bpf_map__fd(program.maps.tasks), &key, &kept);  // there may be nothing
-    return {kept.identity, kept.isSetUp != 0};
+    static_assert(mostExcept == CE_MOST_NOT_GIVEN);
+    auto& notGiven = program.bss->tables.notGiven;
+    std::fill(std::begin(notGiven), std::end(notGiven), 0);
+    std::copy_n(given.except.begin(), std::min(given.except.size(), mostExcept), notGiven);
+    const int numbers = bpf_map__fd(program.maps.given);
+    std::vector<Listed> listed;
+    auto next = given.numbers.begin();
+    do {
+        const auto first = next;
+        for (int room = CE_MOST_GIVEN; room > 0 && next != given.numbers.end(); --room, ++next) {
+            if (bpf_map_update_elem(numbers, &next->first, &next->second, BPF_ANY) != 0) {
+                TraceLog::Warning("the processes of a control group get no identity: %s", std::strerror(errno));
+            }
+        }
+        listed = ListThreads();
+        std::for_each(first, next, [&](const auto& each) { bpf_map_delete_elem(numbers, &each.first); });
+    } while (next != given.numbers.end() && !listed.empty());
+    return listed;
 }
 
-void ProcessFilter::FollowExit(int process)
+std::vector<SyscallFilter::Listed> ProcessFilter::ListThreads()
 {
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    const std::uint32_t isFollowed = 1;
-    bpf_map_update_elem(bpf_map__fd(program.maps.followed), &key, &isFollowed, BPF_ANY);  // it may have ended
-}
-
-std::uint32_t ProcessFilter::GiveIdentity(int process, std::uint32_t number)
-{
-    const int tasks = bpf_map__fd(program.maps.tasks);
-    const SDK::FileDescriptor pidfd = PidFd(process);
-    const int key = pidfd.Get();
-    CeTask kept{};
-    bpf_map_lookup_elem(tasks, &key, &kept);  // there may be nothing yet
-    if (kept.identity != 0) {
-        return kept.identity;
+    const SDK::FileDescriptor all{bpf_iter_create(bpf_link__fd(program.links.ListThreads))};
+    std::vector<CeListedThread> buffer(listedAtOnce);
+    std::vector<Listed> listed;
+    std::size_t rest = 0;  // bytes of a thread's that were read without its end
+    ssize_t got = -1;
+    while (all.Get() >= 0 && (got = ReadSome(all.Get(), buffer, rest)) > 0) {
+        const std::size_t bytes = rest + static_cast<std::size_t>(got);
+        const std::size_t count = bytes / sizeof(CeListedThread);
+        for (std::size_t i = 0; i < count; ++i) {
+            const CeListedThread& each = buffer[i];
+            const std::chrono::nanoseconds started{static_cast<std::int64_t>(each.started)};
+            const ProcessIdentity identity{each.identity, each.isSetUp != 0};
+            listed.push_back({each.thread, each.process, each.parent, each.groups, started, identity});
+        }
+        rest = bytes % sizeof(CeListedThread);
+        buffer.front() = buffer[std::min(count, buffer.size() - 1)];
     }
-    const auto next = [this] {
-        return std::atomic_ref<unsigned int>(program.bss->tables.identities).fetch_add(1) + 1;
-    };
-    kept.identity = number == 0 ? next() : number;
-    kept.isTold = 1;
-    return bpf_map_update_elem(tasks, &key, &kept, BPF_ANY) == 0 ? kept.identity : 0;
+    if (got < 0) {
+        TraceLog::Warning("the kernel does not list its threads, /proc will do: %s", std::strerror(errno));
+        listed.clear();
+    }
+    return listed;
+}
+
+std::uint32_t ProcessFilter::NewIdentity()
+{
+    return std::atomic_ref<unsigned int>(program.bss->tables.identities).fetch_add(1) + 1;
 }
 
 }  // namespace Engine

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "host/ftrace/SyscallFilter.h"
 
@@ -30,9 +31,8 @@ public:
     bool IsExcluded(int process) const override;
     std::optional<Ticket> TicketOf(int process) const override;
     void Exclude(int process, Ticket ticket) override;
-    ProcessIdentity IdentityOf(int process) const override;
-    void FollowExit(int process) override;
-    std::uint32_t GiveIdentity(int process, std::uint32_t number) override;
+    std::vector<Listed> List(const Given& given) override;
+    std::uint32_t NewIdentity() override;
 
     // All may be in a container again: the way of one into it may have been missed.
     void IncludeAll();
@@ -44,6 +44,7 @@ private:
     };
 
     std::uint16_t* StateOf(int process) const;
+    std::vector<Listed> ListThreads();
 
     SyscallProbeProgram& program;
     const std::size_t limit;

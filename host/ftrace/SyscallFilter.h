@@ -2,8 +2,12 @@
 // Which processes the kernel excludes: it records neither their system calls nor their lives.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <unordered_map>
+#include <vector>
 
 #include "host/ftrace/ProcessIdentity.h"
 
@@ -29,14 +33,31 @@ public:
     // `process` is the host's. Its later children are excluded, too, as long as they stay in its control groups.
     virtual void Exclude(int process, Ticket ticket) = 0;
 
-    virtual ProcessIdentity IdentityOf(int process) const = 0;
+    // Identities for processes that came into their control groups before the kernel was asked to tell of that.
+    static constexpr std::size_t mostExcept = 32;
+    struct Given {
+        std::unordered_map<std::uint64_t, std::uint32_t> numbers;  // by the processes' `groups`
+        std::vector<int> except;                                   // processes that get none, up to `mostExcept`
+    };
 
-    // Has the kernel tell of the exits of that process and its threads, also where it has not told of their forks.
-    virtual void FollowExit(int process) = 0;
+    // A thread. Its process's `groups` are the same number for all that are in the same control groups, as long as one
+    // of them is; 0: its first thread is ending.
+    struct Listed {
+        int thread;
+        int process;
+        int parent;  // of the process, a process id
+        std::uint64_t groups;
+        std::chrono::nanoseconds started;  // on CLOCK_MONOTONIC
+        ProcessIdentity identity;          // of the process
+    };
 
-    // Gives a process that has none an identity, `number`, or a new one if that is 0: it came into its control groups
-    // before the kernel was asked to tell. What it has forked until then has none. The number; 0 when it fails.
-    virtual std::uint32_t GiveIdentity(int process, std::uint32_t number) = 0;
+    // All threads by their ids, after those processes that have no identity were given what is said. Of a process that
+    // has one the kernel tells the exits from now on, its threads' included, also where it has not told of their forks.
+    // Empty when the kernel fails, which is logged.
+    virtual std::vector<Listed> List(const Given& given) = 0;
+
+    // One that no process has.
+    virtual std::uint32_t NewIdentity() = 0;
 
 protected:
     ~SyscallFilter() = default;

@@ -120,5 +120,6 @@ int BPF_PROG(OnSystemCall, struct pt_regs* regs, long number)
 
 char licence[] SEC("license") = "GPL";
 
-/* The programs for processes' lives, which come after the one above. */
+/* The other programs, which come after the one above. */
+#include "host/ftrace/program/Listing.h"
 #include "host/ftrace/program/Lives.h"

@@ -54,6 +54,11 @@ struct CeProbeSettings {
     unsigned int hasX32;         /* whether the kernel serves calls by x32's table */
 };
 
+/* While threads are listed, the processes of so many control groups can be given identities, and so many be left out.
+ */
+#define CE_MOST_GIVEN 1024
+#define CE_MOST_NOT_GIVEN 32
+
 /* Shared memory while the program runs. */
 struct CeProbeTables {
     struct CeWatchedCall watched[CE_CALLS][CE_CALL_TABLES]; /* by number; the agent writes it */
@@ -61,6 +66,20 @@ struct CeProbeTables {
     int ownThread;                       /* the reader, which is never recorded; the agent writes it */
     unsigned int identities;             /* the last one that was given */
     unsigned int changes;                /* the last value given to a process that may be in a container */
+    int notGiven[CE_MOST_NOT_GIVEN];     /* processes that get no identity where it is given by control groups */
+};
+
+/* A thread, as all of them are listed for the agent. */
+struct CeListedThread {
+    unsigned long long started; /* nanoseconds, CLOCK_MONOTONIC */
+    unsigned long long groups;  /* of its process: the same number for all that are in the same control groups, while
+                                   one of them is; 0: it is ending */
+    int thread;
+    int process;
+    int parent;            /* the process that is its process's parent */
+    unsigned int identity; /* of its process */
+    unsigned int isSetUp;  /* likewise; see CeTask */
+    unsigned int unused;
 };
 
 /* For each process whether it is known to be the host's: odd. Even values mean that it may be in a container; each

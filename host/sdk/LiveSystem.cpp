@@ -160,41 +160,53 @@ std::string LiveSystem::PathOfCgroup(std::uint64_t cgroup)
     return path.starts_with(root) ? path.substr(root.size()) : path;
 }
 
+std::optional<LiveSystem::File> LiveSystem::FileAt(const std::string& path)
+{
+    struct stat found = {};
+    return ::stat(path.c_str(), &found) == 0 ? std::optional{File{found.st_dev, found.st_ino}} : std::nullopt;
+}
+
+void LiveSystem::LookAtHost()
+{
+    hostRoot = FileAt(PathOf(1, "root"));
+    hostRoot = hostRoot ? hostRoot : FileAt("/");
+    hostMounts = FileAt(PathOf(1, "ns/mnt"));
+    ownMounts = FileAt(PathOf(::getpid(), "ns/mnt"));
+}
+
 std::optional<bool> LiveSystem::HasHostRoot(int tid)
 {
-    std::call_once(hostRootOnce, [this] {
-        struct stat root = {};
-        if (::stat(PathOf(1, "root").c_str(), &root) == 0 || ::stat("/", &root) == 0) {
-            hostRoot = {root.st_dev, root.st_ino};
-        }
-    });
-    struct stat own = {};
-    if (!hostRoot || ::stat(PathOf(tid, "root").c_str(), &own) != 0) {
-        return std::nullopt;
-    }
-    return std::pair{own.st_dev, own.st_ino} == *hostRoot;
+    std::call_once(hostOnce, [this] { LookAtHost(); });
+    const auto own = hostRoot ? FileAt(PathOf(tid, "root")) : std::nullopt;
+    return own ? std::optional{own == hostRoot} : std::nullopt;
+}
+
+std::optional<bool> LiveSystem::HasHostMounts(int tid)
+{
+    std::call_once(hostOnce, [this] { LookAtHost(); });
+    const auto own = FileAt(PathOf(tid, "ns/mnt"));
+    return own ? std::optional{own == hostMounts || own == ownMounts} : std::nullopt;
 }
 
 bool LiveSystem::RunSameFile(int tid, int other)
 {
-    struct stat one = {};
-    struct stat two = {};
-    return ::stat(PathOf(tid, "exe").c_str(), &one) == 0 && ::stat(PathOf(other, "exe").c_str(), &two) == 0 &&
-           one.st_dev == two.st_dev && one.st_ino == two.st_ino;
+    const auto one = FileAt(PathOf(tid, "exe"));
+    return one && one == FileAt(PathOf(other, "exe"));
 }
 
-std::optional<std::chrono::nanoseconds> LiveSystem::StartTime(int tid)
+// The file of the thread: that of the process sums up all its threads, of which an attacker can make many.
+std::optional<SystemView::Stat> LiveSystem::StatOf(int tid)
 {
     std::string text;
-    if (FileUtils::ReadFile(PathOf(tid, "stat"), text, maxStatBytes) != 0) {
+    if (FileUtils::ReadFile(PathOf(tid, ("task/" + std::to_string(tid) + "/stat").c_str()), text, maxStatBytes) != 0) {
         return std::nullopt;
     }
-    const std::optional<std::int64_t> ticks = ProcText::StartTicks(text);
-    if (!ticks) {
+    const auto stat = ProcText::StatOf(text);
+    if (!stat) {
         return std::nullopt;
     }
-    const std::chrono::nanoseconds sinceBoot{*ticks * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
-    return sinceBoot - (Now(CLOCK_BOOTTIME) - Now(CLOCK_MONOTONIC));
+    const std::chrono::nanoseconds sinceBoot{stat->start * (nanosecondsPerSecond / ::sysconf(_SC_CLK_TCK))};
+    return Stat{stat->parent, sinceBoot - (Now(CLOCK_BOOTTIME) - Now(CLOCK_MONOTONIC))};
 }
 
 int LiveSystem::ExecutablePath(unsigned int pid, std::string& path)
@@ -350,11 +362,11 @@ std::optional<ProcessDetails> LiveSystem::Read(int tid)
         details.loginUid = loginUid;
     }
     // Last: what has started by now is what was read.
-    const auto started = StartTime(tid);
-    if (!started) {
+    const auto stat = StatOf(tid);
+    if (!stat) {
         return std::nullopt;
     }
-    details.started = *started;
+    details.started = stat->started;
     return details;
 }
 

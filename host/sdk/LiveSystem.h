@@ -34,19 +34,30 @@ public:
     std::optional<std::vector<Cgroup>> Cgroups(int tid) override;
     std::string PathOfCgroup(std::uint64_t cgroup) override;
     std::optional<bool> HasHostRoot(int tid) override;
+    std::optional<bool> HasHostMounts(int tid) override;
     bool RunSameFile(int tid, int other) override;
-    std::optional<std::chrono::nanoseconds> StartTime(int tid) override;
+    std::optional<Stat> StatOf(int tid) override;
 
     // As SystemView's. Not from within a resolver's call.
     void SetContainerResolver(ContainerResolver* next);
 
 private:
+    struct File {
+        dev_t device;
+        ino_t number;
+        bool operator==(const File&) const = default;
+    };
+
+    static std::optional<File> FileAt(const std::string& path);
+    void LookAtHost();
     std::optional<ProcessDetails> Read(int tid);
     std::string PathOf(long pid, const char* file) const;
 
     const std::string procRoot;
-    std::once_flag hostRootOnce;
-    std::optional<std::pair<dev_t, ino_t>> hostRoot;  // of process 1's root directory, which stays where it is
+    std::once_flag hostOnce;  // of these: what process 1 has stays what it is
+    std::optional<File> hostRoot;
+    std::optional<File> hostMounts;
+    std::optional<File> ownMounts;
     std::shared_mutex resolverMutex;  // held shared while the resolver answers: it is never gone under a caller
     ContainerResolver* resolver = nullptr;
 };

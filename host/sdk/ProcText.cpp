@@ -8,6 +8,16 @@
 
 namespace SDK::ProcText {
 
+namespace {
+
+template <class Number>
+bool Read(std::string_view text, Number& number)
+{
+    return std::from_chars(text.data(), text.data() + text.size(), number).ec == std::errc{};
+}
+
+}  // namespace
+
 std::optional<std::string_view> ValueOf(std::string_view text, std::string_view key)
 {
     while (!text.empty()) {
@@ -60,20 +70,25 @@ std::vector<std::string> Arguments(std::string_view text)
     return arguments;
 }
 
-// Field 22 of the line. Counted from the end of the name, which may hold anything, a parenthesis included.
-std::optional<std::int64_t> StartTicks(std::string_view text)
+// Fields 4 and 22 of the line. Counted from the end of the name, which may hold anything, a parenthesis included.
+std::optional<Stat> StatOf(std::string_view text)
 {
-    constexpr int fieldsBefore = 19;  // after the name
-    std::size_t at = text.rfind(") ");
-    for (int i = 0; i <= fieldsBefore && at != std::string_view::npos; ++i) {
-        at = text.find(' ', at + 1);
-    }
-    std::int64_t ticks = 0;
-    if (at == std::string_view::npos ||
-        std::from_chars(text.data() + at + 1, text.data() + text.size(), ticks).ec != std::errc{}) {
+    constexpr int parentField = 4;
+    constexpr int startField = 22;
+    const std::size_t name = text.rfind(") ");
+    if (name == std::string_view::npos) {
         return std::nullopt;
     }
-    return ticks;
+    text.remove_prefix(name + 2);
+    Stat stat;
+    for (int field = 3; field <= startField; ++field) {
+        const std::string_view value = text.substr(0, text.find(' '));
+        if ((field == parentField && !Read(value, stat.parent)) || (field == startField && !Read(value, stat.start))) {
+            return std::nullopt;
+        }
+        text.remove_prefix(std::min(text.size(), value.size() + 1));
+    }
+    return stat;
 }
 
 }  // namespace SDK::ProcText

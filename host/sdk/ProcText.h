@@ -22,8 +22,11 @@ std::string Comm(std::string_view escaped);
 // Of `cmdline`.
 std::vector<std::string> Arguments(std::string_view text);
 
-// Of `stat`: when the thread started, in clock ticks (sysconf(_SC_CLK_TCK)) of CLOCK_BOOTTIME, which goes on while the
-// machine sleeps.
-std::optional<std::int64_t> StartTicks(std::string_view text);
+// Of `stat`.
+struct Stat {
+    int parent = 0;          // of the process, a process id
+    std::int64_t start = 0;  // in clock ticks (sysconf(_SC_CLK_TCK)) of CLOCK_BOOTTIME, which goes on in suspend
+};
+std::optional<Stat> StatOf(std::string_view text);
 
 }  // namespace SDK::ProcText

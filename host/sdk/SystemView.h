@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "sdk/ProcessUtils.h"
@@ -23,6 +24,10 @@ struct Cgroup {
     int hierarchy = 0;  // its number, as in /proc/<pid>/cgroup; 0: that of version 2
     std::string path;   // within the hierarchy, from a slash on
     unsigned int owner = 0;
+    bool operator<(const Cgroup& other) const
+    {
+        return std::tie(hierarchy, path, owner) < std::tie(other.hierarchy, other.path, other.owner);
+    }
 };
 
 // What is to be had about a process for people that look into an alarm. What is empty could not be read.
@@ -102,10 +107,17 @@ public:
     // Whether it has the root directory that process 1 has, or the agent where that may not be looked at. Nothing when
     // it has gone.
     virtual std::optional<bool> HasHostRoot(int /*tid*/) { return std::nullopt; }
+    // Whether it has the mount namespace that process 1 has, or the agent's own. Nothing when it has gone.
+    virtual std::optional<bool> HasHostMounts(int /*tid*/) { return std::nullopt; }
     // Whether both run the same file. False when either cannot be looked at.
     virtual bool RunSameFile(int /*tid*/, int /*other*/) { return false; }
-    // When it started, on CLOCK_MONOTONIC, rounded down by up to 20 ms. Nothing when it has gone.
-    virtual std::optional<std::chrono::nanoseconds> StartTime(int /*tid*/) { return std::nullopt; }
+    // Nothing when it has gone.
+    struct Stat {
+        int parent = 0;                      // of its process, a process id
+        std::chrono::nanoseconds started{};  // on CLOCK_MONOTONIC, rounded down by up to `startRounding`
+    };
+    static constexpr std::chrono::milliseconds startRounding{20};
+    virtual std::optional<Stat> StatOf(int /*tid*/) { return std::nullopt; }
 
     // The view in force. Never null: the live system until Exchange puts another in place.
     static SystemView& Current();

@@ -2,6 +2,7 @@
 // A world of the test's own making behind the SDK: clock, processes, containers of processes. In force while it lives.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -108,6 +109,13 @@ public:
         std::map<std::string, std::string> namespaces;
         return Namespaces(tid, namespaces) == 0 ? std::optional{namespaces["mnt"] == "host"} : std::nullopt;
     }
+    std::optional<bool> HasHostMounts(int tid) override
+    {
+        std::map<std::string, std::string> host;
+        std::map<std::string, std::string> own;
+        Namespaces(1, host);
+        return Namespaces(tid, own) == 0 ? std::optional{own["mnt"] == host["mnt"]} : std::nullopt;
+    }
     bool RunSameFile(int tid, int other) override
     {
         std::string file;
@@ -115,10 +123,17 @@ public:
         ExecutablePath(static_cast<unsigned int>(tid), file);
         return Read(other, &Process::executable, otherFile) == 0 && !file.empty() && file == otherFile;
     }
-    std::optional<std::chrono::nanoseconds> StartTime(int tid) override
+    std::optional<Stat> StatOf(int tid) override
     {
-        std::chrono::nanoseconds start{};
-        return Read(tid, &Process::start, start) == 0 ? std::optional{start} : std::nullopt;
+        const std::lock_guard lock(mutex);
+        for (const auto& [pid, process] : processes) {
+            const auto& threads = process.threads;
+            const bool isIts = pid == tid || std::find(threads.begin(), threads.end(), tid) != threads.end();
+            if (isIts && process.ppid != -1) {
+                return Stat{process.ppid, process.start};
+            }
+        }
+        return std::nullopt;
     }
 
 private:

@@ -100,6 +100,7 @@ struct pid {
 struct task_struct {
     struct thread_info thread_info;
     int prio;
+    unsigned int flags;
     int pid;
     int tgid;
     char comm[CE_NAME_BYTES];
@@ -118,10 +119,21 @@ struct linux_binprm {
     struct file* file;
     const char* filename;
 };
+struct seq_file;
+struct bpf_iter_meta {
+    struct seq_file* seq;
+};
+struct bpf_iter__task {
+    struct bpf_iter_meta* meta;
+    struct task_struct* task;
+};
 struct pt_regs {
     unsigned long bp, bx, r10, r9, r8, cx, dx, si, di;
 };
 #pragma clang attribute pop
+
+/* Of task_struct.flags: the thread is ending (include/linux/sched.h). */
+#define PF_EXITING 0x00000004
 
 /* Of thread_info.status, while a call through the 32-bit entry is served (arch/x86/include/asm/thread_info.h). */
 #define TS_COMPAT 0x0002

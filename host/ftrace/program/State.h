@@ -26,14 +26,23 @@ struct {
     __type(value, struct CeTask);
 } tasks SEC(".maps");
 
-/* Of the leaders of processes that the agent knows without having been told of them. A table of its own, which the
- * programs do not change: the agent may write to it at any time. */
+/* Of the leaders of processes that were listed for the agent. A table of its own: what a thread does at the same time
+ * changes the other one. */
 struct {
     __uint(type, BPF_MAP_TYPE_TASK_STORAGE);
     __uint(map_flags, BPF_F_NO_PREALLOC);
     __type(key, int);
     __type(value, __u32);
 } followed SEC(".maps");
+
+/* By control groups, as in CeListedThread: the identity that those of their processes get that have none. */
+struct {
+    __uint(type, BPF_MAP_TYPE_HASH);
+    __uint(map_flags, BPF_F_NO_PREALLOC);
+    __uint(max_entries, CE_MOST_GIVEN);
+    __type(key, __u64);
+    __type(value, __u32);
+} given SEC(".maps");
 
 struct {
     __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);

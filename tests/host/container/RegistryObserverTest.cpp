@@ -20,20 +20,30 @@ protected:
     }
     void Exclude(int process, Ticket ticket) override { recorded.erase(process == ticket ? process : -1); }
 
-    Engine::ProcessIdentity IdentityOf(int process) const override
+    std::vector<Listed> List(const Given& numbers) override
     {
-        return {process == 500 || process == 505 ? 9u : 0, process == 505};
+        EXPECT_LE(numbers.except.size(), mostExcept);
+        std::vector<Listed> listed;
+        for (const int pid : proc.Processes()) {
+            const auto of = proc.Cgroups(pid);
+            const auto stat = proc.StatOf(pid);
+            if (!of || !stat) {
+                continue;
+            }
+            const std::uint64_t groups = std::hash<std::string>{}(of->front().path);
+            const auto number = numbers.numbers.find(groups);
+            if (number != numbers.numbers.end() && std::count(numbers.except.begin(), numbers.except.end(), pid) == 0) {
+                auto& its = kept[pid].number;
+                its = its == 0 ? number->second : its;
+            }
+            listed.push_back({pid, pid, stat->parent, groups, stat->started, kept[pid]});
+        }
+        return listed;
     }
-    void FollowExit(int process) override { followed.insert(process); }
-    std::uint32_t GiveIdentity(int process, std::uint32_t number) override
-    {
-        given.insert(process);
-        return number == 0 ? 77 : number;
-    }
+    std::uint32_t NewIdentity() override { return 77; }
 
     std::set<int> recorded;
-    std::set<int> given;
-    std::set<int> followed;
+    std::map<int, Engine::ProcessIdentity> kept{{500, {9}}, {505, {9, true}}};
 };
 
 TEST_F(RegistryObserverTest, FirstProcessIsAnnouncedAtTheExecThatEndsTheSetUpAndSetsTheNamespaces)
@@ -108,6 +118,22 @@ TEST_F(RegistryObserverTest, TheHostIsExcludedWithItsAncestorsAndNothingElse)
     EXPECT_TRUE(Exec(301, "/bin/sh"));
 }
 
+TEST_F(RegistryObserverTest, ProgramsThatLookLikeARuntimeTakeNoIdentityFromOtherContainers)
+{
+    for (int pid = 600; pid <= 600 + static_cast<int>(mostExcept); ++pid) {
+        Run(pid, pid == 600 ? idA : idA + "/" + std::to_string(pid), shim).executable = "/memfd:x (deleted)";
+        recorded.insert(pid);
+    }
+    Run(503, idB);
+    Run(504, idA);
+    recorded.insert({503, 504});
+    now += Engine::RegistryObserver::resyncPause;
+    observer.OnLoss(*this);
+    Round();
+    EXPECT_EQ(kept[503].number, 77U);
+    EXPECT_EQ(kept[600].number, 0U) << "it may be the runtime";
+}
+
 // Of the host's processes nothing is recorded. What comes into a container's group brings what is to be known of it.
 TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
 {
@@ -144,8 +170,7 @@ TEST_F(RegistryObserverTest, ARuntimeThatWasNotFollowedIsKnownAtTheMove)
     now += Engine::ProcSync::believeSetUp;
     Round();
     EXPECT_EQ(ContainerOf(505), "") << "the kernel knows it to be in set-up, however long that takes";
-    EXPECT_TRUE(given.contains(503) && !given.contains(500));
-    EXPECT_THAT(followed, ElementsAre(500, 505));
+    EXPECT_EQ(kept[503].number, 77U);
     EXPECT_TRUE(Call(504, {77})) << "a child that inherits what it was given";
     proc.cgroups[8] = "/default/web";
     Run(404, "/default/web");

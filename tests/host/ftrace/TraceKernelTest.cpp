@@ -10,7 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -18,6 +20,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -35,6 +38,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace testing;
+using namespace std::chrono_literals;
 
 constexpr int callNumber = SYS_ioprio_get;  // that no thread of a library makes by the way
 constexpr std::size_t bufferKb = 64;
@@ -46,9 +50,9 @@ void MakeCalls(int count)
     }
 }
 
-// Runs `deed` in a child process, in the control group `group` if one is given, and waits for its end.
+// Runs `deed` in a child process, in the control group `group` if one is given.
 template <class Deed>
-pid_t InChild(Deed deed, const char* group = "")
+pid_t StartChild(Deed deed, const char* group)
 {
     const SDK::FileDescriptor directory{::open(group, O_PATH | O_DIRECTORY | O_CLOEXEC)};
     clone_args arguments{};
@@ -60,6 +64,13 @@ pid_t InChild(Deed deed, const char* group = "")
         deed();
         ::_exit(0);
     }
+    return child;
+}
+// And waits for its end.
+template <class Deed>
+pid_t InChild(Deed deed, const char* group = "")
+{
+    const pid_t child = StartChild(deed, group);
     EXPECT_EQ(::waitpid(child, nullptr, 0), child) << std::strerror(errno);
     return child;
 }
@@ -281,6 +292,69 @@ TEST_F(TraceKernelTest, LivesAreRecordedFromTheMoveOnWithWhatWasBefore)
                                            "sched_process_exit" + born));
     fs::remove(group);
     fs::remove_all(fs::path{file}.parent_path());
+}
+
+TEST_F(TraceKernelTest, ThreadsAreListedWithTheirControlGroupsAndThoseWithoutIdentityAreGivenOne)
+{
+    const std::string root = fs::exists("/sys/fs/cgroup/unified") ? "/sys/fs/cgroup/unified" : "/sys/fs/cgroup";
+    const std::string group = root + "/probe-test-" + std::to_string(::getpid());
+    fs::create_directory(group);
+    std::array<int, 2> pipe{};
+    ASSERT_EQ(::pipe2(pipe.data(), O_CLOEXEC), 0);
+    SDK::FileDescriptor wait{pipe[0]};
+    SDK::FileDescriptor hold{pipe[1]};
+    std::vector<pid_t> children;
+    for (const char* where : {group.c_str(), group.c_str(), group.c_str(), ""}) {
+        children.push_back(StartChild(
+            [&] {
+                hold = {};
+                char none = 0;
+                ::read(wait.Get(), &none, 1);
+            },
+            where));
+    }
+    ::kill(children[2], SIGKILL);
+    siginfo_t ended{};
+    ::waitid(P_PID, static_cast<id_t>(children[2]), &ended, WEXITED | WNOWAIT);
+    SyscallProbe probe(64);  // younger than the children
+    SyscallFilter& filter = probe.Filter();
+    std::vector<SyscallFilter::Listed> listed;
+    const auto find = [&listed](pid_t thread) -> SyscallFilter::Listed {
+        const auto found =
+            std::find_if(listed.begin(), listed.end(), [&](const auto& each) { return each.thread == thread; });
+        return found == listed.end() ? SyscallFilter::Listed{} : *found;
+    };
+    std::thread([&] {
+        listed = filter.List({});
+        EXPECT_EQ(find(::gettid()).process, ::getpid());
+        EXPECT_EQ(find(::gettid()).parent, ::getppid());
+        EXPECT_EQ(find(::gettid()).groups, find(::getpid()).groups);
+        const auto stat = SDK::SystemView::Current().StatOf(::gettid());
+        EXPECT_THAT((find(::gettid()).started - stat->started) / 1ms, AllOf(Ge(0), Le(20)));
+    }).join();
+    EXPECT_TRUE(
+        std::is_sorted(listed.begin(), listed.end(), [](const auto& a, const auto& b) { return a.thread < b.thread; }));
+    EXPECT_THAT(listed.size(), Ge(SDK::SystemView::Current().Processes().size() / 2));
+    EXPECT_EQ(find(children[0]).groups, find(children[1]).groups);
+    EXPECT_NE(find(children[0]).groups, find(children[3]).groups);
+    EXPECT_EQ(find(children[2]).groups, 0U) << "a zombie";
+    const std::uint32_t number = filter.NewIdentity();
+    SyscallFilter::Given given{{{find(children[0]).groups, number}}, {children[1]}};
+    while (given.numbers.size() < std::size_t{2} * CE_MOST_GIVEN) {
+        given.numbers.emplace(given.numbers.size(), 9);
+    }
+    listed = filter.List(given);
+    EXPECT_EQ(find(children[0]).identity.number, number);
+    EXPECT_EQ(find(children[1]).identity.number, 0U);
+    EXPECT_EQ(find(children[3]).identity.number, 0U);
+    listed = filter.List({{{find(children[0]).groups, filter.NewIdentity()}}, {}});
+    EXPECT_EQ(find(children[0]).identity.number, number);
+    EXPECT_EQ(find(children[1]).identity.number, number + 1);
+    hold = {};
+    for (const pid_t child : children) {
+        ::waitpid(child, nullptr, 0);
+    }
+    fs::remove(group);
 }
 
 TEST_F(TraceKernelTest, EveryEventOfTheTraceIsReadOrCountedAsLostAndNoneOfTheReaderIs)

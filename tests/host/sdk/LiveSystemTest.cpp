@@ -80,8 +80,10 @@ TEST(LiveSystemKernelTest, NameAndStartOnTheTraceClockWhateverTheNameHolds)
         SDK::ProcessUtils::procStatus status;
         EXPECT_EQ(LiveSystem().Status(::gettid(), status), 0);
         EXPECT_EQ(status.name, "a) S 1\\\n(2 3");
-        const auto start = LiveSystem().StartTime(::gettid()).value_or(0ns);
-        EXPECT_TRUE(start >= before - 20ms && start <= std::chrono::steady_clock::now().time_since_epoch());
+        const auto stat = LiveSystem().StatOf(::gettid()).value_or(SDK::SystemView::Stat{});
+        EXPECT_GE(stat.started, before - SDK::SystemView::startRounding);
+        EXPECT_LE(stat.started, std::chrono::steady_clock::now().time_since_epoch());
+        EXPECT_EQ(stat.parent, ::getppid());
     }).join();
 }
 
