@@ -263,7 +263,7 @@ def powerless(field):
     deed = field.chance.choice((f"kill -STOP {pid}", f"/usr/bin/prlimit --fsize=1 --pid {pid}",
                                 f"/usr/bin/prlimit --nofile=9 --pid {pid}", f"kill -XFSZ {pid}"))
     expected = target(field, POWERLESS, f"{deed}; (sleep 3; kill -CONT {pid}) &", mine=())
-    expected[-1].within = 2  # what stops it makes it late
+    expected[-1].within = 2.5  # what stops it makes it later than that; names are waited for two seconds
     if "STOP" in deed:
         time.sleep(3.5)
     return expected
