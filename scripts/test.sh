@@ -26,7 +26,7 @@ failures=()
 step() { echo; echo "== $* ($((SECONDS / 60)) min $((SECONDS % 60)) s)"; }
 check() { # check NAME COMMAND...: one pass or failure
     step "$1"
-    if "${@:2}"; then passed=$((passed + 1)); else failures+=("$1"); fi
+    if "${@:2}"; then passed=$((passed + 1)); else failures+=("$1"); return 1; fi
 }
 # count WHAT FILE: adds the lines "passed: N", "skipped: N" and "failed: NAME" of the file to the counts
 count() {
@@ -38,12 +38,10 @@ count() {
     passed=$((passed + ${run:-0})) skipped=$((skipped + ${skip:-0})) failures+=("${names[@]}")
 }
 build() { # build PRESET
-    step "build: $1"
     # A compiler cache does not go with precompiled headers.
     local precompile=ON
     [ -z "${CMAKE_CXX_COMPILER_LAUNCHER:-}" ] || precompile=OFF
-    cmake --preset "$1" -DCE_PRECOMPILE=$precompile >/dev/null && cmake --build --preset "$1" -- --quiet ||
-        { failures+=("build: $1"); return 1; }
+    cmake --preset "$1" -DCE_PRECOMPILE="$precompile" >/dev/null && cmake --build --preset "$1" -- --quiet
 }
 unit_tests() { # unit_tests PRESET
     step "unit and kernel tests: $1"
@@ -73,25 +71,46 @@ finish() {
     exit 0
 }
 
-build release || finish
-check "format" scripts/check-format.sh
-check "the module as a host sees it" scripts/check-module.sh
+# aside NAME COMMAND...: a check that runs beside others; what it says and its exit status wait in files
+aside() {
+    local status=0
+    "${@:2}" >"$asides/$1.log" 2>&1 || status=$?
+    echo "$status" >"$asides/$1.status"
+}
+replay() { # replay NAME: as if it had run just now
+    cat "$asides/$1.log"
+    return "$(cat "$asides/$1.status")"
+}
+
+check "build: release" build release || finish
+check "format" scripts/check-format.sh || true
+check "the module as a host sees it" scripts/check-module.sh || true
 unit_tests release
 
-# The end-to-end tests mostly wait, and lint takes minutes: it gets the CPU time that nothing else wants.
-step "end-to-end tests: real kernel, real containers; lint beside them"
-setsid chrt --idle 0 scripts/check-lint.sh >"$CE_BUILD_DIR/lint.log" 2>&1 &
-lint=$!
-trap 'kill -- "-$lint"' EXIT
+# The end-to-end tests mostly wait, and the emulated machine has one CPU: the CPU time that they leave goes to lint and to
+# the other builds, which take minutes.
+asides=$CE_BUILD_DIR/asides
+rm -rf "$asides"
+mkdir "$asides"
+set -m # a process group of its own
+(
+    chrt --idle --pid 0 "$BASHPID"
+    aside lint scripts/check-lint.sh
+    for preset in "${more[@]}"; do aside "build: $preset" build "$preset"; done
+) </dev/null &
+set +m
+asides_pid=$!
+trap 'kill -- "-$asides_pid"' EXIT
+step "end-to-end tests: real kernel, real containers"
 python3 tests/e2e/run.py | tee "$CE_BUILD_DIR/e2e.log" || true
 count "end-to-end" "$CE_BUILD_DIR/e2e.log"
-step "lint"
-if wait "$lint"; then passed=$((passed + 1)); else failures+=("lint"); fi
+if [ ${#more[@]} -gt 0 ]; then check "Debian's stock kernel" scripts/other-kernel.sh stock || true; fi
+step "what is left of lint and the other builds"
+wait "$asides_pid" || true
 trap - EXIT
-cat "$CE_BUILD_DIR/lint.log"
 
-if [ ${#more[@]} -gt 0 ]; then check "Debian's stock kernel" scripts/other-kernel.sh stock; fi
+check "lint" replay lint || true
 for preset in "${more[@]}"; do
-    if build "$preset"; then unit_tests "$preset"; fi
+    if check "build: $preset" replay "build: $preset"; then unit_tests "$preset"; fi
 done
 finish
