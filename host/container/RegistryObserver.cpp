@@ -4,8 +4,10 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "host/container/ContainerLog.h"
+#include "host/ftrace/TraceBarrier.h"
 #include "host/sdk/Impairments.h"
 #include "sdk/NamespaceUtils.h"
 
@@ -89,11 +91,20 @@ TraceObserver::Origin RegistryObserver::AdmitSyscall(int tid, const RecordSource
     return OriginOf(*entry->container);
 }
 
-// The process may have ended: what another source tells comes later than the event.
-void RegistryObserver::OnActivity(int pid, TraceSequencer& sequencer)
+// A process may have ended: what another source tells comes later than the event. Room is made for all of them first: a
+// generation that ended between two of them would take back the earlier one.
+void RegistryObserver::OnActivity(std::span<const int> pids, TraceSequencer& sequencer)
 {
-    if (const Entry* entry = registry.Find(pid); entry != nullptr && entry->IsInside()) {
-        Announce(pid, *entry, sequencer);
+    static_assert(TraceBarrier::mostActive <= Announcements::limit);
+    const auto isNew = [this](int pid) {
+        const Entry* entry = registry.Find(pid);
+        return entry != nullptr && entry->IsInside() && !announcements.IsAnnounced(pid);
+    };
+    MakeRoom(static_cast<std::size_t>(std::count_if(pids.begin(), pids.end(), isNew)), sequencer);
+    for (const int pid : pids) {
+        if (isNew(pid)) {
+            Announce(pid, *registry.Find(pid), sequencer);
+        }
     }
 }
 
@@ -112,7 +123,8 @@ void RegistryObserver::OnRound(Nanoseconds now, TraceSequencer& sequencer)
         AnnounceAnew(Announcements::Loss::Possible, sequencer);
     }
     AnnounceLiving(registry.PromoteOverdue(now), sequencer);
-    if (const auto living = registry.Purge(now)) {
+    // Not what had not been dead for long enough in the last round: after a long pause its accesses are yet to come.
+    if (const auto living = registry.Purge(std::exchange(lastRound, now))) {
         cache.KeepLiving(*living, MetadataCache::Clock::now());
         bundles.KeepOnly(*living);
     }

@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -46,7 +47,7 @@ public:
     void OnEvent(const FtraceMessage& event, const RecordSource& source, TraceSequencer& sequencer) override;
     Origin AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                         TraceSequencer& sequencer) override;
-    void OnActivity(int pid, TraceSequencer& sequencer) override;
+    void OnActivity(std::span<const int> pids, TraceSequencer& sequencer) override;
     void OnRound(Nanoseconds now, TraceSequencer& sequencer) override;
     void OnLoss(TraceSequencer& sequencer) override;
 
@@ -84,6 +85,7 @@ private:
     Nanoseconds lastAnew{0};
     Nanoseconds lastEvent = ContainerTable::longAgo;
     Nanoseconds lastResync{0};
+    Nanoseconds lastRound{0};
 };
 
 }  // namespace Engine

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <numeric>
+#include <utility>
 
 #include "host/filenotify/NotifyLog.h"
 #include "host/sdk/Counters.h"
@@ -17,9 +18,9 @@ namespace CounterName = SDK::CounterName;
 namespace {
 
 // One item of the subscriber's queue: a container that writes to one file after another must not fill it up.
-class Accesses final : public Framework::Message {
+class AccessMessage final : public Framework::Message {
 public:
-    explicit Accesses(std::vector<FileNotifyMessage> accesses) : accesses(std::move(accesses)) {}
+    explicit AccessMessage(std::vector<FileNotifyMessage> accesses) : accesses(std::move(accesses)) {}
 
     int MessageHandle(void* target) override
     {
@@ -74,35 +75,49 @@ unsigned long AccessBatch::EventCount() const
                            [](unsigned long sum, const auto& of) { return sum + of.second.size(); });
 }
 
-// As of the time of the access: what a runtime did before it became the container's program stays the runtime's.
-void AccessBatch::OnObserved(const ReportActive& reportActive)
+void AccessBatch::OnReached(const ReportActive& reportActive, const MessageSender& send)
 {
-    const std::chrono::steady_clock::time_point readAt{When()};
-    std::string container;
-    for (auto& [subscriber, of] : accesses) {
-        Count(CounterName::notifyNotContainer, std::erase_if(of, [&](const FileNotifyMessage& access) {
-                  const AccessOrigin origin = OriginOf(static_cast<int>(access.GetEventProcessId()), readAt, container);
-                  return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
-              }));
-        for (const FileNotifyMessage& access : of) {
-            reportActive(static_cast<int>(access.GetEventProcessId()));
+    std::vector<int> pids;
+    for (auto& [subscriber, of] : std::exchange(accesses, {})) {
+        DropHosts(of);
+        Accesses part;
+        for (FileNotifyMessage& access : of) {
+            const int pid = static_cast<int>(access.GetEventProcessId());
+            if (pids.empty() || pids.back() != pid) {
+                if (pids.size() == mostActive) {
+                    reportActive(std::exchange(pids, {}));
+                    Send(subscriber, std::exchange(part, {}), send);
+                }
+                pids.push_back(pid);
+            }
+            part.push_back(std::move(access));
+        }
+        if (!part.empty()) {
+            reportActive(std::exchange(pids, {}));
+            Send(subscriber, std::move(part), send);
         }
     }
 }
 
-void AccessBatch::OnFlushed(const MessageSender& send)
+// As of the time of the access: what a runtime did before it became the container's program stays the runtime's.
+void AccessBatch::DropHosts(Accesses& of) const
 {
-    for (auto& [subscriber, of] : std::exchange(accesses, {})) {
-        if (of.empty()) {
-            continue;
-        }
-        const std::size_t size = of.size();
-        const Sending result = send(subscriber, std::make_unique<Accesses>(std::move(of)));
-        if (result == Sending::Accepted) {
-            Count(NotifyCounterName::delivered, size);
-        } else if (result == Sending::Refused) {
-            Count(CounterName::notifyLostQueue, size);
-        }
+    const std::chrono::steady_clock::time_point readAt{When()};
+    std::string container;
+    Count(CounterName::notifyNotContainer, std::erase_if(of, [&](const FileNotifyMessage& access) {
+              const AccessOrigin origin = OriginOf(static_cast<int>(access.GetEventProcessId()), readAt, container);
+              return origin == AccessOrigin::Host || origin == AccessOrigin::Entering;
+          }));
+}
+
+void AccessBatch::Send(const std::string& subscriber, Accesses part, const MessageSender& send)
+{
+    const std::size_t size = part.size();
+    const Sending result = send(subscriber, std::make_unique<AccessMessage>(std::move(part)));
+    if (result == Sending::Accepted) {
+        Count(NotifyCounterName::delivered, size);
+    } else if (result == Sending::Refused) {
+        Count(CounterName::notifyLostQueue, size);
     }
 }
 

@@ -47,13 +47,17 @@ public:
         accesses[subscriber].push_back(std::move(access));
     }
 
-    // Drops those of processes that have turned out to be of the host, and reports the other processes.
-    void OnObserved(const ReportActive& reportActive) override;
-    void OnFlushed(const MessageSender& send) override;
+    // Drops those of processes that have turned out to be of the host, reports the other processes, sends the rest.
+    void OnReached(const ReportActive& reportActive, const MessageSender& send) override;
     unsigned long EventCount() const override;
 
 private:
-    std::map<std::string, std::vector<FileNotifyMessage>> accesses;  // by the subscriber's name
+    using Accesses = std::vector<FileNotifyMessage>;
+
+    void DropHosts(Accesses& of) const;
+    static void Send(const std::string& subscriber, Accesses part, const MessageSender& send);
+
+    std::map<std::string, Accesses> accesses;  // by the subscriber's name
 };
 
 }  // namespace Engine

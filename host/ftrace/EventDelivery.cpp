@@ -2,6 +2,7 @@
 #include "host/ftrace/EventDelivery.h"
 
 #include <algorithm>
+#include <span>
 
 #include "host/ftrace/Log.h"
 
@@ -105,22 +106,19 @@ void EventDelivery::SendInOrder(Framework::Task& target, std::shared_ptr<Framewo
 
 void EventDelivery::EndRound(std::chrono::nanoseconds until)
 {
-    std::size_t due = 0;
-    const auto reportActive = [this](int pid) {
-        if (observer != nullptr) {
-            Guarded([&] { observer->OnActivity(pid, *this); });
-        }
-    };
-    for (; due < barriers.size() && barriers[due]->When() <= until; ++due) {
-        barriers[due]->OnObserved(reportActive);
-    }
     if (observer != nullptr) {
         Guarded([&] { observer->OnRound(until, *this); });
     }
     table->FlushQueues();
-    for (; due > 0; --due) {
-        barriers.front()->OnFlushed(outlet->send);
-        barriers.pop_front();
+    // The observer may take back what it has told of a process, so what is about a process follows its report at once.
+    const auto reportActive = [this](std::span<const int> pids) {
+        if (observer != nullptr) {
+            Guarded([&] { observer->OnActivity(pids, *this); });
+            table->FlushQueues();
+        }
+    };
+    for (; !barriers.empty() && barriers.front()->When() <= until; barriers.pop_front()) {
+        barriers.front()->OnReached(reportActive, outlet->send);
     }
 }
 

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
+#include <span>
 
 #include "framework/Message.h"
 #include "host/ftrace/MessageSender.h"
@@ -15,7 +17,7 @@ namespace Engine {
 // sends, but none between threads: only from the trace task's own does a message come after the events that it has sent
 // before.
 //
-// Threads: made on any, the calls and the end on the trace task's. One that ends without OnFlushed was not taken: the
+// Threads: made on any, the call and the end on the trace task's. One that ends without OnReached was not taken: the
 // trace task's queue was full, or it had stopped.
 class TraceBarrier : public Framework::Message {
 public:
@@ -24,13 +26,14 @@ public:
 
     std::chrono::nanoseconds When() const { return when; }
 
-    // The observer has seen every event until then. `reportActive`: tells the observer of a process that this source
-    // has seen to act, before the subscribers hear of it.
-    using ReportActive = std::function<void(int pid)>;
-    virtual void OnObserved(const ReportActive& reportActive) = 0;
+    // Tells the observer of processes that this source has seen to act, `mostActive` of them at most. The subscribers
+    // know these until the next call: what is about them is to be sent before that.
+    static constexpr std::size_t mostActive = 256;
+    using ReportActive = std::function<void(std::span<const int> pids)>;
 
-    // The events until then are in the subscribers' queues, and so are the messages that the observer put between them.
-    virtual void OnFlushed(const MessageSender& send) = 0;
+    // The observer has seen every event until then. These events are in the subscribers' queues, and so are the
+    // messages that the observer put between them.
+    virtual void OnReached(const ReportActive& reportActive, const MessageSender& send) = 0;
 
     int MessageHandle(void* /*target*/) final { return -1; }  // no other task has a use for it
 

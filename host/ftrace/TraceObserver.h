@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,11 +57,12 @@ public:
     virtual Origin AdmitSyscall(int tid, const RecordSource& source, const FtraceMessage& event,
                                 TraceSequencer& sequencer) = 0;
 
-    // Another source has seen that process act (TraceBarrier), and its subscribers will hear of it after this call.
-    virtual void OnActivity(int pid, TraceSequencer& sequencer) = 0;
+    // Another source has seen these processes act, and its subscribers hear of that before the next call of any kind:
+    // they must know all of them then (TraceBarrier, which says how many there are at most).
+    virtual void OnActivity(std::span<const int> pids, TraceSequencer& sequencer) = 0;
 
-    // After every round over the CPUs' buffers, and at least once a second. `now`: what is older has been
-    // observed.
+    // After every round over the CPUs' buffers, before what other sources have seen until then, and at least once a
+    // second. `now`: what is older has been observed.
     virtual void OnRound(std::chrono::nanoseconds now, TraceSequencer& sequencer) = 0;
 
     // Events were lost before the next one that OnEvent sees: what was concluded from the stream may be wrong.

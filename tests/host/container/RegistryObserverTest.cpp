@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/container/RegistryObserver.h"
 
+#include <array>
 #include <random>
+#include <span>
 
+#include "host/ftrace/TraceBarrier.h"
 #include "tests/host/container/ContainerFixture.h"
 
 namespace {
@@ -267,8 +270,7 @@ TEST_F(RegistryObserverTest, WhatOtherSourcesOrForksShowIsAnnouncedAndAQuestionI
     Register();
     EXPECT_EQ(ContainerOf(400), idA);
     EXPECT_THAT(Notices(), ElementsAre());
-    observer.OnActivity(400, *this);
-    observer.OnActivity(shell, *this);
+    observer.OnActivity(std::array{400, shell}, *this);
     EXPECT_THAT(Notices(), ElementsAre("+400"));
     EXPECT_EQ(last.imageName, "quiet:1");
     hasSubscribed = false;
@@ -279,9 +281,23 @@ TEST_F(RegistryObserverTest, WhatOtherSourcesOrForksShowIsAnnouncedAndAQuestionI
     LoseMessage();
     Round();
     EXPECT_THAT(Notices(), testing::UnorderedElementsAre("-400", "-401"));
-    observer.OnActivity(400, *this);
+    observer.OnActivity(std::array{400}, *this);
     EXPECT_THAT(Notices(), ElementsAre("+400")) << "the notification comes late";
     EXPECT_EQ(last.imageName, "");
+    std::vector<int> ended(3 * Engine::TraceBarrier::mostActive);  // more than a generation takes
+    for (int& pid : ended) {
+        pid = 500 + static_cast<int>(&pid - ended.data());
+        Fork(401, pid);
+        Exit(pid);
+    }
+    LoseMessage();
+    Round();
+    for (std::size_t first = 0; first < ended.size(); first += 200) {
+        const std::span reported = std::span{ended}.subspan(first).first(
+            std::min(ended.size() - first, Engine::TraceBarrier::mostActive));  // some of them a second time
+        observer.OnActivity(reported, *this);
+        EXPECT_TRUE(std::all_of(reported.begin(), reported.end(), [&](int pid) { return known.contains(pid); }));
+    }
 }
 
 // With far more live threads than a receiver's table holds, with many short-lived ones, with a receiver that is slow,

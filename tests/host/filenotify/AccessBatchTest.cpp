@@ -24,14 +24,37 @@ TEST_F(AccessBatchTest, IsJudgedByWhatTheTraceHasToldAndAccountedForWhateverBeco
         }
         EXPECT_EQ(Counted("notify.lost_queue"), 3U);
         std::vector<int> reported;
-        batch.OnObserved([&](int pid) { reported.push_back(pid); });
+        const auto report = [&](std::span<const int> pids) {
+            reported.assign(pids.begin(), pids.end());
+        };
+        EXPECT_EQ(Reach(batch, report, result), 1) << "many accesses must not fill a queue that counts messages";
         EXPECT_THAT(reported, testing::ElementsAre(52, 252)) << "52 is unknown still";
-        EXPECT_EQ(Flush(batch, result), 1) << "many accesses must not fill a queue that counts messages";
         EXPECT_EQ(Counted("notify.not_container"), 1U);
         EXPECT_EQ(Counted("notify.delivered"), delivered);
         EXPECT_EQ(Counted("notify.lost_queue"), lost);
     }
     EXPECT_EQ(subscriber.seen.size(), 2U);
+}
+
+// The subscriber's table is bounded: a later report may take an earlier one back.
+TEST_F(AccessBatchTest, NothingIsSaidOfAProcessAfterTheReportOfOthers)
+{
+    constexpr std::size_t processes = Engine::AccessBatch::mostActive + 1;
+    Engine::AccessBatch batch{now};
+    for (std::size_t i = 0; i < processes * 2; ++i) {
+        Engine::FileNotifyMessage access{1, "/watched/f", 2};
+        access.SetProcess(static_cast<unsigned int>(1000 + i / 2), {});
+        batch.Add(subscriber.name(), access);
+    }
+    std::size_t told = 0;
+    const auto report = [&](std::span<const int> pids) {
+        EXPECT_EQ(subscriber.seen.size(), told * 2) << "what is about those before";
+        EXPECT_EQ(pids.front(), static_cast<int>(1000 + told));
+        told += pids.size();
+    };
+    EXPECT_EQ(Reach(batch, report), 2);
+    EXPECT_EQ(told, processes);
+    EXPECT_EQ(subscriber.seen.size(), processes * 2);
 }
 
 }  // namespace

@@ -30,10 +30,11 @@ struct Subscriber : Framework::Task, Engine::AbstractMessageReceiver {
 class NotifyFixture : public testing::Test {
 protected:
     // Brings the batch to its end. Returns the number of messages that the subscriber's queue was offered.
-    int Flush(Engine::AccessBatch& batch, Engine::Sending result = Engine::Sending::Accepted)
+    int Reach(Engine::AccessBatch& batch, const Engine::AccessBatch::ReportActive& reportActive,
+              Engine::Sending result = Engine::Sending::Accepted)
     {
         int messages = 0;
-        batch.OnFlushed([&](const std::string& /*name*/, const std::unique_ptr<Framework::Message>& message) {
+        batch.OnReached(reportActive, [&](const std::string&, const std::unique_ptr<Framework::Message>& message) {
             ++messages;
             if (result == Engine::Sending::Accepted) {
                 message->MessageHandle(static_cast<Framework::Task*>(&subscriber));

@@ -74,15 +74,21 @@ public:
     {
         return tid % hostPid;
     }
-    void OnActivity(int /*pid*/, TraceSequencer& sequencer) override
+    void OnActivity(std::span<const int> /*pids*/, TraceSequencer& sequencer) override
     {
         EXPECT_FALSE(sequencer.GetsEvent(*this)) << "no event is being observed";
         sequencer.SendInOrder(*this, std::make_unique<Framework::Message>());
     }
-    void OnRound(nanoseconds, TraceSequencer&) override {}
+    void OnRound(nanoseconds, TraceSequencer& sequencer) override
+    {
+        for (int left = messagesOfRound; left > 0; --left) {
+            sequencer.SendInOrder(*this, std::make_unique<Framework::Message>());
+        }
+    }
     void OnLoss(TraceSequencer&) override { seen.emplace_back("loss"); }
 
     std::vector<std::string> seen;
+    int messagesOfRound = 0;
     SDK::ProcessUtils::procStatus ended;
 };
 
@@ -162,12 +168,17 @@ TEST_F(EventDeliveryTest, AContainerGetsItsShareOfASlowSubscriberUntilThatHasCau
     EXPECT_EQ(Offer(callId, loud, 400), 400U);
 }
 
-// Reports a process when the observer has seen the events, sends behind these events.
+// Reports processes behind the events, and sends something about each.
 class Barrier : public TraceBarrier {
 public:
     using TraceBarrier::TraceBarrier;
-    void OnObserved(const ReportActive& reportActive) override { reportActive(4711); }
-    void OnFlushed(const MessageSender& send) override { send("", std::make_unique<Framework::Message>()); }
+    void OnReached(const ReportActive& reportActive, const MessageSender& send) override
+    {
+        for (const int pid : {4711, 4712}) {
+            reportActive({&pid, 1});
+            send("", std::make_unique<Framework::Message>());
+        }
+    }
 };
 
 TEST_F(EventDeliveryTest, ObserversMessagesAndBarriersHaveTheirPlaceAmongTheEventsThatAreAdmitted)
@@ -192,6 +203,7 @@ TEST_F(EventDeliveryTest, ObserversMessagesAndBarriersHaveTheirPlaceAmongTheEven
     }
     EXPECT_EQ(Handle().size(), EventBatch::maxEvents + 1);
     batches.clear();
+    task.messagesOfRound = 2;
     for (const int when : {2, 4}) {
         delivery.Take(std::make_shared<Barrier>(nanoseconds{when}));
     }
@@ -200,8 +212,8 @@ TEST_F(EventDeliveryTest, ObserversMessagesAndBarriersHaveTheirPlaceAmongTheEven
         Record(callId, 1);
         delivery.EndRound(nanoseconds{until});
     }
-    EXPECT_THAT(batches, ElementsAre(2U, 1U, 3U, 1U, 1U, 3U, 1U, 1U))
-        << "from the second round on with the notice, the barrier's";
+    EXPECT_THAT(batches, ElementsAre(4U, 1U, 4U, 1U, 1U, 1U, 1U, 1U, 4U, 1U, 1U, 1U, 1U, 1U))
+        << "the events with what the round gave rise to, the other task's; then each notice, what is about that one";
     EXPECT_FALSE(delivery.HasBarriers());
 }
 
