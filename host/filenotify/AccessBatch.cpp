@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/filenotify/AccessBatch.h"
 
+#include <algorithm>
 #include <memory>
 #include <numeric>
 #include <utility>
@@ -83,7 +84,7 @@ void AccessBatch::OnReached(const ReportActive& reportActive, const MessageSende
         Accesses part;
         for (FileNotifyMessage& access : of) {
             const int pid = static_cast<int>(access.GetEventProcessId());
-            if (pids.empty() || pids.back() != pid) {
+            if (std::find(pids.begin(), pids.end(), pid) == pids.end()) {
                 if (pids.size() == mostActive) {
                     reportActive(std::exchange(pids, {}));
                     Send(subscriber, std::exchange(part, {}), send);

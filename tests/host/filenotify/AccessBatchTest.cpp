@@ -39,22 +39,22 @@ TEST_F(AccessBatchTest, IsJudgedByWhatTheTraceHasToldAndAccountedForWhateverBeco
 // The subscriber's table is bounded: a later report may take an earlier one back.
 TEST_F(AccessBatchTest, NothingIsSaidOfAProcessAfterTheReportOfOthers)
 {
-    constexpr std::size_t processes = Engine::AccessBatch::mostActive + 1;
+    constexpr std::size_t processes = Engine::AccessBatch::mostActive + 2;
     Engine::AccessBatch batch{now};
-    for (std::size_t i = 0; i < processes * 2; ++i) {
+    for (std::size_t i = 0; i < processes * 4; ++i) {  // two processes at a time, in turn
         Engine::FileNotifyMessage access{1, "/watched/f", 2};
-        access.SetProcess(static_cast<unsigned int>(1000 + i / 2), {});
+        access.SetProcess(static_cast<unsigned int>(1000 + i / 8 * 2 + i % 2), {});
         batch.Add(subscriber.name(), access);
     }
     std::size_t told = 0;
     const auto report = [&](std::span<const int> pids) {
-        EXPECT_EQ(subscriber.seen.size(), told * 2) << "what is about those before";
+        EXPECT_EQ(subscriber.seen.size(), told * 4) << "what is about those before";
         EXPECT_EQ(pids.front(), static_cast<int>(1000 + told));
         told += pids.size();
     };
     EXPECT_EQ(Reach(batch, report), 2);
     EXPECT_EQ(told, processes);
-    EXPECT_EQ(subscriber.seen.size(), processes * 2);
+    EXPECT_EQ(subscriber.seen.size(), processes * 4);
 }
 
 }  // namespace
